@@ -1,0 +1,31 @@
+# The flags of every target of ours (never of a library's): link quillmon_flags privately.
+add_library(quillmon_flags INTERFACE)
+target_include_directories(quillmon_flags INTERFACE ${PROJECT_SOURCE_DIR}/src)
+
+if(MSVC)
+  target_compile_options(quillmon_flags INTERFACE /W4 /WX /permissive- /utf-8 /guard:cf)
+  target_link_options(quillmon_flags INTERFACE /DYNAMICBASE /NXCOMPAT /HIGHENTROPYVA /guard:cf)
+else()
+  target_compile_options(quillmon_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wcast-qual -Wnon-virtual-dtor
+    -Wold-style-cast -Woverloaded-virtual -Wimplicit-fallthrough -Wextra-semi -Werror
+    -fstack-protector-strong)
+  target_link_options(quillmon_flags INTERFACE -fstack-protector-strong)
+  target_compile_definitions(quillmon_flags INTERFACE _GLIBCXX_ASSERTIONS)
+endif()
+
+if(WIN32)
+  target_compile_definitions(quillmon_flags INTERFACE
+    _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX _WINSOCK_DEPRECATED_NO_WARNINGS)
+  if(MINGW)
+    # COM interfaces are polymorphic without a virtual destructor, by design of the platform.
+    target_compile_options(quillmon_flags INTERFACE -Wno-non-virtual-dtor)
+    target_link_options(quillmon_flags INTERFACE
+      -static -Wl,--dynamicbase,--nxcompat,--high-entropy-va)
+  endif()
+endif()
+
+if(QUILLMON_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -1,0 +1,22 @@
+# Header-only libraries serve the native and the cross build alike. A cross build must not see the
+# whole of /usr/include, so each library's headers are linked into a folder of their own.
+function(header_library name header)
+  string(TOUPPER ${name} variable)
+  find_path(${variable}_INCLUDE ${header} NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+  set(folder ${CMAKE_BINARY_DIR}/headers/${name})
+  file(MAKE_DIRECTORY ${folder})
+  foreach(entry ${ARGN})
+    file(CREATE_LINK ${${variable}_INCLUDE}/${entry} ${folder}/${entry} COPY_ON_ERROR SYMBOLIC)
+  endforeach()
+  add_library(${name}_headers INTERFACE)
+  target_include_directories(${name}_headers SYSTEM INTERFACE ${folder})
+endfunction()
+
+header_library(fmt fmt/printf.h fmt)
+target_compile_definitions(fmt_headers INTERFACE FMT_HEADER_ONLY)
+header_library(cli11 CLI/CLI.hpp CLI)
+header_library(asio asio.hpp asio asio.hpp)
+target_compile_definitions(asio_headers INTERFACE ASIO_STANDALONE)
+if(WIN32)
+  target_link_libraries(asio_headers INTERFACE ws2_32 mswsock)
+endif()

@@ -1,0 +1,98 @@
+# Shared by the scripts beside it; sourced, never run.
+# Everything that a fresh Debian 12 machine lacks is installed here, and nowhere else.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cache=${XDG_CACHE_HOME:-$HOME/.cache}/quillmon
+started=$SECONDS
+
+say() { printf '[%3ds] %s\n' $((SECONDS - started)) "$*"; }
+die() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; exit 1; }
+
+# quietly LOG COMMAND...: runs COMMAND with its output in LOG; on failure shows the end of LOG.
+quietly() {
+  local log=$1; shift
+  mkdir -p "$(dirname "$log")"
+  "$@" >"$log" 2>&1 </dev/null || { tail -n 40 "$log" >&2; die "'$*' failed; the whole log is $log"; }
+}
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"
+  elif command -v sudo >/dev/null; then sudo "$@"
+  else die "must be root, or have sudo, to install: ${missing[*]}"
+  fi
+}
+
+# install_packages NAME...: installs the Debian packages that are not there yet.
+install_packages() {
+  command -v dpkg-query >/dev/null || die "this needs Debian 12 or one of its derivatives (no dpkg here)"
+  local name; missing=()
+  for name in "$@"; do
+    dpkg-query -W -f='${db:Status-Status}' "$name" 2>/dev/null | grep -q '^installed$' || missing+=("$name")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+  say "installing ${#missing[@]} Debian packages: ${missing[*]}"
+  quietly "$cache/log/apt-update.log" as_root apt-get update
+  quietly "$cache/log/apt-install.log" \
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+build_packages=(
+  ca-certificates g++ make cmake ninja-build g++-mingw-w64-x86-64-posix dpkg-dev xz-utils wine64
+  googletest libfmt-dev libasio-dev libcli11-dev libxerces-c-dev python3
+)
+test_packages=(
+  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev python3-pytest
+)
+
+# The one version of the XML library that the product is linked with.
+xerces_version=3.2.4
+xerces_options=(
+  -DBUILD_SHARED_LIBS=OFF -Dnetwork=OFF -Dtranscoder=windows -Dmessage-loader=inmemory
+  -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS=-fstack-protector-strong -D_FORTIFY_SOURCE=2"
+)
+
+# build_xerces: cross-builds Xerces-C once from the distribution's patched source package, keeps it
+# in the cache by version and options, and links it where the toolchain file looks for it.
+build_xerces() {
+  local key xerces_prefix
+  key=$(printf '%s\n' "$xerces_version" "${xerces_options[@]}" \
+    "$(sha256sum <"$root/cmake/mingw-w64.cmake")" | sha256sum | cut -c1-16)
+  xerces_prefix=$cache/xerces-$xerces_version-$key
+  mkdir -p "$root/build/deps"
+  ln -sfn "$xerces_prefix" "$root/build/deps/xerces"
+  [ -e "$xerces_prefix/.complete" ] && return
+  say "building Xerces-C $xerces_version for Windows, once (one to two minutes)"
+  local work; work=$(mktemp -d "${TMPDIR:-/tmp}/quillmon-xerces.XXXXXX")
+  fetch_xerces_source "$work"
+  local source; source=$(echo "$work"/xerces-c-"$xerces_version"*/)
+  [ -e "$source/CMakeLists.txt" ] || die "Debian's source package xerces-c is not version $xerces_version"
+  rm -rf "$xerces_prefix"
+  quietly "$cache/log/xerces-configure.log" cmake -G Ninja -S "$source" -B "$work/build" \
+    -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64.cmake" -DCMAKE_INSTALL_PREFIX="$xerces_prefix" \
+    "${xerces_options[@]}"
+  quietly "$cache/log/xerces-build.log" cmake --build "$work/build" --target xerces-c
+  sed -i '/add_subdirectory(\(doc\|tests\|samples\))/d' "$source/CMakeLists.txt"
+  quietly "$cache/log/xerces-reconfigure.log" cmake "$work/build"
+  quietly "$cache/log/xerces-install.log" cmake --install "$work/build"
+  touch "$xerces_prefix/.complete"
+  rm -rf "$work"
+}
+
+# fetch_xerces_source DIR: the source package with the distribution's patches applied, through a
+# throw-away APT configuration made from the machine's own list of sources.
+fetch_xerces_source() {
+  local work=$1 apt=$1/apt
+  mkdir -p "$apt/parts" "$apt/lists/partial" "$apt/cache/archives/partial"
+  local file
+  for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
+    [ -e "$file" ] && sed -nE 's/^deb(-src)? /deb-src /p' "$file" | sort -u >"$apt/parts/$(basename "$file" .list).list"
+  done
+  for file in /etc/apt/sources.list.d/*.sources; do
+    [ -e "$file" ] && sed -E 's/^Types:.*/Types: deb-src/' "$file" >"$apt/parts/$(basename "$file")"
+  done
+  local options=(-o Dir::Etc::sourcelist=/dev/null -o Dir::Etc::sourceparts="$apt/parts"
+    -o Dir::State::lists="$apt/lists" -o Dir::Cache="$apt/cache" -o APT::Sandbox::User=root)
+  quietly "$cache/log/xerces-source-update.log" apt-get "${options[@]}" update
+  (cd "$work" && quietly "$cache/log/xerces-source.log" apt-get "${options[@]}" source --download-only xerces-c)
+  (cd "$work" && quietly "$cache/log/xerces-unpack.log" dpkg-source -x xerces-c_*.dsc)
+}

@@ -1,0 +1,35 @@
+#include "RecordedTrace.h"
+
+#include "trace/UPOSLog.h"
+
+#include <atomic>
+#include <mutex>
+
+namespace {
+std::mutex mutex;
+std::vector<std::string> recorded;
+std::atomic<bool> switchedOn = true;
+std::atomic<bool> echo = false;
+} // namespace
+
+namespace recorded_trace {
+std::vector<std::string> lines() {
+  std::scoped_lock lock(mutex);
+  return recorded;
+}
+void clear() {
+  std::scoped_lock lock(mutex);
+  recorded.clear();
+}
+void setSwitchedOn(bool on) { switchedOn = on; }
+bool consoleEcho() { return echo; }
+} // namespace recorded_trace
+
+bool UPOSLog::isSwitchedOn() noexcept { return switchedOn; }
+void UPOSLog::setConsoleEcho() noexcept { echo = true; }
+
+void UPOSLog::emit(std::string_view format,
+                   std::initializer_list<TraceArgument> arguments) noexcept {
+  std::scoped_lock lock(mutex);
+  recorded.push_back(formatPrintf(format, arguments));
+}
