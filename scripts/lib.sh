@@ -96,3 +96,18 @@ fetch_xerces_source() {
   (cd "$work" && quietly "$cache/log/xerces-source.log" apt-get "${options[@]}" source --download-only xerces-c)
   (cd "$work" && quietly "$cache/log/xerces-unpack.log" dpkg-source -x xerces-c_*.dsc)
 }
+
+# build PRESET [TARGET...]: configures and builds one flavour.
+build() {
+  local preset=$1; shift
+  say "building the $preset flavour (its first build takes a minute or two)"
+  [ -e "$root/build/$preset/build.ninja" ] ||
+    quietly "$root/build/log/configure-$preset.log" cmake --preset "$preset"
+  quietly "$root/build/log/build-$preset.log" \
+    cmake --build --preset "$preset" -j"$(nproc)" ${1:+--target "$@"}
+}
+
+# stop_wine PREFIX: ends every Windows program of that prefix.
+stop_wine() {
+  WINEPREFIX=$(realpath -m "$1") /usr/lib/wine/wineserver -k 2>/dev/null || true
+}

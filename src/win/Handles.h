@@ -71,7 +71,10 @@ using ServiceHandle = Owned<ServiceHandleTraits>;
 using RegistryKey = Owned<RegistryKeyTraits>;
 using LocalMemory = Owned<LocalMemoryTraits>;
 
-/// A resource that lives to the end of the process on purpose: the reason stands at the call.
-template <class Type> void leakOnPurpose(Type&&) noexcept {}
+/// Lets go of a resource that lives to the end of the process on purpose, and returns it; the
+/// reason stands at the call.
+template <class Traits> typename Traits::Type leakOnPurpose(Owned<Traits>&& owned) noexcept {
+  return owned.release();
+}
 
 } // namespace win

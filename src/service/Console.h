@@ -1,0 +1,14 @@
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+/// Command-line feedback: standard output, one line a message, flushed.
+namespace console {
+
+inline void print(const std::string& line) {
+  std::puts(line.c_str());
+  std::fflush(stdout);
+}
+
+} // namespace console

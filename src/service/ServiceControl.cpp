@@ -1,0 +1,113 @@
+#include "service/ServiceControl.h"
+
+#include "service/Console.h"
+#include "service/Process.h"
+#include "trace/UPOSLog.h"
+#include "win/Handles.h"
+
+namespace {
+
+char serviceName[] = "QuillmonServ";
+constexpr const char* kDisplayName = "ORVEX Quillmon Services";
+
+// Written by ServiceMain and by the control handler without a lock; the race is accepted.
+SERVICE_STATUS status;
+SERVICE_STATUS_HANDLE statusHandle;
+
+void report(DWORD state, DWORD exitCode) {
+  status.dwCurrentState = state;
+  status.dwWin32ExitCode = exitCode;
+  SetServiceStatus(statusHandle, &status);
+}
+
+} // namespace
+
+SC_HANDLE openServiceManager() {
+  win::ServiceHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  return win::leakOnPurpose(std::move(manager)); // lives as long as this short process
+}
+
+void installService(SC_HANDLE manager, const std::string& binaryPath) {
+  const SC_HANDLE service = CreateServiceA(
+      manager, serviceName, kDisplayName, GENERIC_READ | GENERIC_EXECUTE, SERVICE_WIN32_OWN_PROCESS,
+      SERVICE_AUTO_START, SERVICE_ERROR_IGNORE, binaryPath.c_str(), nullptr, nullptr, nullptr,
+      nullptr, nullptr);
+  // Said whatever the result: installation scripts wait for these two lines.
+  console::print("Quillmon Services has been registered");
+  console::print("Starting Service");
+  if (StartServiceA(service, 0, nullptr)) {
+    console::print("Quillmon Services has been started.");
+  } else {
+    console::print("Could not start service : " + std::to_string(GetLastError()));
+  }
+}
+
+void uninstallService(SC_HANDLE manager) {
+  win::ServiceHandle service(OpenServiceA(manager, serviceName, DELETE | SERVICE_STOP));
+  if (!service) {
+    return;
+  }
+  ControlService(service.get(), SERVICE_CONTROL_STOP, &status);
+  DeleteService(service.get());
+  service.reset();
+  console::print("Quillmon Services has been uninstalled");
+}
+
+bool IsServiceRunning() {
+  const SC_HANDLE manager = openServiceManager();
+  win::ServiceHandle service(OpenServiceA(manager, serviceName, SERVICE_QUERY_STATUS));
+  SERVICE_STATUS current = {};
+  QueryServiceStatus(service.get(), &current);
+  win::leakOnPurpose(std::move(service)); // lives as long as this process, like the manager's
+  return current.dwCurrentState == SERVICE_RUNNING;
+}
+
+bool runServiceDispatcher() {
+  const SERVICE_TABLE_ENTRYA table[] = {{serviceName, ServiceMain}, {nullptr, nullptr}};
+  return StartServiceCtrlDispatcherA(table) != FALSE;
+}
+
+void WINAPI ServiceMain(DWORD, LPSTR*) {
+  status = {};
+  status.dwServiceType = SERVICE_WIN32;
+  status.dwCurrentState = SERVICE_START_PENDING;
+  status.dwControlsAccepted = SERVICE_ACCEPT_STOP;
+  statusHandle = RegisterServiceCtrlHandlerA(serviceName, ServiceCtrlHandler);
+  // Running before anything is initialised: WMI may take minutes to come up at boot, and the
+  // service control manager must not give the service up meanwhile.
+  report(SERVICE_RUNNING, NO_ERROR);
+  const HRESULT result = Process();
+  if (result == 0) {
+    UPOSLog::trace("[ServiceDispatch]Success");
+    parkForever();
+  }
+  UPOSLog::trace("[ServiceDispatch]Failed to start process with error : %i", result);
+  report(SERVICE_STOPPED, static_cast<DWORD>(result));
+}
+
+void WINAPI ServiceCtrlHandler(DWORD control) {
+  switch (control) {
+  case SERVICE_CONTROL_STOP:
+  case SERVICE_CONTROL_SHUTDOWN:
+    status.dwCheckPoint = 0;
+    status.dwWaitHint = 0;
+    // Nothing is torn down: the service control manager ends the process. Reported twice, as ever.
+    report(SERVICE_STOPPED, NO_ERROR);
+    SetServiceStatus(statusHandle, &status);
+    break;
+  case SERVICE_CONTROL_INTERROGATE:
+    SetServiceStatus(statusHandle, &status);
+    break;
+  default:
+    // Kept on purpose: an unknown control puts the last error where the state belongs.
+    status.dwCurrentState = GetLastError();
+    SetServiceStatus(statusHandle, &status);
+    break;
+  }
+}
+
+void parkForever() {
+  for (;;) {
+    Sleep(INFINITE);
+  }
+}

@@ -1,0 +1,163 @@
+"""A throw-away Windows: one Wine prefix of its own, with the product's executable in it.
+
+Everything a test does to it goes through Windows' own programs or the product's own interfaces.
+"""
+
+import os
+import shutil
+import socket
+import subprocess
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("QUILLMON_BUILD", ROOT / "build" / "windows"))
+SERVICE = "QuillmonServ"
+WINESERVER = "/usr/lib/wine/wineserver"
+
+
+def wait_until(condition, what, seconds=20.0):
+    """Polls until condition() is true and returns its value; fails the test with `what`."""
+    deadline = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"waited {seconds:.0f} s in vain for {what}")
+        time.sleep(0.02)
+
+
+def free_port(kind=socket.SOCK_STREAM):
+    with socket.socket(socket.AF_INET, kind) as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Machine:
+    def __init__(self, prefix):
+        self.prefix = Path(prefix)
+        self.c = self.prefix / "drive_c"
+        self.home = self.c / "Quillmon"
+        self.exe = self.home / "quillmon.exe"
+        self.env = dict(os.environ, QUILLMON_WINEPREFIX=str(self.prefix))
+        self.processes = []
+
+    # -- the machine itself
+
+    @classmethod
+    def copy_of(cls, template, prefix):
+        """A copy of a prefix at rest. Program files are linked, what the server rewrites is not."""
+        prefix = Path(prefix)
+        prefix.mkdir(parents=True)
+        for entry in Path(template).iterdir():
+            flag = "-al" if entry.name == "drive_c" else "-a"
+            subprocess.run(["cp", flag, entry, prefix], check=True)
+        machine = cls(prefix)
+        machine.home.mkdir(exist_ok=True)
+        shutil.copy(BUILD / "quillmon.exe", machine.exe)
+        return machine
+
+    def shut_down(self):
+        for process in self.processes:
+            if process.poll() is None:
+                process.kill()
+            process.wait()
+        subprocess.run([WINESERVER, "-k"], env=dict(self.env, WINEPREFIX=str(self.prefix)))
+        shutil.rmtree(self.prefix, ignore_errors=True)
+        Path(f"{self.prefix}.lock").unlink(missing_ok=True)
+
+    # -- programs
+
+    def run(self, program, *arguments, cwd=None, timeout=60):
+        """Runs a Windows program to its end; its output with plain line ends."""
+        done = subprocess.run(
+            [ROOT / "tests" / "wine", program, *map(str, arguments)],
+            env=self.env, cwd=cwd or self.home, timeout=timeout,
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        done.out = done.stdout.decode("latin-1").replace("\r\n", "\n")
+        done.err = done.stderr.decode("latin-1").replace("\r\n", "\n")
+        return done
+
+    def start(self, program, *arguments, cwd=None, **options):
+        """Starts a Windows program and returns its Popen; it is killed with the machine."""
+        process = subprocess.Popen(
+            [ROOT / "tests" / "wine", program, *map(str, arguments)], env=self.env,
+            cwd=cwd or self.home, stdin=options.get("stdin", subprocess.PIPE),
+            stdout=options.get("stdout", subprocess.PIPE), stderr=subprocess.STDOUT)
+        self.processes.append(process)
+        return process
+
+    def quillmon(self, *arguments, **options):
+        return self.run("C:\\Quillmon\\quillmon.exe", *arguments, **options)
+
+    def start_quillmon(self, *arguments, **options):
+        return self.start("C:\\Quillmon\\quillmon.exe", *arguments, **options)
+
+    # -- configuration
+
+    def configure(self, **keys):
+        """configure(upos__requestSocket__Port=1): writes the configuration file."""
+        lines = [f"{key.replace('__', '.')}={value}\r\n" for key, value in keys.items()]
+        self.write_configuration("[default]\r\n" + "".join(lines))
+
+    def write_configuration(self, text):
+        folder = self.c / "POS" / "JavaPOS" / "Config"
+        folder.mkdir(parents=True, exist_ok=True)
+        (folder / "quillmon.properties").write_bytes(text.encode("latin-1"))
+
+    def set_registry(self, key, name, value, kind="REG_SZ"):
+        done = self.run("reg", "add", key, "/v", name, "/t", kind, "/d", value, "/f")
+        assert done.returncode == 0, done.out + done.err
+
+    def delete_registry(self, key, name):
+        self.run("reg", "delete", key, "/v", name, "/f")
+
+    def query_registry(self, key, name):
+        for line in self.run("reg", "query", key, "/v", name).out.splitlines():
+            words = line.split(None, 2)
+            if words and words[0] == name:
+                return words[2] if len(words) == 3 else ""
+        return None
+
+    # -- the service
+
+    def service_state(self):
+        """'RUNNING', 'STOPPED', ... or None when the service is not installed."""
+        for line in self.run("sc", "query", SERVICE).out.splitlines():
+            if line.strip().startswith("STATE"):
+                return line.split()[-1]
+        return None
+
+    def install_service(self):
+        done = self.quillmon("-i")
+        assert "Quillmon Services has been started." in done.out, done.out + done.err
+
+    def stop_service(self):
+        self.run("net", "stop", SERVICE)
+        wait_until(lambda: self.service_state() == "STOPPED", "the service to stop")
+
+    # -- the trace
+
+    @property
+    def log(self):
+        return self.home / "Quillmon.log"
+
+    def switch_trace_on(self):
+        """Creates and signals the enabling event, and holds it until the machine is shut down."""
+        switch = self.start(str(BUILD / "trace_switch.exe"))
+        assert switch.stdout.readline().strip() == b"on"
+        return switch
+
+    def trace(self, log=None):
+        """The traced messages so far, without their time stamps."""
+        log = log or self.log
+        if not log.exists():
+            return []
+        lines = log.read_bytes().decode("latin-1").split("\r\n")
+        return [line[21:] for line in lines if line]
+
+    def wait_for_trace(self, text, seconds=20.0, log=None):
+        return wait_until(
+            lambda: next((line for line in self.trace(log) if text in line), None),
+            f"the trace line {text!r}", seconds)

@@ -1,0 +1,99 @@
+"""The service from its installation to its removal, as the service control manager sees it."""
+
+import re
+
+from machine import SERVICE, wait_until
+
+INSTALLED = (
+    "Quillmon Services has been registered\nStarting Service\nQuillmon Services has been started.\n")
+
+
+def test_installing_registers_and_starts_the_service(machine):
+    done = machine.quillmon("-i")
+    assert (done.out, done.returncode) == (INSTALLED, 0)
+    assert machine.service_state() == "RUNNING"
+
+
+def test_a_slash_installs_as_a_dash_does(machine):
+    done = machine.quillmon("/i")
+    assert (done.out, done.returncode) == (INSTALLED, 0)
+
+
+def test_the_installed_service_has_exactly_its_settings(machine):
+    machine.install_service()
+    key = f"HKLM\\SYSTEM\\CurrentControlSet\\Services\\{SERVICE}"
+    settings = {name: machine.query_registry(key, name) for name in (
+        "DisplayName", "ImagePath", "ObjectName", "Type", "Start", "ErrorControl",
+        "DependOnService", "Group")}
+    assert settings == {
+        "DisplayName": "ORVEX Quillmon Services",
+        "ImagePath": "C:/Quillmon/quillmon.exe",
+        "ObjectName": "LocalSystem",
+        "Type": "0x10",
+        "Start": "0x2",
+        "ErrorControl": "0x0",
+        "DependOnService": None,
+        "Group": None,
+    }
+
+
+def test_installing_twice_still_says_registered_then_the_start_error(machine):
+    machine.install_service()
+    done = machine.quillmon("-i")
+    lines = done.out.splitlines()
+    assert lines[:2] == ["Quillmon Services has been registered", "Starting Service"]
+    assert re.fullmatch(r"Could not start service : \d+", lines[2])
+    assert len(lines) == 3 and done.returncode == 0
+    assert machine.service_state() == "RUNNING"
+
+
+def test_a_running_service_refuses_a_second_instance(machine):
+    machine.install_service()
+    for arguments in ((), ("-x",), ("-o",)):
+        done = machine.quillmon(*arguments)
+        assert done.out == (
+            "Quillmon Services is already running, stop the other instance and try again\n")
+        assert done.returncode == 0
+
+
+def test_a_running_service_refuses_the_console_modes(machine):
+    machine.install_service()
+    for option in ("-c", "-d", "-O"):
+        done = machine.quillmon(option)
+        assert "Can't run interactive because there is another running instance\n" in done.out
+        assert done.returncode == 0
+
+
+def test_stopping_ends_the_process(machine):
+    machine.install_service()
+    machine.stop_service()
+    wait_until(lambda: "quillmon.exe" not in machine.run("tasklist").out, "the process to end")
+
+
+def test_a_stopped_service_starts_again(machine):
+    machine.install_service()
+    machine.stop_service()
+    assert machine.run("sc", "start", SERVICE).returncode == 0
+    wait_until(lambda: machine.service_state() == "RUNNING", "the service to run again")
+
+
+def test_interrogating_leaves_the_service_running(machine):
+    machine.install_service()
+    machine.run("sc", "interrogate", SERVICE)
+    assert machine.service_state() == "RUNNING"
+
+
+def test_removing_stops_and_deletes_the_service(machine):
+    machine.install_service()
+    done = machine.quillmon("-u")
+    assert (done.out, done.returncode) == ("Quillmon Services has been uninstalled\n", 0)
+    wait_until(lambda: machine.service_state() is None, "the service to be gone")
+    wait_until(lambda: "quillmon.exe" not in machine.run("tasklist").out, "the process to end")
+
+
+def test_the_service_comes_back_after_removal_and_installation(machine):
+    machine.install_service()
+    machine.quillmon("-u")
+    wait_until(lambda: machine.service_state() is None, "the service to be gone")
+    machine.install_service()
+    assert machine.service_state() == "RUNNING"
