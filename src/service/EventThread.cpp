@@ -25,11 +25,12 @@ constexpr unsigned kShortestRetry = 100;
 constexpr unsigned kLongestRetry = 24 * 60 * 60 * 1000;
 
 void openEventPort(CommunicationLayer& layer) {
-  const auto port = static_cast<std::uint16_t>(configuration::readInt(
-      layer.getPortKey().c_str(), static_cast<int>(layer.getDefaultPort())));
+  const auto port = static_cast<std::uint16_t>(
+      configuration::readInt(layer.getPortKey().c_str(), static_cast<int>(layer.getDefaultPort())));
   while (layer.open(port) != 0) {
-    const unsigned retry = std::clamp(configuration::readInt("upos.requestSocket.retryTimeout", 10000),
-                                      kShortestRetry, kLongestRetry);
+    const unsigned retry =
+        std::clamp(configuration::readInt("upos.requestSocket.retryTimeout", 10000), kShortestRetry,
+                   kLongestRetry);
     UPOSLog::trace("[EventThread] Unable to open event port %d, next attempt in %d milliseconds",
                    port, retry);
     Sleep(retry);
@@ -90,11 +91,11 @@ DWORD WINAPI EventThread(void* context) noexcept {
   const HRESULT result = win::comBoundary([context]() -> HRESULT {
     if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {
       CoUninitialize();
-      return WBEM_E_INVALID_PARAMETER;
+      return win::wbemResult(WBEM_E_INVALID_PARAMETER);
     }
     StrategyFactory* const factory = com::orvex::getStrategyFactory();
     if (factory == nullptr) {
-      return WBEM_E_OUT_OF_MEMORY;
+      return win::wbemResult(WBEM_E_OUT_OF_MEMORY);
     }
     forwardEvents(*static_cast<const EventThreadContext*>(context), *factory);
   });

@@ -1,7 +1,6 @@
 #include "service/CommandLine.h"
 
 #include <windows.h>
-
 #include <gtest/gtest.h>
 
 TEST(ModulePath, APathWithABackslashIsTakenAsItStandsWithSlashesTurned) {

@@ -28,10 +28,10 @@ SC_HANDLE openServiceManager() {
 }
 
 void installService(SC_HANDLE manager, const std::string& binaryPath) {
-  const SC_HANDLE service = CreateServiceA(
-      manager, serviceName, kDisplayName, GENERIC_READ | GENERIC_EXECUTE, SERVICE_WIN32_OWN_PROCESS,
-      SERVICE_AUTO_START, SERVICE_ERROR_IGNORE, binaryPath.c_str(), nullptr, nullptr, nullptr,
-      nullptr, nullptr);
+  const SC_HANDLE service =
+      CreateServiceA(manager, serviceName, kDisplayName, GENERIC_READ | GENERIC_EXECUTE,
+                     SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_IGNORE,
+                     binaryPath.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr);
   // Said whatever the result: installation scripts wait for these two lines.
   console::print("Quillmon Services has been registered");
   console::print("Starting Service");

@@ -3,6 +3,7 @@
 #include "provider/CProvider_IWbemServices.h"
 #include "service/EventThread.h"
 #include "trace/UPOSLog.h"
+#include "win/Boundary.h"
 #include "win/Handles.h"
 
 #include <wrl/client.h>
@@ -29,8 +30,8 @@ HRESULT registerProvider(IWbemDecoupledRegistrar& registrar) {
   ComPtr<IUnknown> unknown;
   HRESULT result = provider->QueryInterface(IID_IUnknown, &unknown);
   if (SUCCEEDED(result)) {
-    result = registrar.Register(0, nullptr, nullptr, nullptr, kNamespace, kRegistration,
-                                unknown.Get());
+    result =
+        registrar.Register(0, nullptr, nullptr, nullptr, kNamespace, kRegistration, unknown.Get());
   }
   unknown.Reset();
   provider->Release();
@@ -44,7 +45,7 @@ HRESULT startEventThread(IWbemDecoupledBasicEventProvider& eventProvider, IWbemS
                          IWbemObjectSink& sink) {
   std::unique_ptr<EventThreadContext> context(new (std::nothrow) EventThreadContext);
   if (!context) {
-    return WBEM_E_OUT_OF_MEMORY;
+    return win::wbemResult(WBEM_E_OUT_OF_MEMORY);
   }
   context->services = &services;
   context->sink = &sink;
@@ -57,7 +58,7 @@ HRESULT startEventThread(IWbemDecoupledBasicEventProvider& eventProvider, IWbemS
     services.Release();
     sink.Release();
     eventProvider.Release();
-    return WBEM_E_FAILED;
+    return win::wbemResult(WBEM_E_FAILED);
   }
   context.release(); // the thread's now
   return S_OK;
@@ -115,9 +116,9 @@ HRESULT RegisterDecoupledInstance(IWbemDecoupledRegistrar** registrar) {
 }
 
 HRESULT StartEventProvider(IWbemDecoupledBasicEventProvider** eventProvider) {
-  HRESULT result = CoCreateInstance(
-      CLSID_WbemDecoupledBasicEventProvider, nullptr, CLSCTX_INPROC_SERVER,
-      IID_IWbemDecoupledBasicEventProvider, reinterpret_cast<void**>(eventProvider));
+  HRESULT result = CoCreateInstance(CLSID_WbemDecoupledBasicEventProvider, nullptr,
+                                    CLSCTX_INPROC_SERVER, IID_IWbemDecoupledBasicEventProvider,
+                                    reinterpret_cast<void**>(eventProvider));
   if (SUCCEEDED(result)) {
     result = startEvents(**eventProvider);
     if (FAILED(result)) {

@@ -1,3 +1,5 @@
 #include "service/CommandLine.h"
 
-int main(int argc, char* argv[]) { return runCommandLine(argc, argv); }
+int main(int argc, char* argv[]) {
+  return runCommandLine(argc, argv);
+}

@@ -1,6 +1,7 @@
 #include "win/Automation.h"
 
 #include <climits>
+
 #include <new>
 #include <stdexcept>
 
@@ -45,8 +46,12 @@ std::string narrow(std::wstring_view text) {
   return bytes;
 }
 
-std::wstring widen(std::string_view text) { return widenIn(CP_ACP, text); }
+std::wstring widen(std::string_view text) {
+  return widenIn(CP_ACP, text);
+}
 
-std::wstring widenInThreadCodePage(std::string_view text) { return widenIn(CP_THREAD_ACP, text); }
+std::wstring widenInThreadCodePage(std::string_view text) {
+  return widenIn(CP_THREAD_ACP, text);
+}
 
 } // namespace win

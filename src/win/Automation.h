@@ -30,9 +30,7 @@ public:
   BSTR get() const noexcept { return value_; }
   explicit operator bool() const noexcept { return value_ != nullptr; }
   BSTR release() noexcept { return std::exchange(value_, nullptr); }
-  void reset(BSTR value = nullptr) noexcept {
-    SysFreeString(std::exchange(value_, value));
-  }
+  void reset(BSTR value = nullptr) noexcept { SysFreeString(std::exchange(value_, value)); }
   std::wstring_view text() const noexcept {
     return value_ != nullptr ? std::wstring_view(value_, SysStringLen(value_))
                              : std::wstring_view();

@@ -1,7 +1,6 @@
 #include "win/Configuration.h"
 
 #include <windows.h>
-
 #include <gtest/gtest.h>
 
 #include <fstream>

@@ -10,7 +10,8 @@
 namespace win {
 
 /// `Traits`: Type, invalid(), close(Type) noexcept.
-template <class Traits> class Owned {
+template <class Traits>
+class Owned {
 public:
   using Type = typename Traits::Type;
 
@@ -73,7 +74,8 @@ using LocalMemory = Owned<LocalMemoryTraits>;
 
 /// Lets go of a resource that lives to the end of the process on purpose, and returns it; the
 /// reason stands at the call.
-template <class Traits> typename Traits::Type leakOnPurpose(Owned<Traits>&& owned) noexcept {
+template <class Traits>
+typename Traits::Type leakOnPurpose(Owned<Traits>&& owned) noexcept {
   return owned.release();
 }
 

@@ -21,12 +21,20 @@ void clear() {
   std::scoped_lock lock(mutex);
   recorded.clear();
 }
-void setSwitchedOn(bool on) { switchedOn = on; }
-bool consoleEcho() { return echo; }
+void setSwitchedOn(bool on) {
+  switchedOn = on;
+}
+bool consoleEcho() {
+  return echo;
+}
 } // namespace recorded_trace
 
-bool UPOSLog::isSwitchedOn() noexcept { return switchedOn; }
-void UPOSLog::setConsoleEcho() noexcept { echo = true; }
+bool UPOSLog::isSwitchedOn() noexcept {
+  return switchedOn;
+}
+void UPOSLog::setConsoleEcho() noexcept {
+  echo = true;
+}
 
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {

@@ -1,3 +1,4 @@
+import contextlib
 import fcntl
 import os
 import shutil
@@ -32,13 +33,24 @@ def template():
     return prefix
 
 
+@contextlib.contextmanager
 def _machine(template):
-    return Machine.copy_of(template, Path(tempfile.mkdtemp(dir=WINE)) / "prefix")
+    folder = Path(tempfile.mkdtemp(dir=WINE))
+    machine = Machine.copy_of(template, folder / "prefix")
+    yield machine
+    machine.shut_down()
+    folder.rmdir()
 
 
 @pytest.fixture
 def machine(template):
-    machine = _machine(template)
-    yield machine
-    machine.shut_down()
-    machine.prefix.parent.rmdir()
+    """A machine of the test's own."""
+    with _machine(template) as machine:
+        yield machine
+
+
+@pytest.fixture(scope="module")
+def shared_machine(template):
+    """A machine for all tests of a file that leave it as they found it."""
+    with _machine(template) as machine:
+        yield machine

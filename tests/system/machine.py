@@ -56,6 +56,10 @@ class Machine:
         machine = cls(prefix)
         machine.home.mkdir(exist_ok=True)
         shutil.copy(BUILD / "quillmon.exe", machine.exe)
+        # Wine's own services inherit the output of the program that boots the machine, for good.
+        subprocess.run([ROOT / "tests" / "wine", "cmd", "/c", "exit"], env=machine.env, check=True,
+                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
         return machine
 
     def shut_down(self):

@@ -1,42 +1,54 @@
 """What the one option does, and what the console then says."""
 
+import pytest
+
 NOT_STARTED = (
     "You should start your application using the Services panel\nQuillmon Services not started\n")
 
 
-def test_three_arguments_are_refused_even_when_one_is_valid(machine):
+def test_three_arguments_are_refused_even_when_one_is_valid(shared_machine):
     for arguments in (("-i", "-u"), ("-v", "x", "y"), ("a", "b")):
-        done = machine.quillmon(*arguments)
+        done = shared_machine.quillmon(*arguments)
         assert (done.out, done.returncode) == (NOT_STARTED, 0)
-    assert machine.service_state() is None
+    assert shared_machine.service_state() is None
 
 
-def test_no_option_from_a_console_is_refused(machine):
-    done = machine.quillmon()
-    assert (done.out, done.returncode) == (NOT_STARTED, 0)
+@pytest.fixture(scope="module")
+def refused(shared_machine):
+    """What each of these prints; started together, since Windows' dispatcher takes its time."""
+    options = {"none": (), "h": ("-h",), "Z": ("-Z",), "word": ("--help",), "dash": ("-",),
+               "i alone": ("i",), "v alone": ("v",), "empty": ("",)}
+    started = {name: shared_machine.start_quillmon(*words) for name, words in options.items()}
+    results = {}
+    for name, process in started.items():
+        out, _ = process.communicate(timeout=60)
+        results[name] = (out.decode().replace("\r\n", "\n"), process.returncode)
+    assert shared_machine.service_state() is None
+    return results
 
 
-def test_an_unknown_letter_is_no_option(machine):
-    for option in ("-h", "-Z", "--help", "-"):
-        done = machine.quillmon(option)
-        assert (done.out, done.returncode) == (NOT_STARTED, 0), option
+def test_no_option_from_a_console_is_refused(refused):
+    assert refused["none"] == (NOT_STARTED, 0)
 
 
-def test_a_single_character_or_nothing_is_no_option(machine):
-    for option in ("i", "v", ""):
-        done = machine.quillmon(option)
-        assert (done.out, done.returncode) == (NOT_STARTED, 0), option
-    assert machine.service_state() is None
+@pytest.mark.parametrize("option", ["h", "Z", "word", "dash"])
+def test_an_unknown_letter_is_no_option(refused, option):
+    assert refused[option] == (NOT_STARTED, 0)
 
 
-def test_the_version_ends_without_a_level(machine):
+@pytest.mark.parametrize("option", ["i alone", "v alone", "empty"])
+def test_a_single_character_or_nothing_is_no_option(refused, option):
+    assert refused[option] == (NOT_STARTED, 0)
+
+
+def test_the_version_ends_without_a_level(shared_machine):
     for option in ("-v", "/v", "xverbose"):
-        done = machine.quillmon(option)
+        done = shared_machine.quillmon(option)
         lines = done.out.splitlines()
         assert lines[1:] == ["Quillmon Service for Windows", "No level info found"], option
         assert lines[0] and done.returncode == 0
 
 
-def test_removing_a_service_that_is_not_installed_is_silent(machine):
-    done = machine.quillmon("-u")
+def test_removing_a_service_that_is_not_installed_is_silent(shared_machine):
+    done = shared_machine.quillmon("-u")
     assert (done.out, done.returncode) == ("", 0)

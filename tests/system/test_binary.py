@@ -1,0 +1,79 @@
+"""What the executable file itself promises: read from its PE header, as the loader reads it."""
+
+import struct
+
+import pytest
+
+from machine import BUILD
+
+# What a Windows installation always has in its system folder; nothing else may be needed.
+SYSTEM_LIBRARIES = {
+    "advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll", "user32.dll",
+    "ws2_32.dll",
+}
+
+
+class Image:
+    def __init__(self, path):
+        self.data = path.read_bytes()
+        (pe,) = struct.unpack_from("<I", self.data, 0x3C)
+        assert self.data[pe:pe + 4] == b"PE\0\0"
+        self.machine, sections, _, _, _, optional_size, self.characteristics = struct.unpack_from(
+            "<HHIIIHH", self.data, pe + 4)
+        optional = pe + 24
+        (self.magic,) = struct.unpack_from("<H", self.data, optional)
+        (self.subsystem, self.dll_characteristics) = struct.unpack_from(
+            "<HH", self.data, optional + 68)
+        self.directories = [
+            struct.unpack_from("<II", self.data, optional + 112 + 8 * i) for i in range(16)]
+        self.sections = [
+            struct.unpack_from("<8sIIII", self.data, optional + optional_size + 40 * i)
+            for i in range(sections)]
+
+    def offset(self, address):
+        for _, size, start, raw_size, raw in self.sections:
+            if start <= address < start + max(size, raw_size):
+                return address - start + raw
+        raise ValueError(hex(address))
+
+    def text(self, address):
+        start = self.offset(address)
+        return self.data[start:self.data.index(b"\0", start)].decode("ascii")
+
+    def imports(self):
+        position = self.offset(self.directories[1][0])
+        while True:
+            _, _, _, name, thunks = struct.unpack_from("<IIIII", self.data, position)
+            if not name and not thunks:
+                return
+            yield self.text(name).lower()
+            position += 20
+
+
+@pytest.fixture(scope="module")
+def image():
+    return Image(BUILD / "quillmon.exe")
+
+
+def test_it_is_a_64_bit_console_program(image):
+    assert (image.machine, image.magic, image.subsystem) == (0x8664, 0x20B, 3)
+
+
+def test_addresses_are_random_with_high_entropy_and_data_is_not_executed(image):
+    high_entropy, dynamic_base, nx = 0x0020, 0x0040, 0x0100
+    wanted = high_entropy | dynamic_base | nx
+    assert image.dll_characteristics & wanted == wanted
+
+
+def test_it_can_be_relocated(image):
+    assert image.characteristics & 0x0001 == 0  # relocations not stripped
+    assert image.directories[5][1] > 0
+
+
+def test_it_needs_nothing_but_the_system_s_own_libraries(image):
+    assert set(image.imports()) <= SYSTEM_LIBRARIES
+
+
+def test_it_carries_its_name_and_version(image):
+    for text in ("ORVEX Quillmon Services", "quillmon.exe", "FileVersion"):
+        assert text.encode("utf-16-le") in image.data, text
