@@ -1,0 +1,63 @@
+#pragma once
+
+#include "device_server/Till.h"
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The three documents of the protocol, built and read in this one place. docs/protocol.md is their
+/// description. All texts are UTF-8.
+namespace till {
+
+inline constexpr std::string_view kEnumerateInstances = "enumerateInstances";
+inline constexpr std::string_view kGetInstance = "getInstance";
+inline constexpr std::string_view kAddInstance = "addInstance";
+inline constexpr std::string_view kModifyInstance = "modifyInstance";
+inline constexpr std::string_view kDelInstance = "delInstance";
+
+inline constexpr std::string_view kDeviceIdField = "DeviceID";
+inline constexpr std::string_view kMakerField = "ManufacturerName";
+inline constexpr std::string_view kTypeWords[] = {"string",  "uint32",     "uint64",
+                                                  "boolean", "ArrayInt32", "datetime"};
+
+/// What is wrong with a request, in words for the log and for the error answer.
+class RequestError : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
+
+struct Request {
+  std::string type;
+  std::string className;
+  std::string id; ///< empty: the request has none
+};
+
+/// Any declaration is accepted, whatever encoding it names: the bytes are UTF-8 or, when they are
+/// no valid UTF-8, windows-1252, since the service writes requests in its machine's code page.
+/// Throws RequestError.
+Request readRequest(std::string_view document);
+
+std::string responseDocument(const std::vector<const Device*>& devices);
+std::string errorDocument(std::string_view what);
+/// A response with `count` instances of a class, made up, all of a maker that the service keeps.
+std::string hugeDocument(std::string_view className, std::size_t count);
+
+struct Event {
+  std::string type;
+  std::string classname;
+  std::string code;
+  std::string provider;
+  std::vector<Field> fields;
+};
+
+/// An event about a device. With all of its fields it is for a stream; a datagram has room for the
+/// two that are read there, DeviceID and ManufacturerName.
+enum class EventFields { DatagramOnly, All };
+Event deviceEvent(const Device& device, std::string_view type, std::string_view code,
+                  EventFields fields);
+/// Begins with exactly the declaration that marks the start of an event on a stream.
+std::string eventDocument(const Event& event);
+
+} // namespace till

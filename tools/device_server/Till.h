@@ -1,0 +1,51 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace till {
+
+/// One property of a device as it travels: name, type word, value. All texts are UTF-8.
+struct Field {
+  std::string name;
+  std::string type;
+  std::string value;
+};
+
+struct Device {
+  std::string className; ///< its WMI class, "UPOS_Scanner"
+  std::string id;
+  bool attached = true;
+  std::vector<Field> fields; ///< without DeviceID, which is `id`
+
+  /// The UnifiedPOS category: the class name without "UPOS_".
+  std::string_view category() const;
+  /// Empty when the device has no such field.
+  std::string_view value(std::string_view field) const;
+};
+
+/// The class that every device belongs to besides its own.
+inline constexpr std::string_view kEveryDevice = "UPOS_LogicalDevice";
+inline constexpr std::string_view kClassPrefix = "UPOS_";
+
+/// The devices of one till, in the order of the inventory; ids are unique. One thread at a time.
+class Till {
+public:
+  std::string name;
+
+  /// False, and nothing is added, when the id is taken.
+  bool add(Device device);
+  /// Null when there is no such device.
+  Device* find(std::string_view id);
+  const std::vector<Device>& devices() const { return devices_; }
+  std::size_t attachedCount() const;
+
+  /// The attached devices of a class, in order; `kEveryDevice` gives all of them.
+  std::vector<const Device*> attachedOf(std::string_view className) const;
+
+private:
+  std::vector<Device> devices_;
+};
+
+} // namespace till

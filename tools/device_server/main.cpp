@@ -1,0 +1,304 @@
+#include "device_server/Command.h"
+#include "device_server/Delivery.h"
+#include "device_server/EventChannel.h"
+#include "device_server/Inventory.h"
+#include "device_server/Log.h"
+#include "device_server/RequestServer.h"
+#include "device_server/Simulator.h"
+#include "device_server/Xml.h"
+
+#include <CLI/CLI.hpp>
+#include <asio.hpp>
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace till;
+
+constexpr int kEnded = 0;
+constexpr int kFailed = 1;
+constexpr int kWrongCommandLine = 2;
+
+struct Options {
+  std::string inventory;
+  unsigned requestPort = 42115;
+  unsigned eventPort = 42114;
+  std::string script;
+  std::string misbehave = "none";
+  std::string misbehaveEvents = "none";
+  unsigned requestTimeout = 30000;
+  bool noStdin = false;
+  bool quiet = false;
+  bool timestamps = false;
+  bool check = false;
+};
+
+std::string modes(const std::vector<MisbehaviourHelp>& known) {
+  std::string text;
+  for (const MisbehaviourHelp& each : known) {
+    fmt::format_to(std::back_inserter(text), "  {:<22} {}\n", each.usage, each.effect);
+  }
+  text.pop_back();
+  return text;
+}
+
+std::string footer() {
+  return fmt::format(
+      "\nCommands, one a line, typed at the program or in a script (# begins a comment, double\n"
+      "quotes keep blanks together):\n{}\n"
+      "\nMODE of --misbehave and of the command misbehave:\n{}\n"
+      "\nMODE of --misbehave-events and of the command misbehave-events:\n{}\n"
+      "\nThe till begins to answer when the line \"quillmon-till: ready: ...\" has appeared. It "
+      "ends\n"
+      "at the command quit, at Ctrl-C or SIGTERM and, unless --no-stdin is given, when its "
+      "standard\n"
+      "input ends.\n"
+      "\nExit codes: 0 ended as asked, 1 something failed (inventory or script wrong or missing, "
+      "port\n"
+      "in use), 2 wrong command line.\n"
+      "\nExamples:\n"
+      "  quillmon-till samples/till.xml\n"
+      "  quillmon-till samples/till.xml --no-stdin --script samples/day.script\n"
+      "  quillmon-till samples/till.xml --misbehave \"slow 5000\"\n",
+      commandHelp(), modes(answerMisbehaviours()), modes(eventMisbehaviours()));
+}
+
+void describe(CLI::App& app, Options& options) {
+  app.name("quillmon-till");
+  app.description(
+      "A till without hardware: plays the device server that the Quillmon service asks for its\n"
+      "devices. It answers requests from an inventory file and sends device events.");
+  const auto between = [](unsigned least, unsigned most) {
+    return CLI::Range(least, most).description("");
+  };
+  app.add_option("INVENTORY", options.inventory, "The till's devices, an XML file")
+      ->required()
+      ->type_name("FILE");
+  app.add_option("--request-port", options.requestPort,
+                 "Port to answer requests on; 0: any free one, see the ready line")
+      ->check(between(0, 65535))
+      ->type_name("PORT")
+      ->capture_default_str();
+  app.add_option("--event-port", options.eventPort, "Port to send events to")
+      ->check(between(1, 65535))
+      ->type_name("PORT")
+      ->capture_default_str();
+  app.add_option("--script", options.script, "Commands to execute from the start, a text file")
+      ->type_name("FILE");
+  app.add_flag("--no-stdin", options.noStdin,
+               "Take no commands from standard input: for a till in the background");
+  app.add_option("--misbehave", options.misbehave, "Answer with a fault")
+      ->type_name("MODE")
+      ->capture_default_str();
+  app.add_option("--misbehave-events", options.misbehaveEvents, "Send events with a fault")
+      ->type_name("MODE")
+      ->capture_default_str();
+  app.add_option("--request-timeout", options.requestTimeout,
+                 "How long a client may take to send its request or to take the answer")
+      ->check(between(1, 3600000))
+      ->type_name("MS")
+      ->capture_default_str();
+  app.add_flag("--check", options.check, "Only check the inventory and the script");
+  app.add_flag("--quiet", options.quiet, "No line for each request and event");
+  app.add_flag("--timestamps", options.timestamps, "Begin these lines with the time");
+  app.set_version_flag("--version", "quillmon-till " QUILLMON_VERSION);
+  app.footer(footer());
+}
+
+/// Executes the commands of one place, the script or standard input, in order: a wait holds back
+/// those behind it, not those of the other place.
+class CommandQueue : public std::enable_shared_from_this<CommandQueue> {
+public:
+  CommandQueue(asio::io_context& context, Simulator& simulator, Log& log)
+      : context_(context), timer_(context), simulator_(simulator), log_(log) {}
+
+  void add(Command command) {
+    waiting_.push_back(std::move(command));
+    if (!busy_) {
+      run();
+    }
+  }
+
+private:
+  void run() {
+    while (!waiting_.empty()) {
+      const Command command = std::move(waiting_.front());
+      waiting_.pop_front();
+      if (command.word == "quit") {
+        context_.stop();
+        return;
+      }
+      if (command.word == "wait") {
+        busy_ = true;
+        timer_.expires_after(std::chrono::milliseconds(parseMilliseconds(command.arguments[0])));
+        timer_.async_wait([self = shared_from_this()](asio::error_code problem) {
+          self->busy_ = false;
+          if (!problem) {
+            self->run();
+          }
+        });
+        return;
+      }
+      try {
+        simulator_.execute(command);
+      } catch (const CommandError& problem) {
+        log_.error(command.origin + problem.what());
+      }
+    }
+  }
+
+  asio::io_context& context_;
+  asio::steady_timer timer_;
+  Simulator& simulator_;
+  Log& log_;
+  std::deque<Command> waiting_;
+  bool busy_ = false;
+};
+
+/// Reads lines until standard input ends, each handed to the context's thread. Nothing can wake a
+/// thread that waits for standard input, so it is never joined.
+void readStandardInput(asio::io_context& context, std::shared_ptr<CommandQueue> queue, Log& log) {
+  std::thread([&context, queue = std::move(queue), &log] {
+    for (std::string line; std::getline(std::cin, line);) {
+      asio::post(context, [queue, line, &log] {
+        try {
+          if (std::optional<Command> command = parseCommand(line)) {
+            queue->add(std::move(*command));
+          }
+        } catch (const CommandError& problem) {
+          log.error(problem.what());
+        }
+      });
+    }
+    asio::post(context, [queue] { queue->add({"quit", {}, {}}); });
+  }).detach();
+}
+
+std::vector<Command> loadScript(const std::string& path, Simulator& simulator) {
+  std::vector<Command> script;
+  if (!path.empty()) {
+    script = parseScript(readFile(path), path);
+    for (const Command& command : script) {
+      try {
+        simulator.check(command);
+      } catch (const CommandError& problem) {
+        throw CommandError(command.origin + problem.what());
+      }
+    }
+  }
+  return script;
+}
+
+void serve(const Options& options, Log& log) {
+  Inventory inventory = loadInventory(options.inventory);
+  for (const std::string& warning : inventory.warnings) {
+    log.error(warning);
+  }
+
+  asio::io_context context;
+  const auto eventPort = static_cast<std::uint16_t>(options.eventPort);
+  DatagramEventChannel events(context, eventPort);
+  Simulator simulator(std::move(inventory.till), events, log);
+  std::vector<Command> script = loadScript(options.script, simulator);
+  const std::string counts =
+      fmt::format("{} devices ({} attached)", simulator.till().devices().size(),
+                  simulator.till().attachedCount());
+  if (options.check) {
+    log.say(fmt::format("quillmon-till: {}: {}", options.inventory, counts));
+    return;
+  }
+  if (options.misbehave != "none") {
+    simulator.execute(*parseCommand("misbehave " + options.misbehave));
+  }
+  if (options.misbehaveEvents != "none") {
+    simulator.execute(*parseCommand("misbehave-events " + options.misbehaveEvents));
+  }
+
+  std::unique_ptr<RequestServer> server;
+  try {
+    server = std::make_unique<RequestServer>(
+        context, static_cast<std::uint16_t>(options.requestPort),
+        std::chrono::milliseconds(options.requestTimeout), simulator, log);
+  } catch (const std::system_error& problem) {
+    throw std::runtime_error(
+        fmt::format("request port {}: {}", options.requestPort, problem.code().message()));
+  }
+  simulator.setPorts(server->port(), eventPort);
+
+  asio::signal_set signals(context, SIGINT, SIGTERM);
+  signals.async_wait([&](asio::error_code problem, int) {
+    if (!problem) {
+      context.stop();
+    }
+  });
+
+  log.say(fmt::format("quillmon-till: ready: requests on 127.0.0.1:{}, events to 127.0.0.1:{}, {}",
+                      server->port(), eventPort, counts));
+  const auto fromScript = std::make_shared<CommandQueue>(context, simulator, log);
+  asio::post(context, [&] {
+    for (Command& command : script) {
+      fromScript->add(std::move(command));
+    }
+  });
+  if (options.noStdin) {
+    context.run();
+    return;
+  }
+  // The thread at standard input may still wait there when all is over, holding on to what would
+  // then go away: the process ends before that.
+  readStandardInput(context, std::make_shared<CommandQueue>(context, simulator, log), log);
+  try {
+    context.run();
+  } catch (const std::exception& problem) {
+    log.error(problem.what());
+    std::_Exit(kFailed);
+  }
+  std::_Exit(kEnded);
+}
+
+int run(int argc, char** argv) {
+  Options options;
+  CLI::App app;
+  describe(app, options);
+  try {
+    app.parse(argc, argv);
+    parseMisbehaviour(options.misbehave, answerMisbehaviours());
+    parseMisbehaviour(options.misbehaveEvents, eventMisbehaviours());
+  } catch (const CLI::ParseError& problem) {
+    if (problem.get_exit_code() == 0) {
+      return app.exit(problem); // help or version
+    }
+    Log(std::cout, std::cerr, {}).error(problem.what() + std::string(" (--help tells more)"));
+    return kWrongCommandLine;
+  } catch (const std::invalid_argument& problem) {
+    Log(std::cout, std::cerr, {}).error(problem.what());
+    return kWrongCommandLine;
+  }
+
+  Log log(std::cout, std::cerr, {options.quiet, options.timestamps});
+  try {
+    const XmlLibrary library;
+    serve(options, log);
+    return kEnded;
+  } catch (const std::exception& problem) {
+    log.error(problem.what());
+    return kFailed;
+  }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  return run(argc, argv);
+}
