@@ -29,7 +29,7 @@ std::string textOf(const XmlElement& parent, std::string_view child) {
 Request readRequest(std::string_view document) {
   XmlElement root;
   try {
-    root = readXml(document, isXmlText(document) ? "UTF-8" : "windows-1252");
+    root = readXml(document, isXmlText(document) ? "UTF-8" : "");
   } catch (const XmlError& problem) {
     throw RequestError(fmt::format("malformed request: {}", problem.what()));
   }

@@ -34,9 +34,8 @@ struct Request {
   std::string id; ///< empty: the request has none
 };
 
-/// Any declaration is accepted, whatever encoding it names: the bytes are UTF-8 or, when they are
-/// no valid UTF-8, windows-1252, since the service writes requests in its machine's code page.
-/// Throws RequestError.
+/// Any declaration is accepted: the bytes are UTF-8 whatever encoding it names, and only bytes that
+/// are no UTF-8 text are read as it says. Throws RequestError.
 Request readRequest(std::string_view document);
 
 std::string responseDocument(const std::vector<const Device*>& devices);

@@ -58,12 +58,22 @@ TEST(Request, isUnescaped) {
             "Tom & <Jerry>");
 }
 
-TEST(Request, mayCarryAnIdInUtf8OrInTheWindowsCodePage) {
-  const std::string head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><request><type>getInstance"
-                           "</type><class>UPOS_Scale</class><id>";
-  EXPECT_EQ(readRequest(head + "W\xC3\xA4hrung \xE2\x82\xAC</id></request>").id,
+TEST(Request, isUtf8WhateverItDeclares) {
+  const std::string body = "<request><type>getInstance</type><class>UPOS_Scale</class>"
+                           "<id>W\xC3\xA4hrung \xE2\x82\xAC</id></request>";
+  for (const char* declaration : {"", "<?xml version='1.0' encoding='windows-1252'?>",
+                                  "<?xml version='1.0' encoding='UTF-16'?>"}) {
+    EXPECT_EQ(readRequest(declaration + body).id, "W\xC3\xA4hrung \xE2\x82\xAC") << declaration;
+  }
+}
+
+TEST(Request, thatIsNoUtf8IsReadAsItDeclares) {
+  const std::string body = "<request><type>getInstance</type><class>UPOS_Scale</class>"
+                           "<id>W\xE4hrung \x80</id></request>";
+  EXPECT_EQ(readRequest("<?xml version='1.0' encoding='windows-1252'?>" + body).id,
             "W\xC3\xA4hrung \xE2\x82\xAC");
-  EXPECT_EQ(readRequest(head + "W\xE4hrung \x80</id></request>").id, "W\xC3\xA4hrung \xE2\x82\xAC");
+  EXPECT_THAT(complaintAbout("<?xml version='1.0' encoding='UTF-8'?>" + body),
+              StartsWith("malformed request: "));
 }
 
 TEST(Request, thatCannotBeReadIsNamed) {
