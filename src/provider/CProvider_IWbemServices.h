@@ -1,0 +1,133 @@
+#pragma once
+
+#include "win/Automation.h"
+#include "win/Handles.h"
+
+#include <windows.h>
+#include <wbemcli.h>
+#include <wbemprov.h>
+#include <wrl/client.h>
+
+/// The one COM object that WMI calls for the system's classes: it serves the asynchronous
+/// enumeration and retrieval of instances and answers everything else with fixed codes.
+///
+/// Owner: COM reference counting, from 0 after construction; create it on the heap, AddRef it, hand
+/// it out, Release it. Threads: any of WMI's, in the multithreaded apartment; Initialize comes
+/// before the first request. Errors: result codes, and the response handler's status; no exception
+/// leaves a method.
+class CProvider_IWbemServices final : public IWbemServices,
+                                      public IWbemPropertyProvider,
+                                      public IWbemProviderInit,
+                                      public IWbemShutdown {
+public:
+  CProvider_IWbemServices() noexcept;
+  CProvider_IWbemServices(const CProvider_IWbemServices&) = delete;
+  CProvider_IWbemServices& operator=(const CProvider_IWbemServices&) = delete;
+
+  /// Provider objects in existence in this process.
+  static LONG liveObjects() noexcept;
+
+  /// Where device events go. Not reference-counted here: whoever registers the events keeps the
+  /// sink alive. Called once, before the message loop.
+  void setEventSink(IWbemObjectSink* sink) noexcept { eventSink_ = sink; }
+
+  // IUnknown. IID_IWbemEventProvider is answered with the IWbemServices interface.
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) noexcept override;
+  ULONG STDMETHODCALLTYPE AddRef() noexcept override;
+  ULONG STDMETHODCALLTYPE Release() noexcept override;
+
+  // IWbemServices
+  HRESULT STDMETHODCALLTYPE OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
+                                          IWbemCallResult**) noexcept override;
+  HRESULT STDMETHODCALLTYPE CancelAsyncCall(IWbemObjectSink*) noexcept override;
+  HRESULT STDMETHODCALLTYPE QueryObjectSink(LONG, IWbemObjectSink**) noexcept override;
+  HRESULT STDMETHODCALLTYPE GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**,
+                                      IWbemCallResult**) noexcept override;
+  /// Fetches one device by its object path.
+  HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR objectPath, LONG flags, IWbemContext* context,
+                                           IWbemObjectSink* responseHandler) noexcept override;
+  HRESULT STDMETHODCALLTYPE PutClass(IWbemClassObject*, LONG, IWbemContext*,
+                                     IWbemCallResult**) noexcept override;
+  HRESULT STDMETHODCALLTYPE PutClassAsync(IWbemClassObject*, LONG, IWbemContext*,
+                                          IWbemObjectSink*) noexcept override;
+  HRESULT STDMETHODCALLTYPE DeleteClass(const BSTR, LONG, IWbemContext*,
+                                        IWbemCallResult**) noexcept override;
+  HRESULT STDMETHODCALLTYPE DeleteClassAsync(const BSTR, LONG, IWbemContext*,
+                                             IWbemObjectSink*) noexcept override;
+  HRESULT STDMETHODCALLTYPE CreateClassEnum(const BSTR, LONG, IWbemContext*,
+                                            IEnumWbemClassObject**) noexcept override;
+  HRESULT STDMETHODCALLTYPE CreateClassEnumAsync(const BSTR, LONG, IWbemContext*,
+                                                 IWbemObjectSink*) noexcept override;
+  HRESULT STDMETHODCALLTYPE PutInstance(IWbemClassObject*, LONG, IWbemContext*,
+                                        IWbemCallResult**) noexcept override;
+  HRESULT STDMETHODCALLTYPE PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*,
+                                             IWbemObjectSink*) noexcept override;
+  HRESULT STDMETHODCALLTYPE DeleteInstance(const BSTR, LONG, IWbemContext*,
+                                           IWbemCallResult**) noexcept override;
+  HRESULT STDMETHODCALLTYPE DeleteInstanceAsync(const BSTR, LONG, IWbemContext*,
+                                                IWbemObjectSink*) noexcept override;
+  HRESULT STDMETHODCALLTYPE CreateInstanceEnum(const BSTR, LONG, IWbemContext*,
+                                               IEnumWbemClassObject**) noexcept override;
+  /// Enumerates the devices of one class. Blocks for the turn, at most five minutes, and for as
+  /// long as the device server takes.
+  HRESULT STDMETHODCALLTYPE
+  CreateInstanceEnumAsync(const BSTR className, LONG flags, IWbemContext* context,
+                          IWbemObjectSink* responseHandler) noexcept override;
+  HRESULT STDMETHODCALLTYPE ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+                                      IEnumWbemClassObject**) noexcept override;
+  HRESULT STDMETHODCALLTYPE ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                                           IWbemObjectSink*) noexcept override;
+  HRESULT STDMETHODCALLTYPE ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+                                                  IEnumWbemClassObject**) noexcept override;
+  HRESULT STDMETHODCALLTYPE ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                                                       IWbemObjectSink*) noexcept override;
+  HRESULT STDMETHODCALLTYPE ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*,
+                                       IWbemClassObject*, IWbemClassObject**,
+                                       IWbemCallResult**) noexcept override;
+  HRESULT STDMETHODCALLTYPE ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                                            IWbemClassObject*, IWbemObjectSink*) noexcept override;
+
+  // IWbemPropertyProvider: succeeds without touching the value.
+  HRESULT STDMETHODCALLTYPE GetProperty(LONG, const BSTR locale, const BSTR classMapping,
+                                        const BSTR instanceMapping, const BSTR propertyMapping,
+                                        VARIANT* value) noexcept override;
+  HRESULT STDMETHODCALLTYPE PutProperty(LONG, const BSTR locale, const BSTR classMapping,
+                                        const BSTR instanceMapping, const BSTR propertyMapping,
+                                        const VARIANT* value) noexcept override;
+
+  // IWbemProviderInit: sets up what the requests of the whole process use; may be called again.
+  HRESULT STDMETHODCALLTYPE Initialize(LPWSTR user, LONG flags, LPWSTR nameSpace, LPWSTR locale,
+                                       IWbemServices* namespaceServices, IWbemContext* context,
+                                       IWbemProviderInitSink* initSink) noexcept override;
+
+  // IWbemShutdown
+  HRESULT STDMETHODCALLTYPE Shutdown(LONG reason, ULONG maxMilliseconds,
+                                     IWbemContext* context) noexcept override;
+
+private:
+  ~CProvider_IWbemServices();
+
+  HRESULT setUp(LPCWSTR user, LPCWSTR nameSpace, LPCWSTR locale, IWbemServices* namespaceServices,
+                IWbemContext* context);
+  HRESULT fetchEventClass(IWbemContext* context) noexcept;
+  /// The instance may be handed out although the result says that the device was not found.
+  HRESULT GetIntanceByPath(LPCWSTR objectPath, IWbemClassObject** instance,
+                           IWbemContext* context) noexcept;
+  void tracePathKeys(LPCWSTR objectPath) const;
+
+  LONG volatile referenceCount_ = 0;
+  LONG pathParserReady_ = 0;
+  CRITICAL_SECTION criticalSection_; // entered by nothing here
+  Microsoft::WRL::ComPtr<IWbemServices> namespaceServices_;
+  Microsoft::WRL::ComPtr<IWbemClassObject> eventClass_;
+  win::Handle eventHandle_;
+  win::Bstr namespace_;
+  win::Bstr locale_;
+  win::Bstr user_;
+  win::Bstr reservedText1_;
+  win::Bstr reservedText2_;
+  Microsoft::WRL::ComPtr<IUnknown> reservedInterface1_;
+  Microsoft::WRL::ComPtr<IUnknown> reservedInterface2_;
+  Microsoft::WRL::ComPtr<IClassFactory> pathParserFactory_;
+  IWbemObjectSink* eventSink_ = nullptr;
+};

@@ -1,0 +1,57 @@
+#include "provider/ObjectPathText.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Row {
+  const char* trace;
+  const char* path;
+  const char* className;
+  const char* deviceId;
+};
+
+constexpr Row kRows[] = {
+    {"the usual path", "UPOS_Scanner.DeviceID=\"SCANNER1\"", "UPOS_Scanner", "SCANNER1"},
+    {"empty", "", "", ""},
+    {"a class alone is its own device id", "UPOS_Scanner", "UPOS_Scanner", "UPOS_Scanner"},
+    {"a key without quotes", "UPOS_Scanner.DeviceID=7", "UPOS_Scanner", "UPOS_Scanner.DeviceID=7"},
+    {"one quote in the middle", "UPOS_Scale.DeviceID=\"S1", "UPOS_Scale", "S1"},
+    {"one quote at the end", "UPOS_Scale.DeviceID=\"", "UPOS_Scale", ""},
+    {"a quote alone", "\"", "\"", ""},
+    {"nothing between the quotes", "A.B=\"\"", "A", ""},
+    {"two quotes alone", "\"\"", "\"\"", ""},
+    {"dots in the device id", "A.B=\"1.2.3\"", "A", "1.2.3"},
+    {"dots in the device id only", "A=\"1.2\"", "A=\"1", "1.2"},
+    {"escapes stay", "A.B=\"x\\\"y\\\\z\"", "A", "x\\\"y\\\\z"},
+    {"two keys reach from the first quote to the last", "A.B=\"1\",C=\"2\"", "A", "1\",C=\"2"},
+    {"text behind the last quote is dropped", "A.B=\"1\" and more", "A", "1"},
+    {"a dot first", ".B=\"1\"", "", "1"},
+    {"a full path is not understood", "\\\\.\\root\\cimv2:A.B=\"1\"", "\\\\", "1"},
+    {"high bytes pass", "A.B=\"caf\xE9\"", "A", "caf\xE9"},
+};
+
+TEST(ObjectPathText, ClassNameAndDeviceIdAreCutOutByTextAlone) {
+  for (const Row& row : kRows) {
+    SCOPED_TRACE(row.trace);
+    const ObjectPathText read = readObjectPath(row.path);
+    EXPECT_EQ(read.className, row.className);
+    EXPECT_EQ(read.deviceId, row.deviceId);
+  }
+}
+
+TEST(ObjectPathText, ALongPathIsReadWhole) {
+  const std::string id(1'000'000, 'x');
+  const ObjectPathText read = readObjectPath("A.B=\"" + id + "\"");
+  EXPECT_EQ(read.className, "A");
+  EXPECT_EQ(read.deviceId, id);
+}
+
+TEST(ObjectPathText, EmbeddedZerosArePartOfTheText) {
+  using namespace std::string_literals;
+  const ObjectPathText read = readObjectPath("A\0B.C=\"1\0002\""s);
+  EXPECT_EQ(read.className, "A\0B"s);
+  EXPECT_EQ(read.deviceId, "1\0002"s);
+}
+
+} // namespace

@@ -1,0 +1,603 @@
+#pragma once
+
+#include "strategy/IUPOSXmlAdapter.h"
+#include "strategy/InstanceList.h"
+#include "win/Boundary.h"
+
+#include <windows.h>
+#include <RecordedTrace.h>
+#include <gtest/gtest.h>
+#include <wbemcli.h>
+#include <wbemprov.h>
+#include <wmiutils.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#ifdef __MINGW32__ // declares these interfaces without their ids
+__CRT_UUID_DECL(IWbemPath, 0x3bc15af2, 0x736c, 0x477e, 0x9e, 0x51, 0x23, 0x8a, 0xf8, 0x66, 0x7d,
+                0xcc)
+__CRT_UUID_DECL(IWbemPathKeyList, 0x9ae62877, 0x7544, 0x4bb0, 0xaa, 0x26, 0xa1, 0x38, 0x24, 0x65,
+                0x9e, 0xd6)
+#endif
+
+/// For tests: the WMI and COM objects that the provider meets, hand-written. They count references,
+/// answer with the platform's real error codes, enforce the order of calls, and fail on demand.
+namespace fakes {
+
+/// Counts references from 1, the test's own; complains when released too often. Never destroyed,
+/// so that a stray reference can be read off instead of crashing.
+template <class Interface>
+class Counted : public Interface {
+public:
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
+    if (iid == IID_IUnknown || iid == __uuidof(Interface)) {
+      *object = static_cast<Interface*>(this);
+      AddRef();
+      return S_OK;
+    }
+    *object = nullptr;
+    return E_NOINTERFACE;
+  }
+  ULONG STDMETHODCALLTYPE AddRef() override { return static_cast<ULONG>(++references_); }
+  ULONG STDMETHODCALLTYPE Release() override {
+    const long left = --references_;
+    EXPECT_GE(left, 0) << "released too often";
+    return static_cast<ULONG>(left);
+  }
+  long references() const { return references_; }
+
+private:
+  std::atomic<long> references_ = 1;
+};
+
+/// What a property takes; every other VARIANT type is a type mismatch.
+using Properties = std::map<std::wstring, std::set<VARTYPE>>;
+
+inline const Properties kDeviceProperties = {
+    {L"DeviceID", {VT_BSTR}},          {L"ModelName", {VT_BSTR}},
+    {L"GoodScanCount", {VT_I4}},       {L"HoursPoweredCount", {VT_I4, VT_BSTR}},
+    {L"Enabled", {VT_BOOL}},           {L"InstallationDate", {VT_BSTR}},
+    {L"Capabilities", {VT_BSTR}},      {L"Anything", {VT_BSTR, VT_I4, VT_BOOL}},
+    {L"Counters", {VT_ARRAY | VT_I4}},
+};
+
+/// One accepted Put, as text: `name:vt=value`.
+inline std::wstring describe(const wchar_t* name, const VARIANT& value) {
+  std::wstring text = std::wstring(name) + L":" + std::to_wstring(value.vt) + L"=";
+  switch (value.vt) {
+  case VT_BSTR:
+    return text + std::wstring(value.bstrVal, SysStringLen(value.bstrVal));
+  case VT_I4:
+    return text + std::to_wstring(value.lVal);
+  case VT_BOOL:
+    return text + std::to_wstring(value.boolVal);
+  default:
+    return text + L"?";
+  }
+}
+
+/// The methods of a class object that the provider has no business with.
+class ClassObjectBase : public Counted<IWbemClassObject> {
+public:
+  HRESULT STDMETHODCALLTYPE GetQualifierSet(IWbemQualifierSet**) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE Get(LPCWSTR, LONG, VARIANT*, CIMTYPE*, LONG*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE Put(LPCWSTR, LONG, VARIANT*, CIMTYPE) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE Delete(LPCWSTR) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE GetNames(LPCWSTR, LONG, VARIANT*, SAFEARRAY**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE BeginEnumeration(LONG) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE Next(LONG, BSTR*, VARIANT*, CIMTYPE*, LONG*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE EndEnumeration() override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE GetPropertyQualifierSet(LPCWSTR, IWbemQualifierSet**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE Clone(IWbemClassObject**) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE GetObjectText(LONG, BSTR*) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE SpawnDerivedClass(LONG, IWbemClassObject**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE SpawnInstance(LONG, IWbemClassObject**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE CompareTo(LONG, IWbemClassObject*) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE GetPropertyOrigin(LPCWSTR, BSTR*) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE InheritsFrom(LPCWSTR) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE GetMethod(LPCWSTR, LONG, IWbemClassObject**,
+                                      IWbemClassObject**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE PutMethod(LPCWSTR, LONG, IWbemClassObject*,
+                                      IWbemClassObject*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE DeleteMethod(LPCWSTR) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE BeginMethodEnumeration(LONG) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE NextMethod(LONG, BSTR*, IWbemClassObject**,
+                                       IWbemClassObject**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE EndMethodEnumeration() override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE GetMethodQualifierSet(LPCWSTR, IWbemQualifierSet**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE GetMethodOrigin(LPCWSTR, BSTR*) override { return unexpected(); }
+
+private:
+  static HRESULT unexpected() {
+    ADD_FAILURE() << "a method that the provider has no business with";
+    return win::wbemResult(WBEM_E_NOT_SUPPORTED);
+  }
+};
+
+class FakeInstance : public ClassObjectBase {
+public:
+  explicit FakeInstance(const Properties& properties) : properties_(properties) {}
+
+  HRESULT STDMETHODCALLTYPE Put(LPCWSTR name, LONG flags, VARIANT* value, CIMTYPE type) override {
+    if (flags != 0 || type != 0 || name == nullptr || value == nullptr) {
+      return win::wbemResult(WBEM_E_INVALID_PARAMETER);
+    }
+    const auto property = properties_.find(name);
+    if (property == properties_.end()) {
+      return win::wbemResult(WBEM_E_NOT_FOUND);
+    }
+    if (property->second.count(value->vt) == 0) {
+      return win::wbemResult(WBEM_E_TYPE_MISMATCH);
+    }
+    puts.push_back(describe(name, *value));
+    return WBEM_S_NO_ERROR;
+  }
+
+  std::vector<std::wstring> puts;
+
+private:
+  const Properties& properties_;
+};
+
+class FakeClass : public ClassObjectBase {
+public:
+  HRESULT STDMETHODCALLTYPE SpawnInstance(LONG flags, IWbemClassObject** instance) override {
+    std::scoped_lock lock(mutex_);
+    if (flags != 0 || instance == nullptr) {
+      return win::wbemResult(WBEM_E_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(*instance, nullptr);
+    if (++spawns == failSpawnAt) {
+      return win::wbemResult(WBEM_E_OUT_OF_MEMORY);
+    }
+    if (spawns == emptySpawnAt) {
+      return WBEM_S_NO_ERROR;
+    }
+    instances.push_back(new FakeInstance(properties));
+    instances.back()->AddRef();
+    *instance = instances.back();
+    return WBEM_S_NO_ERROR;
+  }
+  /// The references that are left on all spawned instances beside this object's own.
+  long strayReferences() const {
+    long stray = 0;
+    for (const FakeInstance* instance : instances) {
+      stray += instance->references() - 1;
+    }
+    return stray;
+  }
+
+  Properties properties = kDeviceProperties;
+  int failSpawnAt = 0;
+  int emptySpawnAt = 0;
+  int spawns = 0;
+  std::vector<FakeInstance*> instances;
+
+private:
+  std::mutex mutex_;
+};
+
+class FakeNamespace : public Counted<IWbemServices> {
+public:
+  HRESULT STDMETHODCALLTYPE GetObject(const BSTR path, LONG flags, IWbemContext* context,
+                                      IWbemClassObject** object,
+                                      IWbemCallResult** callResult) override {
+    std::scoped_lock lock(mutex_);
+    if (path == nullptr || flags != 0 || object == nullptr || callResult != nullptr) {
+      return win::wbemResult(WBEM_E_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(*object, nullptr);
+    requested.push_back(std::wstring(path, SysStringLen(path)));
+    contexts.push_back(context);
+    if (failure != S_OK) {
+      return failure;
+    }
+    const auto found = classes.find(requested.back());
+    if (found == classes.end()) {
+      return win::wbemResult(WBEM_E_NOT_FOUND);
+    }
+    if (found->second == nullptr) {
+      return WBEM_S_NO_ERROR;
+    }
+    found->second->AddRef();
+    *object = found->second;
+    return WBEM_S_NO_ERROR;
+  }
+
+  std::map<std::wstring, FakeClass*> classes;
+  HRESULT failure = S_OK;
+  std::vector<std::wstring> requested;
+  std::vector<IWbemContext*> contexts;
+
+  HRESULT STDMETHODCALLTYPE OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
+                                          IWbemCallResult**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE CancelAsyncCall(IWbemObjectSink*) override { return unexpected(); }
+  HRESULT STDMETHODCALLTYPE QueryObjectSink(LONG, IWbemObjectSink**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR, LONG, IWbemContext*,
+                                           IWbemObjectSink*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE PutClass(IWbemClassObject*, LONG, IWbemContext*,
+                                     IWbemCallResult**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE PutClassAsync(IWbemClassObject*, LONG, IWbemContext*,
+                                          IWbemObjectSink*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE DeleteClass(const BSTR, LONG, IWbemContext*,
+                                        IWbemCallResult**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE DeleteClassAsync(const BSTR, LONG, IWbemContext*,
+                                             IWbemObjectSink*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE CreateClassEnum(const BSTR, LONG, IWbemContext*,
+                                            IEnumWbemClassObject**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE CreateClassEnumAsync(const BSTR, LONG, IWbemContext*,
+                                                 IWbemObjectSink*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE PutInstance(IWbemClassObject*, LONG, IWbemContext*,
+                                        IWbemCallResult**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*,
+                                             IWbemObjectSink*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE DeleteInstance(const BSTR, LONG, IWbemContext*,
+                                           IWbemCallResult**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE DeleteInstanceAsync(const BSTR, LONG, IWbemContext*,
+                                                IWbemObjectSink*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE CreateInstanceEnum(const BSTR, LONG, IWbemContext*,
+                                               IEnumWbemClassObject**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE CreateInstanceEnumAsync(const BSTR, LONG, IWbemContext*,
+                                                    IWbemObjectSink*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+                                      IEnumWbemClassObject**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                                           IWbemObjectSink*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+                                                  IEnumWbemClassObject**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                                                       IWbemObjectSink*) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*,
+                                       IWbemClassObject*, IWbemClassObject**,
+                                       IWbemCallResult**) override {
+    return unexpected();
+  }
+  HRESULT STDMETHODCALLTYPE ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+                                            IWbemClassObject*, IWbemObjectSink*) override {
+    return unexpected();
+  }
+
+private:
+  static HRESULT unexpected() {
+    ADD_FAILURE() << "a method that the provider has no business with";
+    return win::wbemResult(WBEM_E_NOT_SUPPORTED);
+  }
+  std::mutex mutex_;
+};
+
+/// The client's end of an enumeration or a retrieval: objects first, then the one final status.
+class FakeResponseSink : public Counted<IWbemObjectSink> {
+public:
+  HRESULT STDMETHODCALLTYPE Indicate(LONG count, IWbemClassObject** objects) override {
+    EXPECT_TRUE(statuses.empty()) << "an object after the final status";
+    EXPECT_EQ(count, 1);
+    indicated.push_back(static_cast<FakeInstance*>(objects[0])->puts);
+    const int call = static_cast<int>(indicated.size());
+    return win::wbemResult(call == failIndicateAt || failIndicateAt < 0 ? WBEM_E_CALL_CANCELLED
+                                                                        : WBEM_S_NO_ERROR);
+  }
+  HRESULT STDMETHODCALLTYPE SetStatus(LONG flags, HRESULT result, BSTR text,
+                                      IWbemClassObject* object) override {
+    EXPECT_TRUE(statuses.empty()) << "a second final status";
+    EXPECT_EQ(flags, WBEM_STATUS_COMPLETE);
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(object, nullptr);
+    statuses.push_back(result);
+    tracedBeforeStatus = recorded_trace::lines();
+    if (onStatus) {
+      onStatus();
+    }
+    return WBEM_S_NO_ERROR;
+  }
+
+  /// The call of Indicate that fails, from 1; -1: all of them.
+  int failIndicateAt = 0;
+  std::function<void()> onStatus;
+  std::vector<std::vector<std::wstring>> indicated;
+  std::vector<HRESULT> statuses;
+  std::vector<std::string> tracedBeforeStatus;
+};
+
+class FakeInitSink : public Counted<IWbemProviderInitSink> {
+public:
+  HRESULT STDMETHODCALLTYPE SetStatus(LONG status, LONG flags) override {
+    statuses.emplace_back(status, flags);
+    return WBEM_S_NO_ERROR;
+  }
+  std::vector<std::pair<LONG, LONG>> statuses;
+};
+
+/// The call that WMI is in, on one thread: gives the thread a token of the caller's.
+class FakeCall : public Counted<IServerSecurity> {
+public:
+  HRESULT STDMETHODCALLTYPE QueryBlanket(DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*, void**,
+                                         DWORD*) override {
+    return E_NOTIMPL;
+  }
+  HRESULT STDMETHODCALLTYPE ImpersonateClient() override {
+    if (failure != S_OK) {
+      return failure;
+    }
+    ++impersonations;
+    impersonating_ = true;
+    SetThreadToken(nullptr, token);
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE RevertToSelf() override {
+    ++reverts;
+    impersonating_ = false;
+    SetThreadToken(nullptr, nullptr);
+    return S_OK;
+  }
+  BOOL STDMETHODCALLTYPE IsImpersonating() override { return impersonating_; }
+
+  /// Null: the impersonation succeeds, but leaves the thread without a token.
+  HANDLE token = nullptr;
+  HRESULT failure = S_OK;
+  int impersonations = 0;
+  int reverts = 0;
+
+private:
+  bool impersonating_ = false;
+};
+
+/// Makes the calling thread be inside `call` for as long as the object lives.
+class InCall {
+public:
+  explicit InCall(FakeCall& call) { EXPECT_EQ(CoSwitchCallContext(&call, &outer_), S_OK); }
+  InCall(const InCall&) = delete;
+  InCall& operator=(const InCall&) = delete;
+  ~InCall() {
+    IUnknown* inner = nullptr;
+    CoSwitchCallContext(outer_, &inner);
+  }
+
+private:
+  IUnknown* outer_ = nullptr;
+};
+
+/// This process's user at an impersonation level; without rights when `denied`: no administrator
+/// and not even an authenticated user.
+inline HANDLE callerToken(SECURITY_IMPERSONATION_LEVEL level, bool denied = false) {
+  HANDLE process = nullptr;
+  EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &process));
+  HANDLE source = process;
+  if (denied) {
+    BYTE administrators[SECURITY_MAX_SID_SIZE];
+    BYTE users[SECURITY_MAX_SID_SIZE];
+    DWORD length = sizeof administrators;
+    EXPECT_TRUE(CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, administrators, &length));
+    length = sizeof users;
+    EXPECT_TRUE(CreateWellKnownSid(WinAuthenticatedUserSid, nullptr, users, &length));
+    SID_AND_ATTRIBUTES disabled[] = {{administrators, 0}, {users, 0}};
+    EXPECT_TRUE(CreateRestrictedToken(process, 0, 2, disabled, 0, nullptr, 0, nullptr, &source));
+  }
+  HANDLE token = nullptr;
+  EXPECT_TRUE(DuplicateTokenEx(source, TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE, nullptr,
+                               level, TokenImpersonation, &token));
+  if (source != process) {
+    CloseHandle(source);
+  }
+  CloseHandle(process);
+  return token;
+}
+
+/// The object-path parser with two keys in whatever it is given; each step can be made to fail.
+class FakePathKeys : public Counted<IWbemPathKeyList> {
+public:
+  HRESULT WINAPI GetCount(ULONG* count) override {
+    *count = 2;
+    return failAt == "GetCount" ? win::wbemResult(WBEM_E_INVALID_OBJECT_PATH) : S_OK;
+  }
+  HRESULT WINAPI GetKey2(ULONG index, ULONG flags, ULONG* nameLength, LPWSTR name, VARIANT* value,
+                         ULONG* type) override {
+    if (flags != 0 || nameLength == nullptr || name == nullptr || value == nullptr ||
+        type == nullptr || value->vt != VT_EMPTY) {
+      return win::wbemResult(WBEM_E_INVALID_PARAMETER);
+    }
+    read.emplace_back(index, *nameLength);
+    if (failAt == "GetKey2") {
+      return win::wbemResult(WBEM_E_NOT_FOUND);
+    }
+    for (ULONG i = 0; i + 1 < *nameLength; ++i) {
+      name[i] = L'k';
+    }
+    value->vt = VT_BSTR;
+    value->bstrVal = SysAllocStringLen(L"1", 1);
+    return S_OK;
+  }
+  HRESULT WINAPI SetKey(LPCWSTR, ULONG, ULONG, LPVOID) override { return E_NOTIMPL; }
+  HRESULT WINAPI SetKey2(LPCWSTR, ULONG, ULONG, VARIANT*) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetKey(ULONG, ULONG, ULONG*, LPWSTR, ULONG*, LPVOID, ULONG*) override {
+    return E_NOTIMPL;
+  }
+  HRESULT WINAPI RemoveKey(LPCWSTR, ULONG) override { return E_NOTIMPL; }
+  HRESULT WINAPI RemoveAllKeys(ULONG) override { return E_NOTIMPL; }
+  HRESULT WINAPI MakeSingleton(boolean) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetInfo(ULONG, ULONGLONG*) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetText(LONG, ULONG*, LPWSTR) override { return E_NOTIMPL; }
+
+  std::string failAt;
+  std::vector<std::pair<ULONG, ULONG>> read; // index, room for the name
+};
+
+class FakePath : public Counted<IWbemPath> {
+public:
+  HRESULT WINAPI SetText(ULONG mode, LPCWSTR path) override {
+    EXPECT_EQ(mode, 4U);
+    text = path;
+    return keys.failAt == "SetText" ? win::wbemResult(WBEM_E_INVALID_PARAMETER) : S_OK;
+  }
+  HRESULT WINAPI GetKeyList(IWbemPathKeyList** list) override {
+    if (keys.failAt == "GetKeyList") {
+      return win::wbemResult(WBEM_E_INVALID_PARAMETER);
+    }
+    keys.AddRef();
+    *list = &keys;
+    return S_OK;
+  }
+  HRESULT WINAPI GetText(LONG, ULONG*, LPWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetInfo(ULONG, ULONGLONG*) override { return E_NOTIMPL; }
+  HRESULT WINAPI SetServer(LPCWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetServer(ULONG*, LPWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetNamespaceCount(ULONG*) override { return E_NOTIMPL; }
+  HRESULT WINAPI SetNamespaceAt(ULONG, LPCWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetNamespaceAt(ULONG, ULONG*, LPWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI RemoveNamespaceAt(ULONG) override { return E_NOTIMPL; }
+  HRESULT WINAPI RemoveAllNamespaces() override { return E_NOTIMPL; }
+  HRESULT WINAPI GetScopeCount(ULONG*) override { return E_NOTIMPL; }
+  HRESULT WINAPI SetScope(ULONG, LPWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI SetScopeFromText(ULONG, LPWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetScope(ULONG, ULONG*, LPWSTR, IWbemPathKeyList**) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetScopeAsText(ULONG, ULONG*, LPWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI RemoveScope(ULONG) override { return E_NOTIMPL; }
+  HRESULT WINAPI RemoveAllScopes() override { return E_NOTIMPL; }
+  HRESULT WINAPI SetClassName(LPCWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI GetClassName(ULONG*, LPWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI CreateClassPart(LONG, LPCWSTR) override { return E_NOTIMPL; }
+  HRESULT WINAPI DeleteClassPart(LONG) override { return E_NOTIMPL; }
+  WINBOOL WINAPI IsRelative(LPWSTR, LPWSTR) override { return FALSE; }
+  WINBOOL WINAPI IsRelativeOrChild(LPWSTR, LPWSTR, LONG) override { return FALSE; }
+  WINBOOL WINAPI IsLocal(LPCWSTR) override { return FALSE; }
+  WINBOOL WINAPI IsSameClassName(LPCWSTR) override { return FALSE; }
+
+  std::wstring text;
+  FakePathKeys keys;
+};
+
+class FakePathFactory : public Counted<IClassFactory> {
+public:
+  HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** object) override {
+    constexpr IID kPath = {
+        0x3BC15AF2, 0x736C, 0x477E, {0x9E, 0x51, 0x23, 0x8A, 0xF8, 0x66, 0x7D, 0xCC}};
+    EXPECT_EQ(outer, nullptr);
+    if (iid != kPath) {
+      return E_NOINTERFACE;
+    }
+    if (path.keys.failAt == "CreateInstance") {
+      return E_OUTOFMEMORY;
+    }
+    path.AddRef();
+    *object = &path;
+    return S_OK;
+  }
+  HRESULT STDMETHODCALLTYPE LockServer(BOOL) override { return S_OK; }
+  ULONG STDMETHODCALLTYPE Release() override {
+    if (onRelease) {
+      onRelease();
+    }
+    return Counted::Release();
+  }
+
+  std::function<void()> onRelease;
+  FakePath path;
+};
+
+/// What the strategy answers. Set by the test before the calls; `onRequest` runs inside the
+/// exchange with the device server and may throw.
+struct Script {
+  InstanceList instances;
+  std::uint32_t status = 0;
+  std::function<void()> onRequest;
+
+  std::mutex mutex;
+  std::vector<std::string> requests; // "class|type|command|id"
+  int liveAdapters = 0;
+};
+inline Script* script = nullptr;
+
+class FakeXmlAdapter : public com::orvex::IUPOSXmlAdapter {
+public:
+  FakeXmlAdapter() {
+    std::scoped_lock lock(script->mutex);
+    ++script->liveAdapters;
+  }
+  FakeXmlAdapter(const FakeXmlAdapter&) = delete;
+  FakeXmlAdapter& operator=(const FakeXmlAdapter&) = delete;
+  ~FakeXmlAdapter() override {
+    std::scoped_lock lock(script->mutex);
+    --script->liveAdapters;
+  }
+  std::uint32_t toXML(std::string className, std::string type, std::string cmd, std::string id,
+                      std::string& out) override {
+    std::scoped_lock lock(script->mutex);
+    script->requests.push_back(className + "|" + type + "|" + cmd + "|" + id);
+    out = "REQUEST";
+    return 0;
+  }
+  std::uint32_t fromXML(std::string) override { return script->status; }
+  std::string sendRequest(std::string) override {
+    if (script->onRequest) {
+      script->onRequest();
+    }
+    return "ANSWER";
+  }
+  InstanceList getInstances() override { return script->instances; }
+  DeviceEvent fromXMLEvent(std::string) override { return {}; }
+};
+
+} // namespace fakes
