@@ -1,0 +1,534 @@
+#include "Cim.h"
+
+#include "Wql.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cwchar>
+#include <limits>
+#include <stdexcept>
+#include <type_traits>
+
+namespace wmi_host {
+namespace {
+
+struct TypeRow {
+  CimType type;
+  std::wstring_view name;
+};
+constexpr TypeRow kTypes[] = {
+    {CimType::sint8, L"sint8"},       {CimType::uint8, L"uint8"},     {CimType::sint16, L"sint16"},
+    {CimType::uint16, L"uint16"},     {CimType::sint32, L"sint32"},   {CimType::uint32, L"uint32"},
+    {CimType::sint64, L"sint64"},     {CimType::uint64, L"uint64"},   {CimType::real32, L"real32"},
+    {CimType::real64, L"real64"},     {CimType::boolean, L"boolean"}, {CimType::string, L"string"},
+    {CimType::datetime, L"datetime"}, {CimType::reference, L"ref"},   {CimType::char16, L"char16"},
+};
+
+wchar_t lowerChar(wchar_t c) {
+  return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
+}
+
+std::string narrowAscii(std::wstring_view text) {
+  std::string result;
+  for (wchar_t c : text) {
+    result += c < 0x80 ? static_cast<char>(c) : '?';
+  }
+  return result;
+}
+
+std::optional<Scalar> fitSigned(const Scalar& value, std::int64_t low, std::int64_t high) {
+  std::int64_t number = 0;
+  if (const auto* plain = std::get_if<std::int64_t>(&value)) {
+    number = *plain;
+  } else if (const auto* positive = std::get_if<std::uint64_t>(&value)) {
+    if (*positive > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+      return std::nullopt;
+    }
+    number = static_cast<std::int64_t>(*positive);
+  } else {
+    return std::nullopt;
+  }
+  if (number < low || number > high) {
+    return std::nullopt;
+  }
+  return number;
+}
+
+std::optional<Scalar> fitUnsigned(const Scalar& value, std::uint64_t high) {
+  std::uint64_t number = 0;
+  if (const auto* plain = std::get_if<std::uint64_t>(&value)) {
+    number = *plain;
+  } else if (const auto* maybeNegative = std::get_if<std::int64_t>(&value)) {
+    if (*maybeNegative < 0) {
+      return std::nullopt;
+    }
+    number = static_cast<std::uint64_t>(*maybeNegative);
+  } else {
+    return std::nullopt;
+  }
+  if (number > high) {
+    return std::nullopt;
+  }
+  return number;
+}
+
+std::optional<Scalar> fitReal(const Scalar& value) {
+  return std::visit(
+      [](const auto& held) -> std::optional<Scalar> {
+        using Held = std::decay_t<decltype(held)>;
+        if constexpr (std::is_same_v<Held, std::wstring> || std::is_same_v<Held, bool>) {
+          return std::nullopt;
+        } else {
+          return static_cast<double>(held);
+        }
+      },
+      value);
+}
+
+/// yyyymmddHHMMSS.mmmmmmsUUU, or an interval with ':' for the sign; unused digits may be stars.
+bool isDateTime(std::wstring_view text) {
+  if (text.size() != 25 || text[14] != L'.') {
+    return false;
+  }
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    wchar_t c = text[i];
+    if (i == 21 && c != L'+' && c != L'-' && c != L':') {
+      return false;
+    }
+    if (i != 14 && i != 21 && c != L'*' && (c < L'0' || c > L'9')) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::wstring valueText(const Value& value) {
+  if (value.isNull()) {
+    return L"NULL";
+  }
+  if (!value.isArray) {
+    return literal(value.items.front());
+  }
+  std::wstring text = L"{";
+  for (const Scalar& item : value.items) {
+    text += (text.size() > 1 ? L", " : L"") + literal(item);
+  }
+  return text + L"}";
+}
+
+std::wstring qualifierText(const std::vector<Qualifier>& qualifiers) {
+  std::wstring text;
+  for (const Qualifier& qualifier : qualifiers) {
+    text += text.empty() ? L"[" : L", ";
+    text += qualifier.name;
+    if (qualifier.value.isArray) {
+      text += valueText(qualifier.value);
+    } else if (qualifier.value != Value(true)) {
+      text += L"(" + valueText(qualifier.value) + L")";
+    }
+  }
+  return text.empty() ? text : text + L"]\n";
+}
+
+} // namespace
+
+std::wstring_view typeName(CimType type) {
+  for (const TypeRow& row : kTypes) {
+    if (row.type == type) {
+      return row.name;
+    }
+  }
+  return L"";
+}
+
+std::optional<CimType> typeFromName(std::wstring_view name) {
+  for (const TypeRow& row : kTypes) {
+    if (sameName(row.name, name) && row.type != CimType::reference) {
+      return row.type;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<Scalar> fit(CimType type, const Scalar& value) {
+  switch (type) {
+  case CimType::sint8:
+    return fitSigned(value, INT8_MIN, INT8_MAX);
+  case CimType::sint16:
+    return fitSigned(value, INT16_MIN, INT16_MAX);
+  case CimType::sint32:
+    return fitSigned(value, INT32_MIN, INT32_MAX);
+  case CimType::sint64:
+    return fitSigned(value, INT64_MIN, INT64_MAX);
+  case CimType::uint8:
+    return fitUnsigned(value, UINT8_MAX);
+  case CimType::uint16:
+  case CimType::char16:
+    return fitUnsigned(value, UINT16_MAX);
+  case CimType::uint32:
+    return fitUnsigned(value, UINT32_MAX);
+  case CimType::uint64:
+    return fitUnsigned(value, UINT64_MAX);
+  case CimType::real32:
+  case CimType::real64:
+    return fitReal(value);
+  case CimType::boolean:
+    return std::holds_alternative<bool>(value) ? std::optional(value) : std::nullopt;
+  case CimType::datetime: {
+    const auto* text = std::get_if<std::wstring>(&value);
+    return text != nullptr && isDateTime(*text) ? std::optional(value) : std::nullopt;
+  }
+  case CimType::string:
+  case CimType::reference:
+    return std::holds_alternative<std::wstring>(value) ? std::optional(value) : std::nullopt;
+  }
+  return std::nullopt;
+}
+
+std::optional<Value> fit(CimType type, bool isArray, const Value& value) {
+  if (value.isNull()) {
+    return value;
+  }
+  if (value.isArray != isArray) {
+    return std::nullopt;
+  }
+  Value result;
+  result.isArray = isArray;
+  for (const Scalar& item : value.items) {
+    std::optional<Scalar> fitted = fit(type, item);
+    if (!fitted) {
+      return std::nullopt;
+    }
+    result.items.push_back(std::move(*fitted));
+  }
+  return result;
+}
+
+std::optional<Scalar> parseInteger(std::wstring_view text) {
+  bool negative = text.starts_with(L'-');
+  if (negative || text.starts_with(L'+')) {
+    text.remove_prefix(1);
+  }
+  unsigned base = 10;
+  if (text.size() > 2 && text[0] == L'0' && lowerChar(text[1]) == L'x') {
+    base = 16;
+    text.remove_prefix(2);
+  }
+  if (text.empty()) {
+    return std::nullopt;
+  }
+  std::uint64_t number = 0;
+  for (wchar_t raw : text) {
+    wchar_t c = lowerChar(raw);
+    unsigned digit = 99;
+    if (c >= L'0' && c <= L'9') {
+      digit = static_cast<unsigned>(c - L'0');
+    } else if (c >= L'a' && c <= L'f') {
+      digit = static_cast<unsigned>(c - L'a') + 10;
+    }
+    if (digit >= base || number > (UINT64_MAX - digit) / base) {
+      return std::nullopt;
+    }
+    number = number * base + digit;
+  }
+  if (!negative) {
+    return number;
+  }
+  if (number > static_cast<std::uint64_t>(INT64_MAX) + 1) {
+    return std::nullopt;
+  }
+  return static_cast<std::int64_t>(0 - number);
+}
+
+bool Property::isKey() const {
+  return findQualifier(qualifiers, L"key") != nullptr;
+}
+
+std::optional<std::size_t> Class::find(std::wstring_view property) const {
+  for (std::size_t i = 0; i < properties.size(); ++i) {
+    if (sameName(properties[i].name, property)) {
+      return i;
+    }
+  }
+  return std::nullopt;
+}
+
+bool Class::flag(std::wstring_view qualifier) const {
+  const Qualifier* found = findQualifier(qualifiers, qualifier);
+  return found != nullptr && found->value == Value(true);
+}
+
+std::wstring Class::text(std::wstring_view qualifier) const {
+  const Qualifier* found = findQualifier(qualifiers, qualifier);
+  if (found == nullptr || found->value.items.empty()) {
+    return {};
+  }
+  const auto* text = std::get_if<std::wstring>(&found->value.items.front());
+  return text != nullptr ? *text : std::wstring();
+}
+
+bool Class::derivesFrom(std::wstring_view ancestor) const {
+  return sameName(name, ancestor) || (superclass && superclass->derivesFrom(ancestor));
+}
+
+Object Object::ofClass(ClassPointer type) {
+  Object object{std::move(type), false, {}};
+  for (const Property& property : object.type->properties) {
+    object.values.push_back(property.defaultValue);
+  }
+  return object;
+}
+
+Object Object::instanceOf(ClassPointer type) {
+  Object object = ofClass(std::move(type));
+  object.isInstance = true;
+  return object;
+}
+
+const Value* Object::find(std::wstring_view property) const {
+  std::optional<std::size_t> index = type->find(property);
+  return index ? &values[*index] : nullptr;
+}
+
+std::wstring Object::text(std::wstring_view property) const {
+  const Value* value = find(property);
+  if (value == nullptr || value->items.empty()) {
+    return {};
+  }
+  const auto* text = std::get_if<std::wstring>(&value->items.front());
+  return text != nullptr ? *text : std::wstring();
+}
+
+bool Object::truth(std::wstring_view property) const {
+  const Value* value = find(property);
+  return value != nullptr && *value == Value(true);
+}
+
+std::optional<std::wstring> Object::relativePath() const {
+  if (!isInstance) {
+    return type->name;
+  }
+  if (type->flag(L"singleton")) {
+    return type->name + L"=@";
+  }
+  std::wstring path = type->name;
+  wchar_t separator = L'.';
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const Property& property = type->properties[i];
+    if (!property.isKey()) {
+      continue;
+    }
+    if (values[i].isNull()) {
+      return std::nullopt;
+    }
+    path += separator + property.name + L"=" + literal(values[i].items.front());
+    separator = L',';
+  }
+  return separator == L',' ? std::optional(path) : std::nullopt;
+}
+
+std::wstring Object::mof() const {
+  if (isInstance) {
+    std::wstring text = L"instance of " + type->name + L"\n{\n";
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      if (!values[i].isNull()) {
+        text += L"\t" + type->properties[i].name + L" = " + valueText(values[i]) + L";\n";
+      }
+    }
+    return text + L"};\n";
+  }
+  std::wstring text = qualifierText(type->qualifiers) + L"class " + type->name;
+  if (type->superclass) {
+    text += L" : " + type->superclass->name;
+  }
+  text += L"\n{\n";
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    const Property& property = type->properties[i];
+    if (!sameName(property.origin, type->name)) {
+      continue;
+    }
+    bool isReference = property.type == CimType::reference;
+    text += qualifierText(property.qualifiers) + L"\t" +
+            (isReference ? property.cimType.substr(4) + L" ref"
+                         : std::wstring(typeName(property.type))) +
+            L" " + property.name + (property.isArray ? L"[]" : L"");
+    if (!values[i].isNull()) {
+      text += L" = " + valueText(values[i]);
+    }
+    text += L";\n";
+  }
+  return text + L"};\n";
+}
+
+const std::vector<std::pair<std::wstring, CimType>>& systemProperties() {
+  static const std::vector<std::pair<std::wstring, CimType>> names = {
+      {L"__GENUS", CimType::sint32},      {L"__CLASS", CimType::string},
+      {L"__SUPERCLASS", CimType::string}, {L"__DYNASTY", CimType::string},
+      {L"__RELPATH", CimType::string},    {L"__PROPERTY_COUNT", CimType::sint32},
+      {L"__DERIVATION", CimType::string}, {L"__SERVER", CimType::string},
+      {L"__NAMESPACE", CimType::string},  {L"__PATH", CimType::string},
+  };
+  return names;
+}
+
+std::optional<Value> systemProperty(const Object& object, std::wstring_view name) {
+  const Class& type = *object.type;
+  auto is = [name](std::wstring_view other) { return sameName(name, other); };
+  if (is(L"__GENUS")) {
+    return Value(std::int64_t{object.isInstance ? 2 : 1});
+  }
+  if (is(L"__CLASS")) {
+    return Value(type.name);
+  }
+  if (is(L"__SUPERCLASS")) {
+    return type.superclass ? Value(type.superclass->name) : Value();
+  }
+  if (is(L"__DYNASTY")) {
+    const Class* top = &type;
+    while (top->superclass) {
+      top = top->superclass.get();
+    }
+    return Value(top->name);
+  }
+  if (is(L"__RELPATH") || is(L"__PATH")) {
+    std::optional<std::wstring> path = object.relativePath();
+    if (!path) {
+      return Value();
+    }
+    return Value(is(L"__PATH") ? L"\\\\.\\root\\cimv2:" + *path : *path);
+  }
+  if (is(L"__PROPERTY_COUNT")) {
+    return Value(static_cast<std::int64_t>(type.properties.size()));
+  }
+  if (is(L"__DERIVATION")) {
+    Value derivation;
+    derivation.isArray = true;
+    for (ClassPointer above = type.superclass; above; above = above->superclass) {
+      derivation.items.emplace_back(above->name);
+    }
+    return derivation;
+  }
+  if (is(L"__SERVER")) {
+    return Value(std::wstring(L"."));
+  }
+  if (is(L"__NAMESPACE")) {
+    return Value(std::wstring(L"root\\cimv2"));
+  }
+  return std::nullopt;
+}
+
+bool sameName(std::wstring_view one, std::wstring_view other) {
+  return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                    [](wchar_t a, wchar_t b) { return lowerChar(a) == lowerChar(b); });
+}
+
+std::wstring lower(std::wstring_view text) {
+  std::wstring result(text);
+  std::transform(result.begin(), result.end(), result.begin(), lowerChar);
+  return result;
+}
+
+const Qualifier* findQualifier(const std::vector<Qualifier>& qualifiers, std::wstring_view name) {
+  for (const Qualifier& qualifier : qualifiers) {
+    if (sameName(qualifier.name, name)) {
+      return &qualifier;
+    }
+  }
+  return nullptr;
+}
+
+std::wstring quoted(std::wstring_view text) {
+  std::wstring result = L"\"";
+  for (wchar_t c : text) {
+    if (c == L'"' || c == L'\\') {
+      result += L'\\';
+    }
+    result += c;
+  }
+  return result + L"\"";
+}
+
+std::wstring literal(const Scalar& value) {
+  return std::visit(
+      [](const auto& held) -> std::wstring {
+        using Held = std::decay_t<decltype(held)>;
+        if constexpr (std::is_same_v<Held, std::wstring>) {
+          return quoted(held);
+        } else if constexpr (std::is_same_v<Held, bool>) {
+          return held ? L"TRUE" : L"FALSE";
+        } else if constexpr (std::is_same_v<Held, double>) {
+          wchar_t buffer[40];
+          int length = std::swprintf(buffer, std::size(buffer), L"%.17g", held);
+          return std::wstring(buffer, static_cast<std::size_t>(std::max(length, 0)));
+        } else {
+          return std::to_wstring(held);
+        }
+      },
+      value);
+}
+
+ClassPointer Repository::findClass(std::wstring_view name) const {
+  auto found = classes_.find(lower(name));
+  return found != classes_.end() ? found->second : nullptr;
+}
+
+std::vector<ClassPointer> Repository::derivedFrom(std::wstring_view name) const {
+  std::vector<ClassPointer> result;
+  for (const auto& [key, type] : classes_) {
+    if (!sameName(key, name) && type->derivesFrom(name)) {
+      result.push_back(type);
+    }
+  }
+  return result;
+}
+
+const Object* Repository::findInstance(const ObjectPath& path) const {
+  for (const Object& instance : instances_) {
+    if (path.names(instance)) {
+      return &instance;
+    }
+  }
+  return nullptr;
+}
+
+void Repository::putClass(Class type) {
+  ClassPointer& place = classes_[lower(type.name)];
+  if (place && !derivedFrom(type.name).empty()) {
+    if (place->superclass != type.superclass || place->qualifiers != type.qualifiers ||
+        place->properties != type.properties) {
+      throw std::runtime_error("class " + narrowAscii(type.name) +
+                               " has derived classes and cannot change");
+    }
+    return; // the derived ones keep pointing to it
+  }
+  place = std::make_shared<const Class>(std::move(type));
+}
+
+void Repository::putInstance(Object instance) {
+  std::optional<std::wstring> path = instance.relativePath();
+  if (!path) {
+    throw std::runtime_error("instance of " + narrowAscii(instance.type->name) +
+                             " without a value for its key");
+  }
+  if (std::optional<ObjectPath> parsed = parsePath(*path)) {
+    removeInstance(*parsed);
+  }
+  instances_.push_back(std::move(instance));
+}
+
+bool Repository::removeClass(std::wstring_view name) {
+  if (!findClass(name)) {
+    return false;
+  }
+  std::erase_if(instances_,
+                [&](const Object& instance) { return instance.type->derivesFrom(name); });
+  std::erase_if(classes_, [&](const auto& entry) { return entry.second->derivesFrom(name); });
+  return true;
+}
+
+bool Repository::removeInstance(const ObjectPath& path) {
+  return std::erase_if(instances_, [&](const Object& instance) { return path.names(instance); }) >
+         0;
+}
+
+} // namespace wmi_host

@@ -1,0 +1,161 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+/// The object model of WMI without Windows: values, classes, instances and the store that holds
+/// them. Values are immutable once shared; a Repository is filled by one thread and then only read.
+namespace wmi_host {
+
+/// WMI's CIMTYPE numbers.
+enum class CimType : int {
+  sint16 = 2,
+  sint32 = 3,
+  real32 = 4,
+  real64 = 5,
+  string = 8,
+  boolean = 11,
+  sint8 = 16,
+  uint8 = 17,
+  uint16 = 18,
+  uint32 = 19,
+  sint64 = 20,
+  uint64 = 21,
+  datetime = 101,
+  reference = 102,
+  char16 = 103,
+};
+
+std::wstring_view typeName(CimType type);
+std::optional<CimType> typeFromName(std::wstring_view name);
+
+/// Signed types hold std::int64_t, unsigned ones and char16 std::uint64_t, reals double; strings,
+/// date-times and references std::wstring.
+using Scalar = std::variant<bool, std::int64_t, std::uint64_t, double, std::wstring>;
+
+/// Null is: not an array and no item.
+struct Value {
+  bool isArray = false;
+  std::vector<Scalar> items;
+
+  Value() = default;
+  explicit Value(Scalar scalar) : items{std::move(scalar)} {}
+  bool isNull() const { return !isArray && items.empty(); }
+  bool operator==(const Value&) const = default;
+};
+
+/// `value` as this type holds it; nothing if the kind is another or the number is out of range.
+std::optional<Scalar> fit(CimType type, const Scalar& value);
+std::optional<Value> fit(CimType type, bool isArray, const Value& value);
+/// Decimal, or hexadecimal after 0x; the whole text.
+std::optional<Scalar> parseInteger(std::wstring_view text);
+
+struct Qualifier {
+  static constexpr int kToInstance = 1;
+  static constexpr int kToSubclass = 2;
+  static constexpr int kNotOverridable = 0x10;
+  static constexpr int kPropagated = 0x20;
+  static constexpr int kAmended = 0x80;
+
+  std::wstring name;
+  CimType type = CimType::boolean;
+  Value value;
+  int flavor = 0; // WMI's WBEM_FLAVOR bits, as above
+  bool operator==(const Qualifier&) const = default;
+};
+
+struct Property {
+  std::wstring name;
+  CimType type = CimType::string;
+  bool isArray = false;
+  std::wstring cimType; // the text of the CIMTYPE qualifier: a type name, or "ref:Class"
+  std::vector<Qualifier> qualifiers;
+  Value defaultValue;
+  std::wstring origin; // the class that introduced it
+  bool isKey() const;
+  bool operator==(const Property&) const = default;
+};
+
+/// Inherited properties stand in it too, the superclass's first.
+struct Class {
+  std::wstring name;
+  std::shared_ptr<const Class> superclass;
+  std::vector<Qualifier> qualifiers;
+  std::vector<Property> properties;
+
+  std::optional<std::size_t> find(std::wstring_view property) const;
+  bool flag(std::wstring_view qualifier) const;
+  /// The text of a class qualifier; empty without one.
+  std::wstring text(std::wstring_view qualifier) const;
+  bool isAbstract() const { return flag(L"abstract"); }
+  bool isDynamic() const { return flag(L"dynamic"); }
+  /// The class itself counts.
+  bool derivesFrom(std::wstring_view ancestor) const;
+};
+using ClassPointer = std::shared_ptr<const Class>;
+
+/// A class as an object (its values are the defaults) or an instance.
+struct Object {
+  ClassPointer type;
+  bool isInstance = false;
+  std::vector<Value> values; // one for each of the class's properties
+
+  static Object ofClass(ClassPointer type);
+  static Object instanceOf(ClassPointer type);
+  /// Null without such a property.
+  const Value* find(std::wstring_view property) const;
+  std::wstring text(std::wstring_view property) const;
+  bool truth(std::wstring_view property) const;
+  /// Null for an instance whose keys are not all set, or of a class without keys.
+  std::optional<std::wstring> relativePath() const;
+  /// As MOF text.
+  std::wstring mof() const;
+};
+
+/// The documented system properties, in the order in which they are enumerated.
+const std::vector<std::pair<std::wstring, CimType>>& systemProperties();
+/// Nothing without such a system property.
+std::optional<Value> systemProperty(const Object& object, std::wstring_view name);
+
+/// Class, property and qualifier names are compared without regard to (ASCII) case.
+bool sameName(std::wstring_view one, std::wstring_view other);
+std::wstring lower(std::wstring_view text);
+const Qualifier* findQualifier(const std::vector<Qualifier>& qualifiers, std::wstring_view name);
+/// With `\` before `"` and `\`, in double quotes.
+std::wstring quoted(std::wstring_view text);
+/// As a path or MOF writes it.
+std::wstring literal(const Scalar& value);
+
+struct ObjectPath;
+
+/// The classes and static instances of root\cimv2.
+class Repository {
+public:
+  ClassPointer findClass(std::wstring_view name) const;
+  /// Every class below `name`, not itself, by name.
+  std::vector<ClassPointer> derivedFrom(std::wstring_view name) const;
+  const std::vector<Object>& instances() const { return instances_; }
+  const Object* findInstance(const ObjectPath& path) const;
+
+  /// Throw std::runtime_error with the reason. A class may be stored again; with classes below it
+  /// only unchanged.
+  void putClass(Class type);
+  void putInstance(Object instance);
+  /// False if there is none. A class goes with what derives from it and with the instances.
+  bool removeClass(std::wstring_view name);
+  bool removeInstance(const ObjectPath& path);
+
+private:
+  std::map<std::wstring, ClassPointer> classes_; // by lower-case name
+  std::vector<Object> instances_;
+};
+
+} // namespace wmi_host

@@ -1,0 +1,512 @@
+#include "ProviderHost.h"
+
+#include "CallContext.h"
+#include "ClassObject.h"
+#include "Services.h"
+#include "Settings.h"
+#include "win/Automation.h"
+#include "win/Handles.h"
+
+#include <objbase.h>
+
+#include <chrono>
+#include <thread>
+
+namespace wmi_host {
+
+using Microsoft::WRL::ComPtr;
+using win::comBoundary;
+
+namespace {
+
+constexpr auto kInitialisationTimeout = std::chrono::seconds(60);
+
+std::atomic<DWORD> initializeCount = 0;
+std::atomic<DWORD> requestCount = 0;
+std::atomic<DWORD> violationCount = 0;
+
+std::wstring newIdentity() {
+  GUID identity{};
+  CoCreateGuid(&identity);
+  wchar_t text[40] = {};
+  StringFromGUID2(identity, text, 40);
+  return text;
+}
+
+/// A provider's answer to Initialize: the sink may be called after the call returned.
+struct Initialisation {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::optional<LONG> status;
+};
+
+class InitSink final : public ComObject<IWbemProviderInitSink> {
+public:
+  explicit InitSink(std::shared_ptr<Initialisation> state)
+      : ComObject(liveCounts.sinks), state_(std::move(state)) {}
+
+  HRESULT STDMETHODCALLTYPE SetStatus(LONG status, LONG flags) noexcept override {
+    return comBoundary([&] {
+      if (flags != 0) {
+        return wbemResult(WBEM_E_INVALID_PARAMETER);
+      }
+      std::scoped_lock lock(state_->mutex);
+      state_->status = status;
+      state_->changed.notify_all();
+      return wbemResult(WBEM_S_NO_ERROR);
+    });
+  }
+
+private:
+  ~InitSink() override = default;
+  std::shared_ptr<Initialisation> state_;
+};
+
+/// Runs `body` on a new thread of the multithreaded apartment, as a call of a client, and waits.
+template <class Body>
+HRESULT onClientCall(Body body) {
+  HRESULT result = wbemResult(WBEM_E_FAILED);
+  std::thread([&] {
+    result = comBoundary([&] {
+      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+      HRESULT got = wbemResult(WBEM_E_FAILED);
+      {
+        CallScope call;
+        got = body();
+      }
+      CoUninitialize();
+      return got;
+    });
+  }).join();
+  return result;
+}
+
+} // namespace
+
+void counters::countInitialize() {
+  ++initializeCount;
+}
+void counters::countRequest() {
+  ++requestCount;
+}
+void counters::countViolation(const std::wstring& what) {
+  ++violationCount;
+  settings::storeCounter(L"LastViolation", what);
+  store();
+}
+void counters::storeProviderReferences(ULONG left) {
+  settings::storeCounter(L"ProviderReferences", left);
+}
+void counters::store() {
+  settings::storeCounter(L"Initialize", initializeCount);
+  settings::storeCounter(L"Requests", requestCount);
+  settings::storeCounter(L"Violations", violationCount);
+  settings::storeCounter(L"LiveObjects", static_cast<DWORD>(liveCounts.objects.load()));
+  settings::storeCounter(L"LiveServices", static_cast<DWORD>(liveCounts.services.load()));
+  settings::storeCounter(L"LiveSinks", static_cast<DWORD>(liveCounts.sinks.load()));
+}
+
+/// One request of a client. The provider's sink, the provider's thread and the thread that watches
+/// the client share it.
+struct ProviderHost::Request {
+  wire::Kind kind = wire::Kind::enumerate;
+  std::wstring argument;
+  std::wstring className;
+  std::shared_ptr<Connection> connection;
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::optional<HRESULT> status;
+  bool isCancelled = false;
+  DWORD objects = 0;
+  ComPtr<IWbemServices> provider; // while it works on this request
+  ComPtr<IWbemObjectSink> sink;   // likewise
+
+  void finish(HRESULT result) {
+    std::scoped_lock lock(mutex);
+    if (!status) {
+      status = result;
+      changed.notify_all();
+    }
+  }
+
+  /// Tells the provider, which may ignore it.
+  void cancel() {
+    ComPtr<IWbemServices> working;
+    ComPtr<IWbemObjectSink> given;
+    {
+      std::scoped_lock lock(mutex);
+      isCancelled = true;
+      working = provider;
+      given = sink;
+    }
+    if (working && given) {
+      working->CancelAsyncCall(given.Get());
+    }
+    finish(wbemResult(WBEM_E_CALL_CANCELLED));
+  }
+};
+
+namespace {
+
+/// The response handler that a provider gets for one request.
+template <class Request>
+class ResponseSink final : public ComObject<IWbemObjectSink> {
+public:
+  explicit ResponseSink(std::shared_ptr<Request> request)
+      : ComObject(liveCounts.sinks), request_(std::move(request)) {}
+
+  HRESULT STDMETHODCALLTYPE Indicate(LONG count, IWbemClassObject** objects) noexcept override {
+    return comBoundary([&] {
+      if (HRESULT failed = settings::failure(L"IndicateObject"); FAILED(failed)) {
+        return failed;
+      }
+      if (count <= 0 || objects == nullptr) {
+        return violation(L"Indicate without objects", wbemResult(WBEM_E_INVALID_PARAMETER));
+      }
+      for (LONG i = 0; i < count; ++i) {
+        HRESULT result = take(objects[i]);
+        if (FAILED(result)) {
+          return result;
+        }
+      }
+      return wbemResult(WBEM_S_NO_ERROR);
+    });
+  }
+
+  HRESULT STDMETHODCALLTYPE SetStatus(LONG flags, HRESULT result, BSTR,
+                                      IWbemClassObject*) noexcept override {
+    return comBoundary([&] {
+      if (flags != WBEM_STATUS_COMPLETE) {
+        return wbemResult(WBEM_S_NO_ERROR); // progress and the like: nobody asked for it
+      }
+      if (isComplete_.exchange(true)) {
+        return violation(L"SetStatus after the end", wbemResult(WBEM_E_FAILED));
+      }
+      request_->finish(result);
+      return wbemResult(WBEM_S_NO_ERROR);
+    });
+  }
+
+private:
+  /// The provider let go of a request that it had accepted, without an end.
+  ~ResponseSink() override { request_->finish(wbemResult(WBEM_E_PROVIDER_FAILURE)); }
+
+  static HRESULT violation(const wchar_t* what, HRESULT result) {
+    counters::countViolation(what);
+    return result;
+  }
+
+  HRESULT take(IWbemClassObject* given) {
+    const ClassObject* known = ClassObject::from(given);
+    if (known == nullptr || !known->object().isInstance) {
+      return violation(L"Indicate of something that is no instance",
+                       wbemResult(WBEM_E_INVALID_OBJECT));
+    }
+    const Object& object = known->object();
+    if (!sameName(object.type->name, request_->className)) {
+      return violation(L"Indicate of an instance of another class",
+                       wbemResult(WBEM_E_INVALID_OBJECT));
+    }
+    if (isComplete_) {
+      return violation(L"Indicate after SetStatus", wbemResult(WBEM_E_FAILED));
+    }
+    bool cancelNow = false;
+    {
+      std::scoped_lock lock(request_->mutex);
+      if (request_->isCancelled) {
+        return wbemResult(WBEM_E_CALL_CANCELLED);
+      }
+      if (request_->kind == wire::Kind::get && request_->objects > 0) {
+        return violation(L"Indicate of more than the one object",
+                         wbemResult(WBEM_E_INVALID_OPERATION));
+      }
+      ++request_->objects;
+      DWORD limit = settings::number(L"CancelAfter");
+      cancelNow = limit != 0 && request_->objects >= limit;
+    }
+    if (!request_->connection->send(wire::Kind::object, wire::fromObject(object))) {
+      return wbemResult(WBEM_E_CALL_CANCELLED);
+    }
+    if (cancelNow) {
+      request_->cancel();
+    }
+    return wbemResult(WBEM_S_NO_ERROR);
+  }
+
+  std::shared_ptr<Request> request_;
+  std::atomic<bool> isComplete_ = false;
+};
+
+} // namespace
+
+ProviderHost& ProviderHost::instance() {
+  static auto* host = new ProviderHost; // its threads live as long as the process
+  return *host;
+}
+
+HRESULT ProviderHost::registerProvider(const std::wstring& name, IUnknown* unknown,
+                                       std::shared_ptr<const Repository> repository) {
+  std::scoped_lock lock(mutex_);
+  if (provider_) {
+    return wbemResult(WBEM_E_PROVIDER_ALREADY_REGISTERED);
+  }
+  provider_ = std::make_shared<Provider>();
+  provider_->name = name;
+  provider_->unknown = unknown;
+  provider_->repository = std::move(repository);
+  startListening();
+  counters::store();
+  return wbemResult(WBEM_S_NO_ERROR);
+}
+
+void ProviderHost::unregisterProvider() {
+  std::scoped_lock lock(mutex_);
+  if (std::shared_ptr<Provider> leaving = std::move(provider_)) {
+    provider_.reset();
+    // A request that still runs holds the provider, and lets go of it at its end.
+    if (leaving.use_count() == 1) {
+      leaving->services.Reset();
+      counters::storeProviderReferences(leaving->unknown.Reset());
+    }
+    stopListeningIfUnused();
+    counters::store();
+  }
+}
+
+void ProviderHost::registerEvents(std::shared_ptr<const Repository>) {
+  std::scoped_lock lock(mutex_);
+  ++eventRegistrations_;
+  startListening();
+  counters::store();
+}
+
+void ProviderHost::unregisterEvents() {
+  std::scoped_lock lock(mutex_);
+  --eventRegistrations_;
+  stopListeningIfUnused();
+  counters::store();
+}
+
+void ProviderHost::publishEvent(const Object& event) {
+  std::string payload = wire::fromObject(event);
+  std::set<std::shared_ptr<Connection>> subscribers;
+  {
+    std::scoped_lock lock(mutex_);
+    subscribers = subscribers_;
+  }
+  for (const std::shared_ptr<Connection>& subscriber : subscribers) {
+    subscriber->send(wire::Kind::object, payload); // a dead one's own thread takes it out
+  }
+}
+
+/// Called with the lock held.
+void ProviderHost::startListening() {
+  if (listener_ != INVALID_SOCKET) {
+    return;
+  }
+  settings::clearCounters();
+  startSockets();
+  listener_ = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  int size = sizeof address;
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  bind(listener_, generic, size);
+  listen(listener_, SOMAXCONN);
+  getsockname(listener_, generic, &size);
+  settings::Server server{ntohs(address.sin_port), newIdentity()};
+  std::thread([this, listener = listener_, identity = server.identity] {
+    accept(listener, identity);
+  }).detach();
+  settings::publish(server);
+}
+
+/// Called with the lock held.
+void ProviderHost::stopListeningIfUnused() {
+  if (provider_ || eventRegistrations_ > 0) {
+    return;
+  }
+  settings::withdraw();
+  closesocket(std::exchange(listener_, INVALID_SOCKET));
+  for (const std::shared_ptr<Connection>& connection : connections_) {
+    connection->close();
+  }
+}
+
+void ProviderHost::accept(SOCKET listener, const std::wstring& identity) {
+  for (;;) {
+    SOCKET socket = ::accept(listener, nullptr, nullptr);
+    if (socket == INVALID_SOCKET) {
+      return;
+    }
+    auto connection = std::make_shared<Connection>(socket);
+    {
+      std::scoped_lock lock(mutex_);
+      if (listener_ != listener) {
+        return;
+      }
+      connections_.insert(connection);
+    }
+    std::thread([this, connection, identity] {
+      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+      comBoundary([&] {
+        if (connection->send(wire::Kind::hello, wire::fromText(identity))) {
+          serve(connection);
+        }
+        return S_OK;
+      });
+      {
+        std::scoped_lock lock(mutex_);
+        connections_.erase(connection);
+        subscribers_.erase(connection);
+      }
+      CoUninitialize();
+    }).detach();
+  }
+}
+
+/// A connection carries one request; while it is worked on, this thread watches the client.
+void ProviderHost::serve(const std::shared_ptr<Connection>& connection) {
+  std::optional<wire::Message> message = connection->receive();
+  if (!message) {
+    return;
+  }
+  if (message->kind == wire::Kind::subscribe) {
+    subscribe(connection);
+    return;
+  }
+  auto request = std::make_shared<Request>();
+  request->kind = message->kind;
+  request->argument = wire::toText(message->payload);
+  std::optional<ObjectPath> path = parsePath(request->argument);
+  request->className = path ? path->className : request->argument;
+  request->connection = connection;
+  std::thread worker([this, request] { answer(request); });
+  connection->receive(); // clients send nothing more: this is the end of the client's interest
+  bool isOver = false;
+  {
+    std::scoped_lock lock(request->mutex);
+    isOver = request->status.has_value();
+  }
+  if (!isOver) {
+    request->cancel();
+  }
+  worker.join();
+}
+
+void ProviderHost::subscribe(const std::shared_ptr<Connection>& connection) {
+  {
+    std::scoped_lock lock(mutex_);
+    subscribers_.insert(connection);
+    connection->send(wire::Kind::status, wire::fromNumber(0));
+  }
+  connection->receive();
+}
+
+/// Serves one request from its first to its last message; on a thread of its own.
+void ProviderHost::answer(const std::shared_ptr<Request>& request) {
+  std::shared_ptr<Provider> provider;
+  {
+    std::scoped_lock lock(mutex_);
+    provider = provider_;
+  }
+  HRESULT status = comBoundary([&] {
+    counters::countRequest();
+    ClassPointer type =
+        provider ? provider->repository->findClass(request->className) : ClassPointer();
+    if (!type || type->text(L"provider") != provider->name) {
+      return wbemResult(WBEM_E_PROVIDER_LOAD_FAILURE);
+    }
+    bool isGet = request->kind == wire::Kind::get;
+    bool isCapable = false;
+    for (const Object& entry : provider->repository->instances()) {
+      std::optional<ObjectPath> target = parsePath(entry.text(L"provider"));
+      isCapable |= sameName(entry.type->name, L"__InstanceProviderRegistration") && target &&
+                   target->keys.size() == 1 && target->keys[0].second == Scalar(provider->name) &&
+                   entry.truth(isGet ? L"SupportsGet" : L"SupportsEnumeration");
+    }
+    if (!isCapable) {
+      return wbemResult(WBEM_E_PROVIDER_NOT_CAPABLE);
+    }
+    HRESULT result = initialise(*provider);
+    return FAILED(result) ? result : call(*provider, request);
+  });
+  provider.reset();
+  comBoundary([&] {
+    counters::store();
+    request->connection->send(wire::Kind::status,
+                              wire::fromNumber(static_cast<std::uint32_t>(status)));
+    return S_OK;
+  });
+}
+
+/// Once for a registration; after a failure the next request tries again.
+HRESULT ProviderHost::initialise(Provider& provider) {
+  std::scoped_lock lock(provider.initialising);
+  if (provider.services) {
+    return wbemResult(WBEM_S_NO_ERROR);
+  }
+  ComPtr<IWbemServices> services;
+  ComPtr<IWbemProviderInit> initialiser;
+  if (FAILED(provider.unknown.As(&services)) || FAILED(provider.unknown.As(&initialiser))) {
+    return wbemResult(WBEM_E_PROVIDER_LOAD_FAILURE);
+  }
+  auto state = std::make_shared<Initialisation>();
+  counters::countInitialize();
+  HRESULT result = onClientCall([&] {
+    ComPtr<IWbemServices> ours = adopt<IWbemServices>(new Services(provider.repository));
+    ComPtr<IWbemProviderInitSink> sink = adopt<IWbemProviderInitSink>(new InitSink(state));
+    std::wstring nameSpace = L"root\\cimv2";
+    std::wstring locale = L"MS_409";
+    return initialiser->Initialize(nullptr, 0, nameSpace.data(), locale.data(), ours.Get(), nullptr,
+                                   sink.Get());
+  });
+  std::unique_lock wait(state->mutex);
+  if (FAILED(result) ||
+      !state->changed.wait_for(wait, kInitialisationTimeout,
+                               [&] { return state->status.has_value(); }) ||
+      *state->status != WBEM_S_INITIALIZED) {
+    return wbemResult(WBEM_E_PROVIDER_LOAD_FAILURE);
+  }
+  provider.services = services;
+  return wbemResult(WBEM_S_NO_ERROR);
+}
+
+HRESULT ProviderHost::call(Provider& provider, const std::shared_ptr<Request>& request) {
+  {
+    std::scoped_lock lock(request->mutex);
+    if (request->isCancelled) {
+      return wbemResult(WBEM_E_CALL_CANCELLED);
+    }
+    request->provider = provider.services;
+    request->sink = adopt<IWbemObjectSink>(new ResponseSink<Request>(request));
+  }
+  ComPtr<IWbemObjectSink> sink = request->sink;
+  HRESULT returned = onClientCall([&] {
+    Sleep(settings::number(L"DelayBefore"));
+    win::Bstr argument(request->argument);
+    HRESULT result =
+        request->kind == wire::Kind::get
+            ? provider.services->GetObjectAsync(argument.get(), 0, nullptr, sink.Get())
+            : provider.services->CreateInstanceEnumAsync(argument.get(), 0, nullptr, sink.Get());
+    Sleep(settings::number(L"DelayAfter"));
+    return result;
+  });
+  if (FAILED(returned)) {
+    request->finish(returned);
+  }
+  // From here on only the provider can hold the sink: its last Release ends the request too.
+  sink.Reset();
+  std::unique_lock lock(request->mutex);
+  ComPtr<IWbemObjectSink> last = std::move(request->sink);
+  lock.unlock();
+  last.Reset();
+  lock.lock();
+  request->changed.wait(lock, [&] { return request->status.has_value(); });
+  request->provider.Reset();
+  return *request->status;
+}
+
+} // namespace wmi_host

@@ -1,0 +1,71 @@
+#pragma once
+
+#include "Cim.h"
+#include "Connection.h"
+
+#include <wbemcli.h>
+#include <wbemprov.h>
+#include <wrl/client.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace wmi_host {
+
+/// Counts of what a provider's process did, for tests: kept in the registry, below Counters.
+namespace counters {
+void countInitialize();
+void countRequest();
+/// Something that WMI does not allow a provider to do.
+void countViolation(const std::wstring& what);
+void storeProviderReferences(ULONG left);
+/// Writes the numbers of live objects too.
+void store();
+} // namespace counters
+
+/// What the provider-side classes of one process share: the registered provider, the subscribers,
+/// the listener for clients. Never destroyed. Any thread.
+class ProviderHost {
+public:
+  static ProviderHost& instance();
+
+  /// WBEM_E_PROVIDER_ALREADY_REGISTERED while another is registered.
+  HRESULT registerProvider(const std::wstring& name, IUnknown* provider,
+                           std::shared_ptr<const Repository> repository);
+  void unregisterProvider();
+  void registerEvents(std::shared_ptr<const Repository> repository);
+  void unregisterEvents();
+  void publishEvent(const Object& event);
+
+private:
+  struct Provider {
+    std::wstring name;
+    std::shared_ptr<const Repository> repository;
+    Microsoft::WRL::ComPtr<IUnknown> unknown;
+    std::mutex initialising;
+    Microsoft::WRL::ComPtr<IWbemServices> services; // after Initialize
+  };
+  struct Request;
+
+  ProviderHost() = default;
+  void startListening();
+  void stopListeningIfUnused();
+  void accept(SOCKET listener, const std::wstring& identity);
+  void serve(const std::shared_ptr<Connection>& connection);
+  void subscribe(const std::shared_ptr<Connection>& connection);
+  void answer(const std::shared_ptr<Request>& request);
+  static HRESULT initialise(Provider& provider);
+  static HRESULT call(Provider& provider, const std::shared_ptr<Request>& request);
+
+  std::mutex mutex_; // guards what follows
+  std::shared_ptr<Provider> provider_;
+  int eventRegistrations_ = 0;
+  SOCKET listener_ = INVALID_SOCKET;
+  std::set<std::shared_ptr<Connection>> connections_;
+  std::set<std::shared_ptr<Connection>> subscribers_;
+};
+
+} // namespace wmi_host
