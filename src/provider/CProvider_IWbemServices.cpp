@@ -160,7 +160,7 @@ HRESULT CProvider_IWbemServices::fetchEventClass(IWbemContext* context) noexcept
 namespace {
 
 /// GetProperty and PutProperty alike: two mappings are known, and served by doing nothing.
-HRESULT serveProperty(const BSTR propertyMapping) noexcept {
+HRESULT serveProperty(BSTR propertyMapping) noexcept {
   const std::wstring_view mapping = propertyMapping != nullptr ? propertyMapping : L"";
   if (mapping == L"ExtraProperty1" || mapping == L"ExtraProperty2") {
     return WBEM_S_NO_ERROR;
@@ -170,12 +170,12 @@ HRESULT serveProperty(const BSTR propertyMapping) noexcept {
 
 } // namespace
 
-HRESULT CProvider_IWbemServices::GetProperty(LONG, const BSTR, const BSTR, const BSTR,
-                                             const BSTR propertyMapping, VARIANT*) noexcept {
+HRESULT CProvider_IWbemServices::GetProperty(LONG, BSTR, BSTR, BSTR, BSTR propertyMapping,
+                                             VARIANT*) noexcept {
   return serveProperty(propertyMapping);
 }
-HRESULT CProvider_IWbemServices::PutProperty(LONG, const BSTR, const BSTR, const BSTR,
-                                             const BSTR propertyMapping, const VARIANT*) noexcept {
+HRESULT CProvider_IWbemServices::PutProperty(LONG, BSTR, BSTR, BSTR, BSTR propertyMapping,
+                                             const VARIANT*) noexcept {
   return serveProperty(propertyMapping);
 }
 
@@ -186,7 +186,7 @@ HRESULT CProvider_IWbemServices::Shutdown(LONG, ULONG, IWbemContext*) noexcept {
 // The operations that are not served. The mix of codes is deliberate: synchronous operations are
 // not available, asynchronous writes and queries are beyond this provider, and the two asynchronous
 // class operations find nothing.
-HRESULT CProvider_IWbemServices::OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
+HRESULT CProvider_IWbemServices::OpenNamespace(BSTR, LONG, IWbemContext*, IWbemServices**,
                                                IWbemCallResult**) noexcept {
   return WBEM_S_NO_ERROR;
 }
@@ -196,7 +196,7 @@ HRESULT CProvider_IWbemServices::CancelAsyncCall(IWbemObjectSink*) noexcept {
 HRESULT CProvider_IWbemServices::QueryObjectSink(LONG, IWbemObjectSink**) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
-HRESULT CProvider_IWbemServices::GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**,
+HRESULT CProvider_IWbemServices::GetObject(BSTR, LONG, IWbemContext*, IWbemClassObject**,
                                            IWbemCallResult**) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
@@ -208,19 +208,19 @@ HRESULT CProvider_IWbemServices::PutClassAsync(IWbemClassObject*, LONG, IWbemCon
                                                IWbemObjectSink*) noexcept {
   return wbemResult(WBEM_E_NOT_FOUND);
 }
-HRESULT CProvider_IWbemServices::DeleteClass(const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::DeleteClass(BSTR, LONG, IWbemContext*,
                                              IWbemCallResult**) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
-HRESULT CProvider_IWbemServices::DeleteClassAsync(const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::DeleteClassAsync(BSTR, LONG, IWbemContext*,
                                                   IWbemObjectSink*) noexcept {
   return wbemResult(WBEM_E_PROVIDER_NOT_CAPABLE);
 }
-HRESULT CProvider_IWbemServices::CreateClassEnum(const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::CreateClassEnum(BSTR, LONG, IWbemContext*,
                                                  IEnumWbemClassObject**) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
-HRESULT CProvider_IWbemServices::CreateClassEnumAsync(const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::CreateClassEnumAsync(BSTR, LONG, IWbemContext*,
                                                       IWbemObjectSink*) noexcept {
   return wbemResult(WBEM_E_NOT_FOUND);
 }
@@ -232,41 +232,39 @@ HRESULT CProvider_IWbemServices::PutInstanceAsync(IWbemClassObject*, LONG, IWbem
                                                   IWbemObjectSink*) noexcept {
   return wbemResult(WBEM_E_PROVIDER_NOT_CAPABLE);
 }
-HRESULT CProvider_IWbemServices::DeleteInstance(const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::DeleteInstance(BSTR, LONG, IWbemContext*,
                                                 IWbemCallResult**) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
-HRESULT CProvider_IWbemServices::DeleteInstanceAsync(const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::DeleteInstanceAsync(BSTR, LONG, IWbemContext*,
                                                      IWbemObjectSink*) noexcept {
   return wbemResult(WBEM_E_PROVIDER_NOT_CAPABLE);
 }
-HRESULT CProvider_IWbemServices::CreateInstanceEnum(const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::CreateInstanceEnum(BSTR, LONG, IWbemContext*,
                                                     IEnumWbemClassObject**) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
-HRESULT CProvider_IWbemServices::ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::ExecQuery(BSTR, BSTR, LONG, IWbemContext*,
                                            IEnumWbemClassObject**) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
-HRESULT CProvider_IWbemServices::ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::ExecQueryAsync(BSTR, BSTR, LONG, IWbemContext*,
                                                 IWbemObjectSink*) noexcept {
   return wbemResult(WBEM_E_PROVIDER_NOT_CAPABLE);
 }
-HRESULT CProvider_IWbemServices::ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+HRESULT CProvider_IWbemServices::ExecNotificationQuery(BSTR, BSTR, LONG, IWbemContext*,
                                                        IEnumWbemClassObject**) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
-HRESULT CProvider_IWbemServices::ExecNotificationQueryAsync(const BSTR, const BSTR, LONG,
-                                                            IWbemContext*,
+HRESULT CProvider_IWbemServices::ExecNotificationQueryAsync(BSTR, BSTR, LONG, IWbemContext*,
                                                             IWbemObjectSink*) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
-HRESULT CProvider_IWbemServices::ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*,
-                                            IWbemClassObject*, IWbemClassObject**,
-                                            IWbemCallResult**) noexcept {
+HRESULT CProvider_IWbemServices::ExecMethod(BSTR, BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                                            IWbemClassObject**, IWbemCallResult**) noexcept {
   return wbemResult(WBEM_E_NOT_AVAILABLE);
 }
-HRESULT CProvider_IWbemServices::ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                                                 IWbemClassObject*, IWbemObjectSink*) noexcept {
+HRESULT CProvider_IWbemServices::ExecMethodAsync(BSTR, BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                                                 IWbemObjectSink*) noexcept {
   return wbemResult(WBEM_E_PROVIDER_NOT_CAPABLE);
 }

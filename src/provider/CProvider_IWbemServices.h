@@ -37,62 +37,60 @@ public:
   ULONG STDMETHODCALLTYPE Release() noexcept override;
 
   // IWbemServices
-  HRESULT STDMETHODCALLTYPE OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
+  HRESULT STDMETHODCALLTYPE OpenNamespace(BSTR, LONG, IWbemContext*, IWbemServices**,
                                           IWbemCallResult**) noexcept override;
   HRESULT STDMETHODCALLTYPE CancelAsyncCall(IWbemObjectSink*) noexcept override;
   HRESULT STDMETHODCALLTYPE QueryObjectSink(LONG, IWbemObjectSink**) noexcept override;
-  HRESULT STDMETHODCALLTYPE GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**,
+  HRESULT STDMETHODCALLTYPE GetObject(BSTR, LONG, IWbemContext*, IWbemClassObject**,
                                       IWbemCallResult**) noexcept override;
   /// Fetches one device by its object path.
-  HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR objectPath, LONG flags, IWbemContext* context,
+  HRESULT STDMETHODCALLTYPE GetObjectAsync(BSTR objectPath, LONG flags, IWbemContext* context,
                                            IWbemObjectSink* responseHandler) noexcept override;
   HRESULT STDMETHODCALLTYPE PutClass(IWbemClassObject*, LONG, IWbemContext*,
                                      IWbemCallResult**) noexcept override;
   HRESULT STDMETHODCALLTYPE PutClassAsync(IWbemClassObject*, LONG, IWbemContext*,
                                           IWbemObjectSink*) noexcept override;
-  HRESULT STDMETHODCALLTYPE DeleteClass(const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE DeleteClass(BSTR, LONG, IWbemContext*,
                                         IWbemCallResult**) noexcept override;
-  HRESULT STDMETHODCALLTYPE DeleteClassAsync(const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE DeleteClassAsync(BSTR, LONG, IWbemContext*,
                                              IWbemObjectSink*) noexcept override;
-  HRESULT STDMETHODCALLTYPE CreateClassEnum(const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE CreateClassEnum(BSTR, LONG, IWbemContext*,
                                             IEnumWbemClassObject**) noexcept override;
-  HRESULT STDMETHODCALLTYPE CreateClassEnumAsync(const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE CreateClassEnumAsync(BSTR, LONG, IWbemContext*,
                                                  IWbemObjectSink*) noexcept override;
   HRESULT STDMETHODCALLTYPE PutInstance(IWbemClassObject*, LONG, IWbemContext*,
                                         IWbemCallResult**) noexcept override;
   HRESULT STDMETHODCALLTYPE PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*,
                                              IWbemObjectSink*) noexcept override;
-  HRESULT STDMETHODCALLTYPE DeleteInstance(const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE DeleteInstance(BSTR, LONG, IWbemContext*,
                                            IWbemCallResult**) noexcept override;
-  HRESULT STDMETHODCALLTYPE DeleteInstanceAsync(const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE DeleteInstanceAsync(BSTR, LONG, IWbemContext*,
                                                 IWbemObjectSink*) noexcept override;
-  HRESULT STDMETHODCALLTYPE CreateInstanceEnum(const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE CreateInstanceEnum(BSTR, LONG, IWbemContext*,
                                                IEnumWbemClassObject**) noexcept override;
   /// Enumerates the devices of one class. Blocks for the turn, at most five minutes, and for as
   /// long as the device server takes.
   HRESULT STDMETHODCALLTYPE
-  CreateInstanceEnumAsync(const BSTR className, LONG flags, IWbemContext* context,
+  CreateInstanceEnumAsync(BSTR className, LONG flags, IWbemContext* context,
                           IWbemObjectSink* responseHandler) noexcept override;
-  HRESULT STDMETHODCALLTYPE ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE ExecQuery(BSTR, BSTR, LONG, IWbemContext*,
                                       IEnumWbemClassObject**) noexcept override;
-  HRESULT STDMETHODCALLTYPE ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE ExecQueryAsync(BSTR, BSTR, LONG, IWbemContext*,
                                            IWbemObjectSink*) noexcept override;
-  HRESULT STDMETHODCALLTYPE ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE ExecNotificationQuery(BSTR, BSTR, LONG, IWbemContext*,
                                                   IEnumWbemClassObject**) noexcept override;
-  HRESULT STDMETHODCALLTYPE ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
+  HRESULT STDMETHODCALLTYPE ExecNotificationQueryAsync(BSTR, BSTR, LONG, IWbemContext*,
                                                        IWbemObjectSink*) noexcept override;
-  HRESULT STDMETHODCALLTYPE ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*,
-                                       IWbemClassObject*, IWbemClassObject**,
-                                       IWbemCallResult**) noexcept override;
-  HRESULT STDMETHODCALLTYPE ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                                            IWbemClassObject*, IWbemObjectSink*) noexcept override;
+  HRESULT STDMETHODCALLTYPE ExecMethod(BSTR, BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                                       IWbemClassObject**, IWbemCallResult**) noexcept override;
+  HRESULT STDMETHODCALLTYPE ExecMethodAsync(BSTR, BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                                            IWbemObjectSink*) noexcept override;
 
   // IWbemPropertyProvider: succeeds without touching the value.
-  HRESULT STDMETHODCALLTYPE GetProperty(LONG, const BSTR locale, const BSTR classMapping,
-                                        const BSTR instanceMapping, const BSTR propertyMapping,
-                                        VARIANT* value) noexcept override;
-  HRESULT STDMETHODCALLTYPE PutProperty(LONG, const BSTR locale, const BSTR classMapping,
-                                        const BSTR instanceMapping, const BSTR propertyMapping,
+  HRESULT STDMETHODCALLTYPE GetProperty(LONG, BSTR locale, BSTR classMapping, BSTR instanceMapping,
+                                        BSTR propertyMapping, VARIANT* value) noexcept override;
+  HRESULT STDMETHODCALLTYPE PutProperty(LONG, BSTR locale, BSTR classMapping, BSTR instanceMapping,
+                                        BSTR propertyMapping,
                                         const VARIANT* value) noexcept override;
 
   // IWbemProviderInit: sets up what the requests of the whole process use; may be called again.

@@ -4,6 +4,7 @@
 #include "provider/Admission.h"
 #include "provider/CProvider_IWbemServices.h"
 #include "provider/ObjectPathText.h"
+#include "provider/PropertyConversion.h"
 #include "provider/ProviderState.h"
 #include "strategy/UPOSAdapter.h"
 #include "trace/UPOSLog.h"
@@ -50,8 +51,7 @@ private:
 };
 
 /// The class object from WMI; `classObject` stays empty on failure.
-HRESULT fetchClass(const BSTR className, IWbemContext* context,
-                   ComPtr<IWbemClassObject>& classObject) {
+HRESULT fetchClass(BSTR className, IWbemContext* context, ComPtr<IWbemClassObject>& classObject) {
   IWbemServices* const services = providerState().namespaceServices;
   if (services == nullptr) {
     return wbemResult(WBEM_E_FAILED);
@@ -76,7 +76,7 @@ void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount
     adapter.getPropertyItem(&type, index, field, 1);
     adapter.getPropertyItem(&text, index, field, 2);
     win::Variant value(win::Bstr(win::widenInThreadCodePage(text)));
-    providerState().propertyTypes.convert(type, value);
+    provider::convertProperty(providerState().propertyTypes.typeOf(type), value);
     const std::wstring wideName = win::widenInThreadCodePage(name);
     if (SUCCEEDED(instance->Put(wideName.c_str(), 0, value.get(), 0))) {
       UPOSLog::trace(traceFormat, name, type, text);
@@ -102,7 +102,7 @@ HRESULT indicateInstances(UPOSAdapter& adapter, IWbemClassObject* classObject, H
   return status;
 }
 
-HRESULT enumerate(const BSTR className, IWbemObjectSink* responseHandler, EnumerationEnd& end) {
+HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationEnd& end) {
   std::optional<UPOSAdapter> adapter(std::in_place);
 
   win::LocalMemory descriptor = provider::securityDescriptor(kEnumerationAccess);
@@ -168,7 +168,7 @@ HRESULT enumerate(const BSTR className, IWbemObjectSink* responseHandler, Enumer
 } // namespace
 
 HRESULT
-CProvider_IWbemServices::CreateInstanceEnumAsync(const BSTR className, LONG, IWbemContext*,
+CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemContext*,
                                                  IWbemObjectSink* responseHandler) noexcept {
   UPOSLog::trace("<<<< CreateInstanceEnumAsync >>>>");
   if (responseHandler == nullptr) {
@@ -185,7 +185,7 @@ CProvider_IWbemServices::CreateInstanceEnumAsync(const BSTR className, LONG, IWb
   return result;
 }
 
-HRESULT CProvider_IWbemServices::GetObjectAsync(const BSTR objectPath, LONG, IWbemContext* context,
+HRESULT CProvider_IWbemServices::GetObjectAsync(BSTR objectPath, LONG, IWbemContext* context,
                                                 IWbemObjectSink* responseHandler) noexcept {
   UPOSLog::trace("<<<< GetObjectAsync >>>>");
   // Kept: the descriptor is built and discarded, a retrieval checks no access.

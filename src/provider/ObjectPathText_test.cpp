@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <string>
+
 namespace {
 
 struct Row {
@@ -11,25 +14,25 @@ struct Row {
   const char* deviceId;
 };
 
-constexpr Row kRows[] = {
+constexpr auto kRows = std::to_array<Row>({
     {"the usual path", "UPOS_Scanner.DeviceID=\"SCANNER1\"", "UPOS_Scanner", "SCANNER1"},
     {"empty", "", "", ""},
     {"a class alone is its own device id", "UPOS_Scanner", "UPOS_Scanner", "UPOS_Scanner"},
     {"a key without quotes", "UPOS_Scanner.DeviceID=7", "UPOS_Scanner", "UPOS_Scanner.DeviceID=7"},
-    {"one quote in the middle", "UPOS_Scale.DeviceID=\"S1", "UPOS_Scale", "S1"},
-    {"one quote at the end", "UPOS_Scale.DeviceID=\"", "UPOS_Scale", ""},
-    {"a quote alone", "\"", "\"", ""},
-    {"nothing between the quotes", "A.B=\"\"", "A", ""},
-    {"two quotes alone", "\"\"", "\"\"", ""},
-    {"dots in the device id", "A.B=\"1.2.3\"", "A", "1.2.3"},
-    {"dots in the device id only", "A=\"1.2\"", "A=\"1", "1.2"},
-    {"escapes stay", "A.B=\"x\\\"y\\\\z\"", "A", "x\\\"y\\\\z"},
-    {"two keys reach from the first quote to the last", "A.B=\"1\",C=\"2\"", "A", "1\",C=\"2"},
-    {"text behind the last quote is dropped", "A.B=\"1\" and more", "A", "1"},
-    {"a dot first", ".B=\"1\"", "", "1"},
-    {"a full path is not understood", "\\\\.\\root\\cimv2:A.B=\"1\"", "\\\\", "1"},
+    {"one quote in the middle", R"(UPOS_Scale.DeviceID="S1)", "UPOS_Scale", "S1"},
+    {"one quote at the end", R"(UPOS_Scale.DeviceID=")", "UPOS_Scale", ""},
+    {"a quote alone", R"(")", R"(")", ""},
+    {"nothing between the quotes", R"(A.B="")", "A", ""},
+    {"two quotes alone", R"("")", R"("")", ""},
+    {"dots in the device id", R"(A.B="1.2.3")", "A", "1.2.3"},
+    {"dots in the device id only", R"(A="1.2")", R"(A="1)", "1.2"},
+    {"escapes stay", R"(A.B="x\"y\\z")", "A", R"(x\"y\\z)"},
+    {"two keys reach from the first quote to the last", R"(A.B="1",C="2")", "A", R"(1",C="2)"},
+    {"text behind the last quote is dropped", R"(A.B="1" and more)", "A", "1"},
+    {"a dot first", R"(.B="1")", "", "1"},
+    {"a full path is not understood", R"(\\.\root\cimv2:A.B="1")", R"(\\)", "1"},
     {"high bytes pass", "A.B=\"caf\xE9\"", "A", "caf\xE9"},
-};
+});
 
 TEST(ObjectPathText, ClassNameAndDeviceIdAreCutOutByTextAlone) {
   for (const Row& row : kRows) {

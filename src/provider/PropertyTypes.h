@@ -1,14 +1,24 @@
 #pragma once
 
-#include "win/Automation.h"
-
 #include <map>
 #include <mutex>
 #include <string>
 
 namespace provider {
 
-/// The table of type words, and the conversion of a field's value by its word.
+/// The codes of the type words; a word without one has 0.
+enum PropertyType : int {
+  kNoType = 0,
+  kString = 1,
+  kUint32 = 2,
+  kUint64 = 3,
+  kBoolean = 4,
+  kArrayInt32 = 5,
+  kDatetime = 6,
+  kEnd = 7,
+};
+
+/// The table of type words, shared by all requests.
 ///
 /// Threads: any; the table is guarded. Errors: std::bad_alloc.
 class PropertyTypes {
@@ -16,16 +26,12 @@ public:
   /// Enters the seven known words; a row that is there already is overwritten.
   void fill();
 
-  /// The word's code. A word that is not in the table is entered with code 0.
-  int codeOf(const std::string& typeWord);
-
-  /// Converts `value`, which holds the text, in place. A text that does not convert leaves in
-  /// `value` whatever the platform leaves there.
-  void convert(const std::string& typeWord, win::Variant& value);
+  /// The word's type. A word that is not in the table is entered without one.
+  PropertyType typeOf(const std::string& word);
 
 private:
   std::mutex mutex_;
-  std::map<std::string, int> codes_;
+  std::map<std::string, PropertyType> types_;
 };
 
 } // namespace provider
