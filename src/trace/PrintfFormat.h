@@ -14,9 +14,8 @@ public:
   /// Integers keep their width, so that %d shows what printf would show for that type.
   template <std::integral Integer>
   explicit TraceArgument(Integer value)
-      : value_(sizeof(Integer) <= sizeof(std::int32_t)
-                   ? Value(static_cast<std::int32_t>(value))
-                   : Value(static_cast<std::int64_t>(value))) {}
+      : value_(sizeof(Integer) <= sizeof(std::int32_t) ? Value(static_cast<std::int32_t>(value))
+                                                       : Value(static_cast<std::int64_t>(value))) {}
   explicit TraceArgument(std::string_view text) : value_(text) {}
   explicit TraceArgument(const std::string& text) : value_(std::string_view(text)) {}
   explicit TraceArgument(const char* text)
@@ -24,7 +23,7 @@ public:
   explicit TraceArgument(const void* address) : value_(address) {}
 
   using Value = std::variant<std::int32_t, std::int64_t, std::string_view, const void*>;
-  const Value& value() const { return value_; }
+  [[nodiscard]] const Value& value() const { return value_; }
 
 private:
   Value value_;

@@ -35,8 +35,10 @@ public:
   static const std::string& logFilePath();
 
 private:
-  static void emit(std::string_view format, std::initializer_list<TraceArgument> arguments) noexcept;
+  static void emit(std::string_view format,
+                   std::initializer_list<TraceArgument> arguments) noexcept;
   static void write(const std::string& path, const std::string& message);
   static void readConfig();
+  static std::uint32_t rotate() noexcept;
   static void backup();
 };

@@ -1,0 +1,209 @@
+// Does with the real trace log what its arguments say, one after the other, and prints each command
+// when it is done. A process of its own for each test, because the log's state is the process's.
+//
+//   event | autoevent    creates the enabling event, not signalled, with manual or automatic reset
+//   signal | reset       ... signals it, resets it
+//   trace TEXT           traces TEXT through "%s"
+//   format TEXT          traces TEXT as the format
+//   long COUNT           traces COUNT letters
+//   threads COUNT LINES  traces LINES lines "thread I line J" from each of COUNT threads at once
+//   path                 prints the log's path
+//   echo                 switches the console echo on
+//   occupy               opens the log so that nobody else can
+//   countthreads         prints the number of threads created through the system since the last
+//   time nothreads            from here on the system creates no thread shortage             traces
+//   again and again, each time with another allocation failing atexit               traces from a
+//   static object's destructor, while a thread traces too
+
+#include "trace/UPOSLog.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <latch>
+#include <new>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+std::atomic<int> untilShortage = -1;
+std::atomic<int> threadsCreated = 0;
+std::atomic<bool> threadsRefused = false;
+bool tracesAtExit = false;
+decltype(&CreateThread) systemCreateThread = nullptr;
+
+} // namespace
+
+void* operator new(std::size_t size) {
+  if (untilShortage >= 0 && untilShortage-- == 0) {
+    throw std::bad_alloc();
+  }
+  if (void* memory = std::malloc(size)) {
+    return memory;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
+// The entry of this program's import table through which the log calls CreateThread.
+extern "C" decltype(&CreateThread) __imp_CreateThread; // NOLINT(bugprone-reserved-identifier)
+
+namespace {
+
+HANDLE WINAPI countedCreateThread(SECURITY_ATTRIBUTES* attributes, SIZE_T stack,
+                                  LPTHREAD_START_ROUTINE start, void* parameter, DWORD flags,
+                                  DWORD* id) {
+  if (threadsRefused) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  ++threadsCreated;
+  return systemCreateThread(attributes, stack, start, parameter, flags, id);
+}
+
+bool countThreads() {
+  DWORD protection = 0;
+  if (!VirtualProtect(&__imp_CreateThread, sizeof __imp_CreateThread, PAGE_READWRITE,
+                      &protection)) {
+    return false;
+  }
+  systemCreateThread = __imp_CreateThread;
+  __imp_CreateThread = &countedCreateThread;
+  return true;
+}
+
+struct TracesAtExit {
+  ~TracesAtExit() {
+    if (tracesAtExit) {
+      UPOSLog::trace("from a static destructor");
+    }
+  }
+} atExit;
+
+void traceFromThreads(int count, int lines) {
+  std::latch start(count);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < count; ++i) {
+    threads.emplace_back([&start, i, lines] {
+      start.arrive_and_wait();
+      for (int j = 0; j < lines; ++j) {
+        UPOSLog::trace("thread %d line %d", i, j);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+void traceThroughShortages() {
+  const std::string text(100, 'x');
+  int shortages = 0;
+  for (;; ++shortages) {
+    untilShortage = shortages;
+    UPOSLog::trace("shortage %s", text);
+    if (untilShortage.exchange(-1) >= 0) {
+      break;
+    }
+  }
+  std::printf("%d shortages\n", shortages);
+}
+
+bool perform(std::string_view command, const char* first, const char* second, int& used) {
+  static HANDLE event = nullptr;
+  if (command == "event" || command == "autoevent") {
+    event = CreateEventA(nullptr, command == "event", FALSE, "Global\\TRC_QUILLMON");
+    return event != nullptr;
+  }
+  if (command == "signal") {
+    return SetEvent(event);
+  }
+  if (command == "reset") {
+    return ResetEvent(event);
+  }
+  if (command == "trace" && first != nullptr) {
+    ++used;
+    UPOSLog::trace("%s", first);
+    return true;
+  }
+  if (command == "format" && first != nullptr) {
+    ++used;
+    UPOSLog::trace(first);
+    return true;
+  }
+  if (command == "long" && first != nullptr) {
+    ++used;
+    UPOSLog::trace("%s", std::string(std::strtoul(first, nullptr, 10), 'x'));
+    return true;
+  }
+  if (command == "threads" && second != nullptr) {
+    used += 2;
+    traceFromThreads(std::atoi(first), std::atoi(second));
+    return true;
+  }
+  if (command == "path") {
+    std::printf("%s\n", UPOSLog::logFilePath().c_str());
+    return true;
+  }
+  if (command == "echo") {
+    UPOSLog::setConsoleEcho();
+    return true;
+  }
+  if (command == "occupy") {
+    return CreateFileA(UPOSLog::logFilePath().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0,
+                       nullptr) != INVALID_HANDLE_VALUE;
+  }
+  if (command == "countthreads") {
+    std::printf("%d threads\n", threadsCreated.exchange(0));
+    return true;
+  }
+  if (command == "nothreads") {
+    threadsRefused = true;
+    return true;
+  }
+  if (command == "shortage") {
+    traceThroughShortages();
+    return true;
+  }
+  if (command == "atexit") {
+    tracesAtExit = true;
+    std::thread([] {
+      for (;;) {
+        UPOSLog::trace("from a thread");
+      }
+    }).detach();
+    return true;
+  }
+  return false;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  if (!countThreads()) {
+    std::puts("the import table cannot be changed");
+    return 2;
+  }
+  for (int i = 1; i < argc; ++i) {
+    const char* first = i + 1 < argc ? argv[i + 1] : nullptr;
+    const char* second = i + 2 < argc ? argv[i + 2] : nullptr;
+    const std::string command = argv[i];
+    if (!perform(command, first, second, i)) {
+      std::printf("cannot %s\n", command.c_str());
+      return 2;
+    }
+    std::printf("%s done\n", command.c_str());
+    std::fflush(stdout);
+  }
+  return 0;
+}
