@@ -1,0 +1,140 @@
+#include "strategy/UPOSAdapter.h"
+
+#include "strategy/IUPOSXmlAdapter.h"
+#include "strategy/RequestVocabulary.h"
+#include "strategy/StrategyFactory.h"
+#include "trace/UPOSLog.h"
+
+#include <memory>
+#include <utility>
+
+using com::orvex::IUPOSXmlAdapter;
+using com::orvex::StrategyFactory;
+
+namespace {
+
+constexpr std::uint32_t kNoStrategy = 0xFFFFFFFF;
+
+std::unique_ptr<IUPOSXmlAdapter> createXmlAdapter() {
+  StrategyFactory* const factory = com::orvex::getStrategyFactory();
+  return std::unique_ptr<IUPOSXmlAdapter>(factory != nullptr ? factory->createXmlAdapter()
+                                                             : nullptr);
+}
+
+template <class List>
+bool has(const List& list, std::int32_t index) {
+  return index >= 0 && static_cast<std::size_t>(index) < list.size();
+}
+
+template <class List>
+auto& at(List& list, std::int32_t index) {
+  return list[static_cast<std::size_t>(index)];
+}
+
+} // namespace
+
+UPOSAdapter::UPOSAdapter() {
+  UPOSLog::trace("<<UPOSAdapter(%p) created", static_cast<const void*>(this));
+}
+
+UPOSAdapter::~UPOSAdapter() {
+  UPOSLog::trace("<<UPOSAdapter(%p) destroyed", static_cast<const void*>(this));
+}
+
+void UPOSAdapter::enumerateInstances(std::string className, std::uint32_t* status) {
+  const std::unique_ptr<IUPOSXmlAdapter> xml = createXmlAdapter();
+  if (xml == nullptr) {
+    *status = kNoStrategy;
+    return;
+  }
+  UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: xml->toXML(%s, REQUEST, ENUMERATE, ...)",
+                 className);
+  std::string request;
+  xml->toXML(std::move(className), request_vocabulary::kRequest,
+             request_vocabulary::kEnumerateInstances, {}, request);
+  // Labels the document as the class here and below: kept, the lines are searched for.
+  UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: Invoking request to Java code - class '%s'",
+                 request);
+  UPOSLog::trace("<<Request>>: '%s'", request);
+  const std::string response = xml->sendRequest(request);
+  UPOSLog::trace(
+      "<<UPOSAdapter::enumerateInstances>>: got response, converting from XML - class '%s'",
+      request);
+  UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: answer: '%s'", response);
+  *status = xml->fromXML(response);
+  UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: after fromXML - answer: '%s'", response);
+  if (*status == 0) {
+    UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: calling xml->getInstances()");
+    setInstances(xml->getInstances());
+    UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: xml->getInstances() returned");
+  }
+  UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: Returning request");
+}
+
+void UPOSAdapter::getInstance(std::string className, std::string key) {
+  const std::unique_ptr<IUPOSXmlAdapter> xml = createXmlAdapter();
+  if (xml == nullptr) {
+    setInstances({});
+    return;
+  }
+  std::string request;
+  xml->toXML(std::move(className), request_vocabulary::kRequest, request_vocabulary::kGetInstance,
+             std::move(key), request);
+  UPOSLog::trace("<<UPOSAdapter::getInstance>>: Invoking request");
+  UPOSLog::trace("<<Request>>: %s", request); // without quotes, unlike the enumeration's
+  const std::string response = xml->sendRequest(request);
+  UPOSLog::trace("Answer: '%s'", response);
+  // Unlike an enumeration, a lookup takes over what there is after an error answer too.
+  xml->fromXML(response);
+  setInstances(xml->getInstances());
+}
+
+void UPOSAdapter::setInstances(InstanceList instances) {
+  instances_ = std::move(instances);
+  selectedInstance_ = kNone;
+  selectedProperty_ = kNone;
+}
+
+std::int32_t UPOSAdapter::getInstanceCount() const noexcept {
+  return static_cast<std::int32_t>(instances_.size());
+}
+
+std::int32_t UPOSAdapter::selectInstance(std::int32_t index) {
+  return select(index) ? static_cast<std::int32_t>(currentInstance_.size()) : 0;
+}
+
+bool UPOSAdapter::select(std::int32_t instanceIndex) {
+  if (!has(instances_, instanceIndex)) {
+    return false;
+  }
+  if (instanceIndex != selectedInstance_) {
+    selectedInstance_ = kNone; // until the copy is complete
+    selectedProperty_ = kNone;
+    currentInstance_ = at(instances_, instanceIndex);
+    selectedInstance_ = instanceIndex;
+  }
+  return true;
+}
+
+bool UPOSAdapter::select(std::int32_t instanceIndex, std::int32_t propertyIndex) {
+  if (!select(instanceIndex) || !has(currentInstance_, propertyIndex)) {
+    return false;
+  }
+  if (propertyIndex != selectedProperty_) {
+    selectedProperty_ = kNone;
+    currentProperty_ = at(currentInstance_, propertyIndex);
+    selectedProperty_ = propertyIndex;
+  }
+  return true;
+}
+
+void UPOSAdapter::getPropertyItem(std::string* out, std::int32_t instanceIndex,
+                                  std::int32_t propertyIndex, std::int32_t item) {
+  if (select(instanceIndex, propertyIndex) && has(currentProperty_, item)) {
+    *out = at(currentProperty_, item);
+  } else if (!currentProperty_.empty()) {
+    *out = currentProperty_.front();
+  } else {
+    out->clear();
+  }
+}

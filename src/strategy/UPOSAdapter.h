@@ -1,0 +1,49 @@
+#pragma once
+
+#include "strategy/InstanceList.h"
+
+#include <cstdint>
+#include <string>
+
+/// Answers one enumeration or one lookup of the WMI provider, in whichever strategy was chosen, and
+/// lets the provider walk the result by index.
+///
+/// Owner: the provider, one per WMI call; one thread. What it asks lives inside one operation.
+/// Errors: the status of an enumeration, an empty result, trace lines. Exceptions pass through.
+class UPOSAdapter {
+public:
+  UPOSAdapter();
+  ~UPOSAdapter();
+  UPOSAdapter(const UPOSAdapter&) = delete;
+  UPOSAdapter& operator=(const UPOSAdapter&) = delete;
+
+  /// All instances of the class. `*status` is 0 on success; otherwise the result stays as it was.
+  void enumerateInstances(std::string className, std::uint32_t* status);
+  /// The one instance with this key. The outcome shows in the number of instances only.
+  void getInstance(std::string className, std::string key);
+
+  [[nodiscard]] std::int32_t getInstanceCount() const noexcept;
+  /// The number of properties of an instance; 0, and nothing selected, when there is no such one.
+  std::int32_t selectInstance(std::int32_t index);
+  /// One string of one property of one instance: item 0 name, 1 type word, 2 value. Where an index
+  /// is out of range: the first string of the property that was read last, empty without one.
+  void getPropertyItem(std::string* out, std::int32_t instanceIndex, std::int32_t propertyIndex,
+                       std::int32_t item);
+
+private:
+  static constexpr std::int32_t kNone = -1;
+
+  void setInstances(InstanceList instances);
+  bool select(std::int32_t instanceIndex);
+  bool select(std::int32_t instanceIndex, std::int32_t propertyIndex);
+
+  // Unused, always empty; kept because the order of the fields is fixed.
+  std::string unused1_;
+  std::string unused2_;
+  InstanceList instances_;
+  Instance currentInstance_;
+  Field currentProperty_;
+  // What the two copies above were made of, so that they are made once and not for each string.
+  std::int32_t selectedInstance_ = kNone;
+  std::int32_t selectedProperty_ = kNone;
+};

@@ -1,0 +1,5 @@
+#pragma once
+
+/// How often this program has called operator new, in any thread. Linking it replaces the global
+/// operators.
+int countedAllocations();
