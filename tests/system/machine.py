@@ -13,6 +13,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("QUILLMON_BUILD", ROOT / "build" / "windows"))
 SERVICE = "QuillmonServ"
+WMI_HOST = "HKLM\\SOFTWARE\\QuillmonTest\\WmiHost"
 WINESERVER = "/usr/lib/wine/wineserver"
 
 
@@ -32,6 +33,10 @@ def free_port(kind=socket.SOCK_STREAM):
     with socket.socket(socket.AF_INET, kind) as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]
+
+
+def windows_path(path):
+    return "Z:" + str(Path(path).resolve()).replace("/", "\\")
 
 
 class Machine:
@@ -57,9 +62,11 @@ class Machine:
         machine.home.mkdir(exist_ok=True)
         shutil.copy(BUILD / "quillmon.exe", machine.exe)
         # Wine's own services inherit the output of the program that boots the machine, for good.
-        subprocess.run([ROOT / "tests" / "wine", "cmd", "/c", "exit"], env=machine.env, check=True,
-                       stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                       stderr=subprocess.DEVNULL)
+        subprocess.run(
+            [ROOT / "tests" / "wine", "regsvr32", "/s", BUILD / "wmi_host.dll"], env=machine.env,
+            check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL)
+        machine.set_wmi("Mof", windows_path(ROOT / "mof" / "quillmon.mof"))
         return machine
 
     def shut_down(self):
@@ -124,6 +131,55 @@ class Machine:
                 return words[2] if len(words) == 3 else ""
         return None
 
+    def set_wmi(self, name, value):
+        """A setting or failure switch of the WMI stand-in (tests/wmi_host/README.md)."""
+        kind = "REG_DWORD" if isinstance(value, int) else "REG_SZ"
+        self.set_registry(WMI_HOST, name, value, kind)
+
+    def wmi_counter(self, name):
+        value = self.query_registry(f"{WMI_HOST}\\Counters", name)
+        return None if value is None else int(value, 0)
+
+    # -- the device server
+
+    def start_till(self, *arguments, inventory=ROOT / "samples" / "till.xml"):
+        """Starts the simulated device server on ports of this machine's own, and configures the
+        service for them."""
+        requests, events = free_port(), free_port(socket.SOCK_DGRAM)
+        self.configure(upos__requestSocket__Port=requests, provider__eventSocket__Port=events)
+        return Till(self, requests, events, inventory, arguments)
+
+    # -- WMI clients
+
+    def wmic(self, class_name, *properties):
+        """The rows that wmic prints, each as {property: text}."""
+        done = self.run("wmic", "path", class_name, "get", ",".join(properties))
+        lines = done.stdout.decode("utf-16").replace("\r", "").splitlines()
+        if not lines or not lines[0].strip():
+            return []
+        starts = [lines[0].index(name) for name in properties]
+        ends = starts[1:] + [None]
+        return [
+            {name: line[start:end].strip() for name, start, end in zip(properties, starts, ends)}
+            for line in lines[1:] if line.strip()]
+
+    def script(self, text):
+        """Runs a VBScript with Windows' own script host; what it prints, as lines."""
+        file = self.c / "script.vbs"
+        file.write_bytes(text.replace("\n", "\r\n").encode("latin-1"))
+        done = self.run("cscript", "//nologo", "C:\\script.vbs")
+        return [line for line in done.out.splitlines() if line.strip()]
+
+    def wmi(self, *arguments, **options):
+        """Runs the direct client: list CLASS, get PATH, query WQL."""
+        return self.run(str(BUILD / "wmi_client.exe"), *arguments, **options)
+
+    def watch_events(self, seconds=30, count=0):
+        """Starts a subscriber and returns it once it is subscribed."""
+        watcher = self.start(str(BUILD / "wmi_client.exe"), "watch", seconds, count)
+        assert watcher.stdout.readline().strip() == b"ready"
+        return watcher
+
     # -- the service
 
     def service_state(self):
@@ -165,3 +221,30 @@ class Machine:
         return wait_until(
             lambda: next((line for line in self.trace(log) if text in line), None),
             f"the trace line {text!r}", seconds)
+
+
+class Till:
+    """The simulated device server, taking commands as if typed at it."""
+
+    def __init__(self, machine, requests, events, inventory, arguments):
+        self.requests, self.events = requests, events
+        self.process = machine.start(
+            str(BUILD / "quillmon-till.exe"), windows_path(inventory), "--request-port", requests,
+            "--event-port", events, *arguments)
+        line = self.process.stdout.readline().decode()
+        assert line.startswith("quillmon-till: ready:"), line
+
+    def type(self, command):
+        self.process.stdin.write(command.encode() + b"\n")
+        self.process.stdin.flush()
+
+    def expect(self, text):
+        """Reads the till's log up to a line that holds `text`, and returns it."""
+        for line in self.process.stdout:
+            if text in line.decode():
+                return line.decode().rstrip()
+        raise AssertionError(f"the till ended before {text!r}")
+
+    def stop(self):
+        self.process.stdin.close()
+        self.process.wait(timeout=20)
