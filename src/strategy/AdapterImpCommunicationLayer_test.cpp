@@ -53,7 +53,7 @@ protected:
 
   std::string receive() { return layer_->receiveEvent(&adapter_).deviceId; }
 
-  WinsockSession winsock_;
+  StartedWinsock winsock_;
   PatchedImport<decltype(socket)> socketPatch_{"socket", observedSocket};
   PatchedImport<decltype(closesocket)> closePatch_{"closesocket", countedClosesocket};
   EchoingXmlAdapter adapter_;

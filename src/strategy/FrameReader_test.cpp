@@ -50,7 +50,7 @@ public:
         });
   }
 
-  bool allHandedOut() const { return pieces_.empty(); }
+  [[nodiscard]] bool allHandedOut() const { return pieces_.empty(); }
   FrameArea& frame() { return *frameOwner_; }
 
   std::vector<std::string> calls;

@@ -157,7 +157,7 @@ protected:
     return true;
   }
 
-  WinsockSession winsock_;
+  StartedWinsock winsock_;
   ConfigurationFile configuration_;
 };
 

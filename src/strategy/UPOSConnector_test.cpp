@@ -41,7 +41,7 @@ protected:
     recorded_trace::setSwitchedOn(true);
   }
 
-  WinsockSession winsock_;
+  StartedWinsock winsock_;
   UPOSConnector connector_;
   SOCKET peer_ = INVALID_SOCKET;
   ByteBuffer out_{1024, 1.5F};

@@ -85,7 +85,7 @@ protected:
     return {out.text(), out.size()};
   }
 
-  WinsockSession winsock_;
+  StartedWinsock winsock_;
   UPOSDatagramConnector connector_;
   std::uint16_t port_ = 0;
 };

@@ -10,15 +10,15 @@
 #include <utility>
 
 /// Winsock for the length of a test.
-class WinsockSession {
+class StartedWinsock {
 public:
-  WinsockSession() {
+  StartedWinsock() {
     WSADATA data;
     WSAStartup(MAKEWORD(2, 2), &data);
   }
-  WinsockSession(const WinsockSession&) = delete;
-  WinsockSession& operator=(const WinsockSession&) = delete;
-  ~WinsockSession() { WSACleanup(); }
+  StartedWinsock(const StartedWinsock&) = delete;
+  StartedWinsock& operator=(const StartedWinsock&) = delete;
+  ~StartedWinsock() { WSACleanup(); }
 };
 
 /// A socket of a test, closed with it.
