@@ -1,0 +1,150 @@
+#include "xml/DocumentReader.h"
+#include "xml/XmlFailure.h"
+#include "xml/XmlLibrary.h"
+#include "xml/XmlText.h"
+#include "xml/testing/UnreadableDocuments.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+class DocumentReaderTest : public testing::Test {
+protected:
+  const XmlLibrary library_;
+};
+
+std::vector<std::string> names(const Elements& elements) {
+  std::vector<std::string> result;
+  for (const xercesc::DOMElement* element : elements) {
+    result.push_back(attributeOf(*element, u"n"));
+  }
+  return result;
+}
+
+/// The text content of the root element "r".
+std::string textOf(const std::string& document) {
+  const DocumentReader reader(document);
+  return narrow(reader.elements(u"r").at(0)->getTextContent());
+}
+
+std::string failureOf(const std::string& document) {
+  try {
+    const DocumentReader reader(document);
+    return "was read";
+  } catch (const XmlFailure& failure) {
+    return failure.what();
+  }
+}
+
+using List = std::vector<std::string>;
+
+TEST_F(DocumentReaderTest, RefusesEveryUnreadableDocument) {
+  for (const UnreadableDocument& document : unreadableDocuments()) {
+    SCOPED_TRACE(document.label);
+    EXPECT_THROW(DocumentReader reader(document.text), XmlFailure);
+  }
+}
+
+TEST_F(DocumentReaderTest, TellsTheLibrarysMessageWithItsPlace) {
+  EXPECT_EQ(failureOf("<r>\n  </s>"), "expected end of tag 'r' (line 2, column 5)");
+  EXPECT_EQ(failureOf("<r>&none;</r>"), "entity 'none' not found (line 1, column 10)");
+}
+
+TEST_F(DocumentReaderTest, ReadsElementsUpToItsDepth) {
+  constexpr std::size_t kDepth = DocumentReader::kMaximumDepth;
+  const auto nested = [](std::size_t depth) {
+    return repeated(depth, "<a>") + "deep" + repeated(depth, "</a>");
+  };
+  const DocumentReader reader(nested(kDepth));
+  EXPECT_EQ(reader.elements(u"a").size(), kDepth);
+  EXPECT_EQ(narrow(reader.elements(u"a").front()->getTextContent()), "deep");
+  EXPECT_EQ(failureOf(nested(kDepth + 1)), "Elements are nested too deeply (line 1, column " +
+                                               std::to_string(3 * (kDepth + 1) + 1) + ")");
+}
+
+TEST_F(DocumentReaderTest, SiblingsAreNotDepth) {
+  const std::string siblings = "<r>" + repeated(100'000, "<a/>") + repeated(100'000, "<a></a>");
+  const DocumentReader reader(siblings + "</r>");
+  EXPECT_EQ(reader.elements(u"a").size(), 200'000U);
+}
+
+TEST_F(DocumentReaderTest, FindsElementsInDocumentOrderAtAnyDepth) {
+  const DocumentReader reader(
+      "<r n='root'><a n='1'><x><a n='2'/></x><a n='3'><a n='4'/></a></a><b n='b'/>"
+      "<p:a n='prefixed'/><A n='capital'/><!-- <a n='comment'/> --><a n='5'/></r>");
+  EXPECT_EQ(names(reader.elements(u"a")), (List{"1", "2", "3", "4", "5"}));
+  EXPECT_EQ(names(reader.elements(u"r")), (List{"root"}));
+  EXPECT_EQ(names(reader.elements(u"none")), List{});
+}
+
+TEST_F(DocumentReaderTest, FindsElementsBelowAScopeOnly) {
+  const DocumentReader reader(
+      "<r><a n='1'><a n='2'><a n='3'/></a><b><a n='4'/></b></a><a n='5'/></r>");
+  const Elements all = reader.elements(u"a");
+  ASSERT_EQ(all.size(), 5U);
+  EXPECT_EQ(names(elementsBelow(*all[0], u"a")), (List{"2", "3", "4"}));
+  EXPECT_EQ(names(elementsBelow(*all[1], u"a")), (List{"3"}));
+  EXPECT_EQ(names(elementsBelow(*all[4], u"a")), List{});
+}
+
+TEST_F(DocumentReaderTest, TheRootIsAmongTheElements) {
+  const DocumentReader reader("<a n='1'><a n='2'/></a>");
+  EXPECT_EQ(names(reader.elements(u"a")), (List{"1", "2"}));
+}
+
+TEST_F(DocumentReaderTest, AFieldIsNameTypeAndText) {
+  const DocumentReader reader("<r><field type='string' name='DeviceID'>SCANNER1</field>"
+                              "<field/><field name='A &amp; B' type=''> \n x </field></r>");
+  const Elements fields = reader.elements(u"field");
+  ASSERT_EQ(fields.size(), 3U);
+  EXPECT_EQ(fieldOf(*fields[0]), (Field{"DeviceID", "string", "SCANNER1"}));
+  EXPECT_EQ(fieldOf(*fields[1]), (Field{"", "", ""}));
+  EXPECT_EQ(fieldOf(*fields[2]), (Field{"A & B", "", " \n x "}));
+}
+
+TEST_F(DocumentReaderTest, TextIsWhatTheLibraryCallsTextContent) {
+  EXPECT_EQ(textOf("<r>A&amp;B &lt;&gt;&quot;&apos; &#65;&#x42;</r>"), "A&B <>\"' AB");
+  EXPECT_EQ(textOf("<r><![CDATA[<a>&amp;]]>b<![CDATA[]]></r>"), "<a>&amp;b");
+  EXPECT_EQ(textOf("<r>a<!-- comment -->b<?target data?>c</r>"), "abc");
+  EXPECT_EQ(textOf("<r>a<x>b<y>c</y></x>d</r>"), "abcd");
+  EXPECT_EQ(textOf("<r>a\r\nb\rc</r>"), "a\nb\nc");
+  EXPECT_EQ(textOf("<r/>"), "");
+}
+
+TEST_F(DocumentReaderTest, ReadsUpToTheFirstNul) {
+  EXPECT_EQ(textOf(std::string("<r>whole</r>\0<junk", 18)), "whole");
+}
+
+TEST_F(DocumentReaderTest, ReadsAByteOrderMarkAndForeignEncodings) {
+  EXPECT_EQ(textOf("\xEF\xBB\xBF<r>marked</r>"), "marked");
+  EXPECT_EQ(textOf("\xEF\xBB\xBF<?xml version='1.0' encoding='UTF-8'?><r>marked</r>"), "marked");
+  EXPECT_EQ(textOf("<?xml version='1.0' encoding='ISO-8859-1'?><r>M\xFCller</r>"),
+            narrow(u"M\u00FCller"));
+  // The bytes decide against a declaration that cannot be true.
+  EXPECT_EQ(textOf("<?xml version='1.0' encoding='UTF-16'?><r>M\xC3\xBCller</r>"),
+            narrow(u"M\u00FCller"));
+}
+
+TEST_F(DocumentReaderTest, ReadsHugeValues) {
+  const std::string huge(10'000'000, 'x');
+  const DocumentReader reader("<r n='" + huge + "'>" + huge + "</r>");
+  const xercesc::DOMElement& root = *reader.elements(u"r").at(0);
+  EXPECT_TRUE(attributeOf(root, u"n") == huge);
+  EXPECT_TRUE(narrow(root.getTextContent()) == huge);
+}
+
+TEST_F(DocumentReaderTest, FollowsNothingOutOfTheDocument) {
+  // Each is well-formed and names a file that cannot be read: a look at it would be a failure.
+  EXPECT_EQ(textOf("<?xml-stylesheet href='file:///none/such.xsl'?><r>a</r>"), "a");
+  EXPECT_EQ(textOf("<r xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance'"
+                   " xsi:noNamespaceSchemaLocation='file:///none/such.xsd'>b</r>"),
+            "b");
+  EXPECT_EQ(textOf("<r xmlns:xi='http://www.w3.org/2001/XInclude'>"
+                   "<xi:include href='file:///none/such.xml'/>c</r>"),
+            "c");
+}
+
+} // namespace
