@@ -65,12 +65,18 @@ struct LocalMemoryTraits {
   static Type invalid() noexcept { return nullptr; }
   static void close(Type value) noexcept { LocalFree(value); }
 };
+struct SocketTraits {
+  using Type = SOCKET;
+  static Type invalid() noexcept { return INVALID_SOCKET; }
+  static void close(Type value) noexcept { closesocket(value); }
+};
 
 /// An event, thread, token, semaphore, ...; null is the invalid value.
 using Handle = Owned<HandleTraits>;
 using ServiceHandle = Owned<ServiceHandleTraits>;
 using RegistryKey = Owned<RegistryKeyTraits>;
 using LocalMemory = Owned<LocalMemoryTraits>;
+using Socket = Owned<SocketTraits>;
 
 /// Lets go of a resource that lives to the end of the process on purpose, and returns it; the
 /// reason stands at the call.
