@@ -1,5 +1,5 @@
+#include "PatchedImport.h"
 #include "provider/AccessCheck.h"
-#include "provider/testing/ImportPatch.h"
 #include "provider/testing/ProviderFakes.h"
 
 #include <gtest/gtest.h>
@@ -63,7 +63,7 @@ TEST(CheckAccess, WithoutATokenTheResultIsFailed) {
 
 // Kept: the Win32 code for a refused token never equals the HRESULT it is compared with.
 TEST(CheckAccess, ATokenThatMayNotBeOpenedIsFailedNotDenied) {
-  const ImportPatch patch(
+  const PatchedImport patch(
       "OpenThreadToken", +[](HANDLE, DWORD, BOOL, PHANDLE) -> BOOL {
         SetLastError(ERROR_ACCESS_DENIED);
         return FALSE;
@@ -72,7 +72,7 @@ TEST(CheckAccess, ATokenThatMayNotBeOpenedIsFailedNotDenied) {
 }
 
 TEST(CheckAccess, TheLiteralHresultAsLastErrorWouldBeDenied) {
-  const ImportPatch patch(
+  const PatchedImport patch(
       "OpenThreadToken", +[](HANDLE, DWORD, BOOL, PHANDLE) -> BOOL {
         SetLastError(0x80070005);
         return FALSE;
@@ -107,14 +107,14 @@ TEST(CheckAccess, AsksWithoutABufferFirstAndThenWithTheDemandedOne) {
   const Impersonating caller(SecurityImpersonation);
   offeredLengths.clear();
   demandedLength = 44;
-  const ImportPatch patch("AccessCheck", &demandAlways);
+  const PatchedImport patch("AccessCheck", &demandAlways);
   EXPECT_EQ(check(kUsers), wbemResult(WBEM_E_ACCESS_DENIED));
   EXPECT_EQ(offeredLengths, (std::vector<DWORD>{0, 44}));
 }
 
 TEST(CheckAccess, AGrantAtTheFirstCallIsTaken) {
   const Impersonating caller(SecurityImpersonation);
-  const ImportPatch patch(
+  const PatchedImport patch(
       "AccessCheck",
       +[](PSECURITY_DESCRIPTOR, HANDLE, DWORD, PGENERIC_MAPPING, PPRIVILEGE_SET, LPDWORD, LPDWORD,
           LPBOOL allowed) -> BOOL {
@@ -127,7 +127,7 @@ TEST(CheckAccess, AGrantAtTheFirstCallIsTaken) {
 TEST(CheckAccess, ADenialAtTheFirstCallIsFinal) {
   const Impersonating caller(SecurityImpersonation);
   static int calls = 0;
-  const ImportPatch patch(
+  const PatchedImport patch(
       "AccessCheck",
       +[](PSECURITY_DESCRIPTOR, HANDLE, DWORD, PGENERIC_MAPPING, PPRIVILEGE_SET, LPDWORD, LPDWORD,
           LPBOOL allowed) -> BOOL {
@@ -144,7 +144,7 @@ TEST(CheckAccess, TheTokenIsClosedAfterwards) {
   const Impersonating caller(SecurityImpersonation);
   static std::vector<HANDLE> closed;
   closed.clear();
-  const ImportPatch patch(
+  const PatchedImport patch(
       "CloseHandle", +[](HANDLE handle) -> BOOL {
         closed.push_back(handle);
         return TRUE;
@@ -184,7 +184,7 @@ struct OpenRow {
 
 TEST(ThreadImpersonationLevel, AnswersByTheErrorOfOpeningTheToken) {
   static DWORD error;
-  const ImportPatch patch(
+  const PatchedImport patch(
       "OpenThreadToken", +[](HANDLE, DWORD access, BOOL, PHANDLE) -> BOOL {
         EXPECT_EQ(access, static_cast<DWORD>(TOKEN_QUERY));
         SetLastError(error);
@@ -201,7 +201,7 @@ TEST(ThreadImpersonationLevel, AnswersByTheErrorOfOpeningTheToken) {
 
 TEST(ThreadImpersonationLevel, AnUnreadableLevelAnswersAsAnonymous) {
   const Impersonating caller(SecurityImpersonation);
-  const ImportPatch patch(
+  const PatchedImport patch(
       "GetTokenInformation",
       +[](HANDLE, TOKEN_INFORMATION_CLASS, LPVOID, DWORD, PDWORD) -> BOOL { return FALSE; });
   EXPECT_EQ(provider::threadImpersonationLevel(), 1U);

@@ -194,7 +194,7 @@ class Initialisation : public ProviderTest {
 protected:
   HRESULT initializeTraced(UINT limit) {
     limit_ = limit;
-    const ImportPatch configuration("GetPrivateProfileIntA", &readLimit);
+    const PatchedImport configuration("GetPrivateProfileIntA", &readLimit);
     ++initialisations_;
     wchar_t nameSpace[] = L"root\\cimv2";
     return provider_->Initialize(nullptr, 0, nameSpace, nullptr, namespace_, context_, &initSink_);
@@ -260,7 +260,7 @@ struct MutexCalls {
 
 TEST_F(Initialisation, EachCallMakesANewSemaphoreAndAnOwnedMutexAndTheOldSemaphoreStaysUsable) {
   MutexCalls::created = 0;
-  const ImportPatch patch(
+  const PatchedImport patch(
       "CreateMutexA", +[](LPSECURITY_ATTRIBUTES security, BOOL owned, LPCSTR name) -> HANDLE {
         EXPECT_EQ(security, nullptr);
         EXPECT_TRUE(owned);
@@ -310,8 +310,8 @@ TEST_F(Initialisation, TheEventHandleIsAutoResetNotSignalledAndClosedWhenReplace
   EventHandles::created.clear();
   EventHandles::closed.clear();
   {
-    const ImportPatch create("CreateEventA", &EventHandles::create);
-    const ImportPatch close("CloseHandle", &EventHandles::close);
+    const PatchedImport create("CreateEventA", &EventHandles::create);
+    const PatchedImport close("CloseHandle", &EventHandles::close);
     initialize();
     EXPECT_EQ(EventHandles::closed, std::vector<HANDLE>());
     initialize();
@@ -327,7 +327,7 @@ TEST_F(Initialisation, TheEventHandleIsAutoResetNotSignalledAndClosedWhenReplace
 }
 
 TEST_F(Initialisation, WithoutTheEventHandleTheResultIsOutOfMemoryAndWmiIsStillTold) {
-  const ImportPatch patch(
+  const PatchedImport patch(
       "CreateEventA", +[](LPSECURITY_ATTRIBUTES, BOOL, BOOL, LPCSTR) -> HANDLE { return nullptr; });
   EXPECT_EQ(initialize(), wbemResult(WBEM_E_OUT_OF_MEMORY));
   EXPECT_EQ(initSink_.statuses, (InitSinkCalls{{WBEM_S_INITIALIZED, 0}}));
@@ -367,8 +367,8 @@ protected:
     Texts::freed.clear();
     Texts::fail.clear();
   }
-  const ImportPatch allocate_{"SysAllocString", &Texts::allocate};
-  const ImportPatch free_{"SysFreeString", &Texts::free};
+  const PatchedImport<decltype(SysAllocString)> allocate_{"SysAllocString", &Texts::allocate};
+  const PatchedImport<decltype(SysFreeString)> free_{"SysFreeString", &Texts::free};
 };
 
 using WideTexts = std::vector<std::wstring>;
@@ -481,7 +481,7 @@ protected:
     }
     return {};
   }
-  const ImportPatch patch_{"CoGetClassObject", &FactoryCalls::get};
+  const PatchedImport<decltype(CoGetClassObject)> patch_{"CoGetClassObject", &FactoryCalls::get};
 };
 
 TEST_F(PathParser, IsAskedForOnceEvenWhenItIsMissing) {
@@ -536,7 +536,7 @@ TEST_F(PathParser, AFailureAtAnyStepIsNoneOfTheRetrievals) {
 }
 
 TEST_F(Initialisation, MissingArgumentsAreSurvived) {
-  const ImportPatch configuration("GetPrivateProfileIntA", &readLimit);
+  const PatchedImport configuration("GetPrivateProfileIntA", &readLimit);
   EXPECT_EQ(provider_->Initialize(nullptr, 0, nullptr, nullptr, nullptr, nullptr, &initSink_),
             wbemResult(WBEM_E_INVALID_PARAMETER));
   EXPECT_EQ(initSink_.statuses.size(), 1U);
@@ -547,7 +547,7 @@ TEST_F(Initialisation, MissingArgumentsAreSurvived) {
 
 TEST_F(Initialisation, ASecondCallWithoutServicesReleasesTheFirstOnes) {
   initialize();
-  const ImportPatch configuration("GetPrivateProfileIntA", &readLimit);
+  const PatchedImport configuration("GetPrivateProfileIntA", &readLimit);
   EXPECT_EQ(provider_->Initialize(nullptr, 0, nullptr, nullptr, nullptr, nullptr, &initSink_),
             wbemResult(WBEM_E_INVALID_PARAMETER));
   EXPECT_EQ(namespace_->references(), 2);

@@ -235,8 +235,8 @@ BOOL WINAPI refuseDescriptor(LPCSTR, DWORD, PSECURITY_DESCRIPTOR* descriptor, PU
 // The two differ on purpose: only the enumeration is open to authenticated users.
 TEST_F(InstanceRequests, BuildTheirDescriptors) {
   descriptors.clear();
-  const ImportPatch patch("ConvertStringSecurityDescriptorToSecurityDescriptorA",
-                          &recordDescriptor);
+  const PatchedImport patch("ConvertStringSecurityDescriptorToSecurityDescriptorA",
+                            &recordDescriptor);
   enumerate();
   sink_.statuses.clear();
   retrieve();
@@ -266,8 +266,8 @@ struct Freed {
 TEST_F(InstanceRequests, FreeTheirDescriptorsOnEachPath) {
   Freed::built.clear();
   Freed::freed.clear();
-  const ImportPatch build("ConvertStringSecurityDescriptorToSecurityDescriptorA", &Freed::build);
-  const ImportPatch free("LocalFree", &Freed::free);
+  const PatchedImport build("ConvertStringSecurityDescriptorToSecurityDescriptorA", &Freed::build);
+  const PatchedImport free("LocalFree", &Freed::free);
   for (const HRESULT impersonation : {S_OK, E_ACCESSDENIED}) {
     call_.failure = impersonation;
     for (const Request kind : {Request::Enumeration, Request::Retrieval}) {
@@ -280,8 +280,8 @@ TEST_F(InstanceRequests, FreeTheirDescriptorsOnEachPath) {
 }
 
 TEST_F(Enumeration, WithoutItsDescriptorIsDenied) {
-  const ImportPatch patch("ConvertStringSecurityDescriptorToSecurityDescriptorA",
-                          &refuseDescriptor);
+  const PatchedImport patch("ConvertStringSecurityDescriptorToSecurityDescriptorA",
+                            &refuseDescriptor);
   EXPECT_EQ(enumerate(), wbemResult(WBEM_E_ACCESS_DENIED));
   EXPECT_EQ(sink_.statuses, (Statuses{wbemResult(WBEM_E_ACCESS_DENIED)}));
   EXPECT_EQ(traced(sink_.tracedBeforeStatus),
@@ -592,8 +592,8 @@ TEST_F(Retrieval, ByADeniedCallerIsServed) {
 
 TEST_F(Retrieval, WithoutItsDescriptorIsServed) {
   script_.instances = {device("S1")};
-  const ImportPatch patch("ConvertStringSecurityDescriptorToSecurityDescriptorA",
-                          &refuseDescriptor);
+  const PatchedImport patch("ConvertStringSecurityDescriptorToSecurityDescriptorA",
+                            &refuseDescriptor);
   EXPECT_EQ(retrieve(), WBEM_S_NO_ERROR);
 }
 
@@ -707,7 +707,7 @@ TEST_F(Admission, WaitsFiveMinutesAndThenFails) {
     recorded_trace::clear();
     AdmissionWaits::timeouts.clear();
     {
-      const ImportPatch patch("WaitForSingleObject", &AdmissionWaits::wait);
+      const PatchedImport patch("WaitForSingleObject", &AdmissionWaits::wait);
       EXPECT_EQ(request(row.kind), kFailed);
     }
     EXPECT_EQ(AdmissionWaits::timeouts, std::vector<DWORD>{300000});
@@ -726,7 +726,7 @@ TEST_F(Admission, WaitsFiveMinutesAndThenFails) {
 
 TEST_F(Admission, ALimitOfZeroTurnsEveryRequestAway) {
   initialize(0);
-  const ImportPatch patch("WaitForSingleObject", &AdmissionWaits::wait);
+  const PatchedImport patch("WaitForSingleObject", &AdmissionWaits::wait);
   for (const TimeoutRow& row : kTimeouts) {
     for (int i = 0; i < 3; ++i) {
       sink_.statuses.clear();

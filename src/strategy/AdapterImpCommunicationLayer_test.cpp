@@ -1,6 +1,6 @@
+#include "PatchedImport.h"
 #include "strategy/AdapterImpCommunicationLayer.h"
 #include "strategy/IUPOSXmlAdapter.h"
-#include "strategy/testing/PatchedImport.h"
 #include "strategy/testing/TestDatagrams.h"
 
 #include <gtest/gtest.h>

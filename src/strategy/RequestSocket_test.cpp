@@ -1,9 +1,9 @@
+#include "ConfigurationFile.h"
+#include "PatchedImport.h"
 #include "RecordedTrace.h"
 #include "strategy/RequestBackOff.h"
 #include "strategy/RequestSocket.h"
 #include "strategy/UPOSConnector.h"
-#include "strategy/testing/ConfigurationFile.h"
-#include "strategy/testing/PatchedImport.h"
 #include "strategy/testing/TestPeer.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
+#include "PatchedImport.h"
 #include "RecordedTrace.h"
 #include "strategy/UPOSConnector.h"
 #include "strategy/testing/CountedAllocations.h"
-#include "strategy/testing/PatchedImport.h"
 #include "strategy/testing/TestPeer.h"
 
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
+#include "PatchedImport.h"
 #include "strategy/UPOSDatagramConnector.h"
-#include "strategy/testing/PatchedImport.h"
 #include "strategy/testing/TestDatagrams.h"
 
 #include <gmock/gmock.h>

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "PatchedImport.h"
 #include "provider/CProvider_IWbemServices.h"
 #include "provider/ProviderState.h"
-#include "provider/testing/ImportPatch.h"
 #include "provider/testing/ProviderFakes.h"
 
 #include <cstring>
@@ -48,7 +48,7 @@ protected:
   /// Initialize as WMI calls it, with `limit` configured.
   HRESULT initialize(UINT limit = 1) {
     limit_ = limit;
-    const ImportPatch configuration("GetPrivateProfileIntA", &readLimit);
+    const PatchedImport configuration("GetPrivateProfileIntA", &readLimit);
     ++initialisations_;
     wchar_t user[] = L"tilluser";
     wchar_t nameSpace[] = L"root\\cimv2";

@@ -8,7 +8,8 @@
 #include <string>
 
 /// Puts a function of the test's own in place of one that this program imports from a system DLL,
-/// until destruction: the way to a failing socket, timer or start of Winsock.
+/// until destruction: so a call of the platform can be watched, or made to fail. Calls that the
+/// libraries make among themselves are not touched.
 ///
 /// `Function` is the imported function's type: PatchedImport<decltype(recv)> patch("recv", fake).
 /// Threads: set up and torn down while no other thread calls the function.
