@@ -97,7 +97,6 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void*) {
   return TRUE;
 }
 
-// The DLL's threads run its code until the process ends, so it is never unloaded.
 STDAPI DllCanUnloadNow() {
   return S_FALSE;
 }
@@ -107,6 +106,11 @@ STDAPI DllGetClassObject(REFCLSID id, REFIID iid, void** result) {
     return E_POINTER;
   }
   *result = nullptr;
+  // The DLL's threads run its code until the process ends, and the last CoUninitialize would unload
+  // it whatever DllCanUnloadNow says.
+  HMODULE pinned = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                     reinterpret_cast<LPCWSTR>(&DllGetClassObject), &pinned);
   for (const Served& served : kServed) {
     if (served.id == id) {
       return win::comBoundary([&] {

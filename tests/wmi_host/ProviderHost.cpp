@@ -274,7 +274,7 @@ void ProviderHost::unregisterProvider() {
   }
 }
 
-void ProviderHost::registerEvents(std::shared_ptr<const Repository>) {
+void ProviderHost::registerEvents() {
   std::scoped_lock lock(mutex_);
   ++eventRegistrations_;
   startListening();

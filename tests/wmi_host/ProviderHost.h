@@ -36,7 +36,7 @@ public:
   HRESULT registerProvider(const std::wstring& name, IUnknown* provider,
                            std::shared_ptr<const Repository> repository);
   void unregisterProvider();
-  void registerEvents(std::shared_ptr<const Repository> repository);
+  void registerEvents();
   void unregisterEvents();
   void publishEvent(const Object& event);
 

@@ -208,8 +208,8 @@ HRESULT EventRegistrar::Register(LONG flags, IWbemContext*, LPCWSTR, LPCWSTR, LP
     if (SUCCEEDED(result)) {
       registration_ = std::make_shared<Registration>();
       registration_->name = registration;
-      registration_->repository = repository;
-      ProviderHost::instance().registerEvents(repository);
+      registration_->repository = std::move(repository);
+      ProviderHost::instance().registerEvents();
     }
     return result;
   });

@@ -133,7 +133,9 @@ void withdraw() {
   RegDeleteKeyW(HKEY_LOCAL_MACHINE, kServerKey);
 }
 
-void clearCounters() { RegDeleteKeyW(HKEY_LOCAL_MACHINE, kCountersKey); }
+void clearCounters() {
+  RegDeleteKeyW(HKEY_LOCAL_MACHINE, kCountersKey);
+}
 
 void storeCounter(const wchar_t* name, DWORD value) {
   store(kCountersKey, REG_OPTION_VOLATILE, name, value);

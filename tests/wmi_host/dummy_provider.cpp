@@ -7,8 +7,10 @@
 
 #include "win/Automation.h"
 #include "win/Boundary.h"
+#include "win/Handles.h"
 
 #include <windows.h>
+#include <sddl.h>
 #include <wbemcli.h>
 #include <wbemprov.h>
 #include <wrl/client.h>
@@ -42,21 +44,42 @@ HRESULT put(IWbemClassObject& object, const wchar_t* name, LONG number) {
   return object.Put(name, 0, value.get(), 0);
 }
 
-/// What the calling thread may do as the client: the token's level, or the failure to get one.
+/// Whether a descriptor that names authenticated users and administrators lets the token in.
+bool isGranted(HANDLE token) {
+  win::LocalMemory descriptor;
+  ConvertStringSecurityDescriptorToSecurityDescriptorW(
+      L"O:BAG:BAD:(A;;0x00000001;;;BA)(A;;0x00000001;;;AU)", SDDL_REVISION_1, descriptor.put(),
+      nullptr);
+  GENERIC_MAPPING mapping{};
+  BYTE privileges[256];
+  DWORD size = sizeof privileges;
+  DWORD access = 0;
+  BOOL granted = FALSE;
+  return AccessCheck(descriptor.get(), token, 1, &mapping,
+                     reinterpret_cast<PRIVILEGE_SET*>(privileges), &size, &access, &granted) &&
+         granted;
+}
+
+/// What the calling thread may do as the client: the token's level and whether an access check
+/// grants it something, or the failure to get a token.
 std::wstring impersonation() {
   HRESULT result = CoImpersonateClient();
   if (FAILED(result)) {
     return L"refused " + std::to_wstring(result);
   }
-  HANDLE token = nullptr;
-  DWORD level = 99;
-  if (OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) {
-    DWORD size = 0;
-    GetTokenInformation(token, TokenImpersonationLevel, &level, sizeof level, &size);
-    CloseHandle(token);
+  win::Handle token;
+  DWORD level = 0;
+  DWORD size = 0;
+  if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put())) {
+    DWORD error = GetLastError();
+    CoRevertToSelf();
+    return L"no token " + std::to_wstring(error);
   }
+  GetTokenInformation(token.get(), TokenImpersonationLevel, &level, sizeof level, &size);
+  std::wstring text = L"level " + std::to_wstring(level);
+  text += isGranted(token.get()) ? L" granted" : L" denied";
   CoRevertToSelf();
-  return L"level " + std::to_wstring(level);
+  return text;
 }
 
 class Provider final : public IWbemServices, public IWbemProviderInit {

@@ -1,0 +1,160 @@
+#include "Cim.h"
+#include "MofReader.h"
+#include "Wire.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace wmi_host {
+namespace {
+
+Repository repository() {
+  Repository result = systemRepository();
+  readMof(result, R"(#pragma namespace("root\\cimv2")
+      [abstract] class Top { [key] string Id; [key] uint32 Number; };
+      [singleton] class Only { string Text; };
+      class Leaf : Top { uint8 Bytes[]; real32 Ratio; boolean Flag = TRUE; sint64 Low; };)",
+          "test");
+  return result;
+}
+
+struct FitRow {
+  CimType type;
+  Scalar value;
+  bool fits;
+};
+
+TEST(Cim, ANumberFitsWithinTheRangeOfItsType) {
+  const FitRow rows[] = {
+      {CimType::uint8, std::int64_t{255}, true},
+      {CimType::uint8, std::int64_t{256}, false},
+      {CimType::uint8, std::int64_t{-1}, false},
+      {CimType::sint8, std::int64_t{-128}, true},
+      {CimType::sint8, std::uint64_t{128}, false},
+      {CimType::sint16, std::int64_t{-32769}, false},
+      {CimType::uint16, std::uint64_t{65536}, false},
+      {CimType::uint32, std::uint64_t{4294967295}, true},
+      {CimType::uint32, std::uint64_t{4294967296}, false},
+      {CimType::sint32, std::int64_t{-2147483648LL}, true},
+      {CimType::sint64, std::uint64_t{UINT64_MAX}, false},
+      {CimType::uint64, std::uint64_t{UINT64_MAX}, true},
+      {CimType::real32, std::int64_t{3}, true},
+      {CimType::uint32, 3.0, false},
+      {CimType::uint32, true, false},
+      {CimType::uint32, std::wstring(L"3"), false},
+      {CimType::boolean, std::int64_t{1}, false},
+      {CimType::string, std::int64_t{1}, false},
+      {CimType::datetime, std::wstring(L"20240131120000.000000+060"), true},
+      {CimType::datetime, std::wstring(L"2024013112****.******+***"), true},
+      {CimType::datetime, std::wstring(L"00000001000000.000000:000"), true},
+      {CimType::datetime, std::wstring(L"2024-01-31"), false},
+      {CimType::datetime, std::wstring(), false},
+  };
+  for (const FitRow& row : rows) {
+    EXPECT_EQ(fit(row.type, row.value).has_value(), row.fits) << &row - rows;
+  }
+}
+
+TEST(Cim, IntegersAreReadWhole) {
+  EXPECT_EQ(parseInteger(L"18446744073709551615"), Scalar(std::uint64_t{UINT64_MAX}));
+  EXPECT_EQ(parseInteger(L"-9223372036854775808"), Scalar(std::int64_t{INT64_MIN}));
+  EXPECT_EQ(parseInteger(L"0xfF"), Scalar(std::uint64_t{255}));
+  for (const wchar_t* text :
+       {L"", L"-", L"0x", L"1a", L"18446744073709551616", L"-9223372036854775809", L" 1", L"1 "}) {
+    EXPECT_FALSE(parseInteger(text));
+  }
+}
+
+TEST(Cim, AnObjectsPathHasAllItsKeys) {
+  Repository all = repository();
+  Object leaf = Object::instanceOf(all.findClass(L"Leaf"));
+  EXPECT_FALSE(leaf.relativePath());
+  leaf.values[0] = Value(std::wstring(L"a\"b"));
+  EXPECT_FALSE(leaf.relativePath());
+  leaf.values[1] = Value(std::uint64_t{4});
+  EXPECT_EQ(leaf.relativePath(), L"Leaf.Id=\"a\\\"b\",Number=4");
+  EXPECT_EQ(Object::instanceOf(all.findClass(L"Only")).relativePath(), L"Only=@");
+  EXPECT_EQ(Object::ofClass(all.findClass(L"Leaf")).relativePath(), L"Leaf");
+  EXPECT_FALSE(Object::instanceOf(all.findClass(L"__ExtrinsicEvent")).relativePath()); // no key
+}
+
+TEST(Cim, SystemPropertiesDescribeTheObject) {
+  Repository all = repository();
+  Object leaf = Object::instanceOf(all.findClass(L"Leaf"));
+  leaf.values[0] = Value(std::wstring(L"x"));
+  leaf.values[1] = Value(std::uint64_t{1});
+  auto text = [&](const wchar_t* name) {
+    return std::get<std::wstring>(systemProperty(leaf, name)->items.at(0));
+  };
+  EXPECT_EQ(text(L"__class"), L"Leaf");
+  EXPECT_EQ(text(L"__SUPERCLASS"), L"Top");
+  EXPECT_EQ(text(L"__DYNASTY"), L"Top");
+  EXPECT_EQ(text(L"__DERIVATION"), L"Top");
+  EXPECT_EQ(text(L"__RELPATH"), L"Leaf.Id=\"x\",Number=1");
+  EXPECT_EQ(text(L"__PATH"), L"\\\\.\\root\\cimv2:Leaf.Id=\"x\",Number=1");
+  EXPECT_EQ(text(L"__NAMESPACE"), L"root\\cimv2");
+  EXPECT_EQ(systemProperty(leaf, L"__GENUS"), Value(std::int64_t{2}));
+  EXPECT_EQ(systemProperty(leaf, L"__PROPERTY_COUNT"), Value(std::int64_t{6}));
+  EXPECT_EQ(systemProperty(Object::ofClass(all.findClass(L"Top")), L"__GENUS"),
+            Value(std::int64_t{1}));
+  EXPECT_TRUE(systemProperty(Object::ofClass(all.findClass(L"Top")), L"__SUPERCLASS")->isNull());
+  EXPECT_FALSE(systemProperty(leaf, L"__NOTHING"));
+}
+
+TEST(Cim, TheTextOfAnObjectCanBeReadAgain) {
+  Repository all = repository();
+  Object leaf = Object::instanceOf(all.findClass(L"Leaf"));
+  leaf.values[0] = Value(std::wstring(L"a\"b\\c"));
+  leaf.values[1] = Value(std::uint64_t{1});
+  leaf.values[2].isArray = true;
+  leaf.values[2].items = {std::uint64_t{1}, std::uint64_t{2}};
+  leaf.values[5] = Value(std::int64_t{INT64_MIN});
+  std::wstring text =
+      Object::ofClass(leaf.type->superclass).mof() + Object::ofClass(leaf.type).mof() + leaf.mof();
+  Repository again = systemRepository();
+  readMof(again, "#pragma namespace(\"root\\\\cimv2\")\n" + std::string(text.begin(), text.end()),
+          "again");
+  ASSERT_EQ(again.instances().size(), 1u);
+  EXPECT_EQ(again.instances()[0].values, leaf.values);
+}
+
+TEST(Wire, AnObjectArrivesAsItWas) {
+  Repository all = repository();
+  Object leaf = Object::instanceOf(all.findClass(L"Leaf"));
+  leaf.values[0] = Value(std::wstring(L"\u00e4\u20ac"));
+  leaf.values[1] = Value(std::uint64_t{UINT32_MAX});
+  leaf.values[2].isArray = true;
+  leaf.values[2].items = {std::uint64_t{0}, std::uint64_t{255}};
+  leaf.values[3] = Value(0.1);
+  leaf.values[5] = Value(std::int64_t{-1});
+  Object arrived = wire::toObject(wire::fromObject(leaf), all);
+  EXPECT_EQ(arrived.type, leaf.type);
+  EXPECT_TRUE(arrived.isInstance);
+  EXPECT_EQ(arrived.values, leaf.values);
+}
+
+TEST(Wire, EveryShorterMessageIsRefused) {
+  Repository all = repository();
+  Object leaf = Object::instanceOf(all.findClass(L"Leaf"));
+  leaf.values[0] = Value(std::wstring(L"x"));
+  std::string bytes = wire::fromObject(leaf);
+  for (std::size_t length = 0; length < bytes.size(); ++length) {
+    EXPECT_THROW(wire::toObject(bytes.substr(0, length), all), std::runtime_error) << length;
+  }
+  EXPECT_THROW(wire::toObject(bytes + "x", all), std::runtime_error);
+  EXPECT_THROW(wire::toObject(bytes, systemRepository()), std::runtime_error); // unknown class
+}
+
+TEST(Wire, AHeaderOfNoMessageIsRefused) {
+  wire::Kind kind{};
+  std::string frame = wire::frame(wire::Kind::get, "abc");
+  EXPECT_EQ(wire::readHeader(frame.substr(0, wire::kHeaderBytes), kind), 3u);
+  EXPECT_EQ(kind, wire::Kind::get);
+  EXPECT_THROW(wire::readHeader(std::string("\x03\0\0\0\x7f", 5), kind), std::runtime_error);
+  EXPECT_THROW(wire::readHeader(std::string("\xff\xff\xff\xff\0", 5), kind), std::runtime_error);
+  EXPECT_THROW(wire::readHeader("abc", kind), std::runtime_error);
+}
+
+} // namespace
+} // namespace wmi_host

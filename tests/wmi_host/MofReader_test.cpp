@@ -1,0 +1,234 @@
+#include "MofReader.h"
+#include "Wql.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+namespace wmi_host {
+namespace {
+
+constexpr char kNamespace[] = "#pragma namespace(\"\\\\\\\\.\\\\root\\\\cimv2\")\n";
+
+Repository read(const std::string& text) {
+  Repository repository = systemRepository();
+  readMof(repository, kNamespace + text, "test.mof");
+  return repository;
+}
+
+/// The message of the error that the text ends with; lines count from the text's first.
+std::string errorOf(const std::string& text) {
+  Repository repository = systemRepository();
+  try {
+    readMof(repository, text, "test.mof");
+  } catch (const MofError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+TEST(MofReader, ReadsClassesWithQualifiersTypesAndDefaults) {
+  Repository repository = read(R"(
+    /* what
+       a provider uses */
+    [abstract, Description("two " "strings"): Amended ToSubclass] class Base {
+      [key, read] string Id; // the key
+      uint8 Bytes[]; sint16 Small = -3; uint32 Size[4] = {1, 0x10};
+      real64 Ratio = 1.5; boolean On = TRUE; Base ref Other; datetime When;
+    };
+    [dynamic, provider("P")] class Derived : base { string Name = "x\ty\"z\\\x41"; };)");
+  ClassPointer derived = repository.findClass(L"DERIVED");
+  ASSERT_TRUE(derived);
+  EXPECT_EQ(derived->superclass->name, L"Base");
+  EXPECT_FALSE(derived->isAbstract()); // not propagated
+  EXPECT_TRUE(derived->isDynamic());
+  EXPECT_EQ(derived->text(L"provider"), L"P");
+  EXPECT_EQ(derived->text(L"description"), L"two strings");
+  ASSERT_EQ(derived->properties.size(), 9u);
+  EXPECT_TRUE(derived->properties[0].isKey()); // a key stays one in every derived class
+  EXPECT_EQ(derived->properties[0].qualifiers.size(), 1u);
+  EXPECT_EQ(derived->properties[2].defaultValue, Value(std::int64_t{-3}));
+  EXPECT_EQ(derived->properties[3].defaultValue.items,
+            (std::vector<Scalar>{std::uint64_t{1}, std::uint64_t{16}}));
+  EXPECT_EQ(derived->properties[4].defaultValue, Value(1.5));
+  EXPECT_EQ(derived->properties[6].type, CimType::reference);
+  EXPECT_EQ(derived->properties[6].cimType, L"ref:Base");
+  EXPECT_EQ(derived->properties[8].defaultValue, Value(std::wstring(L"x\ty\"z\\A")));
+  EXPECT_EQ(derived->properties[8].origin, L"Derived");
+  EXPECT_EQ(derived->properties[0].origin, L"Base");
+}
+
+TEST(MofReader, AnAliasIsThePathOfItsInstance) {
+  Repository repository = read(R"(
+    instance of __Win32Provider as $P { Name = "One"; };
+    instance of __InstanceProviderRegistration { Provider = $p; SupportsGet = TRUE; };)");
+  ASSERT_EQ(repository.instances().size(), 2u);
+  EXPECT_EQ(repository.instances()[1].text(L"provider"), L"__Win32Provider.Name=\"One\"");
+  EXPECT_EQ(*repository.instances()[1].relativePath(),
+            L"__InstanceProviderRegistration.provider=\"__Win32Provider.Name=\\\"One\\\"\"");
+}
+
+TEST(MofReader, AnInstanceIsReplacedAndDeletedByItsPath) {
+  Repository repository = read(R"(
+    instance of __Win32Provider { Name = "One"; Version = 1; };
+    instance of __Win32Provider { Name = "ONE"; Version = 2; };)");
+  ASSERT_EQ(repository.instances().size(), 1u);
+  EXPECT_EQ(*repository.instances()[0].find(L"Version"), Value(std::uint64_t{2}));
+  readMof(repository,
+          std::string(kNamespace) + "#pragma deleteinstance(\"__Win32Provider.Name='one'\", FAIL)",
+          "test.mof");
+  EXPECT_TRUE(repository.instances().empty());
+}
+
+TEST(MofReader, AClassIsDeletedWithWhatDerivesFromIt) {
+  Repository repository = read(R"(
+    class A { [key] string Id; }; class B : A {}; class C { [key] string Id; };
+    instance of B { Id = "x"; }; instance of C { Id = "y"; };
+    #pragma deleteclass("A", NOFAIL)
+    #pragma deleteclass("Never", NOFAIL))");
+  EXPECT_FALSE(repository.findClass(L"A"));
+  EXPECT_FALSE(repository.findClass(L"B"));
+  EXPECT_TRUE(repository.findClass(L"C"));
+  EXPECT_EQ(repository.instances().size(), 1u);
+}
+
+TEST(MofReader, TheSameFileCanBeReadTwice) {
+  std::string text = "class A { [key] string Id; }; class B : A { string Name; };";
+  Repository repository = read(text);
+  EXPECT_NO_THROW(readMof(repository, kNamespace + text, "again.mof"));
+  EXPECT_EQ(repository.derivedFrom(L"A").size(), 1u);
+}
+
+struct ErrorRow {
+  const char* text;
+  const char* error;
+};
+
+TEST(MofReader, SaysWhereAndWhyItStops) {
+  const ErrorRow rows[] = {
+      {"class A {};", "test.mof:1: namespace root\\default: only root\\cimv2 is served"},
+      {"#pragma namespace(\"root\\\\other\")\nclass A {};", "only root\\cimv2"},
+      {"#pragma fantasy(\"x\")", "namespace root\\default"},
+      {"#pragma namespace(\"root\\\\cimv2\")\n#pragma fantasy(\"x\")",
+       "test.mof:2: unknown pragma fantasy"},
+      {"\n\nnonsense", "test.mof:3: expected #pragma, class or instance"},
+      {"/* open", "comment without end"},
+      {"#pragma namespace(\"open", "string without end"},
+      {"#pragma namespace(\"a\nb\")", "string without end"},
+      {"#pragma namespace(\"\\q\")", "unknown escape \\q"},
+      {"#pragma namespace(\"\xe4\")", "a character outside ASCII"},
+      {"@", "unexpected character '@'"},
+  };
+  for (const ErrorRow& row : rows) {
+    EXPECT_NE(errorOf(row.text).find(row.error), std::string::npos)
+        << row.text << "\n  gives: " << errorOf(row.text);
+  }
+}
+
+TEST(MofReader, RefusesWhatItDoesNotUnderstand) {
+  const ErrorRow rows[] = {
+      {"class A : B {};", "unknown superclass B"},
+      {"class A { string X }", "expected ';'"},
+      {"class A { string X; string x; };", "property x twice"},
+      {"class A { string X; }; class B : A { uint32 X; };", "another type in a superclass"},
+      {"class A { thing X; };", "unknown type thing"},
+      {"class A { uint32 Do(); };", "methods are not read"},
+      {"class A { uint8 X = 256; };", "the value does not fit X, which is uint8"},
+      {"class A { uint32 X = -1; };", "does not fit"},
+      {"class A { string X = 1; };", "does not fit"},
+      {"class A { uint32 X[] = 1; };", "which is uint32[]"},
+      {"class A { datetime X = \"2024\"; };", "does not fit"},
+      {"class A { uint32 X = 99999999999999999999; };", "not a number"},
+      {"class A { real32 X = 1.2.3; };", "not a number"},
+      {"[key, Key] class A {};", "qualifier Key twice"},
+      {"[key: Sometimes] class A {};", "unknown flavor"},
+      {"instance of Nobody {};", "instance of unknown class Nobody"},
+      {"instance of __Provider {};", "abstract class __Provider"},
+      {"instance of __Win32Provider {};", "without a value for its key"},
+      {"instance of __Win32Provider { Nothing = 1; };", "has no property Nothing"},
+      {"instance of __Win32Provider { Name = $Never; };", "unknown alias $Never"},
+      {"#pragma deleteclass(\"Nobody\", FAIL)", "nothing to delete: Nobody"},
+      {"#pragma deleteinstance(\"__Win32Provider\", NOFAIL)", "not an instance's path"},
+      {"class A {string X;}; class B : A {}; class A {};", "has derived classes"},
+      {"class A {", "expected a property's type"},
+  };
+  for (const ErrorRow& row : rows) {
+    std::string error = errorOf(kNamespace + std::string(row.text));
+    EXPECT_NE(error.find(row.error), std::string::npos) << row.text << "\n  gives: " << error;
+  }
+}
+
+// ------------------------------------------------------------------------------- the shipped files
+
+std::string shipped(const std::string& name) {
+  std::ifstream file(std::string(WMI_HOST_MOF_FOLDER) + "/" + name, std::ios::binary);
+  EXPECT_TRUE(file.is_open()) << name;
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(ShippedMof, DefinesWhatTheServiceServes) {
+  Repository repository = systemRepository();
+  readMof(repository, shipped("quillmon.mof"), "quillmon.mof");
+  int concrete = 0;
+  for (const ClassPointer& type : repository.derivedFrom(L"UPOS_Device")) {
+    EXPECT_TRUE(type->isDynamic());
+    EXPECT_EQ(type->text(L"provider"), L"QuillmonService");
+    concrete += type->isAbstract() ? 0 : 1;
+    std::optional<std::size_t> key = type->find(L"DeviceID");
+    ASSERT_TRUE(key);
+    EXPECT_TRUE(type->properties[*key].isKey());
+    for (const Property& property : type->properties) {
+      // The service puts text, 32-bit numbers and truth values; nothing else could be put.
+      EXPECT_FALSE(property.isArray);
+      EXPECT_TRUE(property.type == CimType::string || property.type == CimType::uint32 ||
+                  property.type == CimType::boolean)
+          << std::string(property.name.begin(), property.name.end());
+    }
+  }
+  EXPECT_GE(concrete, 30);
+  for (const wchar_t* name : {L"UPOS_LogicalDevice", L"UPOS_Scanner", L"UPOS_Scale"}) {
+    EXPECT_TRUE(repository.findClass(name));
+  }
+  ClassPointer event = repository.findClass(L"QuillmonEvent");
+  ASSERT_TRUE(event);
+  EXPECT_TRUE(event->derivesFrom(L"__ExtrinsicEvent"));
+  for (const wchar_t* name : {L"classname", L"deviceid", L"eventtype", L"codename"}) {
+    std::optional<std::size_t> index = event->find(name);
+    ASSERT_TRUE(index);
+    EXPECT_EQ(event->properties[*index].type, CimType::string);
+  }
+  const Object* provider =
+      repository.findInstance(*parsePath(L"__Win32Provider.Name=\"QuillmonService\""));
+  ASSERT_NE(provider, nullptr);
+  EXPECT_EQ(provider->text(L"HostingModel"), L"Decoupled:Com");
+  EXPECT_FALSE(provider->text(L"SecurityDescriptor").empty());
+  for (const Object& instance : repository.instances()) {
+    if (instance.type->name == L"__InstanceProviderRegistration") {
+      EXPECT_TRUE(instance.truth(L"SupportsGet"));
+      EXPECT_TRUE(instance.truth(L"SupportsEnumeration"));
+      EXPECT_TRUE(instance.find(L"QuerySupportLevels")->isNull());
+    }
+  }
+  EXPECT_EQ(repository.instances().size(), 3u);
+}
+
+TEST(ShippedMof, UninstallingLeavesNothingBehind) {
+  Repository repository = systemRepository();
+  std::size_t before = repository.derivedFrom(L"").size();
+  readMof(repository, "#pragma namespace(\"root\\\\cimv2\")\nclass Shared {};", "other.mof");
+  readMof(repository, shipped("quillmon.mof"), "quillmon.mof");
+  EXPECT_GT(repository.derivedFrom(L"__ExtrinsicEvent").size(), 0u);
+  readMof(repository, shipped("quillmon-uninstall.mof"), "quillmon-uninstall.mof");
+  EXPECT_TRUE(repository.instances().empty());
+  EXPECT_EQ(repository.derivedFrom(L"__ExtrinsicEvent").size(), 0u);
+  EXPECT_FALSE(repository.findClass(L"UPOS_Device"));
+  EXPECT_FALSE(repository.findClass(L"UPOS_Scanner"));
+  EXPECT_TRUE(repository.findClass(L"Shared"));
+  EXPECT_TRUE(repository.findClass(L"__Win32Provider"));
+  EXPECT_EQ(repository.derivedFrom(L"").size(), before);
+  readMof(repository, shipped("quillmon-uninstall.mof"), "twice"); // what is gone is no error
+}
+
+} // namespace
+} // namespace wmi_host
