@@ -10,10 +10,12 @@
 //   path                 prints the log's path
 //   echo                 switches the console echo on
 //   occupy               opens the log so that nobody else can
-//   countthreads         prints the number of threads created through the system since the last
-//   time nothreads            from here on the system creates no thread shortage             traces
-//   again and again, each time with another allocation failing atexit               traces from a
-//   static object's destructor, while a thread traces too
+//   countthreads         prints how many threads the log created since the last time
+//   nothreads            from here on the system creates no thread
+//   slowevents           makes room for races: named events are slow to create
+//   overlaps             prints how many rotations began while another was being begun
+//   shortage             traces again and again, each time with another allocation failing
+//   atexit               traces from a static destructor, while a thread traces too
 
 #include "trace/UPOSLog.h"
 
@@ -35,7 +37,11 @@ std::atomic<int> untilShortage = -1;
 std::atomic<int> threadsCreated = 0;
 std::atomic<bool> threadsRefused = false;
 bool tracesAtExit = false;
+std::atomic<bool> eventsAreSlow = false;
+std::atomic<int> rotationsBegun = 0;
+std::atomic<int> overlaps = 0;
 decltype(&CreateThread) systemCreateThread = nullptr;
+decltype(&CreateEventA) systemCreateEvent = nullptr;
 
 } // namespace
 
@@ -55,8 +61,11 @@ void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 
-// The entry of this program's import table through which the log calls CreateThread.
-extern "C" decltype(&CreateThread) __imp_CreateThread; // NOLINT(bugprone-reserved-identifier)
+// The entries of this program's import table through which the log calls the system.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" decltype(&CreateThread) __imp_CreateThread;
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" decltype(&CreateEventA) __imp_CreateEventA;
 
 namespace {
 
@@ -71,14 +80,30 @@ HANDLE WINAPI countedCreateThread(SECURITY_ATTRIBUTES* attributes, SIZE_T stack,
   return systemCreateThread(attributes, stack, start, parameter, flags, id);
 }
 
-bool countThreads() {
+HANDLE WINAPI slowCreateEvent(SECURITY_ATTRIBUTES* attributes, BOOL manual, BOOL signalled,
+                              const char* name) {
+  const HANDLE event = systemCreateEvent(attributes, manual, signalled, name);
+  if (eventsAreSlow && name != nullptr) {
+    const bool rotation = std::string_view(name) == "BackUp";
+    if (rotation && rotationsBegun++ > 0) {
+      ++overlaps;
+    }
+    Sleep(50);
+    if (rotation) {
+      --rotationsBegun;
+    }
+  }
+  return event;
+}
+
+template <class Function>
+bool replaceImport(Function& entry, Function& system, Function ours) {
   DWORD protection = 0;
-  if (!VirtualProtect(&__imp_CreateThread, sizeof __imp_CreateThread, PAGE_READWRITE,
-                      &protection)) {
+  if (!VirtualProtect(&entry, sizeof entry, PAGE_READWRITE, &protection)) {
     return false;
   }
-  systemCreateThread = __imp_CreateThread;
-  __imp_CreateThread = &countedCreateThread;
+  system = entry;
+  entry = ours;
   return true;
 }
 
@@ -167,6 +192,14 @@ bool perform(std::string_view command, const char* first, const char* second, in
     std::printf("%d threads\n", threadsCreated.exchange(0));
     return true;
   }
+  if (command == "slowevents") {
+    eventsAreSlow = true;
+    return true;
+  }
+  if (command == "overlaps") {
+    std::printf("%d overlaps\n", overlaps.load());
+    return true;
+  }
   if (command == "nothreads") {
     threadsRefused = true;
     return true;
@@ -190,7 +223,8 @@ bool perform(std::string_view command, const char* first, const char* second, in
 } // namespace
 
 int main(int argc, char** argv) {
-  if (!countThreads()) {
+  if (!replaceImport(__imp_CreateThread, systemCreateThread, &countedCreateThread) ||
+      !replaceImport(__imp_CreateEventA, systemCreateEvent, &slowCreateEvent)) {
     std::puts("the import table cannot be changed");
     return 2;
   }

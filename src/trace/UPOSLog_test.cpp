@@ -12,7 +12,6 @@
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,7 +21,6 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 using Lines = std::vector<std::string>;
@@ -165,8 +163,8 @@ protected:
     return outcome.output;
   }
 
+  /// The log beside the program.
   fs::path log() const { return folder_ / "Quillmon.log"; }
-  /// Beside the program; the shape of a name given by `messages` is checked along the way.
   Lines logged() const { return messages(log()); }
 
   /// Makes `home` the installation: its folder for the log, and the registry value that names it.
@@ -174,15 +172,17 @@ protected:
     fs::create_directories(home / "Log");
     setInstallDir(home.string() + "\\");
   }
+  /// The log of the installation that `configure` makes, or one of its numbered copies.
   fs::path installed(int copy = 0) const {
     return folder_ / "home" / "Log" /
            (copy == 0 ? "Quillmon.log" : "Quillmon.log." + std::to_string(copy));
   }
-  /// An installation with this configuration; the lines that every log of it begins with.
+  /// An installation with this configuration.
   void configure(std::string_view content) {
     install(folder_ / "home");
     writeFile(folder_ / "home" / "zontrace.cfg", content);
   }
+  /// The line that its log begins with.
   std::string nameLine() const {
     return "Name of Config file to read : " + (folder_ / "home").string() + "\\zontrace.cfg";
   }
@@ -496,13 +496,20 @@ TEST_F(UPOSLog, EchoesNothingWhileSwitchedOff) {
 TEST_F(UPOSLog, ManyThreadsFromTheFirstLineOnLoseNoneAndNeverMix) {
   runSwitchedOn({"threads", "8", "50"});
   Lines expected{kNoConfiguration};
-  std::map<std::string, int> last;
   for (int i = 0; i < 8; ++i) {
     for (int j = 0; j < 50; ++j) {
       expected.push_back("thread " + std::to_string(i) + " line " + std::to_string(j));
     }
   }
   EXPECT_THAT(logged(), testing::UnorderedElementsAreArray(expected));
+}
+
+TEST_F(UPOSLog, OfWritersThatAllComeFirstOnlyOneHasTheTurn) {
+  // With the log there already each line starts a rotation, inside its turn.
+  writeFile(log(), "");
+  EXPECT_THAT(runSwitchedOn({"slowevents", "threads", "6", "1", "overlaps"}),
+              HasSubstr("\r\n0 overlaps\r\n"));
+  EXPECT_EQ(logged().size(), 7U);
 }
 
 TEST_F(UPOSLog, ManyThreadsLoseNoLineInARotation) {
