@@ -35,6 +35,12 @@ def free_port(kind=socket.SOCK_STREAM):
         return probe.getsockname()[1]
 
 
+def bound_datagram_ports():
+    """The UDP ports that are bound on this host, by whatever process."""
+    lines = Path("/proc/net/udp").read_text().splitlines()[1:]
+    return {int(line.split()[1].rpartition(":")[2], 16) for line in lines}
+
+
 def windows_path(path):
     return "Z:" + str(Path(path).resolve()).replace("/", "\\")
 
@@ -157,11 +163,16 @@ class Machine:
         lines = done.stdout.decode("utf-16").replace("\r", "").splitlines()
         if not lines or not lines[0].strip():
             return []
-        starts = [lines[0].index(name) for name in properties]
-        ends = starts[1:] + [None]
-        return [
-            {name: line[start:end].strip() for name, start, end in zip(properties, starts, ends)}
-            for line in lines[1:] if line.strip()]
+        # The columns come in the class's order, each as wide as the longest value and two blanks,
+        # however long the header's names are.
+        order = sorted(properties, key=lines[0].index)
+        rows = []
+        for line in filter(str.strip, lines[1:]):
+            width, rest = divmod(len(line), len(order))
+            assert rest == 0, lines
+            rows.append({name: line[i * width:(i + 1) * width].strip()
+                         for i, name in enumerate(order)})
+        return rows
 
     def script(self, text):
         """Runs a VBScript with Windows' own script host; what it prints, as lines."""
@@ -196,6 +207,29 @@ class Machine:
     def stop_service(self):
         self.run("net", "stop", SERVICE)
         wait_until(lambda: self.service_state() == "STOPPED", "the service to stop")
+
+    def service_process(self):
+        """The host's id of the service's process, or None: what it uses is best seen from outside."""
+        for folder in Path("/proc").iterdir():
+            if not folder.name.isdigit():
+                continue
+            try:
+                if (folder / "cmdline").read_bytes().startswith(b"C:/Quillmon/quillmon.exe\0") and (
+                        f"WINEPREFIX={self.prefix}".encode()
+                        in (folder / "environ").read_bytes().split(b"\0")):
+                    return int(folder.name)
+            except OSError:
+                pass  # ended meanwhile
+        return None
+
+    def restart_service(self, event_port):
+        """Starts the service, after its end if it runs; returns once it has opened its event port,
+        which is the last step of its start."""
+        self.run("net", "stop", SERVICE)
+        wait_until(lambda: self.service_process() is None, "the service's process to end")
+        done = self.run("sc", "start", SERVICE)
+        assert done.returncode == 0, done.out + done.err
+        wait_until(lambda: event_port in bound_datagram_ports(), "the event port to be opened")
 
     # -- the trace
 
