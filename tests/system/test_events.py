@@ -1,0 +1,378 @@
+"""What subscribers to QuillmonEvent see of the datagrams that reach the event port."""
+
+import re
+import socket
+import time
+
+import pytest
+
+from clients import OK, event, events_until, names, send
+from machine import BUILD, SERVICE, bound_datagram_ports, free_port, wait_until
+from peer import framed
+
+CHANGED = "modifyInstance"
+LONGEST = 1024  # of a datagram, with its marks
+
+
+@pytest.fixture(scope="module")
+def till(shared_machine):
+    """The sample till and the running service, which traces, for all tests of this file."""
+    till = shared_machine.start_till()
+    shared_machine.switch_trace_on()
+    shared_machine.install_service()
+    wait_until(lambda: till.events in bound_datagram_ports(), "the event port to be opened")
+    return till
+
+
+@pytest.fixture
+def watcher(shared_machine, till):
+    watcher = shared_machine.watch_events()
+    yield watcher
+    watcher.kill()
+
+
+def published(till, watcher, *datagrams):
+    """What subscribers get for these datagrams, and nothing that comes later."""
+    send(till.events, *datagrams, event("END"))
+    return events_until(watcher, "END")
+
+
+def plain(device_id):
+    """What subscribers get for event(device_id)."""
+    return ("Scanner", device_id, CHANGED, "")
+
+
+# -- the till's events
+
+
+def test_events_arrive_as_quillmon_events_with_their_four_properties(shared_machine, till, watcher):
+    for command in ("attach MICR1", "change MICR1 7", "detach MICR1"):
+        till.type(command)
+    assert [watcher.stdout.readline().decode().rstrip() for _ in range(3)] == [
+        'QuillmonEvent classname="MICR" deviceid="MICR1" eventtype="addInstance" codename=""',
+        'QuillmonEvent classname="MICR" deviceid="MICR1" eventtype="modifyInstance" codename="7"',
+        'QuillmonEvent classname="MICR" deviceid="MICR1" eventtype="delInstance" codename=""']
+
+
+def test_a_foreign_makers_events_are_not_published(shared_machine, till, watcher):
+    for name in ("PINPAD1", "DISPLAY2", "PRINTER2", "SCANNER2", "SCALE1"):
+        till.type(f"change {name} 4")
+        till.expect(f"{name} code 4")
+    assert published(till, watcher) == [
+        ("Scanner", "SCANNER2", CHANGED, "4"), ("Scale", "SCALE1", CHANGED, "4")]
+
+
+@pytest.mark.parametrize("fault, copies", [
+    ("pieces", 1), ("twice", 2), ("garbage", 1), ("empty", 1), ("oversize", 0), ("not-xml", 0)])
+def test_a_till_with_a_fault_costs_only_that_event(shared_machine, till, watcher, fault, copies):
+    till.type(f"misbehave-events {fault}")
+    till.type("change SCANNER1 1")
+    till.type("misbehave-events none")
+    till.type("change SCANNER1 2")
+    till.expect("SCANNER1 code 2")
+    assert published(till, watcher) == (
+        [("Scanner", "SCANNER1", CHANGED, "1")] * copies + [("Scanner", "SCANNER1", CHANGED, "2")])
+
+
+# -- makers, words and attributes
+
+
+@pytest.mark.parametrize("cls, maker, is_published", [
+    ("Scanner", "Veltran", True),
+    ("Scanner", "ORVEX", True),
+    ("Scanner", "OEM", True),
+    ("Scale", "OEM", True),
+    ("RFIDScanner", "OEM", True),
+    ("scanner", "OEM", False),
+    ("POSPrinter", "OEM", False),
+    ("POSPrinter", "Veltran", True),
+    ("Scanner", "veltran", False),
+    ("Scanner", "Veltran ", False),
+    ("Scanner", "Norvia", False),
+    ("Scanner", "", False),
+])
+def test_the_maker_decides(till, watcher, cls, maker, is_published):
+    assert published(till, watcher, event("D1", cls=cls, maker=maker)) == (
+        [(cls, "D1", CHANGED, "")] if is_published else [])
+
+
+def test_only_the_exact_word_na_is_kept_back(till, watcher):
+    words = ["na", "NA ", " NA", "Na", "NA", "N/A", "", "anything"]
+    assert published(till, watcher, *(event("D1", kind=word) for word in words)) == [
+        ("Scanner", "D1", word, "") for word in words if word != "NA"]
+
+
+FIELD = '<field name="{}" type="string">{}</field>'
+MAKER = FIELD.format("ManufacturerName", "Veltran")
+
+
+@pytest.mark.parametrize("document, expected", [
+    (f"<event>{MAKER}</event>", ("", "", "", "")),
+    (f'<event type="x">{MAKER}</event>', ("", "", "x", "")),
+    (f'<event provider="p" other="o" type="x">{MAKER}</event>', ("", "", "x", "")),
+    (f'<event type="x">{FIELD.format("deviceid", "A")}{FIELD.format("MANUFACTURERNAME", "ORVEX")}'
+     "</event>", ("", "A", "x", "")),
+    (f'<event type="x">{FIELD.format("DeviceID", "A")}{MAKER}{FIELD.format("DEVICEID", "B")}'
+     "</event>", ("", "B", "x", "")),
+    (f'<event type="x">{MAKER}{FIELD.format("ManufacturerName", "Norvia")}</event>',
+     ("", "", "x", "")),
+    (f'<event type="x"><deep><field name="DeviceID">A</field>{MAKER}</deep></event>',
+     ("", "A", "x", "")),
+    (f'<?xml version="1.0"?><message><event type="x">{MAKER}</event>'
+     f'<event type="y">{MAKER}</event></message>', ("", "", "x", "")),
+    (f'<event type="&lt;a&gt; &amp; &quot;b&quot;">{MAKER}</event>', ("", "", '<a> & "b"', "")),
+    (f'<event type="x"><field name="DeviceID"> a <b>c</b><![CDATA[<d>]]></field>{MAKER}</event>',
+     ("", " a c<d>", "x", "")),
+    (f'<event type="x">{MAKER}</event>\0no XML any more <', ("", "", "x", "")),
+], ids=["no attributes", "only a type", "other attributes", "names in any case", "the last id",
+        "one maker that keeps", "fields below", "the first event", "escapes", "mixed content",
+        "up to the NUL"])
+def test_a_document_is_read_for_its_first_event(till, watcher, document, expected):
+    assert published(till, watcher, document) == [expected]
+
+
+@pytest.mark.parametrize("document", [
+    '<event type="x"/>',
+    f'<event type="x">{FIELD.format("DeviceID", "A")}</event>',
+    f'<Event type="x">{MAKER}</Event>',
+    f"<notification>{MAKER}</notification>",
+], ids=["no field", "no maker", "another case", "no event"])
+def test_a_document_without_an_event_of_a_maker_is_dropped(till, watcher, document):
+    assert published(till, watcher, document) == []
+
+
+def test_text_beyond_ascii_is_published_byte_by_byte(shared_machine, till, watcher):
+    # The machine's code page has a byte for each of these; the byte's number is the character.
+    page = shared_machine.query_registry(
+        "HKLM\\SYSTEM\\CurrentControlSet\\Control\\Nls\\CodePage", "ACP")
+    assert published(till, watcher, event("Käse ÿ", kind="€", cls="Scanner-µ", code="„1“")) == [
+        tuple(text.encode("cp" + page).decode("latin-1")
+              for text in ("Scanner-µ", "Käse ÿ", "€", "„1“"))]
+
+
+# -- datagrams and their marks
+
+
+@pytest.mark.parametrize("datagrams, expected", [
+    ([framed(event("A")) + framed(event("B"))], ["A", "B"]),
+    ([b"\x08 before" + framed(event("A")) + b"between\x08\x08" + framed(event("B")) + b"after"],
+     ["A", "B"]),
+    ([framed(event("A"))[:40], framed(event("A"))[40:]], ["A"]),
+    ([framed(event("A"))[:1], framed(event("A"))[1:-1], framed(event("A"))[-1:]], ["A"]),
+    ([framed(event("A")) + framed(event("B"))[:70], framed(event("B"))[70:] + framed(event("C"))],
+     ["A", "B", "C"]),
+    ([framed(event("A"))[:40], b"", framed(event("A"))[40:]], ["A"]),
+    ([framed(event("A"))[:40], b"x" * 2000, framed(event("A"))[40:]], ["A"]),
+    ([b"\x1bno end mark", event("A"), event("B")], ["B"]),
+], ids=["two in one", "bytes outside the marks", "split in two", "split at the marks",
+        "one and a half", "empty amid a message", "oversize amid a message",
+        "an open message swallows the next"])
+def test_messages_are_what_stands_between_the_marks(till, watcher, datagrams, expected):
+    assert published(till, watcher, *datagrams) == [plain(name) for name in expected]
+
+
+def padded(device_id, length):
+    """A datagram of that length that holds one event."""
+    datagram = framed(event(device_id))
+    return datagram + b"." * (length - len(datagram))
+
+
+@pytest.mark.parametrize("datagram", [
+    b"",
+    b"\x08",
+    b"\x1b\x08",
+    b"\x00" * 100,
+    bytes(range(256)).replace(b"\x1b", b""),
+    b"no marks at all",
+    padded("LOST", LONGEST + 1),
+    padded("LOST", 60000),
+    framed("<event"),
+    framed(event("LOST")[:-1]),
+    framed(event("LOST").replace("</field>", "", 1)),
+    framed(event("LOST") + "<"),
+    framed(event("LOST") + event("LOST")),
+    framed("This is no XML: <&"),
+    framed(b"\xff\xfe\xfd"),
+    framed(event("LOST").encode().replace(b"Scanner", b"\xe4\xff")),
+    framed('<!DOCTYPE event>' + event("LOST")),
+    framed('<!DOCTYPE event [<!ENTITY id "LOST">]>' + event("&id;")),
+    framed('<!DOCTYPE event [<!ENTITY id SYSTEM "file:///etc/hostname">]>' + event("&id;")),
+    framed(event("&undefined;")),
+    framed("<a>" * 150 + "</a>" * 100),
+], ids=["empty", "end mark", "no text", "zeros", "all bytes", "no marks", "one byte too long",
+        "60000 bytes", "a piece of a tag", "cut", "unbalanced", "more behind", "two roots",
+        "no XML", "no characters", "not UTF-8", "document type", "entity", "external entity",
+        "unknown entity", "deep"])
+def test_a_bad_datagram_costs_only_itself(till, watcher, datagram):
+    assert published(till, watcher, event("BEFORE"), datagram, event("AFTER")) == [
+        plain("BEFORE"), plain("AFTER")]
+
+
+def test_a_datagram_of_the_full_length_is_taken(till, watcher):
+    assert published(till, watcher, padded("A", LONGEST)) == [plain("A")]
+
+
+def test_an_unreadable_document_is_traced(shared_machine, till, watcher):
+    before = len(shared_machine.trace())
+    assert published(till, watcher, '<!DOCTYPE event>' + event("LOST")) == []
+    lines = shared_machine.trace()[before:]
+    assert "<<XMLAdapter XML Exception >> : " in lines
+    assert len(lines) == 2 and lines[1] != ""
+
+
+# -- subscribers
+
+
+def test_every_subscriber_gets_every_event_in_order(shared_machine, till):
+    watchers = [shared_machine.watch_events() for _ in range(3)]
+    sent = [event(f"D{i}", code=str(i)) for i in range(20)]
+    expected = [("Scanner", f"D{i}", CHANGED, str(i)) for i in range(20)]
+    send(till.events, *sent, event("END"))
+    for watcher in watchers:
+        assert events_until(watcher, "END") == expected
+        watcher.kill()
+
+
+def test_a_subscriber_that_leaves_takes_nothing_from_the_others(shared_machine, till, watcher):
+    leaving = shared_machine.watch_events()
+    leaving.kill()
+    leaving.wait()
+    assert published(till, watcher, *(event(f"D{i}") for i in range(5))) == [
+        plain(f"D{i}") for i in range(5)]
+
+
+def test_a_subscription_with_a_condition_gets_what_fits(shared_machine, till):
+    watcher = shared_machine.start(
+        str(BUILD / "wmi_client.exe"), "watch", "30", "0",
+        "SELECT * FROM QuillmonEvent WHERE classname = 'Scale'")
+    assert watcher.stdout.readline().strip() == b"ready"
+    send(till.events, event("A"), event("B", cls="Scale"), event("C"), event("END", cls="Scale"))
+    assert events_until(watcher, "END") == [("Scale", "B", CHANGED, "")]
+    watcher.kill()
+
+
+def test_events_leave_nothing_behind(shared_machine, till, watcher):
+    def counters():
+        names(shared_machine, "UPOS_Belt")  # the stand-in counts at the end of a request
+        return [shared_machine.wmi_counter(name)
+                for name in ("LiveObjects", "LiveServices", "LiveSinks", "Violations")]
+
+    before = counters()
+    assert len(published(till, watcher, *(event(f"D{i}") for i in range(50)))) == 50
+    assert counters() == before and before[-1] == 0
+
+
+# -- events beside requests
+
+
+def test_a_burst_arrives_in_order_while_a_list_waits_for_the_device_server(
+        shared_machine, till, watcher):
+    till.type("misbehave stall")
+    till.expect("answers from now on: stall")
+    stuck = shared_machine.start(str(BUILD / "wmi_client.exe"), "list", "UPOS_Scanner")
+    try:
+        till.expect("request enumerateInstances UPOS_Scanner")
+        ids = [f"D{i:03}" for i in range(100)]
+        assert published(till, watcher, *map(event, ids)) == [plain(name) for name in ids]
+        assert stuck.poll() is None
+    finally:
+        till.type("misbehave none")
+        stuck.kill()
+        # The stalled answer holds the one slot until the service's connection ends.
+        shared_machine.restart_service(till.events)
+
+
+# -- the event port
+
+
+def configure(machine, till, port, **keys):
+    """The configuration with another event port; None leaves the key out."""
+    if port is not None:
+        keys["provider__eventSocket__Port"] = port
+    machine.configure(upos__requestSocket__Port=till.requests, **keys)
+
+
+@pytest.fixture
+def restored(shared_machine, till):
+    """Brings the configuration and the service back after a test with others."""
+    yield
+    configure(shared_machine, till, till.events)
+    shared_machine.restart_service(till.events)
+
+
+def restart_without_waiting(machine):
+    machine.run("net", "stop", SERVICE)
+    wait_until(lambda: machine.service_process() is None, "the service's process to end")
+    assert machine.run("sc", "start", SERVICE).returncode == 0
+
+
+@pytest.mark.parametrize("written, milliseconds", [(400, 400), (0, 100)])
+def test_a_port_in_use_is_traced_once_per_attempt_and_taken_when_free(
+        shared_machine, till, restored, written, milliseconds):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+        holder.bind(("0.0.0.0", 0))
+        port = holder.getsockname()[1]
+        configure(shared_machine, till, port, upos__requestSocket__retryTimeout=written)
+        expected = (f"[EventThread] Unable to open event port {port}, next attempt in "
+                    f"{milliseconds} milliseconds")
+
+        def attempts():
+            return shared_machine.trace().count(expected)
+
+        restart_without_waiting(shared_machine)
+        wait_until(lambda: attempts() >= 1, "the first attempt")
+        first = time.monotonic()
+        seen = attempts()
+        assert names(shared_machine, "UPOS_Scanner") == (["SCANNER1", "SCANNER2"], OK)
+        wait_until(lambda: attempts() >= seen + 3, "more attempts")
+        # At most one in each interval, and the one that the time began in.
+        assert attempts() - seen <= (time.monotonic() - first) * 1000 / milliseconds + 1
+        assert shared_machine.service_state() == "RUNNING"
+    wait_until(lambda: port in bound_datagram_ports(), "the service to take the port")
+    watcher = shared_machine.watch_events()
+    seen = attempts()
+    send(port, event("A"), event("END"))
+    assert events_until(watcher, "END") == [plain("A")]
+    assert attempts() == seen
+    watcher.kill()
+
+
+@pytest.mark.parametrize("written, extra", [
+    ("{port}", 0), ("  {port}  ", 0), ("{port}th port", 0), ("{port}", 65536)])
+def test_a_port_is_read_as_its_digits_and_cut_to_16_bits(
+        shared_machine, till, restored, written, extra):
+    port = free_port(socket.SOCK_DGRAM)
+    configure(shared_machine, till, written.format(port=port + extra))
+    shared_machine.restart_service(port)
+    watcher = shared_machine.watch_events()
+    send(port, event("A"), event("END"))
+    assert events_until(watcher, "END") == [plain("A")]
+    watcher.kill()
+
+
+@pytest.mark.parametrize("written", ["nonsense", "0", "65536"])
+def test_a_port_of_no_number_leaves_the_service_without_events_and_otherwise_well(
+        shared_machine, till, restored, written):
+    configure(shared_machine, till, written)
+    before = bound_datagram_ports()
+    restart_without_waiting(shared_machine)
+    assert names(shared_machine, "UPOS_Scanner") == (["SCANNER1", "SCANNER2"], OK)
+    # Windows gives port 0 any free one.
+    wait_until(lambda: bound_datagram_ports() - before, "some port to be opened")
+    assert shared_machine.service_state() == "RUNNING"
+    assert not [line for line in shared_machine.trace()
+                if re.match(r"\[EventThread\] Unable to open event port 0\b", line)]
+
+
+@pytest.mark.parametrize("has_file", [True, False], ids=["no key", "no file"])
+def test_without_a_configured_port_it_is_42114(shared_machine, till, restored, has_file):
+    wait_until(lambda: 42114 not in bound_datagram_ports(), "the default port to be free", 120)
+    if has_file:
+        configure(shared_machine, till, None)
+    else:
+        (shared_machine.c / "POS" / "JavaPOS" / "Config" / "quillmon.properties").unlink()
+    shared_machine.restart_service(42114)
+    watcher = shared_machine.watch_events()
+    send(42114, event("A"), event("END"))
+    assert events_until(watcher, "END") == [plain("A")]
+    watcher.kill()
