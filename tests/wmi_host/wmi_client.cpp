@@ -11,7 +11,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -24,7 +27,10 @@ constexpr char kUsage[] =
     "       wmi_client query WQL                     as list\n"
     "       wmi_client watch [SECONDS [COUNT [WQL]]] events, one a line, after the line "
     "\"ready\";\n"
-    "                                                SECONDS 0: for ever; COUNT 0: any number\n";
+    "                                                SECONDS 0: for ever; COUNT 0: any number\n"
+    "       wmi_client shell                         commands from standard input, one a line,\n"
+    "                                                words between tabs, and after each\n"
+    "                                                \"= EXITCODE\"\n";
 constexpr wchar_t kEventQuery[] = L"SELECT * FROM QuillmonEvent";
 constexpr LONG kForever = -1; // WBEM_INFINITE, which MinGW declares unsigned
 constexpr LONG kStream = WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY;
@@ -46,6 +52,14 @@ std::string utf8(std::wstring_view text) {
   int size = WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
   std::string result(static_cast<std::size_t>(size), '\0');
   WideCharToMultiByte(CP_UTF8, 0, text.data(), length, result.data(), size, nullptr, nullptr);
+  return result;
+}
+
+std::wstring wide(std::string_view text) {
+  int length = static_cast<int>(text.size());
+  int size = MultiByteToWideChar(CP_UTF8, 0, text.data(), length, nullptr, 0);
+  std::wstring result(static_cast<std::size_t>(size), L'\0');
+  MultiByteToWideChar(CP_UTF8, 0, text.data(), length, result.data(), size);
   return result;
 }
 
@@ -223,6 +237,36 @@ int run(const std::wstring& command, const std::vector<std::wstring>& arguments)
   return 0;
 }
 
+/// As run, with a failed call printed.
+int report(const std::wstring& command, const std::vector<std::wstring>& arguments) {
+  try {
+    return run(command, arguments);
+  } catch (const Failure& failure) {
+    std::printf("%s: 0x%08lX\n", failure.call, static_cast<unsigned long>(failure.result));
+    return 1;
+  }
+}
+
+/// One process for many commands; each connects anew.
+int shell() {
+  for (std::string line; std::getline(std::cin, line);) {
+    std::vector<std::wstring> words(1);
+    for (wchar_t letter : wide(line)) {
+      if (letter == L'\t') {
+        words.emplace_back();
+      } else {
+        words.back() += letter;
+      }
+    }
+    std::wstring command = words.front();
+    words.erase(words.begin());
+    int exitCode = report(command, words);
+    std::printf("= %d\n", exitCode);
+    std::fflush(stdout);
+  }
+  return 0;
+}
+
 } // namespace
 
 int main() {
@@ -237,12 +281,7 @@ int main() {
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
                          RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
-    try {
-      exitCode = run(command, arguments);
-    } catch (const Failure& failure) {
-      std::printf("%s: 0x%08lX\n", failure.call, static_cast<unsigned long>(failure.result));
-      exitCode = 1;
-    }
+    exitCode = command == L"shell" ? shell() : report(command, arguments);
     CoUninitialize();
   }
   if (exitCode < 0) {

@@ -1,0 +1,779 @@
+"""The installed service against device servers that fail, stall, lie or attack.
+
+Whatever a device server does, its request fails or gives what the answer really holds, and the
+service answers the next one.
+"""
+
+import contextlib
+import ctypes
+import os
+import socket
+import threading
+import time
+
+import pytest
+
+from machine import BUILD, bound_datagram_ports, free_port, wait_until
+from peer import BS, ESC, NORMAL, Peer, device, framed, reset, response
+
+FAILED = "0x80041001"
+SCANNER = [["SCANNER1"]]
+
+
+def rows(out):
+    """The values that the client printed, without the names."""
+    return [line.split("\t") for line in out.decode().replace("\r\n", "\n").split("\n")[1:] if line]
+
+
+class Setting:
+    """The service on a machine, its device server, and a client."""
+
+    def __init__(self, machine):
+        self.machine = machine
+        self.peer = Peer()
+        self.event_port = free_port(socket.SOCK_DGRAM)
+        self.configure()
+        machine.install_service()
+        wait_until(lambda: self.event_port in bound_datagram_ports(), "the service to start")
+        self.client = machine.start_wmi_client()
+
+    def configure(self, **keys):
+        self.machine.configure(**{
+            "upos__requestSocket__Port": self.peer.port,
+            "provider__eventSocket__Port": self.event_port,
+            "provider__maxQueryThreads": 2, **keys})
+
+    @staticmethod
+    def result(done):
+        """A client's rows, or the code that its call failed with."""
+        if done.returncode != 0:
+            return done.out.split()[-1]
+        return rows(done.stdout)
+
+    def list(self, *properties, class_name="UPOS_Scanner"):
+        return self.result(self.client.run("list", class_name, "DeviceID", *properties))
+
+    def answer(self, answer, *properties):
+        self.peer.answer = answer
+        return self.list(*properties)
+
+    def start_list(self, class_name):
+        return self.machine.start(str(BUILD / "wmi_client.exe"), "list", class_name, "DeviceID")
+
+    def process_time(self):
+        """Seconds of processor time that the service's process has used."""
+        with open(f"/proc/{self.machine.service_process()}/stat") as stat:
+            fields = stat.read().rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def memory_peak(self):
+        """The most memory that the service's process ever held, in MiB."""
+        with open(f"/proc/{self.machine.service_process()}/status") as status:
+            (line,) = [line for line in status if line.startswith("VmHWM:")]
+        return int(line.split()[1]) / 1024
+
+
+@pytest.fixture(scope="module")
+def installed(shared_machine):
+    setting = Setting(shared_machine)
+    yield setting
+    setting.peer.close()
+
+
+@pytest.fixture
+def service(installed):
+    """The service, which after the test still runs in the same process and answers properly."""
+    process = installed.machine.service_process()
+    yield installed
+    assert installed.answer(NORMAL) == SCANNER
+    assert installed.machine.service_process() == process is not None
+
+
+# -- what the device server receives
+
+DECLARATION = b'<?xml version="1.0" encoding="UTF-8" standalone="no" ?>'
+
+
+@pytest.fixture
+def received(service):
+    """The bytes of the next request, up to the end of its connection."""
+    connections = []
+
+    def answer(connection, request):
+        connection.sendall(NORMAL)
+        connections.append(request)
+        while piece := connection.recv(65536):
+            connections[-1] += piece
+        connections.append(None)
+
+    service.peer.answer = answer
+
+    def wait():
+        wait_until(lambda: None in connections, "the connection to end")
+        assert len(connections) == 2
+        return connections[0]
+
+    return wait
+
+
+def test_an_enumeration_is_sent_as_exactly_these_bytes(service, received):
+    assert service.list() == SCANNER
+    assert received() == (
+        b"\x1b" + DECLARATION + b"<request><type>enumerateInstances</type>"
+        b"<class>UPOS_Scanner</class></request>\x08")
+
+
+@pytest.mark.parametrize("quoted, sent", [
+    ("SCALE1", b"SCALE1"),
+    ("A&B<C>D", b"A&amp;B&lt;C&gt;D"),
+    ("it's", b"it's"),
+    ('say \\"yes\\"', b'say \\"yes\\"'),
+    ("C:\\\\dev", b"C:\\\\dev"),
+    ("&amp;", b"&amp;amp;"),
+    ("]]>", b"]]&gt;"),
+    ("%s%n%p", b"%s%n%p"),
+    (" ", b" "),
+    ("x" * 5000, b"x" * 5000),
+], ids=["plain", "markup", "apostrophe", "quotes stay escaped", "backslashes stay doubled",
+        "an entity is text", "end of CDATA", "conversions", "blank", "long"])
+def test_a_lookup_is_sent_as_exactly_these_bytes(service, received, quoted, sent):
+    assert service.client.run("get", f'UPOS_Scale.DeviceID="{quoted}"').returncode == 0
+    assert received() == (
+        b"\x1b" + DECLARATION + b"<request><type>getInstance</type><class>UPOS_Scale</class><id>"
+        + sent + b"</id></request>\x08")
+
+
+def test_a_path_without_quotes_is_looked_up_as_a_whole(service, received):
+    service.client.run("get", "UPOS_Scale.DeviceID=7")
+    assert b"<class>UPOS_Scale</class><id>UPOS_Scale.DeviceID=7</id>" in received()
+
+
+def test_each_request_has_a_connection_of_its_own(service):
+    before = len(service.peer.connections)
+    for _ in range(3):
+        assert service.list() == SCANNER
+    assert len(service.peer.connections) == before + 3
+
+
+# -- frames
+
+@pytest.mark.parametrize("answer, expected", [
+    (b"", FAILED),
+    (ESC, FAILED),
+    (ESC + BS, FAILED),
+    (BS, FAILED),
+    (NORMAL[:len(NORMAL) // 2], FAILED),
+    (NORMAL[1:], FAILED),
+    (NORMAL[:-1], SCANNER),
+    (b"noise\x08\x00\xff \r\n" + NORMAL + b"more \x1b<response/>\x08 noise", SCANNER),
+    (BS * 5000 + NORMAL, SCANNER),
+    (b"x" * 1023 + NORMAL, SCANNER),
+    (NORMAL + NORMAL * 1000, SCANNER),
+    (ESC + NORMAL, FAILED),
+    (framed(response(device()).replace("SCANNER1", "\x08")), FAILED),
+    (framed("\x1b" * 3000), FAILED),
+], ids=["nothing", "start mark only", "empty message", "end mark only", "closed inside",
+        "no start mark", "all but the end mark is taken as it is", "garbage around the marks",
+        "end marks outside", "start mark at the end of a receive", "a thousand messages behind",
+        "a second start mark is data", "an end mark inside ends it", "start marks inside"])
+def test_a_frame_and_a_close(service, answer, expected):
+    assert service.answer(answer) == expected
+
+
+def test_a_byte_at_a_time(service):
+    def answer(connection, _):
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        for byte in NORMAL:
+            connection.sendall(bytes([byte]))
+            time.sleep(0.001)
+
+    assert service.answer(answer) == SCANNER
+
+
+def test_pieces_of_odd_sizes_are_joined_in_order(service):
+    names = [f"SCANNER{i}" for i in range(200)]
+    bytes_ = b"noise" + framed(response(*map(device, names)))
+
+    def answer(connection, _):
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        for start in range(0, len(bytes_), 1021):
+            connection.sendall(bytes_[start:start + 1021])
+
+    assert service.answer(answer) == [[name] for name in names]
+
+
+@pytest.mark.parametrize("head", [b"", ESC, NORMAL[:-20]], ids=["before", "at", "inside"])
+def test_a_reset_fails_the_request(service, head):
+    def answer(connection, _):
+        connection.sendall(head)
+        reset(connection)
+
+    assert service.answer(answer) == FAILED
+
+
+def test_a_reset_before_the_request_is_read_fails_it(service):
+    service.peer.on_connect = reset
+    try:
+        assert service.list() == FAILED
+    finally:
+        service.peer.on_connect = None
+
+
+@pytest.mark.parametrize("head, expected", [
+    (b"", FAILED), (NORMAL[:-20], FAILED), (NORMAL[:-1], SCANNER)],
+    ids=["before", "inside", "all but the end mark"])
+def test_a_peer_that_closes_only_its_own_direction_ends_the_answer(service, head, expected):
+    ended = threading.Event()
+
+    def answer(connection, _):
+        connection.sendall(head)
+        connection.shutdown(socket.SHUT_WR)
+        if connection.recv(1) == b"":  # the service closed, not waiting for this side
+            ended.set()
+
+    assert service.answer(answer) == expected
+    assert ended.wait(20)
+
+
+@contextlib.contextmanager
+def stalled(service, head):
+    """A client that waits for scales from a peer that sent `head` and stalls; until the block ends,
+    when the peer closes. Requests for scanners are answered meanwhile."""
+    stalls, go_on = threading.Event(), threading.Event()
+
+    def answer(connection, request):
+        if b"UPOS_Scale" in request:
+            connection.sendall(head)
+            stalls.set()
+            go_on.wait(60)
+        else:
+            connection.sendall(NORMAL)
+
+    service.peer.answer = answer
+    client = service.start_list("UPOS_Scale")
+    try:
+        assert stalls.wait(30)
+        yield client
+    finally:
+        go_on.set()
+
+
+@pytest.mark.parametrize("head, expected", [
+    (b"", None), (b"noise", None), (NORMAL[:-20], None), (NORMAL[:-1], SCANNER)],
+    ids=["before the frame", "after noise", "inside the frame", "before the end mark"])
+def test_a_stall_holds_its_own_request_only_and_costs_nothing(service, head, expected):
+    with stalled(service, head) as client:
+        assert service.list() == SCANNER
+        used = service.process_time()
+        time.sleep(0.5)  # what is measured: half a second of waiting takes no processor time
+        assert service.process_time() - used < 0.1
+        assert client.poll() is None
+    out, _ = client.communicate(timeout=30)
+    if expected:
+        assert rows(out) == expected
+    else:
+        assert FAILED.encode() in out
+
+
+def test_a_stall_after_the_frame_holds_nothing(service):
+    with stalled(service, NORMAL + b"more") as client:
+        out, _ = client.communicate(timeout=30)
+        assert rows(out) == SCANNER
+
+
+def test_a_client_that_gives_up_leaves_its_request_to_itself(service):
+    with stalled(service, ESC) as client:
+        client.kill()
+        client.wait()
+        assert service.list() == SCANNER
+    assert service.list() == SCANNER
+
+
+# -- documents
+
+@pytest.mark.parametrize("document, expected", [
+    (response(), []),
+    ("<anything/>", []),
+    (response(device(ManufacturerName="Other")), []),
+    ("<a><b>" + device() + "</b></a>", SCANNER),
+    (device(), SCANNER),
+    ('<response><error name="busy"/></response>', FAILED),
+    ('<error/>', FAILED),
+    (response(device(), "<error/>"), FAILED),
+    ("", FAILED),
+    (" \r\n\t", FAILED),
+    ("This is no XML", FAILED),
+    ("{\"DeviceID\": 1}", FAILED),
+    ("<response>" + device(), FAILED),
+    (response(device(), device("A")[:-5]), FAILED),
+    (response(device()) + response(device()), FAILED),
+    (response(device()) + "junk", FAILED),
+    ("junk" + response(device()), FAILED),
+    ("<response>" + device() + "</Response>", FAILED),
+    (response(device(), '<instance name="a" name="b"/>'), FAILED),
+    (response(device(), "<instance name=a/>"), FAILED),
+    (response(device(ModelName="&nbsp;")), FAILED),
+    (response(device(ModelName="&#0;")), FAILED),
+    (response(device(ModelName="&#8;")), FAILED),
+    (response(device(ModelName="a & b")), FAILED),
+    (response(device(), "<![CDATA["), FAILED),
+    (response(device(), "<!-- -- -->"), FAILED),
+    ('<?xml version="2.0"?>' + response(device()), FAILED),
+    (' <?xml version="1.0"?>' + response(device()), FAILED),
+    (response(device()) + "\0<junk", SCANNER),
+    (response(device(ModelName="a\0b")), FAILED),
+    ("\0" + response(device()), FAILED),
+], ids=["no instance", "another root", "foreign maker", "instance deeper down", "instance as root",
+        "error", "error as root", "error behind an instance", "empty", "blank", "text", "JSON",
+        "truncated", "second instance truncated", "two roots", "text behind", "text before",
+        "wrong end tag", "attribute twice", "attribute without quotes", "unknown entity",
+        "character 0", "character 8", "bare ampersand", "open CDATA", "bad comment", "XML 2.0",
+        "blank before the declaration", "zero byte behind", "zero byte inside", "zero byte first"])
+def test_a_document(service, document, expected):
+    assert service.answer(framed(document)) == expected
+
+
+@pytest.mark.parametrize("document, model", [
+    ("Café €".encode(), "Café €"),
+    ("日本".encode(), "??"),
+    ("Caf\xe9".encode("latin-1"), None),
+    (b"\xc0\xaf", None),
+    (b"\xed\xa0\x80", None),
+    (b"&#x1F600;", "??"),
+], ids=["UTF-8", "not in the code page", "Latin-1 undeclared", "overlong", "surrogate",
+        "beyond 16 bits"])
+def test_an_undeclared_encoding_is_utf_8(service, document, model):
+    answer = framed(response(device(ModelName="@")).encode().replace(b"@", document))
+    assert service.answer(answer, "ModelName") == ([["SCANNER1", model]] if model else FAILED)
+
+
+@pytest.mark.parametrize("encoding, text, model", [
+    ("ISO-8859-1", "Café".encode("latin-1"), "Café"),
+    ("UTF-8", "Café".encode("latin-1"), None),
+    ("US-ASCII", "Café".encode(), None),
+    ("KLINGON-8", b"Cafe", None),
+    ("ebcdic-cp-us", b"Cafe", None),
+    ("", b"Cafe", None),
+    ("x" * 100000, b"Cafe", None),
+    ("UTF-16", b"Cafe", "Cafe"),
+], ids=["Latin-1", "Latin-1 as UTF-8", "UTF-8 as ASCII", "unknown", "EBCDIC", "empty", "endless",
+        "a wrong UTF-16 is seen through"])
+def test_a_declared_encoding(service, encoding, text, model):
+    answer = framed(b'<?xml version="1.0" encoding="' + encoding.encode() + b'"?>'
+                    + response(device(ModelName="@")).encode().replace(b"@", text))
+    assert service.answer(answer, "ModelName") == ([["SCANNER1", model]] if model else FAILED)
+
+
+@pytest.mark.parametrize("document, expected", [
+    (b"\xef\xbb\xbf" + response(device()).encode(), SCANNER),
+    (response(device()).encode("utf-16"), FAILED),
+    (response(device()).encode("utf-16-be"), FAILED),
+], ids=["UTF-8", "UTF-16 ends at its first zero byte", "UTF-16 big endian begins with one"])
+def test_a_byte_order_mark(service, document, expected):
+    assert service.answer(framed(document)) == expected
+
+
+@pytest.mark.parametrize("text, value", [
+    ("&lt;&amp;&gt;&quot;&apos;&#65;", "<&>\"'A"),
+    ("<![CDATA[<&]]> b<!-- c --> d<?e f?>", "<& b d"),
+    ("a<b>c<d/>e</b>f", "acef"),
+    ("%s%n%p%100000d%%", "%s%n%p%100000d%%"),
+    ("  blanks  ", "  blanks  "),
+    ("", ""),
+    ("x" * 100000, "x" * 100000),
+], ids=["entities", "CDATA and comments", "elements inside", "conversions", "blanks", "empty",
+        "long"])
+def test_a_value(service, text, value):
+    assert service.answer(framed(response(device(ModelName=text))), "ModelName") == [
+        ["SCANNER1", value]]
+
+
+def test_line_ends_in_a_value(service):
+    service.peer.answer = framed(response(device(ModelName="A\r\nB&#13;&#10;C")))
+    done = service.client.run("list", "UPOS_Scanner", "ModelName")
+    # A raw CR LF is one LF in XML, one written as references stays; the client's own line ends are
+    # CR LF, so each LF comes out with a CR before it.
+    assert done.stdout == b"ModelName\r\nA\r\nB\r\r\nC\r\n"
+
+
+@pytest.mark.parametrize("name, word, text, value", [
+    ("GoodScanCount", "uint32", "many", "(null)"),
+    ("GoodScanCount", "uint32", "", "(null)"),
+    ("GoodScanCount", "uint32", "2147483647", "2147483647"),
+    ("GoodScanCount", "uint32", "2147483648", "(null)"),
+    ("GoodScanCount", "uint64", "4294967296", "(null)"),
+    ("GoodScanCount", "uint64", "12", "12"),
+    ("GoodScanCount", "string", "12", "(null)"),
+    ("GoodScanCount", "ArrayInt32", "1,2", "(null)"),
+    ("CapUpdateFirmware", "boolean", "perhaps", "(null)"),
+    ("CapUpdateFirmware", "boolean", "True", "True"),
+    ("CapUpdateFirmware", "uint32", "1", "(null)"),
+    ("ModelName", "uint32", "12", "(null)"),
+    ("ModelName", "boolean", "true", "(null)"),
+    ("ModelName", "datetime", "tomorrow", "tomorrow"),
+    ("ModelName", "ArrayInt32", "1,2,x", "1,2,x"),
+    ("ModelName", "klingon", "text", "text"),
+    ("ModelName", "end", "text", "text"),
+    ("ModelName", "STRING", "text", "text"),
+    ("ModelName", "", "text", "text"),
+])
+def test_a_type_word_that_lies_costs_its_own_property_only(service, name, word, text, value):
+    answer = framed(response(device(**{name: (word, text)}, SerialNumber="last")))
+    assert service.answer(answer, name, "SerialNumber") == [["SCANNER1", value, "last"]]
+
+
+def test_thousands_of_unknown_type_words(service):
+    fields = {f"F{i}": (f"word{i}", "v") for i in range(3000)}
+    answer = framed(response(device(**fields, ModelName=("word7", "last"))))
+    assert service.answer(answer, "ModelName") == [["SCANNER1", "last"]]
+
+
+# -- attacks
+
+def expansion(levels, width=10):
+    """Entities of entities: a few hundred bytes that stand for width ** levels times a hundred."""
+    entities = "".join(
+        f'<!ENTITY e{i} "{f"&e{i - 1};" * width}">' for i in range(1, levels + 1))
+    return (f'<!DOCTYPE response [<!ENTITY e0 "{"x" * 100}">{entities}]>'
+            + response(device(ModelName=f"&e{levels};")))
+
+
+@pytest.mark.parametrize("document", [
+    expansion(9),
+    expansion(1),
+    expansion(9).replace("ENTITY e", "ENTITY % e").replace("&e", "%e"),
+    f'<!DOCTYPE r [<!ENTITY a "{"x" * 50000}">]>' + response(device(ModelName="&a;" * 50000)),
+    '<!DOCTYPE r [<!ENTITY a "&b;"><!ENTITY b "&a;">]>' + response(device(ModelName="&a;")),
+    "<!DOCTYPE r []>" + response(device()),
+    "<!DOCTYPE r>" + response(device()),
+    "<!DOCTYPE " + "x" * 1000000,
+    "<!DOCTYPE r [" + "<!ELEMENT a ANY>" * 50000 + "]>" + response(device()),
+    "<!DOCTYPE r [<!ELEMENT a " + "(" * 100000 + "b" + ")" * 100000 + ">]>" + response(device()),
+], ids=["a billion laughs", "a few", "of parameters", "quadratic", "endless", "empty subset",
+        "no subset", "endless name", "many declarations", "deep content model"])
+def test_a_document_type_is_refused_at_once(service, document):
+    peak, since = service.memory_peak(), time.monotonic()
+    assert service.answer(framed(document)) == FAILED
+    assert time.monotonic() - since < 10
+    assert service.memory_peak() - peak < 20
+
+
+class Watched:
+    """A file of which each opening is seen, and a listener of which each connection is."""
+
+    def __init__(self, file):
+        file.write_text("<!ENTITY a 'secret'>")
+        self.libc = ctypes.CDLL(None, use_errno=True)
+        self.notices = self.libc.inotify_init1(os.O_NONBLOCK)
+        assert self.notices >= 0
+        in_open = 0x20
+        assert self.libc.inotify_add_watch(self.notices, os.fsencode(file), in_open) >= 0
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.listener.setblocking(False)
+        self.port = self.listener.getsockname()[1]
+
+    def seen(self):
+        found = []
+        with contextlib.suppress(BlockingIOError):
+            os.read(self.notices, 4096)
+            found.append("opened")
+        with contextlib.suppress(BlockingIOError):
+            self.listener.accept()[0].close()
+            found.append("connected")
+        return found
+
+    def close(self):
+        os.close(self.notices)
+        self.listener.close()
+
+
+@pytest.fixture
+def watched(service):
+    file = service.machine.c / "secret.txt"
+    watched = Watched(file)
+    file.read_text()
+    socket.create_connection(("127.0.0.1", watched.port)).close()
+    assert watched.seen() == ["opened", "connected"]  # so it would be seen
+    yield watched
+    assert watched.seen() == []
+    watched.close()
+
+
+PLACES = ["file:///C:/secret.txt", "C:\\secret.txt", "C:/secret.txt", "/secret.txt", "secret.txt",
+          "file://localhost/C:/secret.txt", "../secret.txt", "http://127.0.0.1:{port}/secret.txt",
+          "//127.0.0.1:{port}/secret.txt"]
+
+
+@pytest.mark.parametrize("frame", [
+    '<!DOCTYPE r [<!ENTITY a SYSTEM "@">]><response>{device}</response>',
+    '<!DOCTYPE r SYSTEM "@"><response>{device}</response>',
+    '<!DOCTYPE r PUBLIC "-//x//y" "@"><response>{device}</response>',
+    '<!DOCTYPE r [<!ENTITY % p SYSTEM "@">%p;]><response>{device}</response>',
+], ids=["entity", "document type", "public document type", "parameter entity"])
+def test_nothing_outside_the_document_is_opened(service, watched, frame):
+    text = frame.replace("{device}", device(ModelName="&a;"))
+    answers = iter([text.replace("@", place.format(port=watched.port)) for place in PLACES])
+    service.peer.answer = lambda connection, _: connection.sendall(framed(next(answers)))
+    for _ in PLACES:
+        assert service.list("ModelName") == FAILED
+
+
+def test_schema_hints_and_inclusions_open_nothing(service, watched):
+    for place in ("file:///C:/secret.txt", f"http://127.0.0.1:{watched.port}/a.xsd"):
+        hints = (
+            f'<?xml-stylesheet href="{place}" type="text/xsl"?>'
+            '<response xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance" '
+            'xmlns:xi="http://www.w3.org/2001/XInclude" '
+            f'xsi:noNamespaceSchemaLocation="{place}" xsi:schemaLocation="urn:a {place}">'
+            f'<xi:include href="{place}" parse="text"/>{device()}</response>')
+        assert service.answer(framed(hints)) == SCANNER
+
+
+@pytest.mark.parametrize("document, expected", [
+    ("<a>" * 100000 + "</a>" * 100000, FAILED),
+    ("<response>" + device() + "<a>" * 100000 + "</a>" * 100000 + "</response>", FAILED),
+    ("<a>" * 1000000, FAILED),
+    (response(device(ModelName="<a>" * 100000 + "</a>" * 100000)), FAILED),
+    (response(device(), "<a/>" * 100000), SCANNER),
+    (response(device(ModelName="a<!---->" * 100000)), SCANNER),
+    (response(device(), "<a " + " ".join(f'a{i}=""' for i in range(20000)) + "/>"), SCANNER),
+    (response(device(), f"<{'a' * 1000000}/>"), SCANNER),
+    (response(device(**{f"F{i}": "v" for i in range(5000)})), SCANNER),
+    (response(*[device(ManufacturerName="Other")] * 2000, device()), SCANNER),
+], ids=["deep", "deep behind an instance", "deep and open", "deep in a field", "wide",
+        "a value in pieces", "attributes", "a long name", "fields",
+        "discarded devices whose fields stay pending"])
+def test_a_document_without_measure(service, document, expected):
+    since = time.monotonic()
+    assert service.answer(framed(document)) == expected
+    assert time.monotonic() - since < 20
+
+
+# -- the simulated device server
+
+def test_every_misbehaviour_of_the_simulated_device_server(service):
+    both = [["SCANNER1"], ["SCANNER2"]]
+    till = service.machine.start_till()
+    try:
+        for mode, expected in {
+                "none": both, "close-early": FAILED, "pieces": both, "byte-at-a-time": both,
+                "garbage": both, "error": FAILED, "truncate": FAILED, "not-xml": FAILED,
+                "reset": FAILED, "slow 300": both}.items():
+            till.type(f"misbehave {mode}")
+            till.expect(f"answers from now on: {mode}")
+            assert service.list() == expected, mode
+        till.type("misbehave huge 5000")
+        till.expect("answers from now on: huge 5000")
+        huge = service.list()
+        assert len(huge) == 5000 and len({name for (name,) in huge}) == 5000
+        till.type("misbehave none")
+        till.expect("answers from now on: none")
+        assert service.list() == both
+    finally:
+        till.stop()
+        service.configure()
+
+
+# -- with the trace on; last, because it stays on until the service's end
+
+@pytest.fixture(scope="module")
+def tracing(installed):
+    installed.machine.switch_trace_on()
+    installed.configure(upos__requestSocket__retryTimeout=3000)
+    installed.machine.restart_service(installed.event_port)
+    return installed
+
+
+@pytest.fixture
+def traced(tracing):
+    """The service with the trace on, beginning with an empty log."""
+    tracing.machine.log.write_bytes(b"")
+    yield tracing
+    assert tracing.answer(NORMAL) == SCANNER
+
+
+SKIPPED = "<<XMLAdapter>>: Just recently Java failed, I will skip it for now..."
+EXPIRED = "<<TimeoutExpired>>: Timeout expired! Java drivers will be hit again."
+
+
+def refused(milliseconds):
+    return [
+        "<<XMLAdapter>>: Creating socket",
+        "<<XMLAdapter>>: Unable to connect to socket! aborting (Reason: 10061)... "
+        f"Will reject requests for the next {milliseconds} milliseconds...",
+        "<<signalServerIsOfflineFor5Seconds>>: Java server is down, will avoid attempts for "
+        f"{milliseconds} milliseconds..."]
+
+
+def exchange_lines(machine):
+    marks = ("<<XMLAdapter>>", "<<signalServer", "<<TimeoutExpired", "<<configureTimers")
+    return [line for line in machine.trace() if line.startswith(marks)]
+
+
+def test_a_device_server_that_is_down_is_left_alone_for_the_retry_timeout(traced):
+    machine, port = traced.machine, traced.peer.port
+    traced.peer.close()
+    before = time.monotonic()
+    assert traced.list() == FAILED
+    failed = time.monotonic()
+    assert exchange_lines(machine) == [
+        "<<configureTimers>>: Loading timeout for the retry when java drivers are out...",
+        "<<configureTimers>>: Timeout is 3000 milliseconds.",
+        "<<configureTimers>>: Creating Timer queue...",
+        "<<configureTimers>>: CreateTimerQueue() succeeded!!",
+        *refused(3000)]
+    assert "<<UPOSAdapter::enumerateInstances>>: answer: ''" in machine.trace()
+
+    traced.peer = Peer(port)  # up again, and not asked before the pause is over
+    assert traced.list() == FAILED
+    assert traced.peer.connections == []
+    machine.wait_for_trace(EXPIRED)
+    expired = time.monotonic()
+    assert expired - before >= 2.9
+    assert expired - failed < 3 + 10
+    assert exchange_lines(machine)[-2:] == [SKIPPED, EXPIRED]
+    assert traced.list() == SCANNER
+    assert len(traced.peer.requests) == 1
+
+
+def test_a_lookup_fails_too_while_the_device_server_is_down(traced):
+    port = traced.peer.port
+    traced.peer.close()
+    try:
+        for _ in range(2):
+            done = traced.client.run("get", 'UPOS_Scale.DeviceID="SCALE1"')
+            assert traced.result(done) == FAILED
+        trace = traced.machine.trace()
+        assert trace.count("Answer: ''") == 2
+        assert trace.count("<<GetObjectAsync>> * Get Instance Path failed") == 2
+        assert exchange_lines(traced.machine)[:3] == refused(3000)
+        traced.machine.wait_for_trace(EXPIRED)
+    finally:
+        traced.peer = Peer(port)
+
+
+def test_a_new_retry_timeout_counts_from_the_next_start(traced):
+    machine, port = traced.machine, traced.peer.port
+    traced.configure(upos__requestSocket__retryTimeout=60000)
+    traced.peer.close()
+    try:
+        assert traced.list() == FAILED
+        assert exchange_lines(machine) == refused(3000)
+        machine.restart_service(traced.event_port)
+        machine.log.write_bytes(b"")
+        for _ in range(3):
+            assert traced.list() == FAILED
+        lines = exchange_lines(machine)
+        assert "<<configureTimers>>: Timeout is 60000 milliseconds." in lines
+        assert lines[-5:] == [*refused(60000), SKIPPED, SKIPPED]
+    finally:
+        traced.peer = Peer(port)
+        traced.configure()
+        machine.restart_service(traced.event_port)
+
+
+def test_conversions_in_an_answer_are_traced_as_they_stand(traced):
+    value = "%s%n%p%100000d%*s%"
+    document = response(device(ModelName=value))
+    assert traced.answer(framed(document), "ModelName") == [["SCANNER1", value]]
+    trace = traced.machine.trace()
+    received = trace.index("<<XMLAdapter>>: Receiving data")
+    assert trace[received - 1] == trace[received + 1] == document
+    for line in (
+            f"<<UPOSAdapter::enumerateInstances>>: answer: '{document}'",
+            f"<<UPOSXMLAdapter>> field 2 name='ModelName', type='string', value='{value}', "
+            f"dev='{value}' add=1",
+            f"\tPutField - Name: ModelName, Type: string, Value: {value}"):
+        assert line in trace
+
+
+def test_an_answer_is_its_own_format_so_that_two_percent_signs_are_traced_as_one(traced):
+    document = response(device(ModelName="100%% sure"))
+    assert traced.answer(framed(document), "ModelName") == [["SCANNER1", "100%% sure"]]
+    trace = traced.machine.trace()
+    received = trace.index("<<XMLAdapter>>: Receiving data")
+    assert trace[received + 1] == document.replace("%%", "%")
+    assert f"<<UPOSAdapter::enumerateInstances>>: answer: '{document}'" in trace
+
+
+def test_line_ends_in_an_answer_are_traced_as_they_are(traced):
+    document = response(device(ModelName="A\r\nB&#13;&#10;C"))
+    traced.answer(framed(document), "ModelName")
+    log = traced.machine.log.read_bytes()
+    assert f"answer: '{document}'\r\n".encode() in log
+    assert b"name='ModelName', type='string', value='A\nB\r\nC', dev='A\nB\r\nC' add=1\r\n" in log
+
+
+def test_every_receive_is_traced_with_what_was_collected_so_far(traced):
+    document = response(device())
+    pieces = ["<resp", document[5:40], document[40:]]
+    received = threading.Event()
+
+    def answer(connection, _):
+        connection.sendall(ESC)
+        for number, piece in enumerate(pieces):
+            sent = "".join(pieces[:number])
+            wait_until(lambda: traced.machine.trace()[-1] == sent, f"{sent!r} to be traced")
+            connection.sendall(piece.encode())
+        wait_until(lambda: traced.machine.trace()[-1] == document, "the whole to be traced")
+        connection.sendall(BS)
+        received.set()
+
+    assert traced.answer(answer) == SCANNER
+    assert received.is_set()
+    trace = traced.machine.trace()
+    label = "<<UPOSConnector::Receive2()>> Calling clone"
+    start = trace.index(label)
+    assert trace[start:start + 12] == [
+        label, "", label, "", label, pieces[0], label, pieces[0] + pieces[1], label, document,
+        label + " OUT_MARK", document]
+
+
+@pytest.mark.parametrize("document, lines", [
+    ("", 2), ("no XML", 2), ("<a>", 2), ("<!DOCTYPE a><a/>", 2), ("<a>" * 1000, 2)],
+    ids=["empty", "no XML", "truncated", "document type", "deep"])
+def test_an_unreadable_answer_is_traced_with_its_reason(traced, document, lines):
+    assert traced.answer(framed(document)) == FAILED
+    trace = traced.machine.trace()
+    start = trace.index("<<XMLAdapter XML Exception >> : ")
+    end = trace.index(f"<<UPOSAdapter::enumerateInstances>>: after fromXML - answer: '{document}'")
+    assert end - start == lines and trace[start + 1]
+    assert "<<CreateInstanceEnumAsync>> *  Enumeration of 'UPOS_Scanner' returned rc=-1" in trace
+
+
+def test_an_error_answer_is_traced_as_status_1(traced):
+    assert traced.answer(framed(response("<error/>", device(), "<error/>"))) == FAILED
+    trace = traced.machine.trace()
+    assert "<<UPOSXMLAdapter>> instanceList(error) length: 2" in trace
+    assert not any("instanceList(instance)" in line for line in trace)
+    assert "<<CreateInstanceEnumAsync>> *  Enumeration of 'UPOS_Scanner' returned rc=1" in trace
+
+
+def test_with_two_slots_taken_a_third_request_waits_for_one_to_end(traced):
+    machine, peer = traced.machine, traced.peer
+    go_on = {name: threading.Event() for name in ("UPOS_Scale", "UPOS_MSR", "UPOS_Scanner")}
+
+    def answer(connection, request):
+        (name,) = [name for name in go_on if f"<class>{name}<".encode() in request]
+        assert go_on[name].wait(60)
+        connection.sendall(NORMAL)
+
+    def admitted():
+        return [line for line in machine.trace() if "*  Enumerating instances of" in line]
+
+    peer.answer = answer
+    before = len(peer.requests)
+    clients = {name: traced.start_list(name) for name in ("UPOS_Scale", "UPOS_MSR")}
+    wait_until(lambda: len(peer.requests) == before + 2, "two requests")
+    clients["UPOS_Scanner"] = traced.start_list("UPOS_Scanner")
+    wait_until(lambda: machine.trace().count("<<<< CreateInstanceEnumAsync >>>>") == 3, "the third")
+    go_on["UPOS_Scanner"].set()
+    assert len(admitted()) == 2 and len(peer.requests) == before + 2
+    go_on["UPOS_MSR"].set()
+    for name in ("UPOS_MSR", "UPOS_Scanner"):
+        out, _ = clients[name].communicate(timeout=30)
+        assert rows(out) == SCANNER, name
+    assert len(admitted()) == 3 and clients["UPOS_Scale"].poll() is None
+    go_on["UPOS_Scale"].set()
+    out, _ = clients["UPOS_Scale"].communicate(timeout=30)
+    assert rows(out) == SCANNER
