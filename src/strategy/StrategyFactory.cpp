@@ -1,7 +1,10 @@
 #include "strategy/StrategyFactory.h"
 
+#include "cache/ProxyImpCommunicationLayer.h"
 #include "strategy/AdapterImpCommunicationLayer.h"
 #include "strategy/AdapterImpStrategyFactory.h"
+#include "strategy/ProxyImpStrategyFactory.h"
+#include "xml/ProxyImpXmlAdapter.h"
 #include "xml/UPOSXMLAdapter.h"
 
 #include <atomic>
@@ -13,6 +16,7 @@ namespace com::orvex {
 namespace {
 
 constexpr std::uint32_t kAdapterStrategy = 0;
+constexpr std::uint32_t kProxyStrategy = 1;
 
 constinit std::atomic<std::uint32_t> strategyKind = kAdapterStrategy;
 std::mutex creating; // guards instance
@@ -22,6 +26,8 @@ StrategyFactory* createFactory(std::uint32_t kind) noexcept {
   switch (kind) {
   case kAdapterStrategy:
     return new (std::nothrow) AdapterImpStrategyFactory;
+  case kProxyStrategy:
+    return new (std::nothrow) ProxyImpStrategyFactory;
   default:
     return nullptr;
   }
@@ -47,6 +53,14 @@ IUPOSXmlAdapter* AdapterImpStrategyFactory::createXmlAdapter() {
 
 CommunicationLayer* AdapterImpStrategyFactory::createCommunicationLayer() {
   return new AdapterImpCommunicationLayer;
+}
+
+IUPOSXmlAdapter* ProxyImpStrategyFactory::createXmlAdapter() {
+  return new ProxyImpXmlAdapter;
+}
+
+CommunicationLayer* ProxyImpStrategyFactory::createCommunicationLayer() {
+  return new ProxyImpCommunicationLayer;
 }
 
 } // namespace com::orvex

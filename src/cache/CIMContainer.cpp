@@ -1,0 +1,79 @@
+#include "cache/CIMContainer.h"
+
+#include "trace/UPOSLog.h"
+
+#include <utility>
+
+CIMContainer& CIMContainer::getInstance() {
+  static CIMContainer* const container = new CIMContainer; // no thread is joined at the end
+  return *container;
+}
+
+CIMContainer::Reference CIMContainer::find(const CIMDevice& device) const {
+  const std::string id = device.getDeviceId();
+  std::scoped_lock lock(mutex_);
+  const auto found = index_.find(id);
+  return found != index_.end() ? found->second->device : nullptr;
+}
+
+void CIMContainer::add(const CIMDevice& device) {
+  Records added;
+  added.push_back({device.getDeviceId(), std::make_shared<const CIMDevice>(device)});
+  {
+    std::scoped_lock lock(mutex_);
+    if (!index_.try_emplace(added.front().id, added.begin()).second) {
+      return;
+    }
+    records_.splice(records_.end(), added);
+  }
+  UPOSLog::trace("Adding CIMDevice: %s", device.getDeviceId());
+}
+
+void CIMContainer::replace(const CIMDevice& device) {
+  const std::string id = device.getDeviceId();
+  Reference changed = std::make_shared<const CIMDevice>(device);
+  std::scoped_lock lock(mutex_);
+  if (const auto found = index_.find(id); found != index_.end()) {
+    found->second->device.swap(changed);
+  }
+}
+
+void CIMContainer::remove(const CIMDevice& device) {
+  const std::string id = device.getDeviceId();
+  Records removed; // destroyed after the lock is left
+  {
+    std::scoped_lock lock(mutex_);
+    const auto found = index_.find(id);
+    if (found == index_.end()) {
+      return;
+    }
+    const auto record = found->second;
+    index_.erase(found);
+    removed.splice(removed.end(), records_, record);
+  }
+  UPOSLog::trace("Removing CIMDevice: %s", id);
+}
+
+std::vector<CIMContainer::Reference>
+CIMContainer::getInstances(const std::string& className) const {
+  UPOSLog::trace("CIMContainer::getInstances(%s)", className);
+  const bool all = className == "UPOS_LogicalDevice";
+  std::vector<Reference> devices;
+  {
+    std::scoped_lock lock(mutex_);
+    for (const Record& record : records_) {
+      if (all || record.device->isOfClass(className)) {
+        devices.push_back(record.device);
+      }
+    }
+  }
+  // The switch is a named event, asked for once and not for each of thousands of devices.
+  if (UPOSLog::isSwitchedOn()) {
+    for (const Reference& device : devices) {
+      if (device->isOfClass(className)) {
+        UPOSLog::trace("CIMContainer::adding instance (id=%s)", device->getDeviceId());
+      }
+    }
+  }
+  return devices;
+}

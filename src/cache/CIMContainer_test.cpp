@@ -1,0 +1,190 @@
+#include "RecordedTrace.h"
+#include "cache/CIMContainer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <vector>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+CIMDevice device(const std::string& id, const std::string& className = "Scanner") {
+  return CIMDevice(className, id, {{"DeviceID", "string", id}});
+}
+
+std::vector<std::string> idsOf(const std::vector<CIMContainer::Reference>& devices) {
+  std::vector<std::string> ids;
+  for (const auto& stored : devices) {
+    ids.push_back(stored->getDeviceId());
+  }
+  return ids;
+}
+
+std::vector<std::string> allIds(const CIMContainer& container) {
+  return idsOf(container.getInstances("UPOS_LogicalDevice"));
+}
+
+TEST(CIMContainer, IsOneForTheProcess) {
+  EXPECT_EQ(&CIMContainer::getInstance(), &CIMContainer::getInstance());
+}
+
+TEST(CIMContainer, FindsByIdToTheLetter) {
+  CIMContainer container;
+  container.add(device("S1"));
+  EXPECT_EQ(container.find(device("S1", "another class"))->getClassName(), "Scanner");
+  for (const char* id : {"s1", "S1 ", "S", "", "S12"}) {
+    EXPECT_EQ(container.find(device(id)), nullptr) << id;
+  }
+}
+
+TEST(CIMContainer, AnEmptyIdIsAnIdLikeAnyOther) {
+  CIMContainer container;
+  container.add(device("", "first"));
+  container.add(device("", "second"));
+  EXPECT_EQ(container.find(device(""))->getClassName(), "first");
+  container.remove(device(""));
+  EXPECT_THAT(allIds(container), IsEmpty());
+}
+
+TEST(CIMContainer, KeepsTheOrderOfAddingThroughRemovalAndReplacement) {
+  CIMContainer container;
+  for (const char* id : {"d", "b", "c", "a", "e"}) {
+    container.add(device(id));
+  }
+  EXPECT_THAT(allIds(container), ElementsAre("d", "b", "c", "a", "e"));
+  container.remove(device("c"));
+  container.replace(device("b", "Scale"));
+  container.remove(device("d"));
+  container.add(device("d"));
+  EXPECT_THAT(allIds(container), ElementsAre("b", "a", "e", "d"));
+  EXPECT_EQ(container.find(device("b"))->getClassName(), "Scale");
+}
+
+TEST(CIMContainer, AddIgnoresAKnownIdWithoutATrace) {
+  CIMContainer container;
+  recorded_trace::clear();
+  container.add(device("S1", "Scanner"));
+  container.add(device("S1", "Scale"));
+  EXPECT_THAT(recorded_trace::lines(), ElementsAre("Adding CIMDevice: S1"));
+  EXPECT_EQ(container.find(device("S1"))->getClassName(), "Scanner");
+}
+
+TEST(CIMContainer, StoresACopy) {
+  CIMContainer container;
+  CIMDevice changing = device("S1");
+  container.add(changing);
+  changing.addStringField("later", "1");
+  EXPECT_EQ(container.find(changing)->fields().count("later"), 0U);
+}
+
+TEST(CIMContainer, RemoveTracesOnlyWhatItRemoves) {
+  CIMContainer container;
+  container.add(device("S1"));
+  recorded_trace::clear();
+  container.remove(device("S2"));
+  EXPECT_THAT(recorded_trace::lines(), IsEmpty());
+  container.remove(device("S1"));
+  container.remove(device("S1"));
+  EXPECT_THAT(recorded_trace::lines(), ElementsAre("Removing CIMDevice: S1"));
+  EXPECT_EQ(container.find(device("S1")), nullptr);
+}
+
+TEST(CIMContainer, ReplaceOfAnUnknownDeviceDoesNothing) {
+  CIMContainer container;
+  recorded_trace::clear();
+  container.replace(device("S1"));
+  EXPECT_THAT(allIds(container), IsEmpty());
+}
+
+TEST(CIMContainer, AReaderKeepsWhatItWasHanded) {
+  CIMContainer container;
+  container.add(device("S1"));
+  container.add(device("S2"));
+  const auto held = container.getInstances("UPOS_LogicalDevice");
+  CIMDevice changed = *held[0];
+  changed.addStringField("DeviceID", "changed");
+  container.replace(changed);
+  container.remove(device("S2"));
+  EXPECT_THAT(idsOf(held), ElementsAre("S1", "S2"));
+  EXPECT_EQ(held[0]->fields().at("DeviceID").value, "S1");
+  EXPECT_EQ(container.find(changed)->fields().at("DeviceID").value, "changed");
+}
+
+TEST(CIMContainer, GetInstancesComparesTheClassToTheLetter) {
+  CIMContainer container;
+  container.add(device("1", "Scanner"));
+  container.add(device("2", "Scale"));
+  container.add(device("3", "UPOS_Scanner"));
+  container.add(device("4", "Scanner"));
+  EXPECT_THAT(idsOf(container.getInstances("Scanner")), ElementsAre("1", "4"));
+  EXPECT_THAT(idsOf(container.getInstances("UPOS_Scanner")), ElementsAre("3"));
+  EXPECT_THAT(container.getInstances("scanner"), IsEmpty());
+  EXPECT_THAT(container.getInstances("UPOS_Scale"), IsEmpty());
+  EXPECT_THAT(container.getInstances(""), IsEmpty());
+}
+
+TEST(CIMContainer, TheLogicalDeviceYieldsAllAndTracesOnlyItsOwn) {
+  CIMContainer container;
+  container.add(device("1", "Scanner"));
+  container.add(device("2", "UPOS_LogicalDevice"));
+  container.add(device("3", "Scale"));
+  recorded_trace::clear();
+  EXPECT_THAT(allIds(container), ElementsAre("1", "2", "3"));
+  EXPECT_THAT(idsOf(container.getInstances("Scale")), ElementsAre("3"));
+  EXPECT_THAT(container.getInstances("UPOS_logicaldevice"), IsEmpty());
+  EXPECT_THAT(recorded_trace::lines(),
+              ElementsAre("CIMContainer::getInstances(UPOS_LogicalDevice)",
+                          "CIMContainer::adding instance (id=2)",
+                          "CIMContainer::getInstances(Scale)",
+                          "CIMContainer::adding instance (id=3)",
+                          "CIMContainer::getInstances(UPOS_logicaldevice)"));
+}
+
+using Duration = std::chrono::steady_clock::duration;
+
+/// The shortest of several runs: what else the machine does makes a run longer, never shorter.
+template <class Action>
+Duration shortestTimeOf(const Action& action) {
+  auto shortest = Duration::max();
+  for (int run = 0; run < 7; ++run) {
+    const auto start = std::chrono::steady_clock::now();
+    action();
+    shortest = std::min(shortest, std::chrono::steady_clock::now() - start);
+  }
+  return shortest;
+}
+
+void addChangeAndRemove(CIMContainer& container) {
+  constexpr int kDevices = 300;
+  const auto numbered = [](int i) { return device("passing-device-number-" + std::to_string(i)); };
+  for (int i = 0; i < kDevices; ++i) {
+    container.add(numbered(i));
+    container.replace(*container.find(numbered(i)));
+  }
+  for (int i = 0; i < kDevices; ++i) {
+    container.remove(numbered(i));
+  }
+}
+
+// With a walk over the list the full container takes more than 20 times as long.
+TEST(CIMContainer, CostDoesNotGrowWithTheNumberOfDevices) {
+  constexpr int kDevices = 50'000;
+  recorded_trace::setSwitchedOn(false);
+  CIMContainer container;
+  const auto whenEmpty = shortestTimeOf([&] { addChangeAndRemove(container); });
+  for (int i = 0; i < kDevices; ++i) {
+    container.add(device("resident-device-number-" + std::to_string(i)));
+  }
+  const auto whenFull = shortestTimeOf([&] { addChangeAndRemove(container); });
+  recorded_trace::setSwitchedOn(true);
+  EXPECT_EQ(container.getInstances("Scanner").size(), static_cast<std::size_t>(kDevices));
+  EXPECT_LT(whenFull, 6 * whenEmpty) << whenFull.count() << " and " << whenEmpty.count();
+}
+
+} // namespace
