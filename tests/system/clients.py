@@ -78,3 +78,14 @@ def events_until(watcher, device_id):
             return seen
         seen.append(found.groups())
     raise AssertionError(f"no event of {device_id}, but {seen}")
+
+
+def published(till, watcher, *datagrams):
+    """What subscribers get for these datagrams, and nothing that comes later."""
+    send(till.events, *datagrams, event("END"))
+    return events_until(watcher, "END")
+
+
+def plain(device_id):
+    """What subscribers get for event(device_id)."""
+    return ("Scanner", device_id, "modifyInstance", "")

@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from clients import OK, event, events_until, names, send
+from clients import OK, event, events_until, names, plain, published, send
 from machine import BUILD, SERVICE, bound_datagram_ports, free_port, wait_until
 from peer import framed
 
@@ -29,17 +29,6 @@ def watcher(shared_machine, till):
     watcher = shared_machine.watch_events()
     yield watcher
     watcher.kill()
-
-
-def published(till, watcher, *datagrams):
-    """What subscribers get for these datagrams, and nothing that comes later."""
-    send(till.events, *datagrams, event("END"))
-    return events_until(watcher, "END")
-
-
-def plain(device_id):
-    """What subscribers get for event(device_id)."""
-    return ("Scanner", device_id, CHANGED, "")
 
 
 # -- the till's events

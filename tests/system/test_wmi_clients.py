@@ -503,8 +503,8 @@ def test_a_console_mode_serves_clients_and_only_one_of_them_echoes_its_trace(
     logged = shared_machine.trace()[log_before:]
     logged = logged[:1 + max(i for i, line in enumerate(logged) if "destroyed" in line)]
     assert "Starting Interactively" in logged
-    # A file line has two blanks behind the time stamp, the echo has the stamp's own one; the console
-    # makes CR LF of each line feed.
+    # A file line has two blanks behind the time stamp, the echo has the stamp's own one; the
+    # console makes CR LF of each line feed.
     echo = out.decode("latin-1").replace("\r\n", "\n")
     echoed = [line[20:] for line in echo.split("\r\n") if line]
     assert echoed == (logged if option == "-c" else [])
