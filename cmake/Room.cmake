@@ -23,6 +23,9 @@ function(room name)
     add_executable(${name}_tests ${tests})
     target_link_libraries(${name}_tests PRIVATE
       test_support quillmon_${name} quillmon_flags gmock gtest)
+    if(NOT MSVC)
+      target_compile_options(${name}_tests PRIVATE -O0) # built once, run once
+    endif()
     # The first program of a Wine prefix takes longer to list its tests than the default allows.
     gtest_discover_tests(${name}_tests TEST_PREFIX ${name}. DISCOVERY_MODE PRE_TEST
       DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
