@@ -228,11 +228,16 @@ class Machine:
                 pass  # ended meanwhile
         return None
 
+    def end_service(self):
+        """Stops the service if it runs; returns once its process has ended."""
+        if self.service_process() is not None:
+            self.run("net", "stop", SERVICE)
+            wait_until(lambda: self.service_process() is None, "the service's process to end")
+
     def restart_service(self, event_port):
         """Starts the service, after its end if it runs; returns once it has opened its event port,
         which is the last step of its start."""
-        self.run("net", "stop", SERVICE)
-        wait_until(lambda: self.service_process() is None, "the service's process to end")
+        self.end_service()
         done = self.run("sc", "start", SERVICE)
         assert done.returncode == 0, done.out + done.err
         wait_until(lambda: event_port in bound_datagram_ports(), "the event port to be opened")
