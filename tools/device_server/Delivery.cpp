@@ -1,5 +1,6 @@
 #include "device_server/Delivery.h"
 
+#include "device_server/Documents.h"
 #include "device_server/Frame.h"
 
 #include <fmt/format.h>
@@ -21,13 +22,17 @@ constexpr std::chrono::milliseconds kBetweenPieces{10};
 constexpr std::string_view kNoiseBefore = "\x08noise \0\xFF\xFE <response>\r\n"sv;
 constexpr std::string_view kNoiseAfter =
     "\r\nmore noise \x1B<response><error name=\"noise\"/>\x08"sv;
+// On a stream there are no marks: what comes before a declaration counts as a document of its own.
+constexpr std::string_view kStreamNoiseBefore = "noise \x1B\xFF\xFE <event>\r\n"sv;
+constexpr std::string_view kStreamNoiseAfter = "\r\nmore noise </request>"sv;
+constexpr std::string_view kOtherDeclaration = R"(<?xml version="1.0" encoding="UTF-8"?>)";
 constexpr std::string_view kNotXml = "This is no XML: <&";
 constexpr std::string_view kBlanks = " \t";
 
 } // namespace
 
 std::string Misbehaviour::text() const {
-  return word == "huge" || word == "slow" ? fmt::format("{} {}", word, number) : word;
+  return number == 0 ? word : fmt::format("{} {}", word, number);
 }
 
 const std::vector<MisbehaviourHelp>& answerMisbehaviours() {
@@ -58,6 +63,27 @@ const std::vector<MisbehaviourHelp>& eventMisbehaviours() {
       {"oversize", "a datagram of 4096 bytes instead of each event"},
       {"truncate", "send half of the event, without an end mark"},
       {"not-xml", "a proper frame whose content is no XML"},
+  };
+  return kKnown;
+}
+
+const std::vector<MisbehaviourHelp>& streamMisbehaviours() {
+  static const std::vector<MisbehaviourHelp> kKnown = {
+      {"none", "send each event whole, in one send"},
+      {"stall", "send nothing"},
+      {"pieces", "send each event in sends of 64 bytes, 10 ms apart"},
+      {"byte-at-a-time", "send each event in sends of one byte"},
+      {"twice", "send each event twice, in one send"},
+      {"batch N", "hold events back and send N at once (1 to 200000)"},
+      {"batch-first N", "the same, only the first of them with its declaration"},
+      {"batch-bare N", "the same, all without declaration"},
+      {"no-declaration", "send each event without its declaration"},
+      {"other-declaration", "send each event with a declaration that marks no start"},
+      {"garbage", "bytes of noise before and after each event"},
+      {"truncate", "send half of each event, without an end"},
+      {"not-xml", "an event whose content is no XML instead of each event"},
+      {"cut", "send half of the next event and close the connection, then behave"},
+      {"reset", "send half of the next event and reset the connection, then behave"},
   };
   return kKnown;
 }
@@ -149,6 +175,49 @@ std::vector<std::string> planEvent(const Misbehaviour& misbehaviour, std::string
     return {frame(kNotXml)};
   }
   return {whole};
+}
+
+std::size_t streamBatch(const Misbehaviour& misbehaviour) {
+  return misbehaviour.word.starts_with("batch") ? misbehaviour.number : 1;
+}
+
+bool endsStream(const Misbehaviour& misbehaviour) {
+  return misbehaviour.word == "cut" || misbehaviour.word == "reset";
+}
+
+Delivery planStream(const Misbehaviour& misbehaviour, const std::vector<std::string>& documents) {
+  const std::string& word = misbehaviour.word;
+  Delivery plan;
+  plan.end = Delivery::End::Hold;
+  if (word == "stall") {
+    return plan;
+  }
+  for (const std::string& document : documents) {
+    const std::string_view bare = std::string_view(document).substr(kEventDeclaration.size());
+    if (word == "not-xml") {
+      plan.bytes.append(kEventDeclaration).append("<event>").append(kNotXml).append(kEventEnd);
+    } else if (word == "garbage") {
+      plan.bytes.append(kStreamNoiseBefore).append(document).append(kStreamNoiseAfter);
+    } else if (word == "other-declaration") {
+      plan.bytes.append(kOtherDeclaration).append(bare);
+    } else if (word == "no-declaration" || word == "batch-bare" ||
+               (word == "batch-first" && !plan.bytes.empty())) {
+      plan.bytes.append(bare);
+    } else if (word == "truncate" || endsStream(misbehaviour)) {
+      plan.bytes.append(document, 0, document.size() / 2);
+    } else {
+      plan.bytes.append(document).append(word == "twice" ? document : "");
+    }
+  }
+  if (word == "pieces") {
+    plan.pieceSize = kPiece;
+    plan.between = kBetweenPieces;
+  } else if (word == "byte-at-a-time") {
+    plan.pieceSize = 1;
+  } else if (endsStream(misbehaviour)) {
+    plan.end = word == "cut" ? Delivery::End::Close : Delivery::End::Reset;
+  }
+  return plan;
 }
 
 } // namespace till

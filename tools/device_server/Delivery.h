@@ -24,11 +24,13 @@ struct MisbehaviourHelp {
 };
 const std::vector<MisbehaviourHelp>& answerMisbehaviours();
 const std::vector<MisbehaviourHelp>& eventMisbehaviours();
+const std::vector<MisbehaviourHelp>& streamMisbehaviours();
 
 /// "slow 500" and its like. Throws std::invalid_argument with a message for the user.
 Misbehaviour parseMisbehaviour(std::string_view text, const std::vector<MisbehaviourHelp>& known);
 
-/// One answer on its way: what is sent, in which pieces, and what happens to the connection then.
+/// One answer, or one send to a stream of events, on its way: what is sent, in which pieces, and
+/// what happens to the connection then.
 struct Delivery {
   enum class End { Close, Hold, Reset };
 
@@ -44,5 +46,13 @@ Delivery planAnswer(const Misbehaviour& misbehaviour, std::string_view document)
 
 /// The datagrams that one event becomes.
 std::vector<std::string> planEvent(const Misbehaviour& misbehaviour, std::string_view document);
+
+/// How many events a stream gets at once.
+std::size_t streamBatch(const Misbehaviour& misbehaviour);
+/// True for a fault that ends the connection: it befalls one event, or the next connection would
+/// go the same way.
+bool endsStream(const Misbehaviour& misbehaviour);
+/// What a stream gets for that many event documents.
+Delivery planStream(const Misbehaviour& misbehaviour, const std::vector<std::string>& documents);
 
 } // namespace till

@@ -1,4 +1,5 @@
 #include "device_server/Delivery.h"
+#include "device_server/Documents.h"
 #include "device_server/Frame.h"
 
 #include <gmock/gmock.h>
@@ -116,6 +117,77 @@ TEST(PlannedEvent, carriesItsFault) {
   EXPECT_EQ(FrameScanner().feed(planned("garbage")[0]), kDocument);
   ASSERT_EQ(planned("not-xml").size(), 1U);
   EXPECT_EQ(FrameScanner().feed(planned("not-xml")[0]), "This is no XML: <&");
+}
+
+std::string eventNamed(std::string_view name) {
+  return std::string(kEventDeclaration).append("<event>").append(name).append(kEventEnd);
+}
+Delivery streamed(const char* misbehaviour, const std::vector<std::string>& names = {"A"}) {
+  std::vector<std::string> documents;
+  for (const std::string& name : names) {
+    documents.push_back(eventNamed(name));
+  }
+  return planStream(parseMisbehaviour(misbehaviour, streamMisbehaviours()), documents);
+}
+
+TEST(PlannedStream, isOneUnframedSendWithoutAFault) {
+  const Delivery delivery = streamed("none");
+  EXPECT_EQ(delivery.bytes, eventNamed("A"));
+  EXPECT_EQ(delivery.pieceSize, 0U);
+  EXPECT_EQ(delivery.between.count(), 0);
+  EXPECT_EQ(delivery.end, Delivery::End::Hold);
+}
+
+TEST(PlannedStream, isTheSameBytesInPieces) {
+  EXPECT_EQ(streamed("pieces").bytes, eventNamed("A"));
+  EXPECT_EQ(streamed("pieces").pieceSize, 64U);
+  EXPECT_EQ(streamed("pieces").between.count(), 10);
+  EXPECT_EQ(streamed("byte-at-a-time").bytes, eventNamed("A"));
+  EXPECT_EQ(streamed("byte-at-a-time").pieceSize, 1U);
+}
+
+TEST(PlannedStream, carriesItsFault) {
+  EXPECT_EQ(streamed("stall").bytes, "");
+  EXPECT_EQ(streamed("twice").bytes, eventNamed("A") + eventNamed("A"));
+  EXPECT_EQ(streamed("no-declaration").bytes, "<event>A</event>");
+  EXPECT_EQ(streamed("other-declaration").bytes,
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><event>A</event>");
+  EXPECT_EQ(streamed("truncate").bytes, eventNamed("A").substr(0, eventNamed("A").size() / 2));
+  EXPECT_EQ(streamed("not-xml").bytes, eventNamed("This is no XML: <&"));
+  const std::string noisy = streamed("garbage").bytes;
+  EXPECT_THAT(noisy, testing::HasSubstr(eventNamed("A")));
+  EXPECT_FALSE(noisy.starts_with(kEventDeclaration));
+  EXPECT_FALSE(noisy.ends_with(kEventEnd));
+  for (const char* word : {"stall", "twice", "no-declaration", "truncate", "not-xml", "garbage"}) {
+    EXPECT_EQ(streamed(word).end, Delivery::End::Hold) << word;
+    EXPECT_FALSE(endsStream(parseMisbehaviour(word, streamMisbehaviours()))) << word;
+  }
+}
+
+TEST(PlannedStream, isSeveralEventsAtOnce) {
+  EXPECT_EQ(streamed("batch 2", {"A", "B"}).bytes, eventNamed("A") + eventNamed("B"));
+  EXPECT_EQ(streamed("batch-first 2", {"A", "B", "C"}).bytes,
+            eventNamed("A") + "<event>B</event><event>C</event>");
+  EXPECT_EQ(streamed("batch-bare 2", {"A", "B"}).bytes, "<event>A</event><event>B</event>");
+  EXPECT_EQ(streamBatch(parseMisbehaviour("batch 2", streamMisbehaviours())), 2U);
+  EXPECT_EQ(streamBatch(parseMisbehaviour("batch-bare 7", streamMisbehaviours())), 7U);
+  EXPECT_EQ(streamBatch(parseMisbehaviour("twice", streamMisbehaviours())), 1U);
+}
+
+TEST(PlannedStream, endsWithHalfAnEventWhenItIsCut) {
+  const std::string half = eventNamed("A").substr(0, eventNamed("A").size() / 2);
+  EXPECT_EQ(streamed("cut").bytes, half);
+  EXPECT_EQ(streamed("cut").end, Delivery::End::Close);
+  EXPECT_EQ(streamed("reset").bytes, half);
+  EXPECT_EQ(streamed("reset").end, Delivery::End::Reset);
+  EXPECT_TRUE(endsStream(parseMisbehaviour("cut", streamMisbehaviours())));
+  EXPECT_TRUE(endsStream(parseMisbehaviour("reset", streamMisbehaviours())));
+}
+
+TEST(PlannedStream, faultsAreReadBackAsTheyWereGiven) {
+  for (const char* text : {"none", "batch 3", "batch-first 200000", "cut"}) {
+    EXPECT_EQ(parseMisbehaviour(text, streamMisbehaviours()).text(), text);
+  }
 }
 
 } // namespace

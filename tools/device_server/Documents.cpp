@@ -10,8 +10,6 @@ namespace till {
 namespace {
 
 constexpr std::string_view kAnswerDeclaration = R"(<?xml version="1.0" encoding="UTF-8"?>)";
-constexpr std::string_view kEventDeclaration =
-    "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>";
 
 void appendField(std::string& out, std::string_view name, std::string_view type,
                  std::string_view value) {
@@ -24,9 +22,8 @@ std::string textOf(const XmlElement& parent, std::string_view child) {
   return element == nullptr ? std::string() : element->text;
 }
 
-} // namespace
-
-Request readRequest(std::string_view document) {
+/// Whatever has a type, of any kind.
+Request readAnyRequest(std::string_view document) {
   XmlElement root;
   try {
     root = readXml(document, isXmlText(document) ? "UTF-8" : "");
@@ -41,8 +38,19 @@ Request readRequest(std::string_view document) {
   if (request.type.empty()) {
     throw RequestError("malformed request: no type");
   }
+  return request;
+}
+
+[[noreturn]] void refuseType(const Request& request) {
+  throw RequestError(fmt::format("unknown request type '{}'", request.type));
+}
+
+} // namespace
+
+Request readRequest(std::string_view document) {
+  Request request = readAnyRequest(document);
   if (request.type != kEnumerateInstances && request.type != kGetInstance) {
-    throw RequestError(fmt::format("unknown request type '{}'", request.type));
+    refuseType(request);
   }
   if (request.className.empty()) {
     throw RequestError(fmt::format("malformed request: {} without a class", request.type));
@@ -51,6 +59,13 @@ Request readRequest(std::string_view document) {
     throw RequestError("malformed request: getInstance without an id");
   }
   return request;
+}
+
+void readUpdateRequest(std::string_view document) {
+  const Request request = readAnyRequest(document);
+  if (request.type != kUpdateInstances) {
+    refuseType(request);
+  }
 }
 
 std::string responseDocument(const std::vector<const Device*>& devices) {
@@ -110,7 +125,7 @@ std::string eventDocument(const Event& event) {
   for (const Field& field : event.fields) {
     appendField(out, field.name, field.type, field.value);
   }
-  out += "</event>";
+  out += kEventEnd;
   return out;
 }
 

@@ -13,6 +13,7 @@ namespace till {
 
 inline constexpr std::string_view kEnumerateInstances = "enumerateInstances";
 inline constexpr std::string_view kGetInstance = "getInstance";
+inline constexpr std::string_view kUpdateInstances = "updateInstances";
 inline constexpr std::string_view kAddInstance = "addInstance";
 inline constexpr std::string_view kModifyInstance = "modifyInstance";
 inline constexpr std::string_view kDelInstance = "delInstance";
@@ -38,10 +39,19 @@ struct Request {
 /// are no UTF-8 text are read as it says. Throws RequestError.
 Request readRequest(std::string_view document);
 
+/// As readRequest, for what comes on the event stream: throws RequestError unless the request is
+/// an update request. A class or an id in it is not looked at.
+void readUpdateRequest(std::string_view document);
+
 std::string responseDocument(const std::vector<const Device*>& devices);
 std::string errorDocument(std::string_view what);
 /// A response with `count` instances of a class, made up, all of a maker that the service keeps.
 std::string hugeDocument(std::string_view className, std::size_t count);
+
+/// Marks the start of an event on a stream, to the letter.
+inline constexpr std::string_view kEventDeclaration =
+    "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>";
+inline constexpr std::string_view kEventEnd = "</event>";
 
 struct Event {
   std::string type;
@@ -56,7 +66,7 @@ struct Event {
 enum class EventFields { DatagramOnly, All };
 Event deviceEvent(const Device& device, std::string_view type, std::string_view code,
                   EventFields fields);
-/// Begins with exactly the declaration that marks the start of an event on a stream.
+/// From kEventDeclaration to kEventEnd.
 std::string eventDocument(const Event& event);
 
 } // namespace till

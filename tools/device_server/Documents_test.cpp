@@ -123,6 +123,41 @@ TEST(Request, ofBytesThatAreNoTextIsMalformed) {
   EXPECT_THAT(complaintAbout("\xFF\xFE<\0r\0"), StartsWith("malformed request: "));
 }
 
+TEST(UpdateRequest, isAcceptedInAnyWellFormedShape) {
+  for (const char* request :
+       {"<?xml version='1.0' encoding='UTF-8' standalone='no' ?>"
+        "<request><type>updateInstances</type></request>",
+        "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"no\" ?>\r\n"
+        "<request>\n <type>updateInstances</type>\n</request>",
+        "<request><type>updateInstances</type></request>",
+        "<request><class>UPOS_Scale</class><type>updateInstances</type><id>S</id></request>"}) {
+    EXPECT_NO_THROW(readUpdateRequest(request)) << request;
+  }
+}
+
+TEST(UpdateRequest, isNoOtherRequest) {
+  const struct {
+    const char* request;
+    const char* complaint;
+  } kRows[] = {
+      {"", "malformed request: "},
+      {"rubbish</request>", "malformed request: "},
+      {"<request><type>updateInstances</request>", "malformed request: "},
+      {"<request></request>", "malformed request: no type"},
+      {"<request><type>updateinstances</type></request>", "unknown request type 'updateinstances'"},
+      {"<request><type>enumerateInstances</type><class>UPOS_Scale</class></request>",
+       "unknown request type 'enumerateInstances'"},
+  };
+  for (const auto& row : kRows) {
+    try {
+      readUpdateRequest(row.request);
+      ADD_FAILURE() << "no complaint about " << row.request;
+    } catch (const RequestError& problem) {
+      EXPECT_THAT(problem.what(), StartsWith(row.complaint)) << row.request;
+    }
+  }
+}
+
 TEST(Response, listsEachInstanceUnderItsOwnClass) {
   const Device first = scanner();
   const Device second{"UPOS_Scale", "SCALE1", true, {}};

@@ -8,8 +8,8 @@ DatagramEventChannel::DatagramEventChannel(asio::io_context& context, std::uint1
     : socket_(context, udp::endpoint(asio::ip::address_v4::loopback(), 0)),
       receiver_(asio::ip::address_v4::loopback(), port) {}
 
-void DatagramEventChannel::send(const std::string& bytes) {
-  socket_.send_to(asio::buffer(bytes), receiver_);
+void DatagramEventChannel::send(Delivery delivery) {
+  socket_.send_to(asio::buffer(delivery.bytes), receiver_);
 }
 
 } // namespace till

@@ -1,9 +1,10 @@
 #pragma once
 
+#include "device_server/Delivery.h"
+
 #include <asio.hpp>
 
 #include <cstdint>
-#include <string>
 
 namespace till {
 
@@ -15,8 +16,14 @@ public:
   EventChannel(const EventChannel&) = delete;
   EventChannel& operator=(const EventChannel&) = delete;
 
-  /// One datagram or one piece of a stream, as it stands.
-  virtual void send(const std::string& bytes) = 0;
+  /// One datagram, or bytes of a stream in the pieces and with the end that are asked for.
+  virtual void send(Delivery delivery) = 0;
+
+  /// Whether something sent now can arrive; without a connection nobody knows.
+  virtual bool isConnected() const { return true; }
+  /// For channels that have a connection: end it and stay away; connect at once, anew.
+  virtual void disconnect() {}
+  virtual void reconnect() {}
 };
 
 /// Datagrams to the event port on this machine. Nobody need listen there: a datagram to a closed
@@ -24,7 +31,7 @@ public:
 class DatagramEventChannel : public EventChannel {
 public:
   DatagramEventChannel(asio::io_context& context, std::uint16_t port);
-  void send(const std::string& bytes) override;
+  void send(Delivery delivery) override;
 
 private:
   asio::ip::udp::socket socket_;

@@ -1,5 +1,6 @@
 #include "device_server/Frame.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace till {
@@ -29,6 +30,26 @@ std::optional<std::string> FrameScanner::feed(std::string_view bytes) {
     return std::nullopt;
   }
   return std::exchange(message_, {});
+}
+
+std::vector<std::string> RequestScanner::feed(std::string_view bytes) {
+  std::vector<std::string> documents;
+  // Of what was pending only a beginning of the end tag is searched again.
+  std::size_t from = pending_.size() - std::min(pending_.size(), kEndTag.size() - 1);
+  pending_ += bytes;
+  std::size_t begin = 0;
+  for (;;) {
+    const std::size_t end = pending_.find(kEndTag, from);
+    begin = std::min(pending_.find_first_not_of(" \t\r\n", begin), pending_.size());
+    if (end == std::string::npos) {
+      break;
+    }
+    from = end + kEndTag.size();
+    documents.push_back(pending_.substr(begin, from - begin));
+    begin = from;
+  }
+  pending_.erase(0, begin);
+  return documents;
 }
 
 } // namespace till

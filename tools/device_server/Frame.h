@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace till {
 
@@ -27,6 +28,22 @@ private:
   bool started_ = false;
   std::size_t fed_ = 0;
   std::string message_;
+};
+
+/// Cuts a stream without marks into request documents: each ends with its end tag, and blanks
+/// between two are dropped. Linear in the bytes fed.
+class RequestScanner {
+public:
+  static constexpr std::string_view kEndTag = "</request>";
+
+  /// The documents that the bytes complete, in order.
+  std::vector<std::string> feed(std::string_view bytes);
+
+  /// Bytes of the document that is not complete yet.
+  std::size_t pendingSize() const { return pending_.size(); }
+
+private:
+  std::string pending_;
 };
 
 } // namespace till

@@ -54,5 +54,38 @@ TEST(FrameScanner, countsDroppedBytesToo) {
   EXPECT_EQ(scanner.fed(), 5000U);
 }
 
+using Documents = std::vector<std::string>;
+
+TEST(RequestScanner, givesEachDocumentUpToItsEndTag) {
+  RequestScanner scanner;
+  EXPECT_EQ(scanner.feed("<request>a</request>\r\n <request>b</request>\n<requ"),
+            (Documents{"<request>a</request>", "<request>b</request>"}));
+  EXPECT_EQ(scanner.pendingSize(), 5U);
+  EXPECT_EQ(scanner.feed("est>c</request>"), Documents{"<request>c</request>"});
+  EXPECT_EQ(scanner.pendingSize(), 0U);
+}
+
+TEST(RequestScanner, givesTheSameDocumentsByteByByte) {
+  const std::string stream = " <?xml version='1.0'?><request>1</request>\t\n"
+                             "<request></requ></request>junk</request></request>";
+  const Documents whole = RequestScanner().feed(stream);
+  EXPECT_EQ(whole, (Documents{"<?xml version='1.0'?><request>1</request>",
+                              "<request></requ></request>", "junk</request>", "</request>"}));
+  RequestScanner scanner;
+  Documents pieces;
+  for (const char each : stream) {
+    for (std::string& document : scanner.feed(std::string_view(&each, 1))) {
+      pieces.push_back(std::move(document));
+    }
+  }
+  EXPECT_EQ(pieces, whole);
+}
+
+TEST(RequestScanner, keepsNoBlanksWhileItWaits) {
+  RequestScanner scanner;
+  EXPECT_EQ(scanner.feed(std::string(1000, ' ')), Documents());
+  EXPECT_EQ(scanner.pendingSize(), 0U);
+}
+
 } // namespace
 } // namespace till

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace till {
 namespace {
@@ -77,6 +78,23 @@ Delivery Simulator::answer(std::string_view text) {
   }
 }
 
+void Simulator::connected() {
+  heldBack_.clear(); // those were for the connection before
+  log_.event(fmt::format("inventory -> {}", sendAll(kAddInstance)));
+}
+
+void Simulator::update(std::string_view request) {
+  try {
+    readUpdateRequest(request);
+    ++requests_;
+    // Not addInstance: the service would list a device that it knows once more, and a later
+    // delInstance would not remove it. Without a code it takes the fields over and tells nobody.
+    log_.event(fmt::format("request updateInstances -> {}", sendAll(kModifyInstance)));
+  } catch (const RequestError& problem) {
+    refused(printable(problem.what()));
+  }
+}
+
 void Simulator::refused(std::string_view why) {
   ++refusals_;
   log_.event(fmt::format("request refused: {}", why));
@@ -99,10 +117,18 @@ Device& Simulator::device(const std::string& id) {
 }
 
 void Simulator::check(const Command& command) {
+  const bool proxy = settings_.strategy == Strategy::Proxy;
   if (command.word == "misbehave") {
+    if (proxy) {
+      throw CommandError("nothing is answered in the proxy role: misbehave-events is its command");
+    }
     parse(command, answerMisbehaviours());
   } else if (command.word == "misbehave-events") {
-    parse(command, eventMisbehaviours());
+    parse(command, eventFaults());
+  } else if (command.word == "disconnect" || command.word == "reconnect") {
+    if (!proxy) {
+      throw CommandError("there is no connection in the adapter role");
+    }
   } else if (command.word != "wait" && !command.arguments.empty()) {
     device(command.arguments[0]);
   }
@@ -151,8 +177,15 @@ void Simulator::execute(const Command& command) {
     misbehaviour_ = parse(command, answerMisbehaviours());
     log_.event(fmt::format("answers from now on: {}", misbehaviour_.text()));
   } else if (word == "misbehave-events") {
-    eventMisbehaviour_ = parse(command, eventMisbehaviours());
+    if (events_.isConnected()) {
+      flush();
+    }
+    eventMisbehaviour_ = parse(command, eventFaults());
     log_.event(fmt::format("events from now on: {}", eventMisbehaviour_.text()));
+  } else if (word == "disconnect") {
+    events_.disconnect();
+  } else if (word == "reconnect") {
+    events_.reconnect();
   } else if (word == "help") {
     log_.say(commandHelp());
   } else {
@@ -160,27 +193,101 @@ void Simulator::execute(const Command& command) {
   }
 }
 
+const std::vector<MisbehaviourHelp>& Simulator::eventFaults() const {
+  return settings_.strategy == Strategy::Proxy ? streamMisbehaviours() : eventMisbehaviours();
+}
+
+/// For the end of a log line.
+std::string Simulator::eventFault() const {
+  return eventMisbehaviour_.word == "none" ? "" : fmt::format(" ({})", eventMisbehaviour_.text());
+}
+
+Event Simulator::eventOf(const Device& device, std::string_view type, std::string_view code) const {
+  Event event = deviceEvent(device, type, code,
+                            settings_.strategy == Strategy::Proxy ? EventFields::All
+                                                                  : EventFields::DatagramOnly);
+  if (settings_.wholeClassname) {
+    event.classname = device.className;
+  }
+  return event;
+}
+
 void Simulator::sendEvent(const Device& device, std::string_view type, std::string_view code) {
-  const Event event = deviceEvent(device, type, code, EventFields::DatagramOnly);
-  const std::vector<std::string> datagrams = planEvent(eventMisbehaviour_, eventDocument(event));
+  const Event event = eventOf(device, type, code);
+  std::string document = eventDocument(event);
+  std::size_t bytes = document.size();
+  const std::string fault = eventFault();
+  if (settings_.strategy == Strategy::Proxy) {
+    sendToStream(std::move(document));
+  } else {
+    bytes = sendDatagrams(document);
+  }
+  ++eventsSent_;
+  log_.event(fmt::format("event {} {} {}{}{}, {} bytes{}", event.type, event.classname, device.id,
+                         event.code.empty() ? "" : " code ", event.code, bytes, fault));
+  if (settings_.strategy == Strategy::Adapter && fault.empty() && bytes > kLongestDatagram) {
+    log_.error(fmt::format("the event has {} bytes: the service loses datagrams of more than {}",
+                           bytes, kLongestDatagram));
+  }
+}
+
+std::size_t Simulator::sendDatagrams(const std::string& document) {
   std::size_t bytes = 0;
   try {
-    for (const std::string& datagram : datagrams) {
-      events_.send(datagram);
-      bytes += datagram.size();
+    for (std::string& datagram : planEvent(eventMisbehaviour_, document)) {
+      const std::size_t size = datagram.size();
+      Delivery delivery;
+      delivery.bytes = std::move(datagram);
+      events_.send(std::move(delivery));
+      bytes += size;
     }
   } catch (const std::system_error& problem) {
     throw CommandError(fmt::format("the event was not sent: {}", problem.code().message()));
   }
-  ++eventsSent_;
-  const bool proper = eventMisbehaviour_.word == "none";
-  log_.event(fmt::format("event {} {} {}{}{}, {} bytes{}", event.type, event.classname, device.id,
-                         event.code.empty() ? "" : " code ", event.code, bytes,
-                         proper ? "" : fmt::format(" ({})", eventMisbehaviour_.text())));
-  if (proper && bytes > kLongestDatagram) {
-    log_.error(fmt::format("the event has {} bytes: the service loses datagrams of more than {}",
-                           bytes, kLongestDatagram));
+  return bytes;
+}
+
+void Simulator::sendToStream(std::string document) {
+  if (!events_.isConnected()) {
+    throw CommandError("the event was not sent: the service is not connected");
   }
+  heldBack_.push_back(std::move(document));
+  if (heldBack_.size() >= streamBatch(eventMisbehaviour_)) {
+    flush();
+  }
+}
+
+void Simulator::flush() {
+  if (heldBack_.empty()) {
+    return;
+  }
+  const std::vector<std::string> documents = std::exchange(heldBack_, {});
+  try {
+    events_.send(planStream(eventMisbehaviour_, documents));
+  } catch (const std::system_error& problem) {
+    throw CommandError(fmt::format("the event was not sent: {}", problem.code().message()));
+  }
+  if (endsStream(eventMisbehaviour_)) {
+    eventMisbehaviour_ = {};
+  }
+}
+
+/// An event for each attached device; what is held back goes out with the last of them. The words
+/// for the log.
+std::string Simulator::sendAll(std::string_view type) {
+  const std::string fault = eventFault();
+  std::size_t count = 0;
+  try {
+    for (const Device* each : till_.attachedOf(kEveryDevice)) {
+      sendToStream(eventDocument(eventOf(*each, type, "")));
+      ++count;
+    }
+    flush();
+  } catch (const CommandError& problem) {
+    log_.error(problem.what());
+  }
+  eventsSent_ += count;
+  return fmt::format("{} event{}{}", count, count == 1 ? "" : "s", fault);
 }
 
 void Simulator::set(Device& device, const std::string& field, const std::string& value) {
@@ -208,10 +315,17 @@ void Simulator::list() {
 }
 
 void Simulator::status() {
-  log_.say(fmt::format("requests on 127.0.0.1:{}: {} answered, {} refused; answers: {}",
-                       requestPort_, requests_, refusals_, misbehaviour_.text()));
-  log_.say(fmt::format("events to 127.0.0.1:{}: {} sent; events: {}", eventPort_, eventsSent_,
-                       eventMisbehaviour_.text()));
+  if (settings_.strategy == Strategy::Proxy) {
+    log_.say(fmt::format("update requests: {} answered, {} refused", requests_, refusals_));
+    log_.say(fmt::format("events to 127.0.0.1:{} ({}): {} sent; events: {}", eventPort_,
+                         events_.isConnected() ? "connected" : "not connected", eventsSent_,
+                         eventMisbehaviour_.text()));
+  } else {
+    log_.say(fmt::format("requests on 127.0.0.1:{}: {} answered, {} refused; answers: {}",
+                         requestPort_, requests_, refusals_, misbehaviour_.text()));
+    log_.say(fmt::format("events to 127.0.0.1:{}: {} sent; events: {}", eventPort_, eventsSent_,
+                         eventMisbehaviour_.text()));
+  }
   log_.say(fmt::format("{} devices, {} attached", till_.devices().size(), till_.attachedCount()));
 }
 

@@ -1,6 +1,7 @@
 #include "device_server/Till.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace till {
 
@@ -16,17 +17,16 @@ std::string_view Device::value(std::string_view field) const {
 }
 
 bool Till::add(Device device) {
-  if (find(device.id) != nullptr) {
+  if (!places_.emplace(device.id, devices_.size()).second) {
     return false;
   }
   devices_.push_back(std::move(device));
   return true;
 }
 
-Device* Till::find(std::string_view id) {
-  const auto found = std::find_if(devices_.begin(), devices_.end(),
-                                  [&](const Device& each) { return each.id == id; });
-  return found == devices_.end() ? nullptr : &*found;
+Device* Till::find(const std::string& id) {
+  const auto found = places_.find(id);
+  return found == places_.end() ? nullptr : &devices_[found->second];
 }
 
 std::size_t Till::attachedCount() const {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace till {
@@ -37,7 +39,7 @@ public:
   /// False, and nothing is added, when the id is taken.
   bool add(Device device);
   /// Null when there is no such device.
-  Device* find(std::string_view id);
+  Device* find(const std::string& id);
   const std::vector<Device>& devices() const { return devices_; }
   std::size_t attachedCount() const;
 
@@ -46,6 +48,7 @@ public:
 
 private:
   std::vector<Device> devices_;
+  std::unordered_map<std::string, std::size_t> places_; ///< in devices_, by id
 };
 
 } // namespace till

@@ -107,6 +107,28 @@ std::pair<std::size_t, char32_t> decode(std::string_view text, std::size_t at) {
                                                      : std::pair(length, code);
 }
 
+/// What stands for a character that cannot stand for itself; empty for the others.
+std::string_view escapeOf(char each) {
+  switch (each) {
+  case '&':
+    return "&amp;";
+  case '<':
+    return "&lt;";
+  case '>':
+    return "&gt;";
+  case '"':
+    return "&quot;";
+  case '\t':
+    return "&#9;";
+  case '\n':
+    return "&#10;";
+  case '\r':
+    return "&#13;";
+  default:
+    return {};
+  }
+}
+
 } // namespace
 
 const std::string* XmlElement::attribute(std::string_view wanted) const {
@@ -174,34 +196,15 @@ bool isXmlText(std::string_view text) {
 std::string escapeXml(std::string_view text) {
   std::string result;
   result.reserve(text.size());
-  for (const char each : text) {
-    switch (each) {
-    case '&':
-      result += "&amp;";
-      break;
-    case '<':
-      result += "&lt;";
-      break;
-    case '>':
-      result += "&gt;";
-      break;
-    case '"':
-      result += "&quot;";
-      break;
-    case '\t':
-      result += "&#9;";
-      break;
-    case '\n':
-      result += "&#10;";
-      break;
-    case '\r':
-      result += "&#13;";
-      break;
-    default:
-      result += each;
+  std::size_t copied = 0;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const std::string_view escape = escapeOf(text[at]);
+    if (!escape.empty()) {
+      result.append(text.substr(copied, at - copied)).append(escape);
+      copied = at + 1;
     }
   }
-  return result;
+  return result.append(text.substr(copied));
 }
 
 } // namespace till

@@ -43,13 +43,27 @@ SCALES = (
 )
 
 
-def event(kind, code, category, device, maker):
-    return (
-        "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>"
+DECLARATION = b"<?xml version='1.0' encoding='UTF-8' standalone='no' ?>"
+UPDATE_REQUEST = DECLARATION + b"<request><type>updateInstances</type></request>"
+
+
+def event(kind, code, category, device, maker, more=""):
+    return DECLARATION + (
         f'<event type="{kind}" classname="{category}" modifyInstanceCode="{code}" '
         f'provider="UPOS_{category}"><field name="DeviceID" type="string">{device}</field>'
-        f'<field name="ManufacturerName" type="string">{maker}</field></event>'
+        f'<field name="ManufacturerName" type="string">{maker}</field>{more}</event>'
     ).encode()
+
+
+def device_event(kind, device, code=""):
+    """As it goes out on a stream: with all fields of the inventory's device."""
+    return event(kind, code, *{
+        "S1": ("Scanner", "S1", "Veltran", '<field name="GoodScanCount" type="uint32">7</field>'),
+        "W1": ("Scale", "W1", "ORVEX"), "M1": ("MSR", "M1", "ORVEX")}[device])
+
+
+ATTACHED = device_event("addInstance", "S1") + device_event("addInstance", "W1")
+REFRESHED = device_event("modifyInstance", "S1") + device_event("modifyInstance", "W1")
 
 
 def request(kind, class_name, device=None):
@@ -57,17 +71,12 @@ def request(kind, class_name, device=None):
     return (text + (f"<id>{device}</id>" if device else "") + "</request>").encode()
 
 
-class Till:
-    """A running quillmon-till with an event port of its own."""
+class Program:
+    """A running quillmon-till."""
 
-    def __init__(self, folder, *options, no_stdin=False, port=0, inventory="till.xml"):
-        self.events = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.events.bind(("127.0.0.1", 0))
-        self.events.settimeout(PATIENCE)
+    def __init__(self, folder, *arguments, no_stdin=False):
         self.process = subprocess.Popen(
-            [*PROGRAM, inventory, "--request-port", str(port),
-             "--event-port", str(self.events.getsockname()[1]), *options,
-             *(["--no-stdin"] if no_stdin else [])],
+            [*PROGRAM, *arguments, *(["--no-stdin"] if no_stdin else [])],
             cwd=folder, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.lines = queue.Queue()
         self.errors = queue.Queue()
@@ -76,7 +85,6 @@ class Till:
             for each in ((self.process.stdout, self.lines), (self.process.stderr, self.errors))]
         for reader in self.readers:
             reader.start()
-        self.port = int(self.expect(r"quillmon-till: ready: requests on 127\.0\.0\.1:(\d+), .*")[1])
 
     @staticmethod
     def _read(stream, lines):
@@ -103,6 +111,36 @@ class Till:
         self.process.stdin.write(line.encode() + b"\n")
         self.process.stdin.flush()
 
+    def wait(self):
+        code = self.process.wait(PATIENCE)
+        for reader in self.readers:
+            reader.join(PATIENCE)
+        return code
+
+    def memory(self):
+        with open(f"/proc/{self.process.pid}/status") as status:
+            return int(re.search(r"VmRSS:\s+(\d+) kB", status.read())[1]) * 1024
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.wait()
+        for each in (self.process.stdin, self.process.stdout, self.process.stderr):
+            with contextlib.suppress(BrokenPipeError):
+                each.close()
+
+
+class Till(Program):
+    """In the adapter role, with an event port of its own."""
+
+    def __init__(self, folder, *options, port=0, inventory="till.xml", **more):
+        self.events = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.events.bind(("127.0.0.1", 0))
+        self.events.settimeout(PATIENCE)
+        super().__init__(folder, inventory, "--request-port", str(port),
+                         "--event-port", str(self.events.getsockname()[1]), *options, **more)
+        self.port = int(self.expect(r"quillmon-till: ready: requests on 127\.0\.0\.1:(\d+), .*")[1])
+
     def event(self):
         return self.events.recv(65536)
 
@@ -119,23 +157,60 @@ class Till:
         """The ids of the instances in the answer to a request, or the error's name."""
         return parse(self.exchange(request(*words)))
 
-    def wait(self):
-        code = self.process.wait(PATIENCE)
-        for reader in self.readers:
-            reader.join(PATIENCE)
-        return code
+    def close(self):
+        super().close()
+        self.events.close()
 
-    def memory(self):
-        with open(f"/proc/{self.process.pid}/status") as status:
-            return int(re.search(r"VmRSS:\s+(\d+) kB", status.read())[1]) * 1024
+
+class Service:
+    """The event port of a service in the proxy strategy; one till connects to it at a time."""
+
+    def __init__(self, port=0):
+        self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.listener.bind(("127.0.0.1", port))
+        self.port = self.listener.getsockname()[1]
+        self.client = None
+
+    def listen(self):
+        # A window of its own for each connection: what is not read soon waits in the till.
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+        self.listener.listen()
+        self.listener.settimeout(PATIENCE)
+
+    def accept(self):
+        self.hang_up()
+        self.client = self.listener.accept()[0]
+        self.client.settimeout(PATIENCE)
+        self.client.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+
+    def send(self, text):
+        self.client.sendall(text)
+
+    def receive(self, size):
+        """That many bytes, or fewer when the connection ends."""
+        received = b""
+        while len(received) < size and (piece := self.client.recv(size - len(received))):
+            received += piece
+        return received
+
+    def is_silent(self, seconds=0.3):
+        self.client.settimeout(seconds)
+        try:
+            return not self.client.recv(1)
+        except TimeoutError:
+            return True
+        finally:
+            self.client.settimeout(PATIENCE)
+
+    def hang_up(self):
+        if self.client:
+            self.client.close()
+        self.client = None
 
     def close(self):
-        if self.process.poll() is None:
-            self.process.kill()
-        self.wait()
-        for each in (self.process.stdin, self.process.stdout, self.process.stderr, self.events):
-            with contextlib.suppress(BrokenPipeError):
-                each.close()
+        self.hang_up()
+        self.listener.close()
 
 
 def receive_all(client):
@@ -557,6 +632,385 @@ class DeviceServerTest(TillTestCase):
         code, out, errors = self.run_to_end("till.xml", "--check", "--script", "day.script")
         self.assertEqual((code, out, errors),
                          (0, "quillmon-till: till.xml: 3 devices (2 attached)\n", ""))
+
+
+class ProxyTest(TillTestCase):
+    def listen(self, port=0):
+        service = self.bind(port)
+        service.listen()
+        return service
+
+    def bind(self, port=0):
+        service = Service(port)
+        self.addCleanup(service.close)
+        return service
+
+    def start_for(self, service, *options, **more):
+        till = Program(self.folder, "till.xml", "--strategy", "proxy",
+                       "--event-port", str(service.port), *options, **more)
+        self.addCleanup(till.close)
+        till.expect(r"quillmon-till: ready: events to 127\.0\.0\.1:%d \(proxy\), "
+                    r"3 devices \(2 attached\)" % service.port)
+        return till
+
+    def connect(self, *options, **more):
+        """A service and a till that has connected to it and sent its inventory."""
+        service = self.listen()
+        till = self.start_for(service, *options, **more)
+        service.accept()
+        self.assertEqual(service.receive(len(ATTACHED)), ATTACHED)
+        return service, till
+
+    # The stream
+
+    def test_sends_exactly_its_attached_devices_when_it_has_connected(self):
+        service, till = self.connect()
+        till.expect(r"connected to 127\.0\.0\.1:%d" % service.port)
+        till.expect(r"inventory -> 2 events")
+        self.assertTrue(service.is_silent())
+
+    def test_opens_no_request_port(self):
+        with socket.socket() as taken:
+            taken.bind(("127.0.0.1", 0))
+            taken.listen()
+            port = taken.getsockname()[1]
+            service = self.listen()
+            self.start_for(service, "--request-port", str(port)) # taken, and nobody minds
+            service.accept()
+            self.assertEqual(service.receive(len(ATTACHED)), ATTACHED)
+
+    def test_sends_the_events_of_its_commands_with_all_fields(self):
+        service, till = self.connect()
+        for line, document in (("attach M1", device_event("addInstance", "M1")),
+                               ("change S1 4", device_event("modifyInstance", "S1", "4")),
+                               ("change S1", device_event("modifyInstance", "S1")),
+                               ("detach M1", device_event("delInstance", "M1")),
+                               ("event W1 NA 7", device_event("NA", "W1", "7"))):
+            till.type(line)
+            self.assertEqual(service.receive(len(document)), document)
+        till.expect(r"event modifyInstance Scanner S1 code 4, \d+ bytes")
+
+    def test_a_changed_field_goes_out_with_the_next_event(self):
+        service, till = self.connect()
+        till.type("set W1 ModelName \"Big & heavy\"")
+        till.type("change W1")
+        document = event("modifyInstance", "", "Scale", "W1", "ORVEX",
+                         '<field name="ModelName" type="string">Big &amp; heavy</field>')
+        self.assertEqual(service.receive(len(document)), document)
+
+    def test_may_name_the_whole_class(self):
+        service = self.listen()
+        self.start_for(service, "--event-classname", "whole")
+        service.accept()
+        whole = ATTACHED.replace(b' classname="', b' classname="UPOS_')
+        self.assertEqual(service.receive(len(whole)), whole)
+
+    def test_answers_update_requests_with_its_devices(self):
+        service, till = self.connect()
+        self.assertEqual(len(UPDATE_REQUEST), 102)
+        service.send(UPDATE_REQUEST)
+        self.assertEqual(service.receive(len(REFRESHED)), REFRESHED)
+        till.expect(r"request updateInstances -> 2 events")
+        service.send(UPDATE_REQUEST + UPDATE_REQUEST)
+        self.assertEqual(service.receive(2 * len(REFRESHED)), 2 * REFRESHED)
+        till.type("status")
+        till.expect(r"update requests: 3 answered, 0 refused")
+        till.expect(r"events to 127\.0\.0\.1:%d \(connected\): 8 sent; events: none" % service.port)
+
+    def test_reads_an_update_request_in_pieces_and_of_any_shape(self):
+        service, till = self.connect()
+        for byte in (b'\r\n<?xml version="1.0" encoding="UTF-8"?>\n<request>\n'
+                     b"<type>updateInstances</type>\n</request>\n"):
+            service.send(bytes([byte]))
+        self.assertEqual(service.receive(len(REFRESHED)), REFRESHED)
+
+    def test_refuses_other_requests_and_goes_on(self):
+        service, till = self.connect()
+        service.send(request("enumerateInstances", "UPOS_Scale") + b"<rubbish</request>")
+        till.expect(r"request refused: unknown request type 'enumerateInstances'")
+        till.expect(r"request refused: malformed request: .*")
+        service.send(UPDATE_REQUEST)
+        self.assertEqual(service.receive(len(REFRESHED)), REFRESHED)
+
+    def test_leaves_a_service_whose_request_never_ends(self):
+        service, till = self.connect()
+        with contextlib.suppress(*RESETS, BrokenPipeError):
+            service.send(b"<request>" + b"x" * (2 * 1024 * 1024))
+        till.expect(r"connection to 127\.0\.0\.1:%d lost: a request larger than 1 MiB"
+                    % service.port)
+        service.accept()
+        self.assertEqual(service.receive(len(ATTACHED)), ATTACHED)
+
+    def test_sends_ten_thousand_devices(self):
+        devices = "".join(
+            f'<device class="UPOS_Scale" id="W{n}"><field name="ManufacturerName" type="string">'
+            "ORVEX</field></device>" for n in range(10000))
+        self.write("till.xml", f"<till>{devices}</till>")
+        service = self.listen()
+        till = Program(self.folder, "till.xml", "--strategy", "proxy", "--event-port",
+                       str(service.port))
+        self.addCleanup(till.close)
+        service.accept()
+        expected = b"".join(event("addInstance", "", "Scale", f"W{n}", "ORVEX")
+                            for n in range(10000))
+        self.assertEqual(service.receive(len(expected)), expected)
+        till.expect(r"inventory -> 10000 events")
+
+    # The connection
+
+    def test_waits_for_the_service(self):
+        service = self.bind() # bound and not listening: refused
+        till = self.start_for(service)
+        till.expect(r"waiting for 127\.0\.0\.1:%d: .+" % service.port)
+        time.sleep(1) # some attempts, of which nothing is said
+        self.assertEqual(list(till.lines.queue), [])
+        service.listen()
+        service.accept()
+        self.assertEqual(service.receive(len(ATTACHED)), ATTACHED)
+        till.expect(r"connected to 127\.0\.0\.1:%d" % service.port)
+
+    def test_connects_again_when_the_service_has_been_restarted(self):
+        service, till = self.connect()
+        till.expect(r"inventory -> 2 events")
+        till.type("attach M1")
+        attached = device_event("addInstance", "M1")
+        self.assertEqual(service.receive(len(attached)), attached)
+        service.close()
+        till.expect(r"connection to 127\.0\.0\.1:%d lost: .+" % service.port)
+        again = self.listen(service.port)
+        again.accept()
+        self.assertEqual(again.receive(len(ATTACHED + attached)), ATTACHED + attached)
+        till.expect(r"connected to 127\.0\.0\.1:%d" % service.port)
+        again.send(UPDATE_REQUEST)
+        refreshed = REFRESHED + device_event("modifyInstance", "M1")
+        self.assertEqual(again.receive(len(refreshed)), refreshed)
+
+    def test_its_pause_grows_while_connections_do_not_last(self):
+        service = self.listen()
+        self.start_for(service)
+        times = []
+        for _ in range(5):
+            service.accept()
+            times.append(time.monotonic())
+            service.hang_up()
+        pauses = [after - before for before, after in zip(times, times[1:])]
+        for pause, least in zip(pauses, (0.1, 0.2, 0.4, 0.8)):
+            self.assertGreater(pause, 0.8 * least, pauses)
+
+    def test_forgets_the_beginning_of_a_request_with_its_connection(self):
+        service, till = self.connect()
+        service.send(UPDATE_REQUEST[:60])
+        service.hang_up()
+        service.accept()
+        self.assertEqual(service.receive(len(ATTACHED)), ATTACHED)
+        service.send(UPDATE_REQUEST)
+        self.assertEqual(service.receive(len(REFRESHED)), REFRESHED)
+
+    def test_stays_away_from_disconnect_to_reconnect(self):
+        service, till = self.connect()
+        till.type("change S1 1")
+        till.type("disconnect")
+        changed = device_event("modifyInstance", "S1", "1")
+        self.assertEqual(receive_all(service.client), changed)
+        till.expect(r"staying away from 127\.0\.0\.1:%d" % service.port)
+        till.type("attach M1")
+        till.expect_error(r"quillmon-till: the event was not sent: the service is not connected")
+        till.type("status")
+        till.expect(r"events to 127\.0\.0\.1:%d \(not connected\): .*" % service.port)
+        service.listener.settimeout(0.5)
+        with self.assertRaises(TimeoutError):
+            service.listener.accept()
+        service.listener.settimeout(PATIENCE)
+        till.type("reconnect")
+        service.accept()
+        expected = ATTACHED + device_event("addInstance", "M1")
+        self.assertEqual(service.receive(len(expected)), expected)
+
+    def test_reconnects_at_once_when_told(self):
+        service, till = self.connect()
+        till.type("reconnect")
+        before = service.client
+        with contextlib.suppress(*RESETS):
+            self.assertEqual(before.recv(1), b"")
+        service.accept()
+        self.assertEqual(service.receive(len(ATTACHED)), ATTACHED)
+
+    def test_a_script_begins_when_it_is_connected(self):
+        self.write("day.script", "attach M1\nwait 100\ndetach M1\nquit\n")
+        service = self.bind()
+        till = self.start_for(service, "--script", "day.script", no_stdin=True)
+        till.expect(r"waiting for .+")
+        service.listen()
+        service.accept()
+        expected = ATTACHED + device_event("addInstance", "M1") + device_event("delInstance", "M1")
+        self.assertEqual(receive_all(service.client), expected)
+        self.assertEqual(till.wait(), 0)
+        self.assertEqual(list(till.errors.queue), [None])
+
+    # Misbehaviour
+
+    def test_sends_in_pieces(self):
+        service, till = self.connect()
+        till.type("misbehave-events pieces")
+        till.type("change S1 1")
+        document = device_event("modifyInstance", "S1", "1")
+        pieces = []
+        while sum(map(len, pieces)) < len(document):
+            pieces.append(service.client.recv(65536))
+        self.assertEqual(b"".join(pieces), document)
+        self.assertGreater(len(pieces), 1)
+
+    def test_sends_byte_by_byte(self):
+        service, till = self.connect("--misbehave-events", "byte-at-a-time")
+        till.expect(r"inventory -> 2 events \(byte-at-a-time\)")
+        till.type("misbehave-events none")
+        till.type("change S1 1")
+        document = device_event("modifyInstance", "S1", "1")
+        self.assertEqual(service.receive(len(document)), document)
+
+    def test_sends_several_events_at_once(self):
+        service, till = self.connect()
+        changes = [device_event("modifyInstance", "S1", str(code)) for code in (1, 2, 3)]
+        bare = [change.removeprefix(DECLARATION) for change in changes]
+        for mode, expected in (("batch 3", b"".join(changes)),
+                               ("batch-first 3", changes[0] + bare[1] + bare[2]),
+                               ("batch-bare 3", b"".join(bare)),
+                               ("twice", b"".join(2 * change for change in changes))):
+            till.type(f"misbehave-events {mode}")
+            till.type("change S1 1")
+            till.type("change S1 2")
+            if mode.startswith("batch"):
+                till.expect(r"event modifyInstance Scanner S1 code 2, \d+ bytes \(%s\)" % mode)
+                self.assertTrue(service.is_silent())
+            till.type("change S1 3")
+            self.assertEqual(service.receive(len(expected)), expected)
+
+    def test_sends_without_the_declaration_that_marks_the_start(self):
+        service, till = self.connect()
+        bare = device_event("modifyInstance", "S1", "1").removeprefix(DECLARATION)
+        for mode, expected in (
+                ("no-declaration", bare),
+                ("other-declaration", b'<?xml version="1.0" encoding="UTF-8"?>' + bare)):
+            till.type(f"misbehave-events {mode}")
+            till.type("change S1 1")
+            self.assertEqual(service.receive(len(expected)), expected)
+
+    def test_sends_what_is_no_event(self):
+        service, till = self.connect()
+        whole = device_event("modifyInstance", "S1", "1")
+        till.type("misbehave-events truncate")
+        till.type("change S1 1")
+        self.assertEqual(service.receive(len(whole) // 2), whole[:len(whole) // 2])
+        till.type("misbehave-events not-xml")
+        till.type("change S1 1")
+        nonsense = DECLARATION + b"<event>This is no XML: <&</event>"
+        self.assertEqual(service.receive(len(nonsense)), nonsense)
+        till.type("misbehave-events garbage")
+        till.type("change S1 1")
+        till.type("misbehave-events none")
+        till.type("change W1 2")
+        end = device_event("modifyInstance", "W1", "2")
+        received = b""
+        while not received.endswith(end):
+            received += service.client.recv(65536)
+        before, _, after = received.partition(whole)
+        self.assertTrue(before)
+        self.assertGreater(len(after), len(end))
+        till.type("misbehave-events stall")
+        till.type("change S1 1")
+        till.expect(r"event modifyInstance Scanner S1 code 1, \d+ bytes \(stall\)")
+        service.send(UPDATE_REQUEST)
+        till.expect(r"request updateInstances -> 2 events \(stall\)")
+        self.assertTrue(service.is_silent())
+
+    def test_ends_the_connection_within_an_event_and_comes_back(self):
+        service, till = self.connect()
+        half = device_event("modifyInstance", "S1", "1")
+        half = half[:len(half) // 2]
+        till.type("misbehave-events cut")
+        till.type("change S1 1")
+        self.assertEqual(receive_all(service.client), half)
+        till.expect(r"connection to 127\.0\.0\.1:%d ended on purpose" % service.port)
+        service.accept()
+        self.assertEqual(service.receive(len(ATTACHED)), ATTACHED)
+        till.type("misbehave-events reset")
+        till.type("change S1 1")
+        with self.assertRaises(RESETS):
+            receive_all(service.client)
+        service.accept()
+        self.assertEqual(service.receive(len(ATTACHED)), ATTACHED)
+
+    # Beginning and end
+
+    def test_sends_what_it_has_begun_before_it_quits(self):
+        service, till = self.connect()
+        till.type("misbehave-events pieces")
+        till.type("change S1 1")
+        till.type("quit")
+        self.assertEqual(receive_all(service.client), device_event("modifyInstance", "S1", "1"))
+        self.assertEqual(till.wait(), 0)
+
+    def start_for_a_service_that_does_not_read(self, *options):
+        self.write("till.xml", INVENTORY.replace("Veltran", "V" * 4_000_000))
+        service = self.listen()
+        till = self.start_for(service, "--misbehave-events", "twice", *options)
+        service.accept()
+        till.expect(r"inventory -> 2 events \(twice\)")
+        return till
+
+    def test_ends_although_the_service_does_not_read(self):
+        till = self.start_for_a_service_that_does_not_read()
+        before = time.monotonic()
+        till.type("quit")
+        self.assertEqual(till.wait(), 0)
+        self.assertGreater(time.monotonic() - before, 4) # it did wait for the service
+
+    def test_ends_while_it_waits_for_the_service(self):
+        service = self.bind()
+        till = self.start_for(service)
+        till.expect(r"waiting for .+")
+        till.type("quit")
+        self.assertEqual(till.wait(), 0)
+        self.assertEqual(list(till.errors.queue), [None])
+
+    def test_says_when_the_service_does_not_take_its_events(self):
+        till = self.start_for_a_service_that_does_not_read()
+        for _ in range(9):
+            till.type("change S1 1")
+        till.expect_error(r"quillmon-till: the event was not sent: .+")
+
+    def test_quiet_keeps_the_ready_line_only(self):
+        service, till = self.connect("--quiet")
+        service.send(UPDATE_REQUEST)
+        self.assertEqual(service.receive(len(REFRESHED)), REFRESHED)
+        till.type("quit")
+        self.assertEqual(till.wait(), 0)
+        self.assertEqual(list(till.lines.queue), [None])
+        self.assertEqual(list(till.errors.queue), [None])
+
+    def test_names_what_is_wrong_with_its_command_line(self):
+        for arguments in (["--strategy", "both"], ["--strategy", "proxy", "--misbehave", "stall"],
+                          ["--strategy", "proxy", "--misbehave-events", "oversize"],
+                          ["--misbehave-events", "batch 3"], ["--event-classname", "long"]):
+            code, out, errors = self.run_to_end("till.xml", *arguments)
+            self.assertEqual((code, out), (2, ""), arguments)
+            self.assertRegex(errors, r"\Aquillmon-till: [^\n]+\n\Z")
+
+    def test_checks_a_script_for_its_role(self):
+        self.write("proxy.script", "disconnect\nmisbehave-events batch 3\nreconnect\n")
+        code, out, errors = self.run_to_end("till.xml", "--check", "--script", "proxy.script",
+                                            "--strategy", "proxy")
+        self.assertEqual((code, errors), (0, ""))
+        code, out, errors = self.run_to_end("till.xml", "--check", "--script", "proxy.script")
+        self.assertEqual((code, out), (1, ""))
+        self.assertEqual(errors, "quillmon-till: proxy.script:1: there is no connection in the "
+                                 "adapter role\n")
+
+    def test_explains_its_role(self):
+        code, out, errors = self.run_to_end("--help")
+        self.assertEqual((code, errors), (0, ""))
+        for word in ("--strategy ROLE", "--event-classname FORM", "batch-bare N", "reconnect "):
+            self.assertIn(word, out)
 
 
 class NativeTest(TillTestCase):

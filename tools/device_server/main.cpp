@@ -1,6 +1,7 @@
 #include "device_server/Command.h"
 #include "device_server/Delivery.h"
 #include "device_server/EventChannel.h"
+#include "device_server/EventStream.h"
 #include "device_server/Inventory.h"
 #include "device_server/Log.h"
 #include "device_server/RequestServer.h"
@@ -15,11 +16,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -32,6 +35,8 @@ constexpr int kWrongCommandLine = 2;
 
 struct Options {
   std::string inventory;
+  std::string strategy = "adapter";
+  std::string eventClassname = "short";
   unsigned requestPort = 42115;
   unsigned eventPort = 42114;
   std::string script;
@@ -59,43 +64,64 @@ std::string footer() {
       "quotes keep blanks together):\n{}\n"
       "\nMODE of --misbehave and of the command misbehave:\n{}\n"
       "\nMODE of --misbehave-events and of the command misbehave-events:\n{}\n"
+      "\nThe same in the proxy role:\n{}\n"
       "\nThe till begins to answer when the line \"quillmon-till: ready: ...\" has appeared. It "
       "ends\n"
       "at the command quit, at Ctrl-C or SIGTERM and, unless --no-stdin is given, when its "
       "standard\n"
       "input ends.\n"
+      "\nIn the proxy role (--strategy proxy, for a service started with -o or -O) the till "
+      "connects\n"
+      "to the event port and, when the service refuses or ends the connection, connects again "
+      "after a\n"
+      "pause that grows from 0.1 to 5 seconds. Each time it says \"connected to 127.0.0.1:PORT\" "
+      "and\n"
+      "sends all attached devices; a script begins at the first time. It opens no request port: "
+      "the\n"
+      "service's requests for an update come on the connection. What is attached or detached "
+      "without\n"
+      "a connection is not told to the service, except that the next connection brings the "
+      "attached.\n"
       "\nExit codes: 0 ended as asked, 1 something failed (inventory or script wrong or missing, "
       "port\n"
       "in use), 2 wrong command line.\n"
       "\nExamples:\n"
       "  quillmon-till samples/till.xml\n"
       "  quillmon-till samples/till.xml --no-stdin --script samples/day.script\n"
-      "  quillmon-till samples/till.xml --misbehave \"slow 5000\"\n",
-      commandHelp(), modes(answerMisbehaviours()), modes(eventMisbehaviours()));
+      "  quillmon-till samples/till.xml --misbehave \"slow 5000\"\n"
+      "  quillmon-till samples/till.xml --strategy proxy\n",
+      commandHelp(), modes(answerMisbehaviours()), modes(eventMisbehaviours()),
+      modes(streamMisbehaviours()));
 }
 
 void describe(CLI::App& app, Options& options) {
   app.name("quillmon-till");
   app.description(
       "A till without hardware: plays the device server that the Quillmon service asks for its\n"
-      "devices. It answers requests from an inventory file and sends device events.");
+      "devices. It answers requests from an inventory file and sends device events; in the proxy\n"
+      "role it sends the devices as events, too.");
   const auto between = [](unsigned least, unsigned most) {
     return CLI::Range(least, most).description("");
   };
   app.add_option("INVENTORY", options.inventory, "The till's devices, an XML file")
       ->required()
       ->type_name("FILE");
+  app.add_option("--strategy", options.strategy, "The role to play, adapter or proxy")
+      ->check(CLI::IsMember({"adapter", "proxy"}).description(""))
+      ->type_name("ROLE")
+      ->capture_default_str();
   app.add_option("--request-port", options.requestPort,
-                 "Port to answer requests on; 0: any free one, see the ready line")
+                 "Port to answer requests on; 0: any free one, see the ready line. Not opened in "
+                 "the proxy role")
       ->check(between(0, 65535))
       ->type_name("PORT")
       ->capture_default_str();
-  app.add_option("--event-port", options.eventPort, "Port to send events to")
+  app.add_option("--event-port", options.eventPort,
+                 "Port to send events to; in the proxy role, to connect to")
       ->check(between(1, 65535))
       ->type_name("PORT")
       ->capture_default_str();
-  app.add_option("--script", options.script, "Commands to execute from the start, a text file")
-      ->type_name("FILE");
+  app.add_option("--script", options.script, "Commands to execute, a text file")->type_name("FILE");
   app.add_flag("--no-stdin", options.noStdin,
                "Take no commands from standard input: for a till in the background");
   app.add_option("--misbehave", options.misbehave, "Answer with a fault")
@@ -103,6 +129,13 @@ void describe(CLI::App& app, Options& options) {
       ->capture_default_str();
   app.add_option("--misbehave-events", options.misbehaveEvents, "Send events with a fault")
       ->type_name("MODE")
+      ->capture_default_str();
+  app.add_option(
+         "--event-classname", options.eventClassname,
+         "What an event names as its classname: short (Scanner) or whole (UPOS_Scanner); "
+         "under the whole one a service in the proxy strategy lists the device by its class")
+      ->check(CLI::IsMember({"short", "whole"}).description(""))
+      ->type_name("FORM")
       ->capture_default_str();
   app.add_option("--request-timeout", options.requestTimeout,
                  "How long a client may take to send its request or to take the answer")
@@ -120,8 +153,9 @@ void describe(CLI::App& app, Options& options) {
 /// those behind it, not those of the other place.
 class CommandQueue : public std::enable_shared_from_this<CommandQueue> {
 public:
-  CommandQueue(asio::io_context& context, Simulator& simulator, Log& log)
-      : context_(context), timer_(context), simulator_(simulator), log_(log) {}
+  CommandQueue(asio::io_context& context, Simulator& simulator, std::function<void()> quit,
+               Log& log)
+      : timer_(context), simulator_(simulator), quit_(std::move(quit)), log_(log) {}
 
   void add(Command command) {
     waiting_.push_back(std::move(command));
@@ -136,7 +170,8 @@ private:
       const Command command = std::move(waiting_.front());
       waiting_.pop_front();
       if (command.word == "quit") {
-        context_.stop();
+        busy_ = true;
+        quit_();
         return;
       }
       if (command.word == "wait") {
@@ -158,9 +193,9 @@ private:
     }
   }
 
-  asio::io_context& context_;
   asio::steady_timer timer_;
   Simulator& simulator_;
+  std::function<void()> quit_;
   Log& log_;
   std::deque<Command> waiting_;
   bool busy_ = false;
@@ -200,16 +235,38 @@ std::vector<Command> loadScript(const std::string& path, Simulator& simulator) {
   return script;
 }
 
+std::unique_ptr<RequestServer> openRequestPort(asio::io_context& context, const Options& options,
+                                               Simulator& simulator, Log& log) {
+  try {
+    return std::make_unique<RequestServer>(context, static_cast<std::uint16_t>(options.requestPort),
+                                           std::chrono::milliseconds(options.requestTimeout),
+                                           simulator, log);
+  } catch (const std::system_error& problem) {
+    throw std::runtime_error(
+        fmt::format("request port {}: {}", options.requestPort, problem.code().message()));
+  }
+}
+
 void serve(const Options& options, Log& log) {
   Inventory inventory = loadInventory(options.inventory);
   for (const std::string& warning : inventory.warnings) {
     log.error(warning);
   }
 
+  const bool proxy = options.strategy == "proxy";
   asio::io_context context;
   const auto eventPort = static_cast<std::uint16_t>(options.eventPort);
-  DatagramEventChannel events(context, eventPort);
-  Simulator simulator(std::move(inventory.till), events, log);
+  std::unique_ptr<DatagramEventChannel> datagrams;
+  std::unique_ptr<EventStream> stream;
+  if (proxy) {
+    stream = std::make_unique<EventStream>(context, eventPort, log);
+  } else {
+    datagrams = std::make_unique<DatagramEventChannel>(context, eventPort);
+  }
+  EventChannel& events = proxy ? static_cast<EventChannel&>(*stream) : *datagrams;
+  Simulator simulator(
+      std::move(inventory.till), events, log,
+      {proxy ? Strategy::Proxy : Strategy::Adapter, options.eventClassname == "whole"});
   std::vector<Command> script = loadScript(options.script, simulator);
   const std::string counts =
       fmt::format("{} devices ({} attached)", simulator.till().devices().size(),
@@ -226,15 +283,10 @@ void serve(const Options& options, Log& log) {
   }
 
   std::unique_ptr<RequestServer> server;
-  try {
-    server = std::make_unique<RequestServer>(
-        context, static_cast<std::uint16_t>(options.requestPort),
-        std::chrono::milliseconds(options.requestTimeout), simulator, log);
-  } catch (const std::system_error& problem) {
-    throw std::runtime_error(
-        fmt::format("request port {}: {}", options.requestPort, problem.code().message()));
+  if (!proxy) {
+    server = openRequestPort(context, options, simulator, log);
   }
-  simulator.setPorts(server->port(), eventPort);
+  simulator.setPorts(proxy ? std::uint16_t{0} : server->port(), eventPort);
 
   asio::signal_set signals(context, SIGINT, SIGTERM);
   signals.async_wait([&](asio::error_code problem, int) {
@@ -243,21 +295,38 @@ void serve(const Options& options, Log& log) {
     }
   });
 
-  log.say(fmt::format("quillmon-till: ready: requests on 127.0.0.1:{}, events to 127.0.0.1:{}, {}",
-                      server->port(), eventPort, counts));
-  const auto fromScript = std::make_shared<CommandQueue>(context, simulator, log);
-  asio::post(context, [&] {
-    for (Command& command : script) {
+  // What was sent before quit reaches the service, also when it goes out in pieces.
+  const std::function<void()> quit = [&] {
+    proxy ? stream->finish([&] { context.stop(); }) : context.stop();
+  };
+  const auto fromScript = std::make_shared<CommandQueue>(context, simulator, quit, log);
+  const auto runScript = [&] {
+    for (Command& command : std::exchange(script, {})) {
       fromScript->add(std::move(command));
     }
-  });
+  };
+  if (proxy) {
+    log.say(
+        fmt::format("quillmon-till: ready: events to 127.0.0.1:{} (proxy), {}", eventPort, counts));
+    stream->start(
+        [&] {
+          simulator.connected();
+          runScript();
+        },
+        [&](const std::string& request) { simulator.update(request); });
+  } else {
+    log.say(
+        fmt::format("quillmon-till: ready: requests on 127.0.0.1:{}, events to 127.0.0.1:{}, {}",
+                    server->port(), eventPort, counts));
+    asio::post(context, runScript);
+  }
   if (options.noStdin) {
     context.run();
     return;
   }
   // The thread at standard input may still wait there when all is over, holding on to what would
   // then go away: the process ends before that.
-  readStandardInput(context, std::make_shared<CommandQueue>(context, simulator, log), log);
+  readStandardInput(context, std::make_shared<CommandQueue>(context, simulator, quit, log), log);
   try {
     context.run();
   } catch (const std::exception& problem) {
@@ -273,8 +342,14 @@ int run(int argc, char** argv) {
   describe(app, options);
   try {
     app.parse(argc, argv);
+    const bool proxy = options.strategy == "proxy";
     parseMisbehaviour(options.misbehave, answerMisbehaviours());
-    parseMisbehaviour(options.misbehaveEvents, eventMisbehaviours());
+    parseMisbehaviour(options.misbehaveEvents,
+                      proxy ? streamMisbehaviours() : eventMisbehaviours());
+    if (proxy && options.misbehave != "none") {
+      throw std::invalid_argument(
+          "nothing is answered in the proxy role: --misbehave-events is its option");
+    }
   } catch (const CLI::ParseError& problem) {
     if (problem.get_exit_code() == 0) {
       return app.exit(problem); // help or version
