@@ -215,7 +215,7 @@ class Machine:
         wait_until(lambda: self.service_state() == "STOPPED", "the service to stop")
 
     def service_process(self):
-        """The id of the service's process on the host, from where its use of things is best seen."""
+        """The id of the service's process on the host; what it uses is best seen from there."""
         for folder in Path("/proc").iterdir():
             if not folder.name.isdigit():
                 continue
