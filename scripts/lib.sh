@@ -50,13 +50,15 @@ xerces_options=(
   -DBUILD_SHARED_LIBS=OFF -Dnetwork=OFF -Dtranscoder=windows -Dmessage-loader=inmemory
   -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS=-fstack-protector-strong -D_FORTIFY_SOURCE=2"
 )
+# Starting the library once per call is by design here; this makes a start cheap on Windows.
+xerces_patches=("$root/cmake/patches/xerces-c-charset-table.patch")
 
 # build_xerces: cross-builds Xerces-C once from the distribution's patched source package, keeps it
 # in the cache by version and options, and links it where the toolchain file looks for it.
 build_xerces() {
   local key xerces_prefix
   key=$(printf '%s\n' "$xerces_version" "${xerces_options[@]}" \
-    "$(sha256sum <"$root/cmake/mingw-w64.cmake")" | sha256sum | cut -c1-16)
+    "$(cat "$root/cmake/mingw-w64.cmake" "${xerces_patches[@]}")" | sha256sum | cut -c1-16)
   xerces_prefix=$cache/xerces-$xerces_version-$key
   mkdir -p "$root/build/deps"
   ln -sfn "$xerces_prefix" "$root/build/deps/xerces"
@@ -66,6 +68,10 @@ build_xerces() {
   fetch_xerces_source "$work"
   local source; source=$(echo "$work"/xerces-c-"$xerces_version"*/)
   [ -e "$source/CMakeLists.txt" ] || die "Debian's source package xerces-c is not version $xerces_version"
+  local patch
+  for patch in "${xerces_patches[@]}"; do
+    quietly "$cache/log/xerces-patch.log" patch -d "$source" -p1 -i "$patch"
+  done
   rm -rf "$xerces_prefix"
   quietly "$cache/log/xerces-configure.log" cmake -G Ninja -S "$source" -B "$work/build" \
     -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64.cmake" -DCMAKE_INSTALL_PREFIX="$xerces_prefix" \
