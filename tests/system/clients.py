@@ -18,6 +18,13 @@ PROVIDER_LOAD_FAILURE = "0x80041013"
 CALL_CANCELLED = "0x80041032"
 
 
+def ask(machine, *arguments):
+    """A call of the direct client, of which each machine keeps one."""
+    if not hasattr(machine, "asking"):
+        machine.asking = machine.start_wmi_client()
+    return machine.asking.run(*arguments)
+
+
 def status_of(done):
     """The HRESULT that ended the direct client's call."""
     return OK if done.returncode == 0 else done.out.split()[-1]
@@ -32,7 +39,7 @@ def table(done):
 
 def listing(machine, class_name, *properties):
     """The instances of a class, of at least two properties, and the status at the end."""
-    done = machine.wmi("list", class_name, *properties)
+    done = ask(machine, "list", class_name, *properties)
     return table(done), status_of(done)
 
 
@@ -44,7 +51,7 @@ def names(machine, class_name):
 
 def fetched(machine, path):
     """The properties of the object that the path names, with __PATH; or the status of a failure."""
-    done = machine.wmi("get", path)
+    done = ask(machine, "get", path)
     if done.returncode != 0:
         return status_of(done)
     lines = done.stdout.decode().replace("\r", "").splitlines()

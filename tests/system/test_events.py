@@ -345,7 +345,8 @@ def test_a_port_of_no_number_leaves_the_service_without_events_and_otherwise_wel
     configure(shared_machine, till, written)
     before = bound_datagram_ports()
     restart_without_waiting(shared_machine)
-    assert names(shared_machine, "UPOS_Scanner") == (["SCANNER1", "SCANNER2"], OK)
+    wait_until(lambda: names(shared_machine, "UPOS_Scanner") == (["SCANNER1", "SCANNER2"], OK),
+               "the service to answer")
     # Windows gives port 0 any free one.
     wait_until(lambda: bound_datagram_ports() - before, "some port to be opened")
     assert shared_machine.service_state() == "RUNNING"

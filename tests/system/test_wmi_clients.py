@@ -5,8 +5,8 @@ import threading
 
 import pytest
 
-from clients import (FAILED, INVALID_CLASS, OK, event, events_until, fetched, listing, names, send,
-                     status_of, table)
+from clients import (FAILED, INVALID_CLASS, OK, ask, event, events_until, fetched, listing, names,
+                     send, status_of, table)
 from machine import BUILD, SERVICE, bound_datagram_ports, wait_until
 from peer import Peer, device, framed, response
 
@@ -189,8 +189,8 @@ def test_without_quotes_the_whole_path_is_the_device_id(shared_machine, till, an
 
 
 def test_a_query_selects_properties_and_rows(shared_machine, till):
-    done = shared_machine.wmi(
-        "query", "SELECT DeviceID, Interface FROM UPOS_LogicalDevice WHERE Interface = 'USB'")
+    done = ask(shared_machine, "query", "SELECT DeviceID, Interface FROM UPOS_LogicalDevice "
+               "WHERE Interface = 'USB'")
     assert status_of(done) == OK
     assert table(done) == [{"DeviceID": name, "Interface": "USB"} for name in (
         "SCANNER1", "PRINTER1", "DISPLAY1", "SCANNER2")]
@@ -436,7 +436,13 @@ def test_as_many_requests_as_configured_are_served_at_once(
     start_with_limit(shared_machine, till, gate, written)
     before = entered(shared_machine)
     clients = [start_listing(shared_machine) for _ in range(6)]
-    wait_until(lambda: entered(shared_machine) == before + 6, "all requests to be entered")
+    try:
+        wait_until(lambda: entered(shared_machine) == before + 6, "all requests to be entered")
+    except AssertionError as problem:
+        raise AssertionError(
+            f"{entered(shared_machine) - before} of 6 entered, clients "
+            f"{[client.poll() for client in clients]}, trace: {shared_machine.trace()[-20:]}"
+        ) from problem
     wait_until(lambda: len(gate.peer.requests) >= admitted, "the admitted requests")
     with pytest.raises(AssertionError):
         wait_until(lambda: len(gate.peer.requests) > admitted, "one more", seconds=0.7)
