@@ -32,7 +32,7 @@ std::shared_ptr<Connection> Connection::toProvider() {
     return nullptr;
   }
   // The process may be dead and its port another's by now: only the right greeting counts.
-  connection->setReceiveTimeout(2000);
+  connection->setReceiveTimeout(10000); // a busy machine may keep its threads from answering
   std::optional<wire::Message> hello = connection->receive();
   if (!hello || hello->kind != wire::Kind::hello ||
       hello->payload != wire::fromText(server.identity)) {
