@@ -157,6 +157,10 @@ class Machine:
         self.configure(upos__requestSocket__Port=requests, provider__eventSocket__Port=events)
         return Till(self, requests, events, inventory, arguments)
 
+    def start_connecting_till(self, events):
+        """The same for the proxy strategy: it connects to the service's event port."""
+        return Till(self, None, events, ROOT / "samples" / "till.xml", ["--strategy", "proxy"])
+
     # -- WMI clients
 
     def wmic(self, class_name, *properties):
@@ -296,8 +300,8 @@ class Till:
     def __init__(self, machine, requests, events, inventory, arguments):
         self.requests, self.events = requests, events
         self.process = machine.start(
-            str(BUILD / "quillmon-till.exe"), windows_path(inventory), "--request-port", requests,
-            "--event-port", events, *arguments)
+            str(BUILD / "quillmon-till.exe"), windows_path(inventory),
+            *(["--request-port", requests] if requests else []), "--event-port", events, *arguments)
         line = self.process.stdout.readline().decode()
         assert line.startswith("quillmon-till: ready:"), line
 

@@ -1,0 +1,383 @@
+"""The proxy strategy: device servers that connect, a cache that answers, events that it publishes."""
+
+import socket
+
+import pytest
+
+from clients import EVENT, FAILED, OK, fetched, names
+from machine import BUILD, SERVICE, free_port, wait_until
+
+START = "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>"
+UPDATE_REQUEST = (START + "<request><type>updateInstances</type></request>").encode()
+
+
+def document(device_id, kind="addInstance", cls="Scanner", code="", maker="Veltran",
+             provider="UPOS_LogicalDevice", start=START, **fields):
+    """An event document; fields are texts, or (type word, text)."""
+    fields = {"DeviceID": device_id, "ManufacturerName": maker, **fields}
+    typed = {key: value if isinstance(value, tuple) else ("string", value)
+             for key, value in fields.items()}
+    return start + (
+        f'<event type="{kind}" classname="{cls}" modifyInstanceCode="{code}"'
+        f' provider="{provider}">') + "".join(
+        f'<field name="{key}" type="{word}">{value}</field>'
+        for key, (word, value) in typed.items()) + "</event>"
+
+
+class DeviceServer:
+    """A device server that is connected to the event port."""
+
+    def __init__(self, port):
+        def connected():
+            try:
+                return socket.create_connection(("127.0.0.1", port))
+            except ConnectionRefusedError:
+                return None
+        self.connection = wait_until(connected, "the service to listen")
+        self.connection.settimeout(20)
+
+    def send(self, *documents):
+        self.connection.sendall("".join(documents).encode())
+
+    def receive(self, size):
+        received = b""
+        while len(received) < size:
+            part = self.connection.recv(size - len(received))
+            if not part:
+                break
+            received += part
+        return received
+
+    def close(self):
+        self.connection.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+
+def start_in_proxy_strategy(machine, **keys):
+    """Has the service start with -o, listening on a port that is returned."""
+    port = free_port()
+    machine.configure(provider__eventSocket__Port=port, **keys)
+    if machine.service_state() is None:
+        machine.install_service()
+        changed = machine.run(
+            str(BUILD / "service_config.exe"), SERVICE, "C:/Quillmon/quillmon.exe -o")
+        assert changed.returncode == 0, changed.err
+    machine.end_service()
+    assert machine.run("sc", "start", SERVICE).returncode == 0
+    wait_until(lambda: machine.service_state() == "RUNNING", "the service to run")
+    return port
+
+
+@pytest.fixture(scope="module")
+def port(shared_machine):
+    """The event port of a service in the proxy strategy that asks for an update with each
+    request."""
+    return start_in_proxy_strategy(shared_machine, provider__dataUpdate__frequency=0)
+
+
+@pytest.fixture
+def server(port):
+    with DeviceServer(port) as server:
+        yield server
+
+
+@pytest.fixture
+def watcher(shared_machine, port):
+    watcher = shared_machine.watch_events()
+    yield watcher
+    watcher.kill()
+
+
+def published(server, watcher, *documents):
+    """What subscribers get for these documents: (deviceid, eventtype, codename)."""
+    server.send(*documents, document("END"), document("END", "delInstance"))
+    seen = []
+    for line in watcher.stdout:
+        _, device_id, kind, code = EVENT.fullmatch(line.decode().rstrip("\r\n")).groups()
+        if device_id == "END":
+            watcher.stdout.readline()  # its deletion
+            return seen
+        seen.append((device_id, kind, code))
+    raise AssertionError(f"the watcher ended after {seen}")
+
+
+def settle(machine, server):
+    """Returns once all that was sent before on this connection is in the cache."""
+    path = 'UPOS_LogicalDevice.DeviceID="SETTLED"'
+    server.send(document("SETTLED"))
+    wait_until(lambda: fetched(machine, path) != FAILED, "the cache to learn of a device")
+    server.send(document("SETTLED", "delInstance"))
+    wait_until(lambda: fetched(machine, path) == FAILED, "the cache to forget a device")
+
+
+def forget(machine, server, *device_ids):
+    server.send(*(document(device_id, "delInstance") for device_id in device_ids))
+    settle(machine, server)
+
+
+# -- the main job
+
+
+def test_windows_own_clients_list_the_cached_devices(shared_machine, server):
+    server.send(document("S1", cls="UPOS_Scanner"), document("S2", cls="UPOS_Scanner", maker="OEM"),
+                document("W1", cls="UPOS_Scale", maker="ORVEX"))
+    settle(shared_machine, server)
+    assert shared_machine.wmic("UPOS_Scanner", "DeviceID", "ManufacturerName") == [
+        {"DeviceID": "S1", "ManufacturerName": "Veltran"},
+        {"DeviceID": "S2", "ManufacturerName": "OEM"}]
+    assert shared_machine.script(
+        'For Each device In GetObject("winmgmts:\\\\.\\root\\cimv2").InstancesOf("UPOS_LogicalDevice")\n'
+        "  WScript.Echo device.DeviceID\n"
+        "Next\n") == ["S1", "S2", "W1"]
+    forget(shared_machine, server, "S1", "S2", "W1")
+    assert names(shared_machine, "UPOS_LogicalDevice") == ([], OK)
+
+
+def test_a_device_is_listed_under_the_very_class_that_its_event_names(shared_machine, server):
+    # Compared to the letter: a device server that wants its scanners found under UPOS_Scanner sends
+    # that name; one that sends the short class finds them under UPOS_LogicalDevice only.
+    server.send(document("LONG", cls="UPOS_Scanner"), document("SHORT", cls="Scanner"))
+    settle(shared_machine, server)
+    assert names(shared_machine, "UPOS_Scanner") == (["LONG"], OK)
+    assert names(shared_machine, "UPOS_LogicalDevice") == (["LONG", "SHORT"], OK)
+    forget(shared_machine, server, "LONG", "SHORT")
+
+
+def test_a_device_is_fetched_by_its_path(shared_machine, server):
+    server.send(document("G1", cls="UPOS_Scanner", ModelName="fetched"))
+    settle(shared_machine, server)
+    for class_name in ("UPOS_Scanner", "UPOS_LogicalDevice"):
+        assert fetched(shared_machine, f'{class_name}.DeviceID="G1"')["ModelName"] == "fetched"
+    assert fetched(shared_machine, 'UPOS_Scanner.DeviceID="nobody"') == FAILED
+    assert fetched(shared_machine, 'UPOS_Scale.DeviceID="G1"') == FAILED
+    forget(shared_machine, server, "G1")
+
+
+def test_field_types_are_the_cache_s(shared_machine, server):
+    server.send(document(
+        "T1", cls="UPOS_Scanner", CapUpdateFirmware=("boolean", "TRUE"),
+        CapCompareFirmwareVersion=("boolean", "True"), GoodScanCount=("uint32", "12 apples"),
+        HoursPoweredCount=("uint32", "many"), ModelName=("datetime", "not kept")))
+    settle(shared_machine, server)
+    device = fetched(shared_machine, 'UPOS_Scanner.DeviceID="T1"')
+    assert device["CapUpdateFirmware"] == "True"
+    assert device["CapCompareFirmwareVersion"] == "False"
+    assert device["GoodScanCount"] == "12"
+    assert device["HoursPoweredCount"] == "0"
+    assert device["ModelName"] == "(null)"
+    forget(shared_machine, server, "T1")
+
+
+# -- what is published
+
+
+def test_only_first_adds_coded_changes_and_last_deletions_are_published(server, watcher):
+    assert published(
+        server, watcher,
+        document("P1"),
+        document("P1"),
+        document("P1", "modifyInstance", code="1"),
+        document("P1", "modifyInstance"),
+        document("P1", "modifyInstance", code=" "),
+        document("P1", "delInstance"),
+        document("P1", "delInstance"),
+        document("P1", "delInstance"),
+        document("P1", "modifyInstance", code="2")) == [
+            ("P1", "addInstance", ""), ("P1", "modifyInstance", "1"), ("P1", "delInstance", "")]
+
+
+def test_a_device_published_under_two_classes_goes_with_the_last_one(server, watcher):
+    assert published(
+        server, watcher,
+        document("Q1", provider="UPOS_Scanner"),
+        document("Q1", provider="UPOS_LogicalDevice"),
+        document("Q1", "delInstance", provider="UPOS_Scanner"),
+        document("Q1", "delInstance", provider="UPOS_Scanner"),
+        document("Q1", "delInstance", provider="UPOS_LogicalDevice")) == [
+            ("Q1", "addInstance", ""), ("Q1", "delInstance", "")]
+
+
+def test_a_foreign_maker_s_device_is_neither_cached_nor_published(shared_machine, server, watcher):
+    assert published(
+        server, watcher,
+        document("F1", maker="Acme"), document("F2", cls="MSR", maker="OEM")) == []
+    assert names(shared_machine, "UPOS_LogicalDevice") == ([], OK)
+
+
+# -- the stream
+
+
+def test_a_document_in_three_pieces_is_one(server, watcher):
+    whole = document("PIECES")
+    for piece in (whole[:40], whole[40:-4], whole[-4:]):
+        server.send(piece)
+    server.send(document("PIECES", "delInstance"))
+    assert published(server, watcher) == [("PIECES", "addInstance", ""),
+                                          ("PIECES", "delInstance", "")]
+
+
+def test_a_stream_byte_by_byte_gives_the_same_documents(server, watcher):
+    server.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    for byte in document("BYTES") + document("BYTES", "delInstance", start=""):
+        server.send(byte)
+    assert published(server, watcher) == [("BYTES", "addInstance", ""),
+                                          ("BYTES", "delInstance", "")]
+
+
+def test_documents_without_a_start_marker_are_cut_at_the_end_marker(server, watcher):
+    server.send(document("BARE", start=""))
+    assert published(server, watcher, document("BARE", "delInstance")) == [
+        ("BARE", "addInstance", ""), ("BARE", "delInstance", "")]
+
+
+@pytest.mark.parametrize("garbage", [
+    "no document at all</event>", "<event type=</event>",
+    START + "<!DOCTYPE event [<!ENTITY e 'x'>]><event type=\"addInstance\">&e;</event>",
+    START + "<event>" + "<a>" * 1000 + "</a>" * 1000 + "</event>"],
+    ids=["no document", "not well-formed", "a document type", "too deep"])
+def test_garbage_costs_nothing_but_itself(server, watcher, garbage):
+    server.send(garbage)
+    assert published(server, watcher, document("AFTER"), document("AFTER", "delInstance")) == [
+        ("AFTER", "addInstance", ""), ("AFTER", "delInstance", "")]
+
+
+def test_a_client_that_resets_or_stalls_in_a_document_hurts_only_itself(port, server, watcher):
+    with DeviceServer(port) as stalling:
+        stalling.send(document("NEVER")[:60])
+        assert published(server, watcher, document("ON"), document("ON", "delInstance")) == [
+            ("ON", "addInstance", ""), ("ON", "delInstance", "")]
+    assert published(server, watcher, document("ON"), document("ON", "delInstance")) == [
+        ("ON", "addInstance", ""), ("ON", "delInstance", "")]
+
+
+def test_a_document_without_an_end_is_dropped_with_its_connection(port, server, watcher):
+    with DeviceServer(port) as endless:
+        with pytest.raises(OSError):  # reset by the service
+            for _ in range(64):
+                endless.send("x" * 1_000_000)
+    assert published(server, watcher, document("ON"), document("ON", "delInstance")) == [
+        ("ON", "addInstance", ""), ("ON", "delInstance", "")]
+
+
+def test_many_events_arrive_in_order(server, watcher):
+    devices = [f"D{number}" for number in range(500)]
+    seen = published(server, watcher, *(document(name) for name in devices),
+                     *(document(name, "delInstance") for name in devices))
+    assert seen == [(name, kind, "") for kind in ("addInstance", "delInstance") for name in devices]
+
+
+# -- updates and restarts
+
+
+def test_an_update_request_reaches_every_connected_device_server(shared_machine, port, server):
+    with DeviceServer(port) as second:
+        settle(shared_machine, second)
+        for one in (server, second):
+            assert one.receive(len(UPDATE_REQUEST)) == UPDATE_REQUEST
+
+
+def test_a_restarted_device_server_is_taken_up_again(shared_machine, port, watcher):
+    with DeviceServer(port) as first:
+        first.send(document("R1", ModelName="before"))
+        settle(shared_machine, first)
+    assert names(shared_machine, "UPOS_LogicalDevice") == (["R1"], OK)  # the cache goes on
+    with DeviceServer(port) as second:
+        second.send(document("R1", "modifyInstance", ModelName="after"))
+        settle(shared_machine, second)
+        assert fetched(
+            shared_machine, 'UPOS_LogicalDevice.DeviceID="R1"')["ModelName"] == "after"
+        forget(shared_machine, second, "R1")
+
+
+def test_ten_thousand_cached_devices_are_listed(machine):
+    port = start_in_proxy_strategy(machine)
+    ids = [f"C{number}" for number in range(10_000)]
+    with DeviceServer(port) as server:
+        server.connection.settimeout(200)
+        server.send(*(document(device_id, ModelName="cached") for device_id in ids))
+        wait_until(lambda: fetched(machine, f'UPOS_LogicalDevice.DeviceID="{ids[-1]}"') != FAILED,
+                   "the last device", 200)
+    assert names(machine, "UPOS_LogicalDevice") == (ids, OK)
+
+
+# -- starting in this strategy
+
+
+def test_above_a_period_of_zero_the_poll_is_asked_twice_and_sends_nothing(machine):
+    machine.switch_trace_on()
+    port = start_in_proxy_strategy(machine, provider__dataUpdate__frequency=60)
+    with DeviceServer(port) as server:
+        settle(machine, server)
+        assert "Polling time set to 60" in machine.trace()
+        assert "<<ProxyImpXmlAdapter>> sendRequest() isPollingTime()=0" in machine.trace()
+        server.connection.settimeout(1)
+        with pytest.raises(TimeoutError):
+            server.connection.recv(1)
+
+
+def test_the_trace_names_the_strategy(machine):
+    machine.switch_trace_on()
+    start_in_proxy_strategy(machine)
+    machine.wait_for_trace("Starting listening in TCPServer")
+    assert "Selecting ProxyImp strategy" in machine.trace()
+
+
+def test_a_restarted_service_begins_with_an_empty_cache(machine):
+    port = start_in_proxy_strategy(machine)
+    with DeviceServer(port) as server:
+        server.send(document("OLD"))
+        settle(machine, server)
+        assert names(machine, "UPOS_LogicalDevice") == (["OLD"], OK)
+    port = start_in_proxy_strategy(machine)
+    with DeviceServer(port) as server:
+        settle(machine, server)
+        assert names(machine, "UPOS_LogicalDevice") == ([], OK)
+
+
+def test_a_taken_event_port_is_asked_for_until_it_is_free(machine):
+    machine.switch_trace_on()
+    with socket.create_server(("127.0.0.1", free_port())) as taken:
+        port = taken.getsockname()[1]
+        machine.configure(provider__eventSocket__Port=port, upos__requestSocket__retryTimeout=200)
+        console = machine.start_quillmon("-O")
+        line = machine.wait_for_trace("Unable to open event port")
+        assert line == (
+            f"[EventThread] Unable to open event port {port}, next attempt in 200 milliseconds")
+    with DeviceServer(port) as server:
+        settle(machine, server)
+    console.kill()
+
+
+def test_the_console_mode_serves_and_echoes_its_trace(machine):
+    port = free_port()
+    machine.configure(provider__eventSocket__Port=port)
+    machine.switch_trace_on()
+    console = machine.start_quillmon("-O")
+    with DeviceServer(port) as server:
+        server.send(document("K1"))
+        settle(machine, server)
+        assert names(machine, "UPOS_LogicalDevice") == (["K1"], OK)
+    for line in console.stdout:
+        if b"Event received: " in line:
+            break
+    else:
+        raise AssertionError("no event on the console")
+    console.kill()
+
+
+def test_the_simulated_till_plays_its_part(machine):
+    port = start_in_proxy_strategy(machine, provider__dataUpdate__frequency=0)
+    till = machine.start_connecting_till(port)
+    till.expect("connected")
+    wait_until(lambda: "SCANNER2" in names(machine, "UPOS_LogicalDevice")[0], "the inventory")
+    watcher = machine.watch_events()
+    for command in ("attach MICR1", "change MICR1 3", "detach MICR1"):
+        till.type(command)
+    kinds = [EVENT.fullmatch(watcher.stdout.readline().decode().rstrip())[3] for _ in range(3)]
+    assert kinds == ["addInstance", "modifyInstance", "delInstance"]
+    till.expect("request updateInstances")
