@@ -555,6 +555,15 @@ TEST_F(Retrieval, AClassMissingWithoutAnErrorFails) {
   EXPECT_EQ(retrieve(), kFailed);
 }
 
+TEST_F(Retrieval, ByAPathWithAnUnnamedKeyDoesNotComeBackThroughWmiAndWaitForItsOwnSlot) {
+  script_.instances = {device("S1")};
+  const std::size_t asked = namespace_->contexts.size();
+  for (const wchar_t* path : {L"UPOS_Scanner=\"S1\"", L"UPOS_Scanner=5", L"UPOS_Scanner=@"}) {
+    EXPECT_EQ(retrieve(path), kFailed);
+    EXPECT_EQ(namespace_->contexts.size(), asked) << "WMI was asked for an instance as a class";
+  }
+}
+
 TEST_F(Retrieval, BeforeInitializeFailsWithoutHarm) {
   provider::providerState().namespaceServices = nullptr;
   EXPECT_EQ(retrieve(), kFailed);
