@@ -5,7 +5,7 @@
 #include <utility>
 
 CIMContainer& CIMContainer::getInstance() {
-  static CIMContainer* const container = new CIMContainer; // no thread is joined at the end
+  static auto* const container = new CIMContainer; // no thread is joined at the end
   return *container;
 }
 

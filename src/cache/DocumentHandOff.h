@@ -7,8 +7,8 @@
 /// Hands documents from many producers to one consumer, one at a time: `put` waits until the
 /// consumer waits in `take`, and the next `take` waits until the consumer has called `release`.
 ///
-/// Threads: `put` from any; `take` and `release` from the consumer. Producers are served in the
-/// order in which they came, so that one with many documents does not keep the others waiting.
+/// Threads: `put` from any; `take` and `release` from the consumer. Producers take turns, so that
+/// one with many documents does not keep the others waiting.
 class DocumentHandOff {
 public:
   /// Throws std::system_error when the platform has no more events.
@@ -24,7 +24,8 @@ public:
   void release() noexcept;
 
 private:
-  // The producers' critical section. A kernel mutex: it is handed over in order of arrival.
+  // The producers' critical section. A kernel mutex: leaving it hands it to one that waits, where
+  // the platform's own critical section may be taken again by the one that has left it.
   win::Handle putting_;
   win::Handle slotFree_;
   win::Handle documentReady_;

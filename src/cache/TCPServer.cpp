@@ -84,7 +84,7 @@ std::vector<TCPServer::ClientPointer> TCPServer::ClientList::copy() const {
 }
 
 TCPServer& TCPServer::instance() {
-  static TCPServer* const server = new TCPServer; // its threads may outlive main
+  static auto* const server = new TCPServer; // its threads may outlive main
   return *server;
 }
 

@@ -27,7 +27,7 @@ Poller& Poller::instance() {
   if (Poller* const replaced = replacement) {
     return *replaced;
   }
-  static Poller* const poller = new Poller;
+  static auto* const poller = new Poller;
   return *poller;
 }
 

@@ -15,7 +15,6 @@
 #include <thread>
 #include <vector>
 
-using com::orvex::IUPOSXmlAdapter;
 using com::orvex::Poller;
 using com::orvex::ProxyImpXmlAdapter;
 using testing::ElementsAre;
