@@ -141,7 +141,7 @@ TEST(ObjectPath, NamesTheInstanceWithItsKeys) {
 }
 
 TEST(ObjectPath, OnlyCimv2OfThisMachineIsServed) {
-  for (const wchar_t* text : {L"", L"root\\cimv2", L"ROOT\\CIMV2", L"//./root/cimv2",
+  for (const wchar_t* text : {L"", L"root\\cimv2", L"ROOT\\CIMV2", L"//./Root/cimv2",
                               L"\\\\.\\root\\cimv2", L"\\\\localhost\\root\\cimv2"}) {
     EXPECT_TRUE(isServedNamespace(text));
   }
