@@ -40,7 +40,7 @@ struct EventStream::Connection {
   std::deque<Delivery> waiting;
   std::size_t waitingBytes = 0;
   std::size_t sent = 0; // of the first that waits
-  bool writing = false;
+  bool writing = false; // a handler will go on
 };
 
 EventStream::EventStream(asio::io_context& context, std::uint16_t port, Log& log)
@@ -121,6 +121,7 @@ void EventStream::established() {
   // Faults are about pieces: each send has to leave as a packet of its own.
   asio::error_code ignored;
   connection_->socket.set_option(tcp::no_delay(true), ignored);
+  connection_->socket.non_blocking(true, ignored);
   connection_->since = Clock::now();
   state_ = State::Connected;
   log_.event(fmt::format("connected to {}", peer()));
@@ -158,13 +159,18 @@ void EventStream::received(asio::error_code problem, std::size_t count) {
   read();
 }
 
+// A circle, but no recursion: the system calls the handlers later.
+// NOLINTBEGIN(misc-no-recursion)
 void EventStream::write() {
   Connection& connection = *connection_;
   while (!connection.waiting.empty()) {
-    Delivery& first = connection.waiting.front();
+    const Delivery& first = connection.waiting.front();
     if (connection.sent < first.bytes.size()) {
-      writePiece(first);
-      return;
+      connection.writing = !writePiece(first);
+      if (connection.writing) {
+        return;
+      }
+      continue;
     }
     const Delivery::End end = first.end;
     connection.waitingBytes -= first.bytes.size();
@@ -178,40 +184,47 @@ void EventStream::write() {
       return;
     }
   }
-  connection.writing = false;
   if (finished_) {
     finished_();
   }
 }
 
-void EventStream::writePiece(Delivery& delivery) {
+/// True when the next piece may follow; otherwise `write` is called when it may.
+bool EventStream::writePiece(const Delivery& delivery) {
   Connection& connection = *connection_;
-  connection.writing = true;
   const std::size_t left = delivery.bytes.size() - connection.sent;
   const std::size_t size = delivery.pieceSize == 0 ? left : std::min(left, delivery.pieceSize);
-  asio::async_write(
-      connection.socket, asio::buffer(delivery.bytes.data() + connection.sent, size),
-      [this, connection = connection_, &delivery](asio::error_code problem, std::size_t count) {
-        if (connection != connection_) {
-          return;
-        }
-        if (problem) {
-          lose(fmt::format("connection to {} lost: {}", peer(), problem.message()));
-          return;
-        }
-        connection->sent += count;
-        if (delivery.between.count() == 0) {
-          write();
-          return;
-        }
-        connection->pace.expires_after(delivery.between);
-        connection->pace.async_wait([this, connection](asio::error_code stopped) {
-          if (!stopped && connection == connection_) {
-            write();
+  const asio::const_buffer piece = asio::buffer(delivery.bytes.data() + connection.sent, size);
+  // At once, if the system takes it: whoever sends and then disconnects has sent.
+  asio::error_code problem;
+  connection.sent += connection.socket.write_some(piece, problem);
+  if (problem) {
+    connection.socket.async_write_some(
+        piece, [this, connection = connection_](asio::error_code failure, std::size_t count) {
+          if (connection != connection_) {
+            return;
           }
+          if (failure) {
+            lose(fmt::format("connection to {} lost: {}", peer(), failure.message()));
+            return;
+          }
+          connection->sent += count;
+          write();
         });
-      });
+    return false;
+  }
+  if (delivery.between.count() == 0) {
+    return true;
+  }
+  connection.pace.expires_after(delivery.between);
+  connection.pace.async_wait([this, connection = connection_](asio::error_code stopped) {
+    if (!stopped && connection == connection_) {
+      write();
+    }
+  });
+  return false;
 }
+// NOLINTEND(misc-no-recursion)
 
 void EventStream::reset() {
   asio::error_code ignored;

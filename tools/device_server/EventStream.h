@@ -23,8 +23,8 @@ public:
   static constexpr std::chrono::milliseconds kFirstPause{100};
   static constexpr std::chrono::milliseconds kLongestPause{5000};
   /// What may wait to be taken by the service, in bytes.
-  static constexpr std::size_t kMostWaiting = 64 * 1024 * 1024;
-  static constexpr std::size_t kLargestRequest = 1024 * 1024;
+  static constexpr std::size_t kMostWaiting = std::size_t{64} * 1024 * 1024;
+  static constexpr std::size_t kLargestRequest = std::size_t{1024} * 1024;
 
   EventStream(asio::io_context& context, std::uint16_t port, Log& log);
   ~EventStream() override;
@@ -36,7 +36,7 @@ public:
   /// Throws std::system_error without a connection, and when too much is waiting already.
   void send(Delivery delivery) override;
   bool isConnected() const override { return state_ == State::Connected; }
-  /// Both close at once: what has not been handed to the system by then is not sent.
+  /// Both close at once: what the system has not had room for by then is not sent.
   void disconnect() override;
   void reconnect() override;
 
@@ -53,7 +53,7 @@ private:
   void read();
   void received(asio::error_code problem, std::size_t count);
   void write();
-  void writePiece(Delivery& delivery);
+  bool writePiece(const Delivery& delivery);
   void reset();
   void close();
   void lose(const std::string& line);

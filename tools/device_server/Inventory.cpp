@@ -19,7 +19,7 @@ namespace till {
 namespace {
 
 /// Nobody's inventory is larger; a larger file is another file named by mistake.
-constexpr std::uintmax_t kLargestFile = 16U * 1024U * 1024U;
+constexpr std::uintmax_t kLargestFile = std::uintmax_t{16} * 1024 * 1024;
 
 class Reader {
 public:

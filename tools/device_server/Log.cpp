@@ -10,7 +10,8 @@ namespace {
 
 std::string now() {
   const std::time_t seconds = std::time(nullptr);
-  const std::tm* local = std::localtime(&seconds); // one thread at a time, as the class says
+  // One thread at a time, as the class says. NOLINTNEXTLINE(concurrency-mt-unsafe)
+  const std::tm* local = std::localtime(&seconds);
   return local == nullptr
              ? std::string()
              : fmt::format("{:02}:{:02}:{:02} ", local->tm_hour, local->tm_min, local->tm_sec);

@@ -16,7 +16,7 @@ namespace till {
 /// Runs on the context's one thread; the simulator and the log must outlive the context's run.
 class RequestServer {
 public:
-  static constexpr std::size_t kLargestRequest = 1024 * 1024;
+  static constexpr std::size_t kLargestRequest = std::size_t{1024} * 1024;
   static constexpr std::size_t kMostConnections = 256;
 
   /// `port` 0 takes any free one. Throws std::system_error, when the port is in use for example.

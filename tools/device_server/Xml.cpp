@@ -26,7 +26,7 @@ std::string utf8(const XMLCh* text, XMLSize_t length) {
     return {};
   }
   const xml::TranscodeToStr converted(text, length, "UTF-8");
-  return std::string(reinterpret_cast<const char*>(converted.str()), converted.length());
+  return {reinterpret_cast<const char*>(converted.str()), converted.length()};
 }
 
 std::string utf8(const XMLCh* text) {

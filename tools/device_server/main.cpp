@@ -81,7 +81,8 @@ std::string footer() {
       "service's requests for an update come on the connection. What is attached or detached "
       "without\n"
       "a connection is not told to the service, except that the next connection brings the "
-      "attached.\n"
+      "attached:\n"
+      "in a script, wait a little after reconnect.\n"
       "\nExit codes: 0 ended as asked, 1 something failed (inventory or script wrong or missing, "
       "port\n"
       "in use), 2 wrong command line.\n"
@@ -375,5 +376,9 @@ int run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-  return run(argc, argv);
+  try {
+    return run(argc, argv);
+  } catch (...) { // nothing could be said about it either
+    return kFailed;
+  }
 }
