@@ -61,8 +61,8 @@ protected:
     } while (server_.startListening(portOfItsOwn()) != 0);
   }
 
-  /// Outside the ports that the platform gives to connections: among those, one of thousands of
-  /// connections may meet the remains of an earlier one between the same two ports and be refused.
+  /// Outside the ports that the platform gives to connections, any of which may take it while the
+  /// server is stopped.
   static std::uint16_t portOfItsOwn() {
     static unsigned count = GetCurrentProcessId();
     return static_cast<std::uint16_t>(10'000 + ++count % 20'000);
@@ -266,8 +266,9 @@ TEST_F(TCPServerTest, AThousandClientsComeSendAndLeave) {
     ASSERT_EQ(next(), document(std::to_string(i))); // taken, so the queue of clients stays short
   }
   EXPECT_EQ(server_.stop(), 0);
-  EXPECT_THAT(linesStartingWith("Adding client "), testing::SizeIs(kClients));
-  EXPECT_THAT(linesStartingWith("Deleting client: "), testing::SizeIs(kClients));
+  const auto added = linesStartingWith("Adding client ").size();
+  EXPECT_GE(added, static_cast<std::size_t>(kClients)); // more where a connection was refused
+  EXPECT_EQ(linesStartingWith("Deleting client: ").size(), added);
 }
 
 TEST_F(TCPServerTest, AHundredClientsAtOnce) {
