@@ -1,0 +1,116 @@
+"""The client samples that Wine's script host can run, against the installed service."""
+
+import re
+
+import pytest
+
+from machine import ROOT, bound_datagram_ports, wait_until
+
+CLIENTS = ROOT / "samples" / "clients"
+
+
+@pytest.fixture(scope="module")
+def till(shared_machine):
+    till = shared_machine.start_till()
+    shared_machine.install_service()
+    wait_until(lambda: till.events in bound_datagram_ports(), "the event port to be opened")
+    return till
+
+
+def cscript(machine, name, *arguments):
+    (machine.c / name).write_bytes((CLIENTS / name).read_bytes())
+    return machine.run("cscript", "//nologo", f"C:\\{name}", *arguments)
+
+
+def test_the_list_sample_prints_every_device(shared_machine, till):
+    done = cscript(shared_machine, "devices.vbs")
+    lines = [line.split("\t") for line in done.out.splitlines() if line]
+    assert done.returncode == 0
+    assert lines[0] == ["SCANNER1", "Scanner", "Veltran", "VS-3200 bi-optic", "VS32-004711",
+                        "4.12.0"]
+    assert len(lines) == 9
+
+
+def test_the_list_sample_prints_one_class(shared_machine, till):
+    done = cscript(shared_machine, "devices.vbs", "UPOS_Scale")
+    assert [line.split("\t")[0] for line in done.out.splitlines() if line] == ["SCALE1"]
+
+
+def test_the_list_sample_names_a_class_that_is_not_there(shared_machine, till):
+    done = cscript(shared_machine, "devices.vbs", "UPOS_Nonsense")
+    assert (done.out.strip(), done.returncode) == ("devices: UPOS_Nonsense: error 0x80041002", 1)
+
+
+def test_the_device_sample_prints_the_reported_properties(shared_machine, till):
+    done = cscript(shared_machine, "device.js", "UPOS_Scanner", "SCANNER1")
+    properties = dict(line.split(" = ", 1) for line in done.out.splitlines() if line)
+    assert done.returncode == 0
+    assert properties["SerialNumber"] == "VS32-004711"
+    assert properties["HoursPoweredCount"] == "19874"
+
+
+def test_the_device_sample_fails_for_a_device_that_is_not_there(shared_machine, till):
+    done = cscript(shared_machine, "device.js", "UPOS_Scanner", "NOBODY")
+    assert (done.out.strip(), done.returncode) == (
+        'device: UPOS_Scanner.DeviceID="NOBODY": error 0x80041001', 1)
+
+
+def test_the_device_sample_prints_the_properties_asked_for(shared_machine, till):
+    done = cscript(shared_machine, "device.js", "UPOS_Scale", "SCALE1", "GoodWeightReadCount",
+                   "CapUpdateStatistics")  # which this scale does not report
+    assert (done.out, done.returncode) == ("GoodWeightReadCount = 402118\n", 0)
+
+
+def test_the_metrics_sample_writes_whole_families(shared_machine, till):
+    done = cscript(shared_machine, "metrics.vbs", "C:\\quillmon.prom",
+                   "UPOS_Scanner.GoodScanCount", "UPOS_Scale.GoodWeightReadCount")
+    text = (shared_machine.c / "quillmon.prom").read_text()
+    assert done.returncode == 0
+    assert text.endswith("""\
+# TYPE quillmon_scanner_good_scan_count counter
+quillmon_scanner_good_scan_count{device="SCANNER1",model="VS-3200 bi-optic"} 1843207
+quillmon_scanner_good_scan_count{device="SCANNER2",model="Corded hand scanner"} 204871
+# TYPE quillmon_scale_good_weight_read_count counter
+quillmon_scale_good_weight_read_count{device="SCALE1",model="Checkout scale 15 kg"} 402118
+# TYPE quillmon_up gauge
+quillmon_up 1
+""")
+    assert text.count("# TYPE quillmon_logicaldevice_hours_powered_count counter\n") == 1
+    assert text.count("\nquillmon_logicaldevice_hours_powered_count{") == 9
+    assert not (shared_machine.c / "quillmon.prom.new").exists()
+
+
+def test_the_metrics_sample_replaces_its_file_and_tells_of_a_failure(shared_machine, till):
+    (shared_machine.c / "failed.prom").write_text("old\n")
+    done = cscript(shared_machine, "metrics.vbs", "C:\\failed.prom", "UPOS_Nonsense.Count")
+    text = (shared_machine.c / "failed.prom").read_text()
+    assert done.returncode == 1
+    assert text.endswith("# TYPE quillmon_up gauge\nquillmon_up 0\n")
+    assert "old" not in text and "nonsense" not in text
+
+
+def members(mof, name):
+    """{property: type} of a class in a MOF text, without its qualifiers."""
+    body = re.search(r"\bclass " + name + r"\b[^{]*\{(.*?)^\};", mof, re.DOTALL | re.MULTILINE)
+    assert body, f"no class {name}"
+    return {found[1]: found[0]
+            for found in re.findall(r"\]\s*(string|uint32|boolean) (\w+);", body[1])}
+
+
+def test_the_inventory_names_properties_that_the_classes_have():
+    ours = (ROOT / "mof" / "quillmon.mof").read_text()
+    inventory = (ROOT / "samples" / "inventory" / "hardware-inventory.mof").read_text()
+    reported = re.findall(r"^class (\w+) : SMS_Class_Template", inventory, re.MULTILINE)
+    assert reported == ["UPOS_LogicalDevice", "UPOS_Scanner"]
+    for name in reported:
+        have = members(ours, "UPOS_Device") | members(ours, name)
+        asked = members(inventory, name)
+        assert "DeviceID" in asked
+        assert asked.items() <= have.items()
+
+
+def test_the_event_log_sample_names_properties_that_an_event_has():
+    ours = members((ROOT / "mof" / "quillmon.mof").read_text(), "QuillmonEvent")
+    sample = (ROOT / "samples" / "inventory" / "events-to-eventlog.mof").read_text()
+    template = re.search(r'InsertionStringTemplates = \{"(.*)"\}', sample)[1]
+    assert set(re.findall(r"%(\w+)%", template)) == set(ours)
