@@ -2,6 +2,7 @@
 
 #include "trace/TimeStamp.h"
 #include "trace/TraceConfig.h"
+#include "trace/TraceText.h"
 #include "win/Handles.h"
 
 #include <share.h>
@@ -93,6 +94,11 @@ void takeTurn() noexcept {
   HANDLE turn = writeEvent;
   if (turn == nullptr) {
     win::Handle created(CreateEventA(nullptr, FALSE, FALSE, "Write"));
+    if (!created) {
+      // Another process has that name for an object of another kind, or keeps it to itself: the
+      // writers of this process still take turns.
+      created.reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+    }
     if (writeEvent.compare_exchange_strong(turn, created.get())) {
       created.release();
       return;
@@ -142,7 +148,7 @@ const std::string& UPOSLog::logFilePath() {
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {
   try {
-    write(logFilePath(), formatPrintf(format, arguments) + "\r\n");
+    write(logFilePath(), traceText(formatPrintf(format, arguments)) + "\r\n");
   } catch (...) {
     // Without memory the line is lost. Nothing throws while the turn is held.
   }
@@ -204,9 +210,11 @@ std::uint32_t UPOSLog::rotate() noexcept {
   if (!backupThread) {
     return GetLastError();
   }
-  WaitForSingleObject(backupEvent.get(), INFINITE);
-  // The event's name is shared with other processes of the session: after one of their signals the
-  // thread may still be at work, with this handle.
+  // The event's name is shared with other processes of the session. One of them may take the signal
+  // away, or have the name for another kind of object: the thread's end is as good. Or signal it
+  // early, while the thread is still at work with this handle: so its end is waited for as well.
+  const HANDLE either[] = {backupEvent.get(), backupThread.get()};
+  WaitForMultipleObjects(2, either, FALSE, INFINITE);
   WaitForSingleObject(backupThread.get(), INFINITE);
   return ERROR_SUCCESS;
 }

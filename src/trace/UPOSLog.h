@@ -13,6 +13,7 @@
 ///
 /// Threads: any, at any time, re-entrantly from inside the trace itself. Writers take turns through
 /// a named event, so a line blocks while another one is written.
+/// Text: a message cannot pass for a second line (TraceText.h says how).
 /// Errors: none reach the caller; a line that cannot be written is lost.
 class UPOSLog {
 public:

@@ -10,6 +10,9 @@
 //   path                 prints the log's path
 //   echo                 switches the console echo on
 //   occupy               opens the log so that nobody else can
+//   pin                  opens the log so that it can be written but not renamed or deleted
+//   name KIND NAME       takes a name as a mutex, as an automatic or as a signalled manual event
+//   thief NAME           takes each signal of the automatic event of that name away
 //   countthreads         prints how many threads the log created since the last time
 //   nothreads            from here on the system creates no thread
 //   slowevents           makes room for races: named events are slow to create
@@ -144,6 +147,26 @@ void traceThroughShortages() {
   std::printf("%d shortages\n", shortages);
 }
 
+bool takeName(std::string_view kind, const char* name) {
+  const HANDLE object = kind == "mutex"
+                            ? CreateMutexA(nullptr, FALSE, name)
+                            : systemCreateEvent(nullptr, kind == "manual", kind == "manual", name);
+  return object != nullptr && GetLastError() != ERROR_ALREADY_EXISTS;
+}
+
+/// Waits for the event of that name, for ever, so that every other one who waits has little chance.
+bool stealSignals(const char* name) {
+  const HANDLE event = systemCreateEvent(nullptr, FALSE, FALSE, name);
+  for (int i = 0; i < 20; ++i) {
+    std::thread([event] {
+      for (;;) {
+        WaitForSingleObject(event, INFINITE);
+      }
+    }).detach();
+  }
+  return event != nullptr;
+}
+
 bool perform(std::string_view command, const char* first, const char* second, int& used) {
   static HANDLE event = nullptr;
   if (command == "event" || command == "autoevent") {
@@ -187,6 +210,19 @@ bool perform(std::string_view command, const char* first, const char* second, in
   if (command == "occupy") {
     return CreateFileA(UPOSLog::logFilePath().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0,
                        nullptr) != INVALID_HANDLE_VALUE;
+  }
+  if (command == "pin") {
+    return CreateFileA(UPOSLog::logFilePath().c_str(), GENERIC_READ,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
+                       nullptr) != INVALID_HANDLE_VALUE;
+  }
+  if (command == "name" && second != nullptr) {
+    used += 2;
+    return takeName(first, second);
+  }
+  if (command == "thief" && first != nullptr) {
+    ++used;
+    return stealSignals(first);
   }
   if (command == "countthreads") {
     std::printf("%d threads\n", threadsCreated.exchange(0));

@@ -287,6 +287,15 @@ TEST_F(UPOSLog, AHostileFormatIsWrittenAsItStands) {
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "%s%n%p %999999999d 100% 50%"));
 }
 
+TEST_F(UPOSLog, TextOfAPeerForgedASecondLineThatNothingToldFromARealOne) {
+  runSwitchedOn({"trace", "answer\r\n01/02/2026 03:04:05  [Process] exit t_Result = 0", "format",
+                 "\n1%%\x1B[2K"});
+  const std::string content = readFile(log());
+  EXPECT_THAT(content,
+              HasSubstr("  answer\r\n 01/02/2026 03:04:05  [Process] exit t_Result = 0\r\n"));
+  EXPECT_THAT(content, testing::EndsWith("  \n 1%?[2K\r\n"));
+}
+
 TEST_F(UPOSLog, AnExistingLogIsContinued) {
   writeFile(log(), "11/23/2024 14:45:56  earlier\r\n");
   runSwitchedOn({"trace", "later"});
@@ -535,7 +544,78 @@ TEST_F(UPOSLog, ManyThreadsLoseNoLineInARotation) {
   EXPECT_EQ(found, expected);
 }
 
+// -- Names that others have taken
+
+TEST_F(UPOSLog, AMutexByTheNameOfTheWritersTurnLetTwoOfThemWriteAtOnce) {
+  writeFile(log(), "");
+  EXPECT_THAT(
+      runSwitchedOn({"name", "mutex", "Write", "slowevents", "threads", "6", "5", "overlaps"}),
+      HasSubstr("\r\n0 overlaps\r\n"));
+  EXPECT_EQ(logged().size(), 31U);
+}
+
+TEST_F(UPOSLog, AnEventByTheNameOfTheWritersTurnIsShared) {
+  runSwitchedOn({"name", "auto", "Write", "threads", "6", "5"});
+  EXPECT_EQ(logged().size(), 31U);
+}
+
+TEST_F(UPOSLog, ATakenNameOfTheRotationsEndStopsNoRotation) {
+  for (const char* kind : {"mutex", "auto", "manual"}) {
+    configure("BackupCount=5\r\nFileSize=1000\r\n");
+    runSwitchedOn({"name", kind, "BackUp", "threads", "4", "10"});
+    EXPECT_TRUE(fs::exists(installed(1))) << kind;
+    std::size_t lines = 0;
+    for (int copy = 0; copy <= 5 && fs::exists(installed(copy)); ++copy) {
+      lines += messages(installed(copy)).size();
+      fs::remove(installed(copy));
+    }
+    EXPECT_EQ(lines, 43U) << kind;
+  }
+}
+
+TEST_F(UPOSLog, AProcessThatTookTheRotationsSignalAwayHungTheTraceForEver) {
+  configure("BackupCount=5\r\nFileSize=1000\r\n");
+  runSwitchedOn({"thief", "BackUp", "threads", "1", "40"});
+  EXPECT_TRUE(fs::exists(installed(1)));
+  EXPECT_EQ(messages(installed()).back(), "thread 0 line 39");
+}
+
+TEST_F(UPOSLog, AMutexByTheNameOfTheEnablingEventLeavesItOff) {
+  const Outcome outcome = run({"name", "mutex", kEnablingEvent, "trace", "unseen"});
+  EXPECT_TRUE(outcome.ended);
+  EXPECT_THAT(outcome.output, HasSubstr("trace done"));
+  EXPECT_FALSE(fs::exists(log()));
+}
+
 // -- Failures
+
+TEST_F(UPOSLog, ALogThatCannotBeRenamedGrowsOnAndLosesNothing) {
+  configure("BackupCount=2\r\nFileSize=300\r\n");
+  runSwitchedOn({"trace", "first", "pin", "threads", "1", "20"});
+  EXPECT_FALSE(fs::exists(installed(2)));
+  EXPECT_EQ(messages(installed()).back(), "thread 0 line 19");
+  EXPECT_GT(fs::file_size(installed()), 600U);
+}
+
+TEST_F(UPOSLog, ADirectoryInThePlaceOfACopyStopsTheRotationAndLosesNothing) {
+  configure("BackupCount=1\r\nFileSize=300\r\n");
+  fs::create_directories(installed(1));
+  runSwitchedOn({"threads", "1", "20"});
+  EXPECT_TRUE(fs::is_directory(installed(1)));
+  EXPECT_EQ(messages(installed()).size(), 23U);
+}
+
+TEST_F(UPOSLog, ALogOfTheInstallationThatAnotherProcessHasLockedIsWrittenBesideTheProgram) {
+  install(folder_ / "home");
+  writeFile(installed(), "old\r\n");
+  const win::Handle locked(CreateFileA(installed().string().c_str(), GENERIC_READ, 0, nullptr,
+                                       OPEN_EXISTING, 0, nullptr));
+  ASSERT_TRUE(locked);
+  runSwitchedOn({"trace", "text"});
+  EXPECT_EQ(fs::file_size(installed()), 5U);
+  ASSERT_FALSE(logged().empty());
+  EXPECT_EQ(logged().back(), "text");
+}
 
 TEST_F(UPOSLog, AnUnopenableLogLosesTheLineAndKeepsTheTurnSoThatTheNextTraceHangs) {
   runUntilItHangs({"trace", "first", "occupy", "trace", "lost", "path", "trace", "waits"},

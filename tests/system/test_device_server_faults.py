@@ -7,6 +7,7 @@ service answers the next one.
 import contextlib
 import ctypes
 import os
+import re
 import socket
 import threading
 import time
@@ -702,6 +703,21 @@ def test_line_ends_in_an_answer_are_traced_as_they_are(traced):
     log = traced.machine.log.read_bytes()
     assert f"answer: '{document}'\r\n".encode() in log
     assert b"name='ModelName', type='string', value='A\nB\r\nC', dev='A\nB\r\nC' add=1\r\n" in log
+
+
+@pytest.mark.parametrize("document, count, result", [
+    # As it came: while it was collected, as its own format, and twice as the answer. Its value: in
+    # one line twice, and as it is put into the instance.
+    (response(device(ModelName="A&#13;&#10;@"), "<!--\r\n@-->"), 7, SCANNER),
+    (response(device(), "\r\n@\x1b[2K"), 4, FAILED),
+], ids=["readable", "unreadable"])
+def test_an_answer_forged_a_line_of_the_trace(traced, document, count, result):
+    forged = "01/02/2026 03:04:05  [Process] exit t_Result = 0"
+    assert traced.answer(framed(document.replace("@", forged))) == result
+    log = traced.machine.log.read_bytes().decode()
+    assert log.count(f"\n {forged}") == count and "\x1b" not in log
+    for line in re.findall(r"(?m)^[0-9].*", log):
+        assert re.match(r"\d\d/\d\d/\d{4} \d\d:\d\d:\d\d  ", line) and line[:len(forged)] != forged
 
 
 def test_every_receive_is_traced_with_what_was_collected_so_far(traced):

@@ -642,6 +642,41 @@ def test_a_gap_among_the_copies_does_no_harm(tracing):
     assert not (folder / "Quillmon.log.2").exists()
 
 
+# -- links
+
+# Wine renames and deletes what a link points at; Windows, the link itself. So nothing rotates here.
+
+def test_a_log_that_is_a_link_is_written_through(tracing):
+    tracing.set_install_dir()
+    target = tracing.install_dir / "elsewhere.txt"
+    target.write_bytes(b"older line\r\n")
+    tracing.log.symlink_to(target)
+    tracing.switch_on()
+    tracing.start()
+    assert target.read_bytes().startswith(b"older line\r\n")
+    assert tracing.messages()[-2:] == START
+
+
+def test_a_log_folder_that_is_a_link_is_followed(tracing):
+    tracing.set_install_dir(log_folder=False)
+    target = tracing.install_dir / "elsewhere"
+    target.mkdir()
+    (tracing.install_dir / "Log").symlink_to(target, target_is_directory=True)
+    tracing.log = target / "Quillmon.log"
+    tracing.switch_on()
+    tracing.start()
+    assert tracing.messages()[-2:] == START
+
+
+def test_a_log_that_is_a_link_to_itself_is_written_beside_the_executable(tracing):
+    tracing.set_install_dir()
+    tracing.log.symlink_to(tracing.log)
+    tracing.log = tracing.machine.log
+    tracing.switch_on()
+    tracing.start()
+    assert tracing.messages()[-2:] == START
+
+
 # -- the console modes
 
 @pytest.fixture
