@@ -8,6 +8,8 @@
 #include <xercesc/parsers/XercesDOMParser.hpp>
 #include <xercesc/util/XMLString.hpp>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace {
@@ -15,11 +17,26 @@ namespace {
 using xercesc::DOMElement;
 using xercesc::XMLString;
 
+constexpr std::array<const XMLCh*, 4> kElements = {u"error", u"event", u"field", u"instance"};
+constexpr std::array<const XMLCh*, 1> kTexts = {u"field"};
+constexpr std::array<const XMLCh*, 5> kAttributes = {u"name", u"type", u"classname",
+                                                     u"modifyInstanceCode", u"provider"};
+
+bool holds(std::span<const XMLCh* const> names, const XMLCh* name) {
+  return std::any_of(names.begin(), names.end(),
+                     [name](const XMLCh* one) { return XMLString::equals(one, name); });
+}
+
 std::string located(const std::string& message, XMLFileLoc line, XMLFileLoc column) {
   return message + " (line " + std::to_string(line) + ", column " + std::to_string(column) + ")";
 }
 
 } // namespace
+
+const Vocabulary& protocolVocabulary() noexcept {
+  static constexpr Vocabulary vocabulary{kElements, kTexts, kAttributes};
+  return vocabulary;
+}
 
 Elements elementsBelow(const DOMElement& scope, const XMLCh* name) {
   Elements found;
@@ -55,8 +72,10 @@ Field fieldOf(const DOMElement& element) {
 /// The library's parser with its default settings and no error handler, which would report nothing
 /// at all: it listens to its own scanner instead.
 class DocumentReader::Parser : public xercesc::XercesDOMParser {
+  using Attributes = xercesc::RefVectorOf<xercesc::XMLAttr>;
+
 public:
-  Parser() {
+  explicit Parser(const Vocabulary& vocabulary) : vocabulary_(vocabulary) {
     getScanner()->setDisallowDTD(true);
     getScanner()->setErrorReporter(this);
   }
@@ -89,35 +108,69 @@ public:
   }
 
   void startElement(const xercesc::XMLElementDecl& declaration, const unsigned int uri,
-                    const XMLCh* const prefix,
-                    const xercesc::RefVectorOf<xercesc::XMLAttr>& attributes,
+                    const XMLCh* const prefix, const Attributes& attributes,
                     const XMLSize_t attributeCount, const bool isEmpty,
                     const bool isRoot) override {
-    if (++depth_ > kMaximumDepth) {
+    if (depth_ == kMaximumDepth) {
       const xercesc::Locator& place = *getScanner()->getLocator();
       throw XmlFailure(located("Elements are nested too deeply", place.getLineNumber(),
                                place.getColumnNumber()));
     }
-    XercesDOMParser::startElement(declaration, uri, prefix, attributes, attributeCount, isEmpty,
-                                  isRoot);
+    const XMLCh* const name = declaration.getFullName();
+    const bool kept = isRoot || holds(vocabulary_.elements, name);
+    open_[depth_++] = {kept, holds(vocabulary_.texts, name)};
+    textDepth_ += std::size_t{open_[depth_ - 1].hasText};
+    if (kept) {
+      Attributes wanted(vocabulary_.attributes.size(), false); // owns none of them
+      for (XMLSize_t i = 0; i < attributeCount; ++i) {
+        const xercesc::XMLAttr* const attribute = attributes.elementAt(i);
+        if (holds(vocabulary_.attributes, attribute->getName())) {
+          wanted.addElement(const_cast<xercesc::XMLAttr*>(attribute)); // only read by the library
+        }
+      }
+      XercesDOMParser::startElement(declaration, uri, prefix, wanted, wanted.size(), isEmpty,
+                                    isRoot);
+    } else if (isEmpty) {
+      endElement(declaration, uri, isRoot, prefix);
+    }
   }
 
   /// The library calls it for an empty element too, from within startElement.
   void endElement(const xercesc::XMLElementDecl& declaration, const unsigned int uri,
                   const bool isRoot, const XMLCh* const prefix) override {
-    --depth_;
-    XercesDOMParser::endElement(declaration, uri, isRoot, prefix);
+    const Open& closed = open_[--depth_];
+    textDepth_ -= std::size_t{closed.hasText};
+    if (closed.kept) {
+      XercesDOMParser::endElement(declaration, uri, isRoot, prefix);
+    }
   }
 
+  void docCharacters(const XMLCh* const text, const XMLSize_t length, const bool) override {
+    if (textDepth_ != 0) {
+      XercesDOMParser::docCharacters(text, length, false); // a CDATA section is text like any other
+    }
+  }
+
+  void docComment(const XMLCh* const) override {}
+  void docPI(const XMLCh* const, const XMLCh* const) override {}
+
 private:
+  struct Open {
+    bool kept;
+    bool hasText;
+  };
+
+  const Vocabulary& vocabulary_;
+  std::array<Open, kMaximumDepth> open_{}; ///< the elements that are open, the root first
   std::size_t depth_ = 0;
+  std::size_t textDepth_ = 0; ///< how many of them have text
   std::string firstError_;
 };
 
-DocumentReader::DocumentReader(const std::string& text)
+DocumentReader::DocumentReader(const std::string& text, const Vocabulary& vocabulary)
     : source_(reinterpret_cast<const XMLByte*>(text.c_str()), std::strlen(text.c_str()),
               "simple buffer"),
-      parser_(std::make_unique<Parser>()) {
+      parser_(std::make_unique<Parser>(vocabulary)) {
   source_.setCopyBufToStream(false);
   parser_->read(source_);
 }

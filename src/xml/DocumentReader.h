@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -22,9 +23,24 @@ std::string attributeOf(const xercesc::DOMElement& element, const XMLCh* name);
 /// A "field" element as name, type word and value (its text content).
 Field fieldOf(const xercesc::DOMElement& element);
 
+/// The names that are looked for in a document.
+struct Vocabulary {
+  std::span<const XMLCh* const> elements;
+  std::span<const XMLCh* const> texts; ///< the elements whose text is looked at
+  std::span<const XMLCh* const> attributes;
+};
+
+/// What answers and events hold.
+const Vocabulary& protocolVocabulary() noexcept;
+
 /// One document of a peer, read safely: nothing outside the text is opened, a document type
 /// declaration is refused (so there are no entities but the five of XML), and so are elements
 /// nested more deeply than kMaximumDepth. Either the whole document is there or none of it.
+///
+/// Only what the vocabulary names is kept: a tree of everything would take up to 56 times the
+/// memory of its document, and the library's time for an element's attributes grows with their
+/// square. Of the other elements the kept ones and the text inside take the place. The root is
+/// always kept.
 ///
 /// Owner: one call, on its stack, within an XmlLibrary session. One thread.
 /// Errors: the constructor throws XmlFailure with the library's message, line and column for a
@@ -36,7 +52,8 @@ public:
   static constexpr std::size_t kMaximumDepth = 64;
 
   /// Reads `text` up to its first NUL, here and now: it need not outlive the call.
-  explicit DocumentReader(const std::string& text);
+  explicit DocumentReader(const std::string& text,
+                          const Vocabulary& vocabulary = protocolVocabulary());
   DocumentReader(const DocumentReader&) = delete;
   DocumentReader& operator=(const DocumentReader&) = delete;
   ~DocumentReader();

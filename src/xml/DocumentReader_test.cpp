@@ -16,6 +16,11 @@ protected:
   const XmlLibrary library_;
 };
 
+constexpr const XMLCh* kElements[] = {u"a", u"r", u"field"};
+constexpr const XMLCh* kAttributes[] = {u"n", u"name", u"type"};
+/// For documents of these tests' own making.
+constexpr Vocabulary kEverything{kElements, kElements, kAttributes};
+
 std::vector<std::string> names(const Elements& elements) {
   std::vector<std::string> result;
   for (const xercesc::DOMElement* element : elements) {
@@ -26,13 +31,13 @@ std::vector<std::string> names(const Elements& elements) {
 
 /// The text content of the root element "r".
 std::string textOf(const std::string& document) {
-  const DocumentReader reader(document);
+  const DocumentReader reader(document, kEverything);
   return narrow(reader.elements(u"r").at(0)->getTextContent());
 }
 
 std::string failureOf(const std::string& document) {
   try {
-    const DocumentReader reader(document);
+    const DocumentReader reader(document, kEverything);
     return "was read";
   } catch (const XmlFailure& failure) {
     return failure.what();
@@ -58,7 +63,7 @@ TEST_F(DocumentReaderTest, ReadsElementsUpToItsDepth) {
   const auto nested = [](std::size_t depth) {
     return repeated(depth, "<a>") + "deep" + repeated(depth, "</a>");
   };
-  const DocumentReader reader(nested(kDepth));
+  const DocumentReader reader(nested(kDepth), kEverything);
   EXPECT_EQ(reader.elements(u"a").size(), kDepth);
   EXPECT_EQ(narrow(reader.elements(u"a").front()->getTextContent()), "deep");
   EXPECT_EQ(failureOf(nested(kDepth + 1)), "Elements are nested too deeply (line 1, column " +
@@ -67,14 +72,15 @@ TEST_F(DocumentReaderTest, ReadsElementsUpToItsDepth) {
 
 TEST_F(DocumentReaderTest, SiblingsAreNotDepth) {
   const std::string siblings = "<r>" + repeated(100'000, "<a/>") + repeated(100'000, "<a></a>");
-  const DocumentReader reader(siblings + "</r>");
+  const DocumentReader reader(siblings + "</r>", kEverything);
   EXPECT_EQ(reader.elements(u"a").size(), 200'000U);
 }
 
 TEST_F(DocumentReaderTest, FindsElementsInDocumentOrderAtAnyDepth) {
   const DocumentReader reader(
       "<r n='root'><a n='1'><x><a n='2'/></x><a n='3'><a n='4'/></a></a><b n='b'/>"
-      "<p:a n='prefixed'/><A n='capital'/><!-- <a n='comment'/> --><a n='5'/></r>");
+      "<p:a n='prefixed'/><A n='capital'/><!-- <a n='comment'/> --><a n='5'/></r>",
+      kEverything);
   EXPECT_EQ(names(reader.elements(u"a")), (List{"1", "2", "3", "4", "5"}));
   EXPECT_EQ(names(reader.elements(u"r")), (List{"root"}));
   EXPECT_EQ(names(reader.elements(u"none")), List{});
@@ -82,7 +88,7 @@ TEST_F(DocumentReaderTest, FindsElementsInDocumentOrderAtAnyDepth) {
 
 TEST_F(DocumentReaderTest, FindsElementsBelowAScopeOnly) {
   const DocumentReader reader(
-      "<r><a n='1'><a n='2'><a n='3'/></a><b><a n='4'/></b></a><a n='5'/></r>");
+      "<r><a n='1'><a n='2'><a n='3'/></a><b><a n='4'/></b></a><a n='5'/></r>", kEverything);
   const Elements all = reader.elements(u"a");
   ASSERT_EQ(all.size(), 5U);
   EXPECT_EQ(names(elementsBelow(*all[0], u"a")), (List{"2", "3", "4"}));
@@ -91,7 +97,7 @@ TEST_F(DocumentReaderTest, FindsElementsBelowAScopeOnly) {
 }
 
 TEST_F(DocumentReaderTest, TheRootIsAmongTheElements) {
-  const DocumentReader reader("<a n='1'><a n='2'/></a>");
+  const DocumentReader reader("<a n='1'><a n='2'/></a>", kEverything);
   EXPECT_EQ(names(reader.elements(u"a")), (List{"1", "2"}));
 }
 
@@ -103,6 +109,41 @@ TEST_F(DocumentReaderTest, AFieldIsNameTypeAndText) {
   EXPECT_EQ(fieldOf(*fields[0]), (Field{"DeviceID", "string", "SCANNER1"}));
   EXPECT_EQ(fieldOf(*fields[1]), (Field{"", "", ""}));
   EXPECT_EQ(fieldOf(*fields[2]), (Field{"A & B", "", " \n x "}));
+}
+
+TEST_F(DocumentReaderTest, KeepsOnlyWhatTheProtocolNames) {
+  const DocumentReader reader(
+      "<response x='1' name='root'>text<!-- c --><?p i?><other name='2'>text<instance name='3' "
+      "y='4'>"
+      "text<b><field name='5' type='6' z='7'>a<c name='8'>b<!-- c --></c><![CDATA[d]]></field></b>"
+      "</instance></other><d/></response>");
+  const Elements instances = reader.elements(u"instance");
+  ASSERT_EQ(instances.size(), 1U);
+  const xercesc::DOMElement& instance = *instances.front();
+  EXPECT_EQ(attributeOf(instance, u"name"), "3");
+  EXPECT_EQ(instance.getAttributes()->getLength(), 1U);
+  EXPECT_EQ(instance.getChildNodes()->getLength(), 1U);
+  const Elements fields = elementsBelow(instance, u"field");
+  ASSERT_EQ(fields.size(), 1U);
+  EXPECT_EQ(fieldOf(*fields.front()), (Field{"5", "6", "abd"}));
+  EXPECT_EQ(fields.front()->getChildNodes()->getLength(), 1U);
+  const xercesc::DOMElement& root = *reader.elements(u"response").at(0);
+  EXPECT_EQ(root.getChildNodes()->getLength(), 1U);
+}
+
+TEST_F(DocumentReaderTest, AnElementThatIsNotNamedStillCountsAsDepth) {
+  const std::string deep = "<r>" + repeated(DocumentReader::kMaximumDepth, "<x>");
+  EXPECT_EQ(failureOf(deep).substr(0, 33), "Elements are nested too deeply (l");
+}
+
+TEST_F(DocumentReaderTest, AnElementsAttributesTookTimeInTheSquareOfTheirNumber) {
+  // 250,000 of them took a minute, within the XML lock.
+  std::string document = "<response><instance name='UPOS_Scanner'";
+  for (int i = 0; i < 250'000; ++i) {
+    document += " a" + std::to_string(i) + "=''";
+  }
+  const DocumentReader reader(document + "/></response>");
+  EXPECT_EQ(attributeOf(*reader.elements(u"instance").at(0), u"name"), "UPOS_Scanner");
 }
 
 TEST_F(DocumentReaderTest, TextIsWhatTheLibraryCallsTextContent) {
@@ -130,7 +171,7 @@ TEST_F(DocumentReaderTest, ReadsAByteOrderMarkAndForeignEncodings) {
 
 TEST_F(DocumentReaderTest, ReadsHugeValues) {
   const std::string huge(10'000'000, 'x');
-  const DocumentReader reader("<r n='" + huge + "'>" + huge + "</r>");
+  const DocumentReader reader("<r n='" + huge + "'>" + huge + "</r>", kEverything);
   const xercesc::DOMElement& root = *reader.elements(u"r").at(0);
   EXPECT_TRUE(attributeOf(root, u"n") == huge);
   EXPECT_TRUE(narrow(root.getTextContent()) == huge);

@@ -154,6 +154,9 @@ TEST(ToXml, ASuccessAfterAFailureReturnsTheFailuresStatus) {
   EXPECT_EQ(built.console, "");
 }
 
+constexpr const XMLCh* kParts[] = {u"type", u"class", u"id"};
+constexpr Vocabulary kRequest{kParts, kParts, {}};
+
 TEST(ToXml, WhatIsBuiltReadsBack) {
   const std::vector<std::string> texts = {
       "SCANNER1", "A&B<\"'>]]>",      "  spaces  ",    "line\nfeed",
@@ -162,7 +165,7 @@ TEST(ToXml, WhatIsBuiltReadsBack) {
     SCOPED_TRACE(text.substr(0, 20));
     const std::string document = build(text, "request", "getInstance", text).document;
     const XmlLibrary library;
-    const DocumentReader reader(document);
+    const DocumentReader reader(document, kRequest);
     ASSERT_EQ(reader.elements(u"class").size(), 1U);
     ASSERT_EQ(reader.elements(u"id").size(), 1U);
     EXPECT_EQ(narrow(reader.elements(u"type")[0]->getTextContent()), "getInstance");
@@ -183,7 +186,7 @@ TEST(ToXml, TextOfTheCodePageIsWrittenAsUtf8) {
 TEST(ToXml, BytesOutsideTheCodePageStillGiveAReadableDocument) {
   const std::string document = build("C", "request", "getInstance", "a\xFF\xFE\xC3").document;
   const XmlLibrary library;
-  EXPECT_EQ(DocumentReader(document).elements(u"id").size(), 1U);
+  EXPECT_EQ(DocumentReader(document, kRequest).elements(u"id").size(), 1U);
 }
 
 TEST(SendRequest, IsOneExchangeOverTheRequestSocket) {
