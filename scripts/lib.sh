@@ -44,6 +44,8 @@ test_packages=(
   clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev python3-pytest
 )
 
+package_packages=(nsis osslsigncode)
+
 # The one version of the XML library that the product is linked with.
 xerces_version=3.2.4
 xerces_options=(
@@ -57,7 +59,7 @@ xerces_patches=("$root/cmake/patches/xerces-c-charset-table.patch")
 # in the cache by version and options, and links it where the toolchain file looks for it.
 build_xerces() {
   local key xerces_prefix
-  key=$(printf '%s\n' "$xerces_version" "${xerces_options[@]}" \
+  key=$(printf '%s\n' "$xerces_version" "${xerces_options[@]}" "with its papers" \
     "$(cat "$root/cmake/mingw-w64.cmake" "${xerces_patches[@]}")" | sha256sum | cut -c1-16)
   xerces_prefix=$cache/xerces-$xerces_version-$key
   mkdir -p "$root/build/deps"
@@ -80,6 +82,12 @@ build_xerces() {
   sed -i '/add_subdirectory(\(doc\|tests\|samples\))/d' "$source/CMakeLists.txt"
   quietly "$cache/log/xerces-reconfigure.log" cmake "$work/build"
   quietly "$cache/log/xerces-install.log" cmake --install "$work/build"
+  # For the packages' papers: its licence, where it came from, and what was changed.
+  local papers=$xerces_prefix/share/doc/xerces-c
+  mkdir -p "$papers"
+  cp "$source"/{LICENSE,NOTICE} "$papers"
+  cp "$work"/xerces-c_*.dsc "$papers/source.dsc"
+  { grep -v '^#' "$source/debian/patches/series"; basename -a "${xerces_patches[@]}"; } >"$papers/patches"
   touch "$xerces_prefix/.complete"
   rm -rf "$work"
 }
