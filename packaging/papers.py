@@ -22,11 +22,13 @@ from urllib.parse import quote
 SOURCE = Path(__file__).resolve().parents[1]
 PROGRAMS = ("quillmon.exe", "quillmonctl.exe", "quillmon-till.exe")
 # The folders by which libraries of headers are included.
-HEADER_LIBRARIES = {"fmt": "fmt", "CLI": "cli11", "asio": "asio", "asio.hpp": "asio"}
+HEADER_LIBRARIES = {"fmt": "fmt", "CLI": "cli11", "nlohmann": "nlohmann-json",
+                    "asio": "asio", "asio.hpp": "asio"}
 # SPDX licence expressions; the full texts are in the notices.
 LICENCES = {
     "xerces-c": "Apache-2.0",
     "fmt": "MIT",
+    "nlohmann-json": "MIT",
     "cli11": "BSD-3-Clause",
     "asio": "BSL-1.0",
     "gcc-runtime": "GPL-3.0-or-later WITH GCC-exception-3.1",

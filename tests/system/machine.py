@@ -53,6 +53,7 @@ class Machine:
         self.c = self.prefix / "drive_c"
         self.home = self.c / "Quillmon"
         self.exe = self.home / "quillmon.exe"
+        self.service_path = "C:/Quillmon/quillmon.exe"  # as it is registered
         self.env = dict(os.environ, QUILLMON_WINEPREFIX=str(self.prefix))
         self.processes = []
 
@@ -220,13 +221,13 @@ class Machine:
 
     def service_process(self):
         """The id of the service's process on the host; what it uses is best seen from there."""
+        program, prefix = f"{self.service_path}\0".encode(), f"WINEPREFIX={self.prefix}".encode()
         for folder in Path("/proc").iterdir():
             if not folder.name.isdigit():
                 continue
             try:
-                if (folder / "cmdline").read_bytes().startswith(b"C:/Quillmon/quillmon.exe\0") and (
-                        f"WINEPREFIX={self.prefix}".encode()
-                        in (folder / "environ").read_bytes().split(b"\0")):
+                if ((folder / "cmdline").read_bytes().startswith(program)
+                        and prefix in (folder / "environ").read_bytes().split(b"\0")):
                     return int(folder.name)
             except OSError:
                 pass  # ended meanwhile

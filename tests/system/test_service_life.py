@@ -66,8 +66,9 @@ def test_a_running_service_refuses_the_console_modes(machine):
 
 def test_stopping_ends_the_process(machine):
     machine.install_service()
+    assert machine.service_process() is not None
     machine.stop_service()
-    wait_until(lambda: "quillmon.exe" not in machine.run("tasklist").out, "the process to end")
+    wait_until(lambda: machine.service_process() is None, "the process to end")
 
 
 def test_a_stopped_service_starts_again(machine):
@@ -88,7 +89,7 @@ def test_removing_stops_and_deletes_the_service(machine):
     done = machine.quillmon("-u")
     assert (done.out, done.returncode) == ("Quillmon Services has been uninstalled\n", 0)
     wait_until(lambda: machine.service_state() is None, "the service to be gone")
-    wait_until(lambda: "quillmon.exe" not in machine.run("tasklist").out, "the process to end")
+    wait_until(lambda: machine.service_process() is None, "the process to end")
 
 
 def test_the_service_comes_back_after_removal_and_installation(machine):

@@ -1,0 +1,175 @@
+"""What scripts/package leaves: the archive, the sums, the bill of materials, signatures."""
+
+import hashlib
+import json
+import os
+import re
+import subprocess
+import zipfile
+
+import pytest
+
+from machine import BUILD, ROOT
+
+
+def pack(folder, **environment):
+    subprocess.run([ROOT / "packaging" / "pack", BUILD, folder], check=True,
+                   stdout=subprocess.DEVNULL, env=dict(os.environ, **environment))
+    return folder
+
+
+@pytest.fixture(scope="module")
+def packages(tmp_path_factory):
+    return pack(tmp_path_factory.mktemp("packages"))
+
+
+def one(folder, pattern):
+    found = list(folder.glob(pattern))
+    assert len(found) == 1, found
+    return found[0]
+
+
+def bill(folder):
+    return json.loads(one(folder, "*.spdx.json").read_text())
+
+
+def sha256(content):
+    return hashlib.sha256(content).hexdigest()
+
+
+def test_the_sums_are_of_every_package_and_paper(packages):
+    lines = (packages / "SHA256SUMS").read_text().splitlines()
+    sums = dict(reversed(line.split("  ")) for line in lines)
+    files = {file.name: sha256(file.read_bytes()) for file in packages.iterdir()
+             if file.name != "SHA256SUMS"}
+    assert sums == files
+    assert sorted(name.rpartition(".")[2] for name in files) == ["exe", "json", "zip"]
+
+
+def test_the_archive_holds_what_a_till_needs(packages):
+    archive = zipfile.ZipFile(one(packages, "*.zip"))
+    top = one(packages, "*.zip").stem
+    names = {name.removeprefix(top + "/") for name in archive.namelist() if name[-1] != "/"}
+    assert names >= {
+        "quillmon.exe", "quillmon-till.exe", "quillmon.mof", "quillmon-uninstall.mof",
+        "config/quillmon.properties", "config/zontrace.cfg", "samples/till.xml",
+        "docs/install.md", "scripts/acceptance.ps1", "CHANGELOG.md", "THIRD-PARTY-NOTICES.txt"}
+    assert not [name for name in names if "test" in name or name.endswith((".cpp", ".h", ".py"))]
+    assert archive.read(f"{top}/quillmon.mof") == (ROOT / "mof" / "quillmon.mof").read_bytes()
+
+
+def test_one_number_is_the_version_everywhere(packages):
+    version = re.search(r"project\(quillmon VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text())[1]
+    assert {file.name for file in packages.iterdir()} == {
+        f"quillmon-{version}-win64.exe", f"quillmon-{version}-win64.zip",
+        f"quillmon-{version}.spdx.json", "SHA256SUMS"}
+    assert bill(packages)["packages"][0]["versionInfo"] == version
+
+
+def test_the_bill_of_materials_is_sound(packages):
+    document = bill(packages)
+    assert document["spdxVersion"] == "SPDX-2.3" and document["dataLicense"] == "CC0-1.0"
+    assert document["SPDXID"] == "SPDXRef-DOCUMENT" and document["name"]
+    assert re.fullmatch(r"urn:uuid:[0-9a-f-]{36}", document["documentNamespace"])
+    created = document["creationInfo"]["created"]
+    assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", created)
+    assert all(re.match(r"(Tool|Organization|Person): .", who)
+               for who in document["creationInfo"]["creators"])
+    elements = [document, *document["packages"], *document["files"]]
+    identifiers = [element["SPDXID"] for element in elements]
+    assert len(set(identifiers)) == len(identifiers)
+    assert all(re.fullmatch(r"SPDXRef-[A-Za-z0-9.-]+", name) for name in identifiers)
+    for package in document["packages"]:
+        assert re.fullmatch(r"[\d.]+", package["versionInfo"]), package
+        assert package["downloadLocation"] and package["filesAnalyzed"] is False
+        assert package["licenseDeclared"] and package["licenseConcluded"]
+    for relation in document["relationships"]:
+        assert relation["spdxElementId"] in identifiers
+        assert relation["relatedSpdxElement"] in identifiers
+        assert relation["relationshipType"] in ("DESCRIBES", "CONTAINS", "STATIC_LINK")
+
+
+def test_the_bill_of_materials_is_of_these_files(packages):
+    content = {file.name: file.read_bytes() for file in packages.iterdir()}
+    with zipfile.ZipFile(one(packages, "*.zip")) as archive:
+        for name in archive.namelist():
+            if name.endswith(".exe"):
+                content[name.rpartition("/")[2]] = archive.read(name)
+    listed = {file["fileName"].removeprefix("./"): file["checksums"]
+              for file in bill(packages)["files"]}
+    assert set(listed) == {name for name in content if name.endswith((".exe", ".zip"))}
+    for name, checksums in listed.items():
+        for checksum in checksums:
+            algorithm = checksum["algorithm"].lower()
+            assert checksum["checksumValue"] == hashlib.new(algorithm, content[name]).hexdigest()
+
+
+def test_the_bill_of_materials_names_what_was_linked(packages):
+    document = bill(packages)
+    component = {package["name"]: package for package in document["packages"]}
+    linked = {(relation["spdxElementId"].removeprefix("SPDXRef-file-"),
+               relation["relatedSpdxElement"].removeprefix("SPDXRef-"))
+              for relation in document["relationships"]
+              if relation["relationshipType"] == "STATIC_LINK"}
+    assert linked >= {("quillmon.exe", "xerces-c"), ("quillmon.exe", "gcc-runtime"),
+                      ("quillmon.exe", "mingw-w64-runtime"), ("quillmon-till.exe", "asio"),
+                      ("quillmon-till.exe", "fmt"), ("quillmon-till.exe", "cli11")}
+    assert ("quillmon.exe", "asio") not in linked
+    # The versions against what the program and the build themselves say.
+    library = re.search(r"^xerces_version=(.*)$", (ROOT / "scripts/lib.sh").read_text(), re.M)[1]
+    assert component["xerces-c"]["versionInfo"] == library
+    for patch in (ROOT / "cmake" / "patches").iterdir():
+        assert patch.name in component["xerces-c"]["sourceInfo"]
+    compiler = re.search(rb"GCC: \(GNU\) (\d+)", (BUILD / "quillmon.exe").read_bytes())[1].decode()
+    assert component["gcc-runtime"]["versionInfo"].split(".")[0] == compiler
+    headers = (BUILD / "headers" / "fmt" / "fmt" / "core.h").read_text()
+    number = int(re.search(r"#define FMT_VERSION (\d+)", headers)[1])
+    assert component["fmt"]["versionInfo"] == (
+        f"{number // 10000}.{number // 100 % 100}.{number % 100}")
+
+
+def test_the_notices_carry_the_terms_of_every_component(packages):
+    with zipfile.ZipFile(one(packages, "*.zip")) as archive:
+        name = next(n for n in archive.namelist() if n.endswith("THIRD-PARTY-NOTICES.txt"))
+        notices = archive.read(name).decode()
+    for component in bill(packages)["packages"][1:]:
+        assert f"{component['name']} {component['versionInfo']} (" in notices
+    for terms in ("Apache License", "This product includes software developed by",  # Xerces-C
+                  "GCC RUNTIME LIBRARY EXCEPTION", "ZPL-2.1", "Boost Software License"):
+        assert terms.lower() in notices.lower(), terms
+
+
+def test_the_same_build_makes_the_same_packages(packages, tmp_path):
+    again = pack(tmp_path / "again")
+    assert (again / "SHA256SUMS").read_text() == (packages / "SHA256SUMS").read_text()
+
+
+def test_programs_and_installer_are_signed_if_a_key_is_given(tmp_path):
+    key, certificate = tmp_path / "key.pem", tmp_path / "certificate.pem"
+    subprocess.run(
+        ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
+         "-keyout", key, "-out", certificate, "-subj", "/CN=Throw-away signer",
+         "-addext", "extendedKeyUsage=codeSigning", "-addext", "keyUsage=digitalSignature"],
+        check=True, stderr=subprocess.DEVNULL)
+    signed = pack(tmp_path / "signed", QUILLMON_SIGN_CERT=str(certificate),
+                  QUILLMON_SIGN_KEY=str(key))
+    with zipfile.ZipFile(one(signed, "*.zip")) as archive:
+        archive.extractall(tmp_path / "unpacked")
+    programs = [one(signed, "*.exe"), *(tmp_path / "unpacked").rglob("*.exe")]
+    assert len(programs) >= 3
+
+    def verify(file):
+        return subprocess.run(["osslsigncode", "verify", "-CAfile", certificate, "-in", file],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+    for program in programs:
+        done = verify(program)
+        assert done.returncode == 0 and "Throw-away signer" in done.stdout, done.stdout
+    # The verification can fail: one byte of the program changed.
+    tampered = tmp_path / "tampered.exe"
+    content = bytearray(programs[0].read_bytes())
+    content[len(content) // 2] ^= 1
+    tampered.write_bytes(content)
+    assert verify(tampered).returncode != 0
+    unsigned = verify(BUILD / "quillmon.exe")
+    assert unsigned.returncode != 0
