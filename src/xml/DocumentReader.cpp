@@ -168,8 +168,11 @@ private:
 };
 
 DocumentReader::DocumentReader(const std::string& text, const Vocabulary& vocabulary)
-    : source_(reinterpret_cast<const XMLByte*>(text.c_str()), std::strlen(text.c_str()),
-              "simple buffer"),
+    : DocumentReader(text.c_str(), std::strlen(text.c_str()), vocabulary) {}
+
+DocumentReader::DocumentReader(const char* text, std::size_t size, const Vocabulary& vocabulary)
+    : mayRead_(kMostReadPerByte * size),
+      source_(reinterpret_cast<const XMLByte*>(text), size, "simple buffer"),
       parser_(std::make_unique<Parser>(vocabulary)) {
   source_.setCopyBufToStream(false);
   parser_->read(source_);
@@ -184,4 +187,14 @@ Elements DocumentReader::elements(const XMLCh* name) const {
     found.insert(found.begin(), &root);
   }
   return found;
+}
+
+Field DocumentReader::readField(const DOMElement& element) {
+  Field field = fieldOf(element);
+  const std::size_t cost = kFieldCost + field[0].size() + field[1].size() + field[2].size();
+  if (cost > mayRead_) {
+    throw XmlFailure("Nested fields repeat too much of the document");
+  }
+  mayRead_ -= cost;
+  return field;
 }

@@ -50,6 +50,11 @@ public:
   /// Ample for the protocol's documents (3). The library's text look-up recurses, and the fields of
   /// nested instances are read once for each of them.
   static constexpr std::size_t kMaximumDepth = 64;
+  /// Nested fields are read once for each element around them, which must not make much of little:
+  /// for each byte of the document so many bytes of fields are read, each field counted as its
+  /// texts and kFieldCost. Without nesting a document costs less than that.
+  static constexpr std::size_t kMostReadPerByte = 8;
+  static constexpr std::size_t kFieldCost = 64;
 
   /// Reads `text` up to its first NUL, here and now: it need not outlive the call.
   explicit DocumentReader(const std::string& text,
@@ -61,9 +66,16 @@ public:
   /// All elements of that name in the document, the root element among them.
   Elements elements(const XMLCh* name) const;
 
+  /// One of the document's "field" elements, see fieldOf. Throws XmlFailure when the fields read so
+  /// far are too much for the document.
+  Field readField(const xercesc::DOMElement& element);
+
 private:
   class Parser;
 
+  DocumentReader(const char* text, std::size_t size, const Vocabulary& vocabulary);
+
+  std::size_t mayRead_; ///< what fields may still cost
   xercesc::MemBufInputSource source_;
   std::unique_ptr<Parser> parser_;
 };

@@ -146,6 +146,50 @@ TEST_F(DocumentReaderTest, AnElementsAttributesTookTimeInTheSquareOfTheirNumber)
   EXPECT_EQ(attributeOf(*reader.elements(u"instance").at(0), u"name"), "UPOS_Scanner");
 }
 
+/// How much the fields of `document` are when each instance reads all fields below it, or why not.
+std::string readAllFields(const std::string& document) {
+  std::size_t read = 0;
+  try {
+    DocumentReader reader(document);
+    for (const xercesc::DOMElement* instance : reader.elements(u"instance")) {
+      for (const xercesc::DOMElement* element : elementsBelow(*instance, u"field")) {
+        for (const std::string& text : reader.readField(*element)) {
+          read += text.size();
+        }
+      }
+    }
+  } catch (const XmlFailure& failure) {
+    return failure.what();
+  }
+  return std::to_string(read);
+}
+
+std::string nestedInFields(std::size_t depth, const std::string& text) {
+  return repeated(depth, "<field>") + text + repeated(depth, "</field>");
+}
+
+// A document of a megabyte grew to a gigabyte of fields.
+TEST_F(DocumentReaderTest, NestedFieldsDidRepeatADocumentAThousandTimes) {
+  const std::string text(100'000, 'x');
+  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(7, text) + "</instance>"), "700000");
+  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(9, text) + "</instance>"),
+            "Nested fields repeat too much of the document");
+  EXPECT_EQ(readAllFields(repeated(31, "<instance>") + nestedInFields(31, text) +
+                          repeated(31, "</instance>")),
+            "Nested fields repeat too much of the document");
+  EXPECT_EQ(readAllFields(repeated(31, "<instance>") + repeated(10'000, "<field/>") +
+                          repeated(31, "</instance>")),
+            "Nested fields repeat too much of the document");
+}
+
+TEST_F(DocumentReaderTest, FieldsWithoutNestingMayBeAsManyAsTheyAre) {
+  EXPECT_EQ(readAllFields("<instance>" + repeated(100'000, "<field/>") + "</instance>"), "0");
+  EXPECT_EQ(readAllFields("<?xml version='1.0' encoding='ISO-8859-1'?><instance>" +
+                          repeated(1'000, "<field name='\xFC' type='\xFC'>\xFC</field>") +
+                          "</instance>"),
+            std::to_string(3'000 * narrow(u"\u00FC").size()));
+}
+
 TEST_F(DocumentReaderTest, TextIsWhatTheLibraryCallsTextContent) {
   EXPECT_EQ(textOf("<r>A&amp;B &lt;&gt;&quot;&apos; &#65;&#x42;</r>"), "A&B <>\"' AB");
   EXPECT_EQ(textOf("<r><![CDATA[<a>&amp;]]>b<![CDATA[]]></r>"), "<a>&amp;b");

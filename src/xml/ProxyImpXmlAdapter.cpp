@@ -27,7 +27,7 @@ Instance instanceOf(const CIMDevice& device) {
 }
 
 void readProviderAndFields(const std::string& message, DeviceEvent& event) {
-  const DocumentReader document(message);
+  DocumentReader document(message);
   const Elements events = document.elements(u"event");
   if (events.empty()) {
     return;
@@ -38,7 +38,7 @@ void readProviderAndFields(const std::string& message, DeviceEvent& event) {
   UPOSLog::trace("<<ProxyImpXmlAdapter>>     provider=%s fieldlist_length=%d", event.provider,
                  static_cast<int>(fields.size()));
   for (const xercesc::DOMElement* element : fields) {
-    const Field& field = event.fields.emplace_back(fieldOf(*element));
+    const Field& field = event.fields.emplace_back(document.readField(*element));
     UPOSLog::trace("<<ProxyImpXmlAdapter>>         name=%s type=%s value=%s", field[0], field[1],
                    field[2]);
   }

@@ -69,7 +69,7 @@ bool isKeptManufacturer(std::string_view maker, bool isScannerOrScale) {
 }
 
 void readEvent(const std::string& message, DeviceEvent& event, bool& discard) {
-  const DocumentReader document(message);
+  DocumentReader document(message);
   const Elements events = document.elements(u"event");
   if (events.empty()) {
     return;
@@ -83,7 +83,7 @@ void readEvent(const std::string& message, DeviceEvent& event, bool& discard) {
   event.modifyInstanceCode = attributeOf(first, u"modifyInstanceCode");
 
   for (const xercesc::DOMElement* element : elementsBelow(first, u"field")) {
-    const Field field = fieldOf(*element);
+    const Field field = document.readField(*element);
     const std::string& name = field[0];
     const std::string& value = field[2];
     if (equalsIgnoringCase(name, "DeviceID")) {
@@ -123,7 +123,7 @@ std::uint32_t UPOSXMLAdapter::fromXML(std::string response) {
 }
 
 std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
-  const DocumentReader document(response);
+  DocumentReader document(response);
   const Elements errors = document.elements(u"error");
   UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",
                  static_cast<int>(errors.size()));
@@ -140,7 +140,7 @@ std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
     bool keep = false;
     const Elements fields = elementsBelow(*instance, u"field");
     for (std::size_t number = 0; number < fields.size(); ++number) {
-      const Field& field = pendingFields_.emplace_back(fieldOf(*fields[number]));
+      const Field& field = pendingFields_.emplace_back(document.readField(*fields[number]));
       const std::string& name = field[0];
       const std::string& fieldType = field[1];
       const std::string& value = field[2];
