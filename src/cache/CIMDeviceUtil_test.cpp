@@ -299,7 +299,7 @@ TEST(CIMDeviceUtil, RandomEventsGiveTheModelsTypesAndTheModelsCache) {
 }
 
 // The trace is off: its lock would order the threads and hide a race from ThreadSanitizer.
-TEST(CIMDeviceUtil, ReadersSeeWholeDevicesWhileEventsChangeThem) {
+TEST(CIMDeviceUtilThreads, ReadersSeeWholeDevicesWhileEventsChangeThem) {
   recorded_trace::setSwitchedOn(false);
   CIMContainer container;
   std::atomic<bool> done = false;

@@ -1,7 +1,6 @@
 #include "cache/DocumentHandOff.h"
 
 #include <system_error>
-#include <utility>
 
 namespace {
 
@@ -12,42 +11,35 @@ win::Handle required(HANDLE created) {
   return win::Handle(created);
 }
 
-win::Handle autoResetEvent(bool signalled) {
-  return required(CreateEventA(nullptr, FALSE, signalled ? TRUE : FALSE, nullptr));
-}
-
 /// True when `wanted` was signalled, false when `cancelled` was.
-bool waitUnless(HANDLE cancelled, HANDLE wanted) noexcept {
+bool waitUnlessCancelled(HANDLE cancelled, HANDLE wanted) noexcept {
   const HANDLE both[] = {cancelled, wanted};
   return WaitForMultipleObjects(2, both, FALSE, INFINITE) == WAIT_OBJECT_0 + 1;
 }
 
 } // namespace
 
-DocumentHandOff::DocumentHandOff()
-    : putting_(required(CreateMutexA(nullptr, FALSE, nullptr))), slotFree_(autoResetEvent(true)),
-      documentReady_(autoResetEvent(false)), consumerWaiting_(autoResetEvent(false)) {}
+KernelWaits::Signal::Signal(bool signalled)
+    : event_(required(CreateEventA(nullptr, FALSE, signalled ? TRUE : FALSE, nullptr))) {}
 
-bool DocumentHandOff::put(std::string document, HANDLE cancelled) noexcept {
-  if (!waitUnless(cancelled, putting_.get())) {
-    return false;
-  }
-  const bool taken = waitUnless(cancelled, consumerWaiting_.get());
-  if (taken) {
-    slot_.swap(document);
-    SetEvent(documentReady_.get());
-  }
-  ReleaseMutex(putting_.get());
-  return taken;
+void KernelWaits::Signal::set() noexcept {
+  SetEvent(event_.get());
 }
 
-std::string DocumentHandOff::take() {
-  WaitForSingleObject(slotFree_.get(), INFINITE);
-  SetEvent(consumerWaiting_.get());
-  WaitForSingleObject(documentReady_.get(), INFINITE);
-  return std::exchange(slot_, {});
+void KernelWaits::Signal::wait() noexcept {
+  WaitForSingleObject(event_.get(), INFINITE);
 }
 
-void DocumentHandOff::release() noexcept {
-  SetEvent(slotFree_.get());
+bool KernelWaits::Signal::waitUnless(HANDLE cancelled) noexcept {
+  return waitUnlessCancelled(cancelled, event_.get());
+}
+
+KernelWaits::Turn::Turn() : mutex_(required(CreateMutexA(nullptr, FALSE, nullptr))) {}
+
+bool KernelWaits::Turn::takeUnless(HANDLE cancelled) noexcept {
+  return waitUnlessCancelled(cancelled, mutex_.get());
+}
+
+void KernelWaits::Turn::giveBack() noexcept {
+  ReleaseMutex(mutex_.get());
 }

@@ -8,6 +8,8 @@
 #include <wbemprov.h>
 #include <wrl/client.h>
 
+#include <atomic>
+
 /// The one COM object that WMI calls for the system's classes: it serves the asynchronous
 /// enumeration and retrieval of instances and answers everything else with fixed codes.
 ///
@@ -114,7 +116,7 @@ private:
   void tracePathKeys(LPCWSTR objectPath) const;
 
   LONG volatile referenceCount_ = 0;
-  LONG pathParserReady_ = 0;
+  std::atomic<LONG> pathParserReady_ = 0;
   CRITICAL_SECTION criticalSection_; // entered by nothing here
   Microsoft::WRL::ComPtr<IWbemServices> namespaceServices_;
   Microsoft::WRL::ComPtr<IWbemClassObject> eventClass_;
@@ -127,5 +129,5 @@ private:
   Microsoft::WRL::ComPtr<IUnknown> reservedInterface1_;
   Microsoft::WRL::ComPtr<IUnknown> reservedInterface2_;
   Microsoft::WRL::ComPtr<IClassFactory> pathParserFactory_;
-  IWbemObjectSink* eventSink_ = nullptr;
+  std::atomic<IWbemObjectSink*> eventSink_ = nullptr;
 };

@@ -5,19 +5,38 @@
 #include "trace/UPOSLog.h"
 #include "win/Handles.h"
 
+#include <atomic>
+
 namespace {
 
 char serviceName[] = "QuillmonServ";
 constexpr const char* kDisplayName = "ORVEX Quillmon Services";
 
-// Written by ServiceMain and by the control handler without a lock; the race is accepted.
-SERVICE_STATUS status;
-SERVICE_STATUS_HANDLE statusHandle;
+/// The status block, written by ServiceMain and by the control handler without a lock: each field
+/// is whole, but that one of the two overtakes the other is accepted.
+struct StatusBlock {
+  std::atomic<DWORD> type = 0;
+  std::atomic<DWORD> state = 0;
+  std::atomic<DWORD> controlsAccepted = 0;
+  std::atomic<DWORD> exitCode = 0;
+};
+constinit StatusBlock status;
+constinit std::atomic<SERVICE_STATUS_HANDLE> statusHandle = nullptr;
+
+/// Tells the block as it stands.
+void report() {
+  SERVICE_STATUS told = {};
+  told.dwServiceType = status.type;
+  told.dwCurrentState = status.state;
+  told.dwControlsAccepted = status.controlsAccepted;
+  told.dwWin32ExitCode = status.exitCode;
+  SetServiceStatus(statusHandle, &told);
+}
 
 void report(DWORD state, DWORD exitCode) {
-  status.dwCurrentState = state;
-  status.dwWin32ExitCode = exitCode;
-  SetServiceStatus(statusHandle, &status);
+  status.state = state;
+  status.exitCode = exitCode;
+  report();
 }
 
 } // namespace
@@ -47,7 +66,8 @@ void uninstallService(SC_HANDLE manager) {
   if (!service) {
     return;
   }
-  ControlService(service.get(), SERVICE_CONTROL_STOP, &status);
+  SERVICE_STATUS stopping = {}; // of no use to anybody
+  ControlService(service.get(), SERVICE_CONTROL_STOP, &stopping);
   DeleteService(service.get());
   service.reset();
   console::print("Quillmon Services has been uninstalled");
@@ -68,10 +88,9 @@ bool runServiceDispatcher() {
 }
 
 void WINAPI ServiceMain(DWORD, LPSTR*) {
-  status = {};
-  status.dwServiceType = SERVICE_WIN32;
-  status.dwCurrentState = SERVICE_START_PENDING;
-  status.dwControlsAccepted = SERVICE_ACCEPT_STOP;
+  status.type = SERVICE_WIN32;
+  status.state = SERVICE_START_PENDING;
+  status.controlsAccepted = SERVICE_ACCEPT_STOP;
   statusHandle = RegisterServiceCtrlHandlerA(serviceName, ServiceCtrlHandler);
   // Running before anything is initialised: WMI may take minutes to come up at boot, and the
   // service control manager must not give the service up meanwhile.
@@ -89,19 +108,17 @@ void WINAPI ServiceCtrlHandler(DWORD control) {
   switch (control) {
   case SERVICE_CONTROL_STOP:
   case SERVICE_CONTROL_SHUTDOWN:
-    status.dwCheckPoint = 0;
-    status.dwWaitHint = 0;
     // Nothing is torn down: the service control manager ends the process. Reported twice, as ever.
     report(SERVICE_STOPPED, NO_ERROR);
-    SetServiceStatus(statusHandle, &status);
+    report();
     break;
   case SERVICE_CONTROL_INTERROGATE:
-    SetServiceStatus(statusHandle, &status);
+    report();
     break;
   default:
     // Kept on purpose: an unknown control puts the last error where the state belongs.
-    status.dwCurrentState = GetLastError();
-    SetServiceStatus(statusHandle, &status);
+    status.state = GetLastError();
+    report();
     break;
   }
 }

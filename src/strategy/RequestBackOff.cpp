@@ -2,6 +2,7 @@
 
 #include "trace/UPOSLog.h"
 #include "win/Configuration.h"
+#include "win/TimerQueue.h"
 
 #include <mutex>
 
@@ -25,9 +26,9 @@ void configureTimers() {
   requestBackOff.retryTimeout = timeout;
   UPOSLog::trace("<<configureTimers>>: Timeout is %d milliseconds.", timeout);
   UPOSLog::trace("<<configureTimers>>: Creating Timer queue...");
-  const HANDLE queue = CreateTimerQueue();
-  const DWORD error = GetLastError();
-  if (queue != nullptr) {
+  void* queue = nullptr;
+  const win::Error error = win::createTimerQueue(queue);
+  if (error == 0) {
     UPOSLog::trace("<<configureTimers>>: CreateTimerQueue() succeeded!!");
   } else {
     UPOSLog::trace("<<configureTimers>>: CreateTimerQueue() failed (%d)", error);
@@ -41,19 +42,20 @@ void signalServerIsOfflineFor5Seconds() {
   UPOSLog::trace("<<signalServerIsOfflineFor5Seconds>>: Java server is down, will avoid attempts "
                  "for %d milliseconds...",
                  timeout);
-  HANDLE timer = nullptr;
-  if (CreateTimerQueueTimer(&timer, requestBackOff.timerQueue, TimeoutExpired, nullptr, timeout, 0,
-                            0)) {
+  void* timer = nullptr;
+  const win::Error error =
+      win::startTimer(timer, requestBackOff.timerQueue, TimeoutExpired, timeout);
+  if (error == 0) {
     requestBackOff.timer = timer;
   } else {
     // The line end inside the message is kept: it leaves an empty line in the trace.
     UPOSLog::trace("<<signalServerIsOfflineFor5Seconds>>: CreateTimerQueueTimer failed (%d)\n",
-                   GetLastError());
+                   error);
     requestBackOff.serverOffline = 0;
   }
 }
 
-void CALLBACK TimeoutExpired(void*, BOOLEAN) noexcept {
+void TimeoutExpired(void*, unsigned char) noexcept {
   UPOSLog::trace("<<TimeoutExpired>>: Timeout expired! Java drivers will be hit again.");
   requestBackOff.serverOffline = 0;
 }

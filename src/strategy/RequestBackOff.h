@@ -1,7 +1,5 @@
 #pragma once
 
-#include <windows.h>
-
 #include <atomic>
 #include <cstdint>
 
@@ -14,8 +12,8 @@
 struct RequestBackOff {
   std::atomic<std::uint8_t> serverOffline = 0; ///< 1 while requests are to be skipped
   std::atomic<std::uint32_t> retryTimeout = 10000;
-  std::atomic<HANDLE> timerQueue = nullptr; ///< made once, lives to the end of the process
-  std::atomic<HANDLE> timer = nullptr;      ///< the one started last; none is ever deleted
+  std::atomic<void*> timerQueue = nullptr; ///< made once, lives to the end of the process
+  std::atomic<void*> timer = nullptr;      ///< the one started last; none is ever deleted
 };
 extern RequestBackOff requestBackOff;
 
@@ -26,4 +24,4 @@ void configureTimers();
 void signalServerIsOfflineFor5Seconds();
 
 /// The timer's callback: ends the pause.
-void CALLBACK TimeoutExpired(void* context, BOOLEAN fired) noexcept;
+void TimeoutExpired(void* context, unsigned char fired) noexcept;

@@ -5,9 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 using com::orvex::Poller;
@@ -88,6 +90,21 @@ TEST(Poller, TheTimeIsTruncatedTo32Bits) {
   poller.time = kEnd;
   EXPECT_TRUE(poller.isPollingTime());
   poller.time = (std::int64_t{1} << 32) + kEnd;
+  EXPECT_FALSE(poller.isPollingTime());
+}
+
+TEST(PollerThreads, OfThreadsThatAskAtOnceAtLeastOneIsToldThatItIsTime) {
+  ClockedPoller poller(1);
+  poller.time = kNow + 60;
+  std::atomic<int> told = 0;
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&] { told += poller.isPollingTime() ? 1 : 0; });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_GE(told, 1);
   EXPECT_FALSE(poller.isPollingTime());
 }
 

@@ -83,7 +83,7 @@ TEST(XmlLock, IsOneForTheProcess) {
   EXPECT_EQ(&xmlLock(), elsewhere);
 }
 
-TEST(XmlLock, KeepsEveryReadingAndBuildingWaiting) {
+TEST(XmlLockThreads, EveryReadingAndBuildingWaitsForIt) {
   std::vector<std::future<void>> calls;
   {
     const std::scoped_lock lock(xmlLock());
