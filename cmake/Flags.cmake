@@ -29,3 +29,9 @@ if(QUILLMON_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 endif()
+
+if(QUILLMON_FUZZ)
+  # For the fuzzer's guidance, and to tell afterwards which lines it has reached.
+  add_compile_options(-fsanitize=fuzzer-no-link -fprofile-instr-generate -fcoverage-mapping)
+  add_link_options(-fprofile-instr-generate)
+endif()

@@ -41,7 +41,7 @@ build_packages=(
   googletest libfmt-dev libasio-dev libcli11-dev libxerces-c-dev python3
 )
 test_packages=(
-  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev openssl python3-pytest
+  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 openssl python3-pytest
 )
 
 package_packages=(nsis osslsigncode)

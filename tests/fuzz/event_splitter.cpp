@@ -1,0 +1,129 @@
+// Any text on a device server's connection, in pieces of any length.
+
+#include "Fuzzing.h"
+#include "cache/EventSplitter.h"
+
+#include <algorithm>
+
+using fuzzing::require;
+
+namespace {
+
+using Documents = std::vector<std::string>;
+
+/// The splitter's rules for one received text, put as plainly as they can be.
+void split(std::string received, std::string& pending, Documents& documents) {
+  const std::string start(EventSplitter::kStartMarker);
+  const std::string end(EventSplitter::kEndMarker);
+  const std::size_t position = received.find(start);
+  if (position == std::string::npos) {
+    pending += received;
+    if (pending.find(end) != std::string::npos) {
+      documents.push_back(pending);
+      pending.clear();
+    }
+    return;
+  }
+  pending += received.substr(0, position);
+  received.erase(0, position);
+  if (!pending.empty()) {
+    documents.push_back(pending);
+    pending.clear();
+  }
+  std::size_t found = 0;
+  while ((found = received.find(end)) != std::string::npos) {
+    documents.push_back(received.substr(0, found + end.size()));
+    received.erase(0, found + end.size());
+  }
+  pending += received;
+}
+
+std::string joined(const Documents& documents) {
+  std::string all;
+  for (const std::string& document : documents) {
+    all += document;
+  }
+  return all;
+}
+
+void append(Documents& documents, Documents more) {
+  std::move(more.begin(), more.end(), std::back_inserter(documents));
+}
+
+/// Any texts at all: as the rules say, and nothing lost or added.
+void splitAnything(const std::vector<std::string_view>& texts) {
+  EventSplitter splitter;
+  Documents documents;
+  Documents expected;
+  std::string pending;
+  std::string received;
+  for (const std::string_view text : texts) {
+    received += text;
+    append(documents, splitter.split(text));
+    split(std::string(text), pending, expected);
+    require(documents == expected, "the documents are those of the rules");
+    require(splitter.pendingSize() == pending.size(), "what is pending is what the rules leave");
+    require(joined(documents) + pending == received, "no character is lost or added");
+  }
+}
+
+std::string without(std::string text, std::string_view marker) {
+  for (std::size_t found = 0; (found = text.find(marker)) != std::string::npos;) {
+    text.erase(found, marker.size());
+  }
+  return text;
+}
+
+/// `text`'s lines as the bodies of proper documents.
+Documents properDocuments(std::string_view text) {
+  Documents documents;
+  while (!text.empty()) {
+    std::string body(fuzzing::cutFront(text, '\n'));
+    std::size_t size = 0;
+    do { // taking one marker out may put another one together
+      size = body.size();
+      body = without(without(body, EventSplitter::kStartMarker), EventSplitter::kEndMarker);
+    } while (body.size() != size);
+    documents.push_back(std::string(EventSplitter::kStartMarker) + body +
+                        std::string(EventSplitter::kEndMarker));
+  }
+  // A body may begin or end with half a marker; with its neighbour it must not make another one.
+  const std::string all = joined(documents);
+  std::size_t starts = 0;
+  for (std::size_t at = 0; (at = all.find(EventSplitter::kStartMarker, at)) != std::string::npos;
+       ++at) {
+    ++starts;
+  }
+  return starts == documents.size() ? documents : Documents();
+}
+
+/// Proper documents arrive whole and in order, however the connection cuts them, as long as no
+/// text ends within a start marker.
+void splitProperDocuments(const Documents& documents, std::string_view lengths) {
+  EventSplitter splitter;
+  Documents found;
+  std::string held;
+  const std::string all = joined(documents);
+  for (const std::string_view piece : fuzzing::piecesOf(all, lengths)) {
+    held += piece;
+    const std::size_t begun = EventSplitter::begunStartMarker(held);
+    require(begun < EventSplitter::kStartMarker.size() &&
+                held.ends_with(EventSplitter::kStartMarker.substr(0, begun)),
+            "what is held back is the beginning of a marker");
+    append(found, splitter.split(std::string_view(held).substr(0, held.size() - begun)));
+    held.erase(0, held.size() - begun);
+  }
+  require(held.empty() && splitter.pendingSize() == 0, "nothing is left over");
+  require(found == documents, "the documents do not depend on the pieces");
+}
+
+} // namespace
+
+/// The first line gives the lengths of the pieces, the rest is the stream.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::string_view stream = fuzzing::textOf(data, size);
+  const std::string_view lengths = fuzzing::cutFront(stream, '\n');
+  splitAnything(fuzzing::piecesOf(stream, lengths));
+  splitProperDocuments(properDocuments(stream), lengths);
+  return 0;
+}
