@@ -38,7 +38,7 @@ install_packages() {
 
 build_packages=(
   ca-certificates g++ make cmake ninja-build g++-mingw-w64-x86-64-posix dpkg-dev xz-utils wine64
-  googletest libfmt-dev libasio-dev libcli11-dev libxerces-c-dev python3
+  googletest libfmt-dev libasio-dev libcli11-dev nlohmann-json3-dev libxerces-c-dev python3
 )
 test_packages=(
   clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 openssl python3-pytest

@@ -1,5 +1,6 @@
 #include "trace/UPOSLog.h"
 
+#include "trace/LogPlace.h"
 #include "trace/TimeStamp.h"
 #include "trace/TraceConfig.h"
 #include "trace/TraceText.h"
@@ -38,13 +39,7 @@ File openFile(const std::string& path, const char* mode) {
   return File(_fsopen(path.c_str(), mode, _SH_DENYNO));
 }
 
-struct LogPlace {
-  std::string path;
-  /// INSTALLDIR as it stands in the registry, empty where the key has none; null without the key.
-  std::unique_ptr<const std::string> installDir;
-};
-
-std::string besideTheProgram() {
+std::string programName() {
   std::string name(80, '\0');
   DWORD length = 0;
   while ((length = GetModuleFileNameA(nullptr, name.data(), static_cast<DWORD>(name.size()))) ==
@@ -52,34 +47,15 @@ std::string besideTheProgram() {
     name.resize(name.size() + 80);
   }
   name.resize(length);
-  return name.substr(0, name.rfind('\\')) + "\\Quillmon.log";
+  return name;
 }
 
 LogPlace findLog() {
-  LogPlace place;
-  win::RegistryKey key;
-  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Veltran\\Veltran Kestrune", 0, KEY_READ,
-                    key.put()) == ERROR_SUCCESS) {
-    std::string value(100, '\0');
-    auto size = static_cast<DWORD>(value.size());
-    LSTATUS result = ERROR_SUCCESS;
-    while ((result = RegQueryValueExA(key.get(), "INSTALLDIR", nullptr, nullptr,
-                                      reinterpret_cast<BYTE*>(value.data()), &size)) ==
-           ERROR_MORE_DATA) {
-      value.assign(size + 20, '\0');
-      size = static_cast<DWORD>(value.size());
-    }
-    value.resize(result == ERROR_SUCCESS ? std::min<std::size_t>(value.find('\0'), size) : 0);
-    place.installDir = std::make_unique<const std::string>(value);
-    if (result == ERROR_SUCCESS) {
-      std::string path = value + "\\Log" + "\\Quillmon.log";
-      if (openFile(path, "ab+")) {
-        place.path = std::move(path);
-        return place;
-      }
-    }
+  LogPlace place =
+      installedLog([](const std::string& path) { return bool(openFile(path, "ab+")); });
+  if (place.path.empty()) {
+    place.path = logBeside(programName());
   }
-  place.path = besideTheProgram();
   return place;
 }
 
@@ -247,7 +223,7 @@ void UPOSLog::readConfig() {
     trace("No configuration file found, disabling settings");
     return;
   }
-  const std::string path = *installDir + "zontrace.cfg";
+  const std::string path = traceConfigurationFile(*installDir);
   trace("Name of Config file to read : %s", path);
   const File file = openFile(path, "r");
   if (!file) {

@@ -8,13 +8,13 @@ namespace {
 constexpr const char* kSection = "default";
 }
 
-unsigned readInt(const char* key, int defaultValue) noexcept {
-  return GetPrivateProfileIntA(kSection, key, defaultValue, kFile);
+unsigned readInt(const char* key, int defaultValue, const char* file) noexcept {
+  return GetPrivateProfileIntA(kSection, key, defaultValue, file);
 }
 
-std::string readText(const char* key, const char* defaultValue) {
+std::string readText(const char* key, const char* defaultValue, const char* file) {
   char text[256];
-  GetPrivateProfileStringA(kSection, key, defaultValue, text, sizeof text, kFile);
+  GetPrivateProfileStringA(kSection, key, defaultValue, text, sizeof text, file);
   return text;
 }
 

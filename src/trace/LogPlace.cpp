@@ -1,0 +1,41 @@
+#include "trace/LogPlace.h"
+
+#include "win/Handles.h"
+
+#include <algorithm>
+#include <utility>
+
+LogPlace installedLog(bool (*isWritable)(const std::string& path)) {
+  LogPlace place;
+  win::RegistryKey key;
+  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Veltran\\Veltran Kestrune", 0, KEY_READ,
+                    key.put()) != ERROR_SUCCESS) {
+    return place;
+  }
+  std::string value(100, '\0');
+  auto size = static_cast<DWORD>(value.size());
+  LSTATUS result = ERROR_SUCCESS;
+  while ((result = RegQueryValueExA(key.get(), "INSTALLDIR", nullptr, nullptr,
+                                    reinterpret_cast<BYTE*>(value.data()), &size)) ==
+         ERROR_MORE_DATA) {
+    value.assign(size + 20, '\0');
+    size = static_cast<DWORD>(value.size());
+  }
+  value.resize(result == ERROR_SUCCESS ? std::min<std::size_t>(value.find('\0'), size) : 0);
+  place.installDir = std::make_unique<const std::string>(value);
+  if (result == ERROR_SUCCESS) {
+    std::string path = value + "\\Log" + "\\Quillmon.log";
+    if (isWritable(path)) {
+      place.path = std::move(path);
+    }
+  }
+  return place;
+}
+
+std::string logBeside(const std::string& program) {
+  return program.substr(0, program.rfind('\\')) + "\\Quillmon.log";
+}
+
+std::string traceConfigurationFile(const std::string& installDir) {
+  return installDir + "zontrace.cfg";
+}

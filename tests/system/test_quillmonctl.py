@@ -1,0 +1,624 @@
+"""The administrator's command line against the real, installed service."""
+
+import json
+import re
+import shutil
+import socket
+import zipfile
+
+import pytest
+
+from machine import BUILD, ROOT, SERVICE, free_port, wait_until, windows_path
+
+EXE = "C:\\Quillmon\\quillmonctl.exe"
+KEY = f"HKLM\\SYSTEM\\CurrentControlSet\\Services\\{SERVICE}"
+INSTALLDIR = "HKLM\\SOFTWARE\\Veltran\\Veltran Kestrune"
+MAX_WIDTH = 80
+
+
+class Tool:
+    """The command line on a machine that also has mofcomp, which Wine has in name only."""
+
+    def __init__(self, machine):
+        self.machine = machine
+        for file in (BUILD / "quillmonctl.exe", ROOT / "mof" / "quillmon.mof",
+                     ROOT / "mof" / "quillmon-uninstall.mof"):
+            shutil.copy(file, machine.home)
+        self.compiler = machine.c / "windows" / "system32" / "wbem" / "mofcomp.exe"
+        self.empty_compiler = self.compiler.read_bytes()
+        self.put_compiler((BUILD / "mofcomp.exe").read_bytes())
+        machine.set_wmi("Mof", "")
+        self.till = machine.start_till()
+        self.configuration = machine.c / "POS" / "JavaPOS" / "Config" / "quillmon.properties"
+        self.normal = self.configuration.read_bytes()
+        self.is_installed = False
+
+    def put_compiler(self, content):
+        self.compiler.unlink(missing_ok=True)  # it is linked to the template's
+        if content is not None:
+            self.compiler.write_bytes(content)
+
+    def run(self, *arguments, code=0, **options):
+        """Its result; the text of a failure and of a report is in out."""
+        done = self.machine.run(EXE, *arguments, **options)
+        done.out += done.err
+        assert done.returncode == code, (arguments, done.returncode, done.out)
+        if "--json" not in arguments:
+            for line in done.out.splitlines():
+                assert len(line) <= MAX_WIDTH, line
+        return done
+
+    def text(self, *arguments, **options):
+        return self.run(*arguments, **options).out
+
+    def json(self, *arguments, **options):
+        done = self.run(*arguments, "--json", **options)
+        assert done.err == ""
+        return json.loads(done.stdout.decode())
+
+    def start(self, *arguments):
+        return self.machine.start(EXE, *arguments)
+
+    def install(self, *arguments):
+        text = self.text("install", *arguments)
+        self.is_installed = True
+        return text
+
+    def uninstall(self):
+        self.run("uninstall")
+        self.is_installed = False
+
+
+@pytest.fixture(scope="module")
+def tool(shared_machine):
+    return Tool(shared_machine)
+
+
+@pytest.fixture
+def bare(tool):
+    """A machine without the service."""
+    if tool.is_installed or tool.machine.service_state() is not None:
+        tool.uninstall()
+    yield tool
+    tool.is_installed = tool.machine.service_state() is not None
+
+
+@pytest.fixture
+def installed(tool):
+    """A machine with the service, as a test before may have left it running."""
+    if not tool.is_installed:
+        tool.install()
+    yield tool
+    if tool.configuration.read_bytes() != tool.normal:
+        tool.configuration.write_bytes(tool.normal)
+
+
+def binary_path(tool):
+    return tool.machine.query_registry(KEY, "ImagePath")
+
+
+def assert_nothing_is_left(tool):
+    assert tool.machine.service_state() is None
+    wmi = tool.json("status", code=3)["wmi"]
+    assert wmi["classes"] == 0 and len(wmi["missing_registrations"]) == 3
+
+
+# -- the command line itself
+
+def test_the_version_is_the_project_s(tool):
+    version = re.search(r"project\(quillmon VERSION ([\d.]+)",
+                        (ROOT / "CMakeLists.txt").read_text())[1]
+    assert tool.text("--version") == f"quillmonctl {version}\n"
+
+
+def test_help_documents_each_exit_code_and_command(tool):
+    text = tool.text("--help")
+    for word in ("status", "devices", "get", "watch", "doctor", "config", "trace", "install",
+                 "uninstall", "repair", "simulate", "--json", "Exit codes: 0 ", "1 a step failed",
+                 "2 wrong command line", "\n3 the report", "\n4 no such", "5 access denied",
+                 "6 no answer"):
+        assert word in text, word
+
+
+@pytest.mark.parametrize("line", [
+    ["bogus"], ["get"], ["devices", "--bogus"], ["trace"], ["install", "--strategy", "both"],
+    ["config", "set", "provider.maxQueryThreads"], []])
+def test_a_wrong_command_line_ends_with_2_and_says_why(tool, line):
+    text = tool.text(*line, code=2)
+    text = " ".join(text.split())
+    assert text.startswith("quillmonctl: ") and text.endswith(" (--help tells more)")
+    assert not line or line[-1] in text or "required" in text
+
+
+# -- install, uninstall, repair
+
+def test_installing_registers_the_classes_and_a_running_service(bare):
+    text = bare.install()
+    assert "ok    42 WMI classes and registrations, read back\n" in text
+    assert "ok    running in the adapter strategy\n" in text
+    assert "ok    registered with WMI, 9 devices\n" in text
+    assert binary_path(bare) == "C:/Quillmon/quillmon.exe"
+    assert bare.machine.service_state() == "RUNNING"
+
+
+def test_what_wine_does_not_take_is_a_warning_that_says_what_to_do(bare):
+    warnings = bare.json("install")["warnings"]
+    advice = {warning["advice"]: warning["text"] for warning in warnings}
+    for command in ("sc config QuillmonServ start= delayed-auto",
+                    "sc config QuillmonServ depend= winmgmt",
+                    "sc failureflag QuillmonServ 1",
+                    "sc failure QuillmonServ reset= 86400 "
+                    "actions= restart/60000/restart/60000/restart/60000"):
+        assert advice[command]
+    assert advice["sc config QuillmonServ start= delayed-auto"].startswith("error 124: ")
+    assert bare.machine.service_state() == "RUNNING"
+
+
+def test_installing_twice_changes_nothing_and_says_so(installed):
+    before = binary_path(installed)
+    text = installed.text("install", "--strategy", "proxy", code=1)
+    assert "failed: installing the service QuillmonServ\n  error 1073: " in text
+    assert "what to do: Run quillmonctl uninstall first" in text
+    assert binary_path(installed) == before
+    assert installed.machine.service_state() == "RUNNING"
+
+
+def test_uninstalling_leaves_neither_service_nor_classes(bare):
+    bare.install()
+    text = bare.text("uninstall")
+    assert text == "ok    the service is stopped and removed\nok    the WMI classes are removed\n"
+    assert_nothing_is_left(bare)
+    assert bare.text("uninstall") == "ok    no service was installed\nok    no WMI class was there\n"
+
+
+def test_a_service_whose_program_is_gone_can_be_removed(bare):
+    bare.install()
+    bare.machine.stop_service()
+    wait_until(lambda: bare.machine.service_process() is None, "the process to end")
+    bare.machine.exe.unlink()
+    bare.run("uninstall")
+    shutil.copy(BUILD / "quillmon.exe", bare.machine.exe)
+    assert_nothing_is_left(bare)
+
+
+def test_the_proxy_strategy_is_the_option_o(bare):
+    assert "ok    running in the proxy strategy\n" in bare.install("--strategy", "proxy")
+    assert binary_path(bare) == "C:\\Quillmon\\quillmon.exe -o"
+    status = bare.json("status", code=3)
+    assert status["service"]["strategy"] == "proxy"
+    assert status["sockets"]["event_port_open"] is True
+    assert status["sockets"]["device_servers_connected"] == 0
+    with socket.socket() as device_server:
+        device_server.connect(("127.0.0.1", bare.till.events))
+        wait_until(lambda: bare.json("status")["sockets"]["device_servers_connected"] == 1,
+                   "the device server to be seen")
+        assert f"1 connected to event port {bare.till.events}" in bare.text("status")
+
+
+def test_a_path_with_blanks_is_quoted(bare):
+    folder = bare.machine.c / "Program Files" / "Quillmon"
+    folder.mkdir(exist_ok=True)
+    shutil.copy(BUILD / "quillmon.exe", folder)
+    program = "C:\\Program Files\\Quillmon\\quillmon.exe"
+    bare.install("--program", program)
+    assert binary_path(bare) == f'"{program}"'
+    assert bare.json("status")["service"]["state"] == "running"
+
+
+def test_a_program_that_would_be_started_instead_is_refused(bare):
+    folder = bare.machine.c / "Program Files" / "Quillmon"
+    folder.mkdir(exist_ok=True)
+    shutil.copy(BUILD / "quillmon.exe", folder)
+    planted = bare.machine.c / "Program.exe"
+    planted.write_bytes(b"")
+    text = bare.text("install", "--program", "C:\\Program Files\\Quillmon\\quillmon.exe", code=1)
+    planted.unlink()
+    assert "Windows could start C:\\Program.exe in its place" in " ".join(text.split())
+    assert_nothing_is_left(bare)
+
+
+def test_a_compiler_that_succeeds_without_registering_is_not_believed(bare):
+    bare.put_compiler(bare.empty_compiler)
+    try:
+        text = " ".join(bare.text("install", code=1).split())
+    finally:
+        bare.put_compiler((BUILD / "mofcomp.exe").read_bytes())
+    assert "failed: reading the classes back after compiling C:\\Quillmon\\quillmon.mof" in text
+    assert "42 of 42 are missing, UPOS_Device first (mofcomp ended with code 0)" in text
+    assert "what to do: Run mofcomp on that file by hand" in text
+    assert_nothing_is_left(bare)
+
+
+def test_a_missing_compiler_is_named(bare):
+    bare.put_compiler(None)
+    try:
+        error = bare.json("install", code=1)["error"]
+    finally:
+        bare.put_compiler((BUILD / "mofcomp.exe").read_bytes())
+    assert error["step"] == (
+        "looking for WMI's compiler C:\\windows\\system32\\wbem\\mofcomp.exe")
+    assert error["code"] == 2 and "repair" in error["advice"]
+    assert_nothing_is_left(bare)
+
+
+def test_a_compiler_that_fails_is_quoted(bare):
+    bare.machine.set_wmi("MofcompExit", 1)
+    try:
+        text = " ".join(bare.text("install", code=1).split())
+    finally:
+        bare.machine.set_wmi("MofcompExit", 0)
+    assert ("mofcomp ended with code 1 and said: An error occurred while opening the namespace"
+            in text)
+    assert_nothing_is_left(bare)
+
+
+def test_a_program_that_registers_nothing_takes_the_classes_back(bare):
+    error = bare.json("install", "--program", windows_path(BUILD / "service_config.exe"),
+                      code=1)["error"]
+    assert error["step"].startswith("registering the service (quillmon.exe -i): it is not there")
+    assert error["undone"] == ["the service is removed again", "the WMI classes are removed again"]
+    assert_nothing_is_left(bare)
+
+
+def test_a_service_that_ends_at_once_is_removed_again(bare):
+    bare.machine.set_wmi("RegisterEvents", 0x80041003)
+    try:
+        error = bare.json("install", code=5)["error"]
+    finally:
+        bare.machine.set_wmi("RegisterEvents", 0)
+    assert error["step"] == "starting the service: it ended at once"
+    assert error["code_text"] == "0x80041003"
+    assert error["undone"] == ["the service is removed again", "the WMI classes are removed again"]
+    assert_nothing_is_left(bare)
+
+
+def test_missing_files_are_named_before_anything_is_done(bare):
+    text = bare.text("install", "--mof-folder", "C:\\nowhere", code=1)
+    assert "failed: looking for C:\\nowhere\\quillmon.mof\n  error 2: " in text
+    text = bare.text("install", "--program", "C:\\nowhere\\quillmon.exe", code=1)
+    assert "failed: looking for the service's program C:\\nowhere\\quillmon.exe" in text
+    assert_nothing_is_left(bare)
+
+
+def test_repairing_brings_the_classes_back_and_restarts_the_service(installed):
+    installed.machine.set_wmi("Mof", "")
+    before = installed.json("status", code=3)
+    assert before["wmi"]["classes"] == 0
+    text = installed.text("repair")
+    assert "ok    42 WMI classes and registrations, read back\n" in text
+    assert "ok    the service was restarted\nok    registered with WMI, 9 devices\n" in text
+    after = installed.json("status")
+    assert after["wmi"]["missing_classes"] == [] and after["wmi"]["devices"] == 9
+    assert after["service"]["process"] != before["service"]["process"]
+
+
+# -- status, devices, get, watch
+
+def test_status_tells_the_whole_state(installed):
+    status = installed.json("status")
+    assert status["service"]["installed"] and status["service"]["state"] == "running"
+    assert status["service"]["binary_path"] == binary_path(installed)
+    assert status["service"]["strategy"] == "adapter"
+    assert status["wmi"]["classes"] == 39 and status["wmi"]["devices"] == 9
+    assert status["wmi"]["missing_registrations"] == [] and status["wmi"]["answers"] is True
+    assert status["sockets"] == {
+        "request_port": installed.till.requests, "request_port_reachable": True,
+        "request_error": None, "event_port": installed.till.events, "event_port_open": True,
+        "device_servers_connected": None}
+    keys = {key["key"]: (key["value"], key["source"]) for key in status["configuration"]["keys"]}
+    assert keys["upos.requestSocket.Port"] == (str(installed.till.requests), "file")
+    assert keys["provider.maxQueryThreads"] == ("1", "default")
+    text = installed.text("status")
+    for line in ("strategy       adapter", "WMI classes    all 39 present",
+                 "WMI provider   registered", "answering      yes, 9 devices", "trace          off",
+                 f"device server  reachable on request port {installed.till.requests}"):
+        assert line in text
+
+
+def test_status_without_a_service_says_so_and_ends_with_3(bare):
+    text = bare.text("status", code=3)
+    assert text.startswith("service        not installed\nWMI classes    39 of 39 missing\n")
+    assert "answering      no: error 0x80041010: Invalid class\n" in text
+
+
+def test_nonsense_is_flagged_with_what_the_service_makes_of_it(installed):
+    installed.configuration.write_bytes(
+        installed.normal + b"provider.maxQueryThreads=many\r\nprovider.maxThreads=2\r\n")
+    keys = {key["key"]: key for key in
+            installed.json("status", code=3)["configuration"]["keys"]}
+    assert keys["provider.maxQueryThreads"] == {
+        "key": "provider.maxQueryThreads", "value": "many", "effective": "0", "source": "file",
+        "nonsense": "must be a number from 1 to 1000"}
+    text = installed.text("config", "check", code=3)
+    assert ("  provider.maxQueryThreads = many: must be a number from 1 to 1000; the service\n"
+            "    reads 0\n") in text
+    assert "  provider.maxThreads: no key of the service; it is ignored\n" in text
+    assert "NONSENSE, read as 0" in installed.text("status", code=3)
+
+
+def test_a_device_server_that_is_down_is_named_with_its_port(installed):
+    port = free_port()
+    installed.run("config", "set", "upos.requestSocket.Port", port)
+    text = installed.text("devices", code=1)
+    assert "failed: listing UPOS_LogicalDevice through WMI\n  error 0x80041001: " in text
+    assert "what to do: The service could not ask its device server." in text
+    error = installed.json("devices", code=1)["error"]
+    assert error["code"] == 0x80041001 and error["code_text"] == "0x80041001"
+    assert (f"not reachable on request port {port}: error 10061" in
+            " ".join(installed.text("status", code=3).split()))
+    # The service connects no more until its pause is over; a new one has none.
+    installed.configuration.write_bytes(installed.normal)
+    installed.run("repair")
+
+
+def test_a_stopped_service_is_named(installed):
+    installed.machine.stop_service()
+    text = " ".join(installed.text("devices", code=1).split())
+    assert "error 0x80041013: Provider load failure" in text
+    assert "what to do: The service is not registered with WMI. Check that it runs" in text
+    assert "service        stopped\n" in installed.text("status", code=3)
+    installed.run("repair")
+
+
+def test_devices_are_listed_in_a_table_of_80_columns(installed):
+    lines = installed.text("devices").splitlines()
+    assert lines[0].split() == ["DEVICE", "CATEGORY", "MAKER", "MODEL", "SERIAL"]
+    assert lines[1] == (
+        "SCANNER1   Scanner      Veltran  VS-3200 bi-optic         VS32-004711")
+    assert len(lines) == 10
+    assert len(installed.text("devices", "Scale").splitlines()) == 2
+    assert installed.text("devices", "Belt") == "No device of class UPOS_Belt.\n"
+
+
+def test_devices_for_scripts_keep_their_types(installed):
+    scale, = installed.json("devices", "UPOS_Scale")
+    assert scale["DeviceID"] == "SCALE1" and scale["GoodWeightReadCount"] == 402118
+    assert scale["CapUpdateFirmware"] is None
+    assert scale["__PATH"].endswith('UPOS_Scale.DeviceID="SCALE1"')
+    assert installed.json("devices", "Belt") == []
+
+
+def test_an_unknown_class_ends_with_4(installed):
+    text = installed.text("devices", "Nothing", code=4)
+    assert "failed: listing UPOS_Nothing through WMI\n  error 0x80041010: Invalid class\n" in text
+
+
+def test_a_device_is_fetched_by_its_id_by_class_and_id_and_by_its_path(installed):
+    by_path = installed.json("get", 'UPOS_Scanner.DeviceID="SCANNER1"')
+    assert by_path["ModelName"] == "VS-3200 bi-optic" and by_path["GoodScanCount"] == 1843207
+    assert by_path["CapUpdateFirmware"] is True
+    assert installed.json("get", "Scanner/SCANNER1") == by_path
+    assert installed.json("get", "SCANNER1")["ModelName"] == "VS-3200 bi-optic"
+    text = installed.text("get", "Scanner/SCANNER1")
+    assert re.search(r"^ModelName +VS-3200 bi-optic$", text, re.MULTILINE)
+
+
+def test_an_unknown_device_ends_with_4(installed):
+    text = " ".join(installed.text("get", "Scanner/NONE", code=4).split())
+    assert 'failed: fetching UPOS_Scanner.DeviceID="NONE" through WMI error 0x8004100' in text
+    assert "There is no such device. What there is: quillmonctl devices UPOS_Scanner" in text
+
+
+def test_events_are_watched_line_by_line(installed):
+    watcher = installed.start("watch", "--count", "3", "--seconds", "30")
+    assert watcher.stdout.readline() == b"Watching device events; Ctrl-C ends.\n"
+    for command in ("attach MICR1", "change MICR1 7", "detach MICR1"):
+        installed.till.type(command)
+    lines = watcher.stdout.read().decode().splitlines()
+    assert [re.sub(r"^\d\d:\d\d:\d\d  ", "", line) for line in lines] == [
+        "attached  MICR              MICR1", "changed   MICR              MICR1  code 7",
+        "detached  MICR              MICR1"]
+    assert watcher.wait() == 0
+
+
+def test_events_for_scripts_are_an_object_a_line(installed):
+    watcher = installed.start("watch", "--json", "--count", "1", "--seconds", "30")
+    watcher.stdout.readline()
+    installed.till.type("change SCALE1 2")
+    event = json.loads(watcher.stdout.read())
+    assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}", event.pop("time"))
+    assert event == {"type": "modifyInstance", "class": "Scale", "device": "SCALE1", "code": "2"}
+
+
+def test_too_few_events_in_time_end_with_6(installed):
+    assert installed.text("watch", "--count", "1", "--seconds", "1", code=6) == (
+        "Watching device events; Ctrl-C ends.\n")
+
+
+# -- config
+
+def test_a_key_is_set_and_everything_else_stays(installed):
+    before = b"; our till\r\n[default]\r\n  provider.maxQueryThreads = 1\r\n# end\r\n[x]\r\na=1\r\n"
+    installed.configuration.write_bytes(before)
+    text = installed.text("config", "set", "PROVIDER.maxQueryThreads", "8")
+    assert text == ("provider.maxQueryThreads = 8 (was 1), from the next start of the service on.\n")
+    installed.run("config", "set", "provider.eventSocket.IP", "127.0.0.1")
+    assert installed.configuration.read_bytes() == before.replace(b"= 1\r", b"= 8\r").replace(
+        b"# end\r\n", b"# end\r\nprovider.eventSocket.IP=127.0.0.1\r\n")
+    assert [file.name for file in installed.configuration.parent.iterdir()] == [
+        "quillmon.properties"]
+
+
+def test_the_file_is_made_where_there_is_none(installed):
+    installed.configuration.unlink()
+    result = installed.json("config", "set", "upos.requestSocket.Port", "4711")
+    assert result["old"] is None and result["value"] == "4711"
+    assert installed.configuration.read_bytes() == (
+        b"[default]\r\nupos.requestSocket.Port=4711\r\n")
+
+
+@pytest.mark.parametrize("key, value, why", [
+    ("provider.maxQueryThreads", "0", "it must be a number from 1 to 1000"),
+    ("provider.eventSocket.Port", "65536", "it must be a number from 1 to 65535"),
+    ("provider.eventSocket.IP", "localhost", "it must be an IPv4 address such as 127.0.0.1"),
+    ("upos.requestSocket.port2", "1", "no key of the service")])
+def test_nonsense_is_not_set(installed, key, value, why):
+    error = installed.json("config", "set", key, value, code=2)["error"]
+    assert error["step"].endswith(why)
+    assert installed.configuration.read_bytes() == installed.normal
+
+
+def test_a_file_in_unicode_is_not_edited(installed):
+    content = "[default]\r\n".encode("utf-16")
+    installed.configuration.write_bytes(content)
+    text = " ".join(installed.text("config", "set", "provider.maxQueryThreads", "2",
+                                   code=1).split())
+    assert "the file is in Unicode (UTF-16); save it as plain text" in text
+    assert installed.configuration.read_bytes() == content
+
+
+def test_every_key_is_shown_with_where_it_came_from(installed):
+    shown = installed.json("config", "show")
+    assert shown["file"] == "C:\\POS\\JavaPOS\\Config\\quillmon.properties"
+    assert [key["key"] for key in shown["keys"]] == [
+        "provider.maxQueryThreads", "provider.eventSocket.Port", "provider.eventSocket.IP",
+        "provider.dataUpdate.frequency", "upos.requestSocket.Port",
+        "upos.requestSocket.retryTimeout"]
+    text = installed.text("config", "show")
+    assert "provider.maxQueryThreads = 1 (default)\n    WMI requests served at once\n" in text
+    assert f"upos.requestSocket.Port = {installed.till.requests} (from the file)\n" in text
+    assert installed.text("config", "check").endswith("quillmon.properties: good\n")
+
+
+# -- trace
+
+@pytest.fixture
+def tracing(installed):
+    """A service that does not trace, and whose logs are rotated by size."""
+    folder = installed.machine.c / "Veltran"
+    (folder / "Log").mkdir(parents=True)
+    (folder / "zontrace.cfg").write_bytes(b"FileSize=20000\r\nBackupCount=5\r\n")
+    installed.machine.set_registry(INSTALLDIR, "INSTALLDIR", "C:\\Veltran\\")
+    installed.run("repair")
+    installed.folder = folder
+    yield installed
+    installed.machine.run("reg", "delete", INSTALLDIR, "/f")
+    installed.run("repair")
+    shutil.rmtree(folder)
+
+
+def test_the_trace_is_held_on_until_somebody_switches_it_off(tracing):
+    holder = tracing.start("trace", "on")
+    assert holder.stdout.readline() == b"The trace is enabled; the log is\n"
+    assert holder.stdout.readline() == b"  C:\\Veltran\\Log\\Quillmon.log\n"
+    assert tracing.json("status")["trace"]["event_signalled"] is True
+    text = " ".join(tracing.text("trace", "off", code=3).split())
+    assert "The service keeps tracing until it ends: that cannot be undone while it runs." in text
+    assert holder.wait(timeout=20) == 0
+    assert b"Somebody else has switched the trace off.\n" in holder.stdout.read()
+    trace = tracing.json("status")["trace"]
+    assert (trace["event_signalled"], trace["on"]) == (False, True)
+    assert trace["log"] == "C:\\Veltran\\Log\\Quillmon.log" and trace["log_size"] > 0
+    assert tracing.json("trace", "off", "--restart") == {
+        "on": False, "service_still_traces": False, "restarted": True}
+    assert tracing.json("status")["trace"]["on"] is False
+
+
+def test_the_trace_goes_on_by_itself_once_the_service_has_seen_it(tracing):
+    text = tracing.text("trace", "on", "--until-seen")
+    assert "The service traces. The service keeps tracing until it ends" in " ".join(text.split())
+    assert tracing.json("status")["trace"] == {
+        "on": True, "event_signalled": False, "log": "C:\\Veltran\\Log\\Quillmon.log",
+        "log_size": (tracing.folder / "Log" / "Quillmon.log").stat().st_size,
+        "configuration_file": "C:\\Veltran\\zontrace.cfg", "file_size_limit": 20000,
+        "backup_count": 5}
+
+
+def test_following_loses_no_line_through_the_rotation(tracing):
+    tracing.run("trace", "on", "--until-seen")
+    follower = tracing.start("trace", "follow", "--lines", "0")
+    head = [follower.stdout.readline() for _ in range(2)]
+    assert head[0] == b"Following C:\\Veltran\\Log\\Quillmon.log; Ctrl-C ends.\n"
+    log = tracing.folder / "Log"
+    while not (log / "Quillmon.log.3").exists():
+        tracing.run("devices")
+    files = sorted(log.iterdir(), key=lambda file: file.name, reverse=True)
+    files = [file for file in files if file.suffix != ".log"] + [log / "Quillmon.log"]
+    whole = b"".join(file.read_bytes() for file in files).decode("latin-1").split("\r\n")[:-1]
+    followed = []
+    for line in follower.stdout:
+        followed.append(line.decode().rstrip("\n"))
+        if followed[-1] == whole[-1] and len(followed) > 300:
+            break
+    assert followed == whole[-len(followed):]
+    assert not any("\x1b" in line for line in followed)
+
+
+def test_followed_lines_for_scripts_name_their_component(tracing):
+    tracing.run("trace", "on", "--until-seen")
+    follower = tracing.start("trace", "follow", "--json", "--lines", "100000")
+    lines = (line for line in follower.stdout if line.startswith(b"{"))
+    parsed = [json.loads(next(lines)) for _ in range(30)]
+    assert {"time", "component", "message"} == set(parsed[0])
+    assert all(re.fullmatch(r"\d\d/\d\d/\d{4} \d\d:\d\d:\d\d", line["time"]) for line in parsed)
+    assert any(line["component"].startswith("<<") for line in parsed)
+
+
+def test_a_log_that_rotation_deletes_is_not_followed(tracing):
+    (tracing.folder / "zontrace.cfg").write_bytes(b"FileSize=20000\r\n")
+    text = " ".join(tracing.text("trace", "follow", code=1).split())
+    assert "rotation deletes the log (BackupCount is 0)" in text
+    assert "what to do: Set BackupCount to 1 or more in C:\\Veltran\\zontrace.cfg" in text
+
+
+# -- doctor
+
+def test_the_doctor_gives_a_verdict_a_line(installed):
+    text = installed.text("doctor")
+    for line in ("ok    service        running, process ", "ok    WMI classes    all 39 are there",
+                 "ok    devices        the provider lists 9", "ok    trace          off",
+                 "ok    events         a subscription is accepted"):
+        assert line in text
+    checks = installed.json("doctor")
+    assert checks["healthy"] is True
+    assert all(check["advice"] for check in checks["checks"] if check["verdict"] != "good")
+
+
+def test_the_doctor_finds_what_is_wrong(bare):
+    result = bare.json("doctor", code=3)
+    assert result["healthy"] is False
+    bad = {check["check"]: check["advice"] for check in result["checks"]
+           if check["verdict"] == "bad"}
+    assert bad["service"] == "quillmonctl install" and bad["WMI classes"] == "quillmonctl repair"
+
+
+def test_the_support_archive_holds_status_configuration_and_logs_and_no_secret(tracing):
+    tracing.configuration.write_bytes(
+        tracing.normal + b"; the password is hunter2\r\nadmin.password=hunter2\r\n")
+    tracing.run("trace", "on", "--until-seen")
+    text = tracing.text("doctor", "--archive", "C:\\support.zip")
+    assert "Support archive C:\\support.zip:\n" in text
+    with zipfile.ZipFile(tracing.machine.c / "support.zip") as archive:
+        assert archive.testzip() is None
+        content = {name: archive.read(name) for name in archive.namelist()}
+    assert [name for name in content if not name.startswith("log/")] == [
+        "status.json", "status.txt", "doctor.txt", "quillmon.properties", "zontrace.cfg"]
+    assert content["log/Quillmon.log"] and json.loads(content["status.json"])["version"]
+    assert f"upos.requestSocket.Port={tracing.till.requests}\r\n".encode() in (
+        content["quillmon.properties"])
+    assert b"admin.password" in content["quillmon.properties"]
+    assert not any(b"hunter2" in each for each in content.values())
+
+
+def test_an_archive_that_cannot_be_written_is_named(installed):
+    text = installed.text("doctor", "--archive", "C:\\windows\\system.ini\\a.zip", code=1)
+    assert "failed: making " in text and "error " in text
+
+
+# -- simulate
+
+def test_simulate_is_the_simulated_device_server(tool):
+    process = tool.start("simulate", windows_path(ROOT / "samples" / "till.xml"), "--request-port",
+                         "0", "--event-port", free_port())
+    assert process.stdout.readline().startswith(b"quillmon-till: ready: requests on 127.0.0.1:")
+    process.stdin.write(b"quit\n")
+    process.stdin.close()
+    assert process.wait(timeout=20) == 0
+
+
+def test_simulate_takes_the_proxy_role_and_explains_itself(tool):
+    done = tool.machine.run(EXE, "simulate", windows_path(ROOT / "samples" / "till.xml"),
+                            "--strategy", "proxy", "--check")
+    assert done.returncode == 0 and "13 devices" in done.out
+    done = tool.machine.run(EXE, "simulate", "--help")
+    assert done.returncode == 0 and "quillmonctl simulate [OPTIONS] INVENTORY" in done.out

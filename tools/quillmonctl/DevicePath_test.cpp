@@ -1,0 +1,38 @@
+#include "quillmonctl/DevicePath.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace ctl;
+
+TEST(DevicePath, aClassMayBeNamedWithoutItsPrefix) {
+  EXPECT_EQ(className("Scanner"), "UPOS_Scanner");
+  EXPECT_EQ(className("UPOS_Scanner"), "UPOS_Scanner");
+  EXPECT_EQ(className("__Win32Provider"), "__Win32Provider");
+  EXPECT_EQ(className(""), "UPOS_LogicalDevice");
+}
+
+TEST(DevicePath, anIdAloneIsADeviceOfAnyClass) {
+  EXPECT_EQ(objectPath("SCANNER1"), "UPOS_LogicalDevice.DeviceID=\"SCANNER1\"");
+}
+
+TEST(DevicePath, aSlashPartsClassAndId) {
+  EXPECT_EQ(objectPath("Scanner/SCANNER1"), "UPOS_Scanner.DeviceID=\"SCANNER1\"");
+  EXPECT_EQ(objectPath("UPOS_Scale/A/B"), "UPOS_Scale.DeviceID=\"A/B\"");
+}
+
+TEST(DevicePath, anObjectPathStaysAsItIs) {
+  for (const char* path : {"UPOS_Scanner.DeviceID=\"SCANNER1\"", "UPOS_Scanner=\"a/b\"", "X=@",
+                           "\\\\.\\root\\cimv2:UPOS_Scanner.DeviceID='S'", "root\\cimv2:X=1"}) {
+    EXPECT_EQ(objectPath(path), path);
+  }
+}
+
+TEST(DevicePath, aPathNamesAClass) {
+  EXPECT_EQ(classOf("UPOS_Scanner.DeviceID=\"A.B:C\""), "UPOS_Scanner");
+  EXPECT_EQ(classOf("UPOS_Scanner=\"A\""), "UPOS_Scanner");
+  EXPECT_EQ(classOf("\\\\.\\root\\cimv2:UPOS_Scale.DeviceID=\"X\""), "UPOS_Scale");
+}
+
+} // namespace

@@ -1,0 +1,319 @@
+// quillmonctl install | uninstall | repair
+
+#include "quillmonctl/BinaryPath.h"
+#include "quillmonctl/MofCompiler.h"
+#include "quillmonctl/Names.h"
+#include "quillmonctl/Product.h"
+#include "quillmonctl/Service.h"
+#include "quillmonctl/Session.h"
+#include "quillmonctl/Steps.h"
+#include "quillmonctl/System.h"
+#include "quillmonctl/Wmi.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+namespace ctl {
+namespace {
+
+constexpr DWORD kPause = 100;                  // milliseconds between looks
+constexpr DWORD kPatience = 30'000;            // milliseconds for the provider, and for a removal
+constexpr DWORD kRestartAfter = 60'000;        // milliseconds between a failure and the restart
+constexpr DWORD kForgetFailuresAfter = 86'400; // seconds
+constexpr DWORD kSetupRights = SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG |
+                               SERVICE_START | SERVICE_STOP | DELETE;
+
+struct Options {
+  std::string strategy = "adapter";
+  std::string program;
+  std::string mofFolder;
+};
+
+std::string programOf(const Options& options) {
+  const std::string program =
+      options.program.empty() ? programFolder() + "\\quillmon.exe" : absolutePath(options.program);
+  if (!exists(program)) {
+    failWin32(fmt::format("looking for the service's program {}", program), ERROR_FILE_NOT_FOUND,
+              "Put quillmonctl.exe beside quillmon.exe, or name the program with --program.");
+  }
+  return program;
+}
+
+/// The service's own option registers a path without quotes and starts it at once.
+void refuseToBeHijacked(const std::string& program) {
+  for (const std::string& other : BinaryPath{program, "", false}.startedInstead()) {
+    if (exists(other)) {
+      throw Failure(fmt::format("checking {}: Windows could start {} in its place", program, other),
+                    "Find out who put that program there and remove it, or install to a path "
+                    "without blanks.");
+    }
+  }
+}
+
+/// Early, before anything is changed.
+void needAdministrator() {
+  const win::ServiceHandle manager(
+      OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE));
+  if (!manager) {
+    failWin32("opening the service control manager to change it (OpenSCManager)");
+  }
+}
+
+void waitUntilGone() {
+  for (DWORD waited = 0; Service::isInstalled(); waited += kPause) {
+    if (waited >= kPatience) {
+      failWin32("waiting for the service to be gone", ERROR_SERVICE_MARKED_FOR_DELETE);
+    }
+    Sleep(kPause);
+  }
+}
+
+void removeService() {
+  std::string program;
+  {
+    Service service(SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG | SERVICE_STOP | DELETE);
+    program = BinaryPath::parse(service.configuration().path).program;
+    service.stop();
+    if (!exists(program)) {
+      service.remove(); // its own option went with it
+    }
+  }
+  if (exists(program)) {
+    runProgram(program, {"-u"});
+  }
+  waitUntilGone();
+}
+
+/// Until the provider is asked, whatever it answers then: without a device server it answers with
+/// a failure.
+std::string waitForProvider(const Service& service) {
+  for (DWORD waited = 0;; waited += kPause) {
+    service.mustRun();
+    try {
+      std::size_t devices = 0;
+      const Wmi::End end = Wmi().instances("UPOS_LogicalDevice", 5, [&](const Json&) {
+        ++devices;
+        return true;
+      });
+      return end == Wmi::End::TimedOut ? "registered with WMI; the device server does not answer"
+                                       : fmt::format("registered with WMI, {} devices", devices);
+    } catch (const Failure& failure) {
+      if (!failure.error || failure.error->number != 0x80041013) {
+        return "registered with WMI; it has no device server to ask yet";
+      }
+      if (waited >= kPatience) {
+        throw Failure("waiting for the service to register with WMI", *failure.error,
+                      "Look into the service's trace: quillmonctl trace on, then restart it.");
+      }
+    }
+    Sleep(kPause);
+  }
+}
+
+/// A setting of the service that not every Windows takes. It is read back: what was taken and
+/// dropped is said, too.
+void setOptional(Steps& steps, const std::string& what, const std::string& byHand, BOOL taken,
+                 const std::function<bool()>& isSet) {
+  if (!taken) {
+    steps.warn(what, win32Error(), byHand);
+  } else if (!isSet()) {
+    steps.warn(what, {SystemError::Kind::Win32, 0, "the system took the setting and has lost it"},
+               byHand);
+  } else {
+    steps.done(what);
+  }
+}
+
+void setDependency(Service& service, Steps& steps) {
+  std::wstring names(kWmiService);
+  names.append(2, L'\0'); // a list of names
+  const BOOL taken =
+      ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
+                           nullptr, nullptr, nullptr, names.c_str(), nullptr, nullptr, nullptr);
+  setOptional(steps, "starts after WMI (depends on winmgmt)",
+              "sc config QuillmonServ depend= winmgmt", taken, [&] {
+                const std::vector<std::string> found = service.configuration().dependencies;
+                return std::any_of(found.begin(), found.end(), [](const std::string& name) {
+                  return sameName(name, "winmgmt");
+                });
+              });
+}
+
+void setDelayedStart(Service& service, Steps& steps) {
+  SERVICE_DELAYED_AUTO_START_INFO delayed = {TRUE};
+  const BOOL taken =
+      ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed);
+  setOptional(steps, "starts delayed at boot", "sc config QuillmonServ start= delayed-auto", taken,
+              [&] { return service.isDelayed(); });
+}
+
+void setRecovery(Service& service, Steps& steps) {
+  std::array<SC_ACTION, 3> actions{};
+  actions.fill({SC_ACTION_RESTART, kRestartAfter});
+  SERVICE_FAILURE_ACTIONSW failure = {};
+  failure.dwResetPeriod = kForgetFailuresAfter;
+  failure.cActions = static_cast<DWORD>(actions.size());
+  failure.lpsaActions = actions.data();
+  BOOL taken = ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
+  setOptional(steps, "restarted a minute after a failure",
+              "sc failure QuillmonServ reset= 86400 "
+              "actions= restart/60000/restart/60000/restart/60000",
+              taken, [&] { return service.isRestarted(); });
+  // A start that fails ends with an error code and without a crash: that is a failure, too.
+  SERVICE_FAILURE_ACTIONS_FLAG flag = {TRUE};
+  taken = ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &flag);
+  setOptional(
+      steps, "restarted after it ended with an error", "sc failureflag QuillmonServ 1", taken, [&] {
+        SERVICE_FAILURE_ACTIONS_FLAG found = {};
+        DWORD needed = 0;
+        return QueryServiceConfig2W(service.get(), SERVICE_CONFIG_FAILURE_ACTIONS_FLAG,
+                                    reinterpret_cast<BYTE*>(&found), sizeof found, &needed) &&
+               found.fFailureActionsOnNonCrashFailures;
+      });
+}
+
+/// What the service's own option has registered, checked; quoted and with the strategy's option.
+/// Returns true if it was changed.
+bool settlePath(Service& service, const std::string& program, bool isProxy, Steps& steps) {
+  const BinaryPath found = BinaryPath::parse(service.configuration().path);
+  if (!sameName(found.program, program)) {
+    throw Failure(fmt::format("checking the service's binary path: it is {} instead of {}",
+                              found.program, program),
+                  "Run quillmonctl uninstall, then install again.");
+  }
+  const BinaryPath wanted = {program, isProxy ? "-o" : "", true};
+  const bool isChanged = isProxy || (!found.isQuoted && !found.startedInstead().empty());
+  if (isChanged) {
+    service.setPath(wanted.text());
+    const std::string now = service.configuration().path;
+    if (now != wanted.text()) {
+      throw Failure(fmt::format("reading the service's binary path back: it is {}", now),
+                    "Run quillmonctl uninstall, then install again.");
+    }
+  }
+  steps.done(fmt::format("binary path {}", isChanged ? wanted.text() : found.text()));
+  return isChanged;
+}
+
+void install(const Options& options, Steps& steps) {
+  const std::string program = programOf(options);
+  const MofFiles mof = MofFiles::in(options.mofFolder);
+  needAdministrator();
+  if (Service::isInstalled()) {
+    failWin32(fmt::format("installing the service {}", kServiceText), ERROR_SERVICE_EXISTS,
+              "Run quillmonctl uninstall first; or quillmonctl repair, if only its WMI classes are "
+              "to be renewed.");
+  }
+  refuseToBeHijacked(program);
+
+  // The classes come first: the service looks for its event class when it starts.
+  if (registeredNow().present == 0) {
+    steps.onFailure("the WMI classes are removed again",
+                    [mof] { compileMof(mof.uninstall, false); });
+  }
+  compileMof(mof.install, true);
+  steps.done(fmt::format("{} WMI classes and registrations, read back", registeredNow().present));
+
+  steps.onFailure("the service is removed again", [] {
+    if (Service::isInstalled()) {
+      removeService();
+    }
+  });
+  const Ended registered = runProgram(program, {"-i"});
+  if (!Service::isInstalled()) {
+    throw Failure(fmt::format("registering the service (quillmon.exe -i): it is not there, though "
+                              "the program said: {}",
+                              printable(registered.output)),
+                  "Look for another program that removes services, then try again.");
+  }
+  steps.done("registered with the service control manager");
+
+  Service service(kSetupRights);
+  const bool mustRestart = settlePath(service, program, options.strategy == "proxy", steps);
+  setDependency(service, steps);
+  setDelayedStart(service, steps);
+  setRecovery(service, steps);
+  if (mustRestart) {
+    service.stop();
+  }
+  service.start();
+  steps.done(fmt::format("running in the {} strategy", options.strategy));
+  steps.done(waitForProvider(service));
+}
+
+void uninstall(const Options& options, Steps& steps) {
+  const MofFiles mof = MofFiles::in(options.mofFolder);
+  needAdministrator();
+  if (Service::isInstalled()) {
+    removeService();
+    steps.done("the service is stopped and removed");
+  } else {
+    steps.done("no service was installed");
+  }
+  if (registeredNow().present > 0) {
+    compileMof(mof.uninstall, false);
+    steps.done("the WMI classes are removed");
+  } else {
+    steps.done("no WMI class was there");
+  }
+}
+
+void repair(const Options& options, Steps& steps) {
+  const MofFiles mof = MofFiles::in(options.mofFolder);
+  needAdministrator();
+  compileMof(mof.install, true);
+  steps.done(fmt::format("{} WMI classes and registrations, read back", registeredNow().present));
+  if (!Service::isInstalled()) {
+    steps.done("no service is installed: only the classes were renewed");
+    return;
+  }
+  // The service looks at its classes when it starts, and only then.
+  Service service(SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP);
+  service.stop();
+  service.start();
+  steps.done("the service was restarted");
+  steps.done(waitForProvider(service));
+}
+
+using Job = void (*)(const Options& options, Steps& steps);
+
+ExitCode run(const Session& session, const Options& options, Job job) {
+  const ComLibrary com;
+  Steps steps(session.json);
+  steps.run([&] { job(options, steps); });
+  if (session.json) {
+    console::print(dump(steps.toJson()));
+  }
+  return ExitCode::Done;
+}
+
+} // namespace
+
+void addInstallCommands(CLI::App& app, Session& session) {
+  const auto options = std::make_shared<Options>();
+  const auto add = [&](const char* name, const char* what, Job job) {
+    CLI::App* const command = app.add_subcommand(name, what);
+    command->add_option("--mof-folder", options->mofFolder,
+                        "Where quillmon.mof and quillmon-uninstall.mof are, if not beside "
+                        "quillmonctl.exe");
+    command->callback([&session, options, job] {
+      session.command = [&session, options, job] { return run(session, *options, job); };
+    });
+    return command;
+  };
+  CLI::App* const command =
+      add("install", "Install and start the service, or change nothing", install);
+  command->add_option("--strategy", options->strategy, "adapter or proxy")
+      ->check(CLI::IsMember({"adapter", "proxy"}).description(""))
+      ->capture_default_str();
+  command->add_option("--program", options->program,
+                      "The service's program, if not quillmon.exe beside quillmonctl.exe");
+  add("uninstall", "Remove the service and its WMI classes", uninstall);
+  add("repair", "Renew the WMI classes and restart the service", repair);
+}
+
+} // namespace ctl

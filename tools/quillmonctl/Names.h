@@ -1,0 +1,17 @@
+#pragma once
+
+#include <algorithm>
+#include <string_view>
+
+namespace ctl {
+
+/// Names of keys, sections and classes are compared without regard to (ASCII) case.
+inline bool sameName(std::string_view one, std::string_view other) {
+  const auto lower = [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  };
+  return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                    [&](char a, char b) { return lower(a) == lower(b); });
+}
+
+} // namespace ctl

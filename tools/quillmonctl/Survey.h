@@ -1,0 +1,124 @@
+#pragma once
+
+#include "quillmonctl/BinaryPath.h"
+#include "quillmonctl/Failure.h"
+#include "quillmonctl/Json.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ctl {
+
+/// What can be known about the product on this machine, without judging it. What could not be
+/// found out has its error beside it.
+struct Survey {
+  struct Service {
+    std::optional<SystemError> error; ///< of the first call that failed; 1060: not installed
+    std::string state;                ///< "running", "stopped", ...
+    std::uint32_t processId = 0;
+    std::string pathText; ///< as the service control manager holds it
+    BinaryPath path;
+    bool programExists = false;
+    std::string programVersion;
+    std::vector<std::string> startedInstead; ///< of BinaryPath, those that exist
+    std::string start; ///< "automatic", "automatic (delayed)", "manual", "disabled"
+    std::string account;
+    std::vector<std::string> dependencies;
+    bool restartsAfterFailure = false;
+
+    bool isRunning() const { return state == "running"; }
+    const char* strategy() const { return path.isProxy() ? "proxy" : "adapter"; }
+  };
+  struct Wmi {
+    std::optional<SystemError> error; ///< of the connection
+    std::size_t classes = 0;          ///< present ones
+    std::vector<std::string> missingClasses;
+    std::size_t registrations = 0; ///< of the provider: itself, for instances, for events
+    std::vector<std::string> missingRegistrations;
+    bool answers = false; ///< the provider was asked and took part
+    bool timedOut = false;
+    std::size_t devices = 0;
+    std::optional<SystemError> answerError;
+    std::optional<SystemError> subscriptionError;
+  };
+  struct Key {
+    std::string name;
+    std::string value;     ///< as it stands in the file, or the default
+    std::string effective; ///< what the service reads
+    bool isFromFile = false;
+    std::string nonsense; ///< why; empty if it is not
+  };
+  struct Configuration {
+    std::string path;
+    bool exists = false;
+    std::optional<SystemError> error;
+    std::vector<Key> keys;
+    std::vector<std::string> unknownKeys;
+    std::vector<std::string> problems;
+  };
+  struct Sockets {
+    unsigned requestPort = 0;
+    bool requestReachable = false; ///< adapter strategy
+    std::optional<SystemError> requestError;
+    unsigned eventPort = 0;
+    bool eventPortOpen = false;
+    std::size_t deviceServers = 0; ///< connected to the event port; proxy strategy
+  };
+  struct Trace {
+    bool eventExists = false;
+    bool isSignalled = false;
+    bool hasGrown = false; ///< the log, while the provider was asked
+    std::string log;
+    std::optional<std::uint64_t> size;
+    std::uint64_t written = 0;     ///< when, in the system's units
+    std::string configurationFile; ///< empty where no INSTALLDIR names one
+    bool configurationExists = false;
+    int fileSizeLimit = 0;
+    int backupCount = 0;
+
+    bool isOn() const { return isSignalled || hasGrown; }
+    /// A rotation then deletes the log itself: whoever holds it open may keep it from coming back.
+    bool rotationDeletes() const { return fileSizeLimit > 0 && backupCount == 0; }
+  };
+
+  std::string toolVersion;
+  std::string system; ///< "Windows 10.0.19045"
+  Service service;
+  Wmi wmi;
+  Configuration configuration;
+  Sockets sockets;
+  Trace trace;
+};
+
+/// Looks at everything; asks the provider once, for at most `seconds`. Throws nothing but what the
+/// library throws without memory. COM is needed.
+Survey surveySystem(unsigned seconds);
+
+/// Parts of it.
+Survey::Configuration surveyConfiguration();
+Survey::Service surveyService();
+/// Classes and registrations only.
+Survey::Wmi surveyRegistration();
+Survey::Trace surveyTrace(const Survey::Service& service);
+
+/// One verdict for each thing that support asks for.
+struct Verdict {
+  enum class Level { Good, Warning, Bad };
+  Level level;
+  std::string check; ///< "service", "binary path", ...
+  std::string finding;
+  std::string advice; ///< empty if good
+};
+std::vector<Verdict> judge(const Survey& survey);
+
+Json toJson(const Survey& survey);
+std::string toText(const Survey& survey);
+Json toJson(const std::vector<Verdict>& verdicts);
+std::string toText(const std::vector<Verdict>& verdicts);
+
+/// No verdict is bad.
+bool isHealthy(const std::vector<Verdict>& verdicts);
+
+} // namespace ctl

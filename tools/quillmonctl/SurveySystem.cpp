@@ -1,0 +1,359 @@
+// What the survey finds out from the system; what it makes of it is in Survey.cpp.
+
+#include "quillmonctl/ConfigKeys.h"
+#include "quillmonctl/MofClasses.h"
+#include "quillmonctl/Product.h"
+#include "quillmonctl/PropertiesFile.h"
+#include "quillmonctl/Service.h"
+#include "quillmonctl/Survey.h"
+#include "quillmonctl/System.h"
+#include "quillmonctl/Wmi.h"
+#include "trace/LogPlace.h"
+#include "trace/TraceConfig.h"
+#include "win/Configuration.h"
+#include "win/Handles.h"
+
+#include <fmt/format.h>
+#include <iphlpapi.h>
+
+#include <algorithm>
+#include <memory>
+#include <thread>
+
+namespace ctl {
+namespace {
+
+constexpr int kConnectPatience = 3; // seconds
+
+/// Says yes without making the file, as opening it for writing would.
+bool isLogWritable(const std::string& path) {
+  const std::wstring name = wide(utf8FromAnsi(path));
+  const HANDLE file = CreateFileW(name.c_str(), FILE_APPEND_DATA,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file != INVALID_HANDLE_VALUE) {
+    CloseHandle(file);
+    return true;
+  }
+  return GetLastError() == ERROR_FILE_NOT_FOUND; // not: ERROR_PATH_NOT_FOUND
+}
+
+struct SocketLibrary {
+  SocketLibrary() {
+    WSADATA data;
+    WSAStartup(MAKEWORD(2, 2), &data);
+  }
+  ~SocketLibrary() { WSACleanup(); }
+  SocketLibrary(const SocketLibrary&) = delete;
+  SocketLibrary& operator=(const SocketLibrary&) = delete;
+};
+
+/// Connects to the port on this machine and closes at once: 0, or the error.
+int tryConnect(unsigned port) {
+  const SocketLibrary library;
+  const win::Socket socket(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  u_long nonBlocking = 1;
+  ioctlsocket(socket.get(), static_cast<long>(FIONBIO), &nonBlocking);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<u_short>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    return 0;
+  }
+  if (WSAGetLastError() != WSAEWOULDBLOCK) {
+    return WSAGetLastError();
+  }
+  fd_set connected = {};
+  fd_set failed = {};
+  FD_SET(socket.get(), &connected);
+  FD_SET(socket.get(), &failed);
+  timeval patience = {kConnectPatience, 0};
+  if (select(0, nullptr, &connected, &failed, &patience) == 0) {
+    return WSAETIMEDOUT;
+  }
+  int error = 0;
+  int size = sizeof error;
+  getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &size);
+  return error;
+}
+
+/// A table of the system's sockets with the owners' process ids.
+template <class Table, class Get>
+std::vector<BYTE> socketTable(Get&& get) {
+  DWORD size = 0;
+  std::vector<BYTE> bytes(sizeof(Table));
+  DWORD result = get(nullptr, &size);
+  while (result == ERROR_INSUFFICIENT_BUFFER) { // it may grow meanwhile
+    bytes.assign(size, 0);
+    result = get(bytes.data(), &size);
+  }
+  if (result != NO_ERROR) {
+    std::fill(bytes.begin(), bytes.end(), BYTE{0});
+  }
+  return bytes;
+}
+
+unsigned portOf(DWORD field) {
+  return ntohs(static_cast<u_short>(field));
+}
+
+/// Wine does not know whose a TCP socket is and says 0, which on Windows owns no open one.
+bool isOwner(DWORD process, const Survey::Service& service) {
+  return process == service.processId || process == 0;
+}
+
+void surveyEventPort(const Survey::Service& service, Survey::Sockets& sockets) {
+  if (!service.path.isProxy()) {
+    const auto bytes = socketTable<MIB_UDPTABLE_OWNER_PID>([](void* table, DWORD* size) {
+      return GetExtendedUdpTable(table, size, FALSE, AF_INET, UDP_TABLE_OWNER_PID, 0);
+    });
+    const auto* const table = reinterpret_cast<const MIB_UDPTABLE_OWNER_PID*>(bytes.data());
+    for (DWORD i = 0; i < table->dwNumEntries; ++i) {
+      const MIB_UDPROW_OWNER_PID& row = table->table[i];
+      sockets.eventPortOpen |=
+          portOf(row.dwLocalPort) == sockets.eventPort && isOwner(row.dwOwningPid, service);
+    }
+    return;
+  }
+  const auto bytes = socketTable<MIB_TCPTABLE_OWNER_PID>([](void* table, DWORD* size) {
+    return GetExtendedTcpTable(table, size, FALSE, AF_INET, TCP_TABLE_OWNER_PID_ALL, 0);
+  });
+  const auto* const table = reinterpret_cast<const MIB_TCPTABLE_OWNER_PID*>(bytes.data());
+  for (DWORD i = 0; i < table->dwNumEntries; ++i) {
+    const MIB_TCPROW_OWNER_PID& row = table->table[i];
+    if (portOf(row.dwLocalPort) == sockets.eventPort && isOwner(row.dwOwningPid, service)) {
+      sockets.eventPortOpen |= row.dwState == MIB_TCP_STATE_LISTEN;
+      sockets.deviceServers += row.dwState == MIB_TCP_STATE_ESTAB ? 1 : 0;
+    }
+  }
+}
+
+const Survey::Key& keyNamed(const Survey::Configuration& configuration, const char* name) {
+  return *std::find_if(configuration.keys.begin(), configuration.keys.end(),
+                       [&](const Survey::Key& key) { return key.name == name; });
+}
+
+/// As the service takes it: an unsigned 16-bit number.
+unsigned portIn(const Survey::Configuration& configuration, const char* name) {
+  return static_cast<std::uint16_t>(std::stoul(keyNamed(configuration, name).effective));
+}
+
+Survey::Sockets surveySockets(const Survey& survey) {
+  Survey::Sockets sockets;
+  sockets.requestPort = portIn(survey.configuration, "upos.requestSocket.Port");
+  sockets.eventPort = portIn(survey.configuration, "provider.eventSocket.Port");
+  if (!survey.service.path.isProxy()) {
+    const int error = tryConnect(sockets.requestPort);
+    sockets.requestReachable = error == 0;
+    if (error != 0) {
+      sockets.requestError = win32Error(static_cast<DWORD>(error));
+    }
+  }
+  surveyEventPort(survey.service, sockets);
+  return sockets;
+}
+
+std::optional<SystemError> errorOf(const Failure& failure) {
+  return failure.error ? failure.error : SystemError{SystemError::Kind::Win32, 0, failure.step};
+}
+
+void lookForRegistration(Wmi& wmi, Survey::Wmi& result) {
+  for (const char* const name : kMofClasses) {
+    if (wmi.find(name)) {
+      ++result.classes;
+    } else {
+      result.missingClasses.emplace_back(name);
+    }
+  }
+  const std::string provider = fmt::format("__Win32Provider.Name=\"{}\"", kProvider);
+  const std::string reference = fmt::format("__Win32Provider.Name=\\\"{}\\\"", kProvider);
+  const auto check = [&](const char* cls, const std::string& path) {
+    if (wmi.find(path)) {
+      ++result.registrations;
+    } else {
+      result.missingRegistrations.emplace_back(cls);
+    }
+  };
+  check("__Win32Provider", provider);
+  for (const char* const cls : {"__InstanceProviderRegistration", "__EventProviderRegistration"}) {
+    check(cls, fmt::format("{}.Provider=\"{}\"", cls, reference));
+  }
+}
+
+Survey::Wmi surveyWmi(unsigned seconds) {
+  Survey::Wmi result;
+  try {
+    Wmi wmi;
+    lookForRegistration(wmi, result);
+    try {
+      const Wmi::End end = wmi.instances("UPOS_LogicalDevice", seconds, [&](const Json&) {
+        ++result.devices;
+        return true;
+      });
+      result.timedOut = end == Wmi::End::TimedOut;
+      result.answers = !result.timedOut;
+    } catch (const Failure& failure) {
+      result.answerError = errorOf(failure);
+    }
+    try {
+      wmi.events(
+          fmt::format("SELECT * FROM {}", kEventClass), 1, [] { throw true; },
+          [](const Json&) { return false; });
+    } catch (bool) { // subscribed: that is all that was to be known
+    } catch (const Failure& failure) {
+      result.subscriptionError = errorOf(failure);
+    }
+  } catch (const Failure& failure) {
+    result.error = errorOf(failure);
+  }
+  return result;
+}
+
+std::string systemName() {
+  using GetVersion = LONG(WINAPI*)(RTL_OSVERSIONINFOW*);
+  RTL_OSVERSIONINFOW version = {};
+  version.dwOSVersionInfoSize = sizeof version;
+  // The documented call answers what the program was made for; this one what there is.
+  const auto get = reinterpret_cast<GetVersion>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion")));
+  if (get != nullptr) {
+    get(&version);
+  }
+  return fmt::format("Windows {}.{}.{}", version.dwMajorVersion, version.dwMinorVersion,
+                     version.dwBuildNumber);
+}
+
+} // namespace
+
+Survey::Wmi surveyRegistration() {
+  Survey::Wmi result;
+  try {
+    Wmi wmi;
+    lookForRegistration(wmi, result);
+  } catch (const Failure& failure) {
+    result.error = errorOf(failure);
+  }
+  return result;
+}
+
+Survey::Service surveyService() {
+  Survey::Service result;
+  try {
+    const Service service(SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG);
+    const SERVICE_STATUS_PROCESS status = service.status();
+    result.state = stateText(status.dwCurrentState);
+    result.processId = status.dwProcessId;
+    const Service::Configuration configuration = service.configuration();
+    result.pathText = configuration.path;
+    result.path = BinaryPath::parse(configuration.path);
+    result.programExists = exists(result.path.program);
+    result.programVersion = fileVersion(result.path.program);
+    for (const std::string& program : result.path.startedInstead()) {
+      if (exists(program)) {
+        result.startedInstead.push_back(program);
+      }
+    }
+    result.start = configuration.startType == SERVICE_AUTO_START
+                       ? (service.isDelayed() ? "automatic (delayed)" : "automatic")
+                   : configuration.startType == SERVICE_DISABLED ? "disabled"
+                                                                 : "manual";
+    result.account = configuration.account;
+    result.dependencies = configuration.dependencies;
+    result.restartsAfterFailure = service.isRestarted();
+  } catch (const Failure& failure) {
+    result.error = errorOf(failure);
+  }
+  return result;
+}
+
+Survey::Configuration surveyConfiguration() {
+  Survey::Configuration result;
+  result.path = servicesDrive() + configuration::kFile;
+  std::optional<std::string> text;
+  try {
+    text = readFile(result.path);
+  } catch (const Failure& failure) {
+    result.error = errorOf(failure);
+  }
+  result.exists = text.has_value();
+  const PropertiesFile file(text.value_or(""));
+  const std::string path = ansi(result.path);
+  for (const ConfigKey& known : configKeys()) {
+    Survey::Key key;
+    key.name = known.name;
+    const std::optional<std::string> value = file.value(known.name);
+    key.isFromFile = value.has_value();
+    key.value = value ? utf8FromAnsi(*value) : known.defaultValue;
+    // The same call as the service's: what the file seems to say does not count, what is read does.
+    key.effective =
+        known.kind == ConfigKey::Kind::Number
+            ? std::to_string(static_cast<int>(
+                  configuration::readInt(known.name, std::stoi(known.defaultValue), path.c_str())))
+            : utf8FromAnsi(configuration::readText(known.name, known.defaultValue, path.c_str()));
+    key.nonsense = nonsense(known, key.value);
+    if (key.nonsense.empty() && key.effective != key.value) {
+      key.nonsense = "the service reads something else";
+    }
+    result.keys.push_back(std::move(key));
+  }
+  for (const std::string& name : file.keys()) {
+    if (findConfigKey(name) == nullptr) {
+      result.unknownKeys.push_back(utf8FromAnsi(name));
+    }
+  }
+  for (const std::string& problem : file.problems()) {
+    result.problems.push_back(utf8FromAnsi(problem));
+  }
+  return result;
+}
+
+Survey::Trace surveyTrace(const Survey::Service& service) {
+  Survey::Trace trace;
+  const win::Handle event(OpenEventW(SYNCHRONIZE, FALSE, kTraceEvent));
+  trace.eventExists = bool(event);
+  trace.isSignalled = event && WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0;
+  const LogPlace place = installedLog(isLogWritable);
+  // Without a service the log would lie beside a program that stands beside this one.
+  const std::string program =
+      service.path.program.empty() ? programFolder() + "\\quillmon.exe" : service.path.program;
+  trace.log = place.path.empty() ? logBeside(program) : absolutePath(utf8FromAnsi(place.path));
+  if (const std::optional<FileMark> mark = fileMark(trace.log)) {
+    trace.size = mark->size;
+    trace.written = mark->written;
+  }
+  if (place.installDir) {
+    const std::string path = traceConfigurationFile(*place.installDir);
+    trace.configurationFile = utf8FromAnsi(path);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "r"),
+                                                               &std::fclose);
+    trace.configurationExists = bool(file);
+    if (file) {
+      TraceConfig::readFile(file.get(), [&](const TraceSetting& setting) {
+        (setting.key == TraceSetting::Key::FileSize ? trace.fileSizeLimit : trace.backupCount) =
+            setting.value;
+      });
+    }
+  }
+  return trace;
+}
+
+Survey surveySystem(unsigned seconds) {
+  Survey survey;
+  survey.toolVersion = QUILLMON_VERSION;
+  survey.system = systemName();
+  survey.service = surveyService();
+  survey.configuration = surveyConfiguration();
+  survey.trace = surveyTrace(survey.service);
+  survey.wmi = surveyWmi(seconds);
+  survey.sockets = surveySockets(survey);
+  // The question to the provider is traced where the trace is on, whatever became of its event.
+  if (const std::optional<FileMark> mark = fileMark(survey.trace.log)) {
+    survey.trace.hasGrown =
+        mark->size != survey.trace.size || mark->written != survey.trace.written;
+    survey.trace.size = mark->size;
+  }
+  return survey;
+}
+
+} // namespace ctl

@@ -1,0 +1,167 @@
+#include "quillmonctl/Survey.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+
+namespace {
+
+using namespace ctl;
+using Level = Verdict::Level;
+
+/// A machine on which all is well.
+Survey healthy() {
+  Survey survey;
+  survey.toolVersion = "1.2.3";
+  survey.service.state = "running";
+  survey.service.processId = 77;
+  survey.service.pathText = "C:/Quillmon/quillmon.exe";
+  survey.service.path = BinaryPath::parse(survey.service.pathText);
+  survey.service.programExists = true;
+  survey.service.programVersion = "1.2.3";
+  survey.service.start = "automatic (delayed)";
+  survey.service.dependencies = {"winmgmt"};
+  survey.service.restartsAfterFailure = true;
+  survey.wmi.classes = 39;
+  survey.wmi.answers = true;
+  survey.wmi.devices = 13;
+  survey.configuration.path = "C:\\POS\\JavaPOS\\Config\\quillmon.properties";
+  survey.configuration.keys = {{"upos.requestSocket.Port", "42115", "42115", false, ""}};
+  survey.sockets.requestPort = 42115;
+  survey.sockets.requestReachable = true;
+  survey.sockets.eventPort = 42114;
+  survey.sockets.eventPortOpen = true;
+  survey.trace.log = "C:\\Quillmon\\Quillmon.log";
+  return survey;
+}
+
+/// The worst verdict of a check.
+Level verdictOf(const Survey& survey, const std::string& check) {
+  Level worst = Level::Good;
+  bool found = false;
+  for (const Verdict& verdict : judge(survey)) {
+    if (verdict.check == check) {
+      found = true;
+      worst = std::max(worst, verdict.level);
+    }
+  }
+  EXPECT_TRUE(found) << check;
+  return worst;
+}
+
+TEST(Survey, aHealthyMachineHasOnlyGoodVerdicts) {
+  for (const Verdict& verdict : judge(healthy())) {
+    EXPECT_EQ(verdict.level, Level::Good) << verdict.check;
+    EXPECT_EQ(verdict.advice, "") << verdict.check;
+  }
+}
+
+TEST(Survey, eachFaultIsFoundAndHasAnAdvice) {
+  struct Row {
+    const char* check;
+    Level level;
+    void (*spoil)(Survey& survey);
+  };
+  const Row rows[] = {
+      {"service", Level::Bad,
+       [](Survey& s) {
+         s.service.error = SystemError{SystemError::Kind::Win32, 1060, ""};
+       }},
+      {"service", Level::Bad,
+       [](Survey& s) {
+         s.service.error = SystemError{SystemError::Kind::Win32, 5, ""};
+       }},
+      {"service", Level::Bad, [](Survey& s) { s.service.state = "stopped"; }},
+      {"binary path", Level::Bad, [](Survey& s) { s.service.programExists = false; }},
+      {"binary path", Level::Bad,
+       [](Survey& s) { s.service.path = BinaryPath::parse("C:/a b/q.exe"); }},
+      {"binary path", Level::Bad, [](Survey& s) { s.service.startedInstead = {"C:\\a.exe"}; }},
+      {"version", Level::Warning, [](Survey& s) { s.service.programVersion = "1.2.4"; }},
+      {"start", Level::Warning, [](Survey& s) { s.service.start = "manual"; }},
+      {"dependency", Level::Warning, [](Survey& s) { s.service.dependencies = {}; }},
+      {"recovery", Level::Warning, [](Survey& s) { s.service.restartsAfterFailure = false; }},
+      {"WMI", Level::Bad,
+       [](Survey& s) {
+         s.wmi.error = SystemError{SystemError::Kind::HResult, 0x80041003, ""};
+       }},
+      {"WMI classes", Level::Bad, [](Survey& s) { s.wmi.missingClasses = {"UPOS_Scanner"}; }},
+      {"WMI provider", Level::Bad,
+       [](Survey& s) { s.wmi.missingRegistrations = {"__Win32Provider"}; }},
+      {"devices", Level::Bad,
+       [](Survey& s) {
+         s.wmi.answerError = SystemError{SystemError::Kind::HResult, 0x80041001, ""};
+       }},
+      {"devices", Level::Bad, [](Survey& s) { s.wmi.timedOut = true; }},
+      {"devices", Level::Warning, [](Survey& s) { s.wmi.devices = 0; }},
+      {"events", Level::Bad,
+       [](Survey& s) {
+         s.wmi.subscriptionError = SystemError{SystemError::Kind::HResult, 0x80041003, ""};
+       }},
+      {"configuration", Level::Bad, [](Survey& s) { s.configuration.keys[0].nonsense = "why"; }},
+      {"configuration", Level::Warning, [](Survey& s) { s.configuration.problems = {"line 1"}; }},
+      {"configuration", Level::Warning, [](Survey& s) { s.configuration.unknownKeys = {"x"}; }},
+      {"device server", Level::Bad, [](Survey& s) { s.sockets.requestReachable = false; }},
+      {"device server", Level::Bad,
+       [](Survey& s) { s.service.path = BinaryPath::parse("C:/q.exe -o"); }},
+      {"event port", Level::Bad, [](Survey& s) { s.sockets.eventPortOpen = false; }},
+      {"trace", Level::Warning, [](Survey& s) { s.trace.hasGrown = true; }},
+      {"trace log", Level::Warning, [](Survey& s) { s.trace.fileSizeLimit = 1000; }},
+  };
+  for (const Row& row : rows) {
+    Survey survey = healthy();
+    row.spoil(survey);
+    EXPECT_EQ(verdictOf(survey, row.check), row.level) << row.check;
+    const std::vector<Verdict> verdicts = judge(survey);
+    EXPECT_EQ(isHealthy(verdicts), row.level != Level::Bad) << row.check;
+    for (const Verdict& verdict : verdicts) {
+      EXPECT_EQ(verdict.advice.empty(), verdict.level == Level::Good)
+          << verdict.check << ": " << verdict.finding;
+    }
+  }
+}
+
+TEST(Survey, inTheProxyStrategyAConnectedDeviceServerIsEnough) {
+  Survey survey = healthy();
+  survey.service.path = BinaryPath::parse("C:/Quillmon/quillmon.exe -o");
+  survey.sockets.requestReachable = false;
+  survey.sockets.deviceServers = 1;
+  EXPECT_TRUE(isHealthy(judge(survey)));
+  EXPECT_NE(toText(survey).find("1 connected to event port 42114"), std::string::npos);
+  EXPECT_EQ(toJson(survey)["sockets"]["device_servers_connected"], 1);
+}
+
+TEST(Survey, theTextStaysWithinTheWidthHoweverLongTheFindings) {
+  Survey survey = healthy();
+  survey.service.pathText = "C:\\" + std::string(200, 'p') + ".exe";
+  survey.wmi.answerError = SystemError{SystemError::Kind::HResult, 1, std::string(200, 'e')};
+  survey.configuration.keys[0] = {"upos.requestSocket.Port", std::string(100, 'v'), "0", true,
+                                  "why"};
+  survey.configuration.problems = {std::string(200, 'x')};
+  for (const std::string& text : {toText(survey), toText(judge(survey))}) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+      EXPECT_LE(line.size(), 80U) << line;
+    }
+  }
+}
+
+TEST(Survey, theTraceIsOnWhileItsEventIsSignalledOrTheServiceStillWrites) {
+  Survey survey = healthy();
+  EXPECT_EQ(toJson(survey)["trace"]["on"], false);
+  survey.trace.isSignalled = true;
+  EXPECT_EQ(toJson(survey)["trace"]["on"], true);
+  survey.trace.isSignalled = false;
+  survey.trace.hasGrown = true;
+  EXPECT_EQ(toJson(survey)["trace"]["on"], true);
+  EXPECT_NE(toText(survey).find("on, until the service ends"), std::string::npos);
+}
+
+TEST(Survey, whereAKeysValueCameFromIsSaid) {
+  Survey survey = healthy();
+  EXPECT_EQ(toJson(survey)["configuration"]["keys"][0]["source"], "default");
+  survey.configuration.keys[0].isFromFile = true;
+  EXPECT_EQ(toJson(survey)["configuration"]["keys"][0]["source"], "file");
+}
+
+} // namespace

@@ -1,0 +1,198 @@
+// quillmonctl trace on | off | follow
+
+#include "quillmonctl/Console.h"
+#include "quillmonctl/LogFollower.h"
+#include "quillmonctl/Product.h"
+#include "quillmonctl/Service.h"
+#include "quillmonctl/Session.h"
+#include "quillmonctl/Survey.h"
+#include "quillmonctl/System.h"
+#include "quillmonctl/Text.h"
+#include "quillmonctl/TraceLine.h"
+#include "quillmonctl/Wmi.h"
+#include "win/Handles.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <memory>
+
+namespace ctl {
+namespace {
+
+constexpr DWORD kLook = 250;        // milliseconds between two looks at the log or the event
+constexpr DWORD kPatience = 15'000; // milliseconds until the service must have traced
+constexpr unsigned kAnswer = 5;     // seconds for one answer of the provider
+
+constexpr const char* kNotUndone =
+    "The service keeps tracing until it ends: that cannot be undone while it runs.";
+
+void say(const Session& session, const Json& json, const std::string& text) {
+  console::print(session.json ? dumpLine(json) : text);
+}
+
+/// Asks the provider something, so that a service that traces traces it.
+void provoke() {
+  try {
+    Wmi().instances("UPOS_LogicalDevice", kAnswer, [](const Json&) { return true; });
+  } catch (const Failure&) { // an answer as good as any
+  }
+}
+
+bool hasTraced(const std::string& log) {
+  const std::optional<FileMark> before = fileMark(log);
+  provoke();
+  return fileMark(log) != before;
+}
+
+ExitCode switchOn(const Session& session, bool untilSeen) {
+  const win::Handle event(CreateEventW(nullptr, TRUE, TRUE, kTraceEvent));
+  if (!event || !SetEvent(event.get())) {
+    failWin32("creating the event Global\\TRC_QUILLMON that enables the trace (CreateEvent)");
+  }
+  const Survey::Service service = surveyService();
+  if (untilSeen && !service.isRunning()) {
+    throw Failure("waiting for the service to trace: it does not run",
+                  "Start it: net start QuillmonServ");
+  }
+  const Survey::Trace trace = surveyTrace(service);
+  say(session, {{"on", true}, {"log", trace.log}},
+      fmt::format("The trace is enabled; the log is\n  {}\n{}", trace.log,
+                  trace.fileSizeLimit > 0
+                      ? ""
+                      : wrap("It grows without limit: FileSize and BackupCount in zontrace.cfg "
+                             "would bound it (docs/operations.md).",
+                             kWidth, 0)));
+  if (untilSeen) {
+    const ComLibrary com;
+    const ULONGLONG end = GetTickCount64() + kPatience;
+    while (!hasTraced(trace.log)) {
+      if (GetTickCount64() >= end) {
+        throw Failure("waiting for the service to trace: its log does not grow",
+                      "Check that the service runs and that its log can be written (quillmonctl "
+                      "status).",
+                      ExitCode::TimedOut);
+      }
+      Sleep(kLook);
+    }
+    say(session, {{"tracing", true}},
+        wrap(fmt::format("The service traces. {}", kNotUndone), kWidth, 0));
+    return ExitCode::Done;
+  }
+  console::printError(wrap(fmt::format("Held until Ctrl-C, for services that start meanwhile, too. "
+                                       "{}",
+                                       kNotUndone),
+                           kWidth, 0));
+  while (WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0) {
+    Sleep(kLook);
+  }
+  say(session, {{"on", false}}, "Somebody else has switched the trace off.\n");
+  return ExitCode::Done;
+}
+
+ExitCode switchOff(const Session& session, bool restart) {
+  const ComLibrary com;
+  const win::Handle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, kTraceEvent));
+  if (!event && GetLastError() != ERROR_FILE_NOT_FOUND) {
+    failWin32("opening the event Global\\TRC_QUILLMON (OpenEvent)");
+  }
+  if (event && !ResetEvent(event.get())) {
+    failWin32("resetting the event Global\\TRC_QUILLMON (ResetEvent)");
+  }
+  const Survey::Service service = surveyService();
+  const Survey::Trace trace = surveyTrace(service);
+  bool isTracing = service.isRunning() && hasTraced(trace.log);
+  bool isRestarted = false;
+  if (isTracing && restart) {
+    Service handle(SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP);
+    handle.stop();
+    handle.start();
+    isTracing = false;
+    isRestarted = true;
+  }
+  say(session, {{"on", false}, {"service_still_traces", isTracing}, {"restarted", isRestarted}},
+      isTracing     ? wrap(fmt::format("No service that starts from now on will trace. {} To "
+                                           "restart it: quillmonctl trace off --restart",
+                                       kNotUndone),
+                           kWidth, 0)
+      : isRestarted ? "The service was restarted and does not trace.\n"
+                    : "The trace is off.\n");
+  return isTracing ? ExitCode::FoundWrong : ExitCode::Done;
+}
+
+Json lineJson(const std::string& line) {
+  const TraceLine parts = TraceLine::parse(line);
+  return {{"time", parts.stamp},
+          {"component", parts.component},
+          {"message",
+           std::string(parts.lead)
+               .append(parts.component)
+               .append(parts.message)
+               .substr(std::min<std::size_t>(parts.stamp.empty() ? 0 : 2, parts.lead.size()))}};
+}
+
+ExitCode follow(const Session& session, std::size_t lines) {
+  const Survey::Trace trace = surveyTrace(surveyService());
+  if (trace.rotationDeletes()) {
+    throw Failure(fmt::format("following {}: rotation deletes the log (BackupCount is 0), and a "
+                              "log that somebody reads at that moment may keep the service from "
+                              "writing for good",
+                              trace.log),
+                  fmt::format("Set BackupCount to 1 or more in {} and restart the service.",
+                              trace.configurationFile));
+  }
+  console::printError(fmt::format("Following {}; Ctrl-C ends.\n", trace.log));
+  if (!trace.isSignalled) {
+    console::printError("Nothing comes unless the trace is on: quillmonctl trace on\n");
+  }
+  const bool colour = console::showsColour();
+  LogFollower follower(trace.log, lines);
+  for (;; Sleep(kLook)) {
+    const std::vector<std::string> arrived = follower.newLines();
+    if (follower.hasLostLines()) {
+      console::printError("Lines were lost: the log was rotated faster than it was read.\n");
+    }
+    for (const std::string& line : arrived) {
+      const std::string text = utf8FromAnsi(line);
+      console::print(session.json ? dumpLine(lineJson(text)) : shown(text, colour) + "\n");
+    }
+  }
+}
+
+} // namespace
+
+void addTraceCommand(CLI::App& app, Session& session) {
+  struct Options {
+    bool untilSeen = false;
+    bool restart = false;
+    std::size_t lines = 10;
+  };
+  const auto options = std::make_shared<Options>();
+  CLI::App* const trace = app.add_subcommand("trace", "The service's trace log");
+  trace->require_subcommand(1);
+  trace->fallthrough();
+
+  CLI::App* const on = trace->add_subcommand("on", "Enable the trace, and hold it enabled");
+  on->add_flag("--until-seen", options->untilSeen,
+               "End as soon as the service traces; it then goes on by itself");
+  on->callback([&session, options] {
+    session.command = [&session, options] { return switchOn(session, options->untilSeen); };
+  });
+
+  CLI::App* const off = trace->add_subcommand(
+      "off", "Enable it no longer; exit code 3 if the running service goes on");
+  off->add_flag("--restart", options->restart, "Restart a service that goes on");
+  off->callback([&session, options] {
+    session.command = [&session, options] { return switchOff(session, options->restart); };
+  });
+
+  CLI::App* const following =
+      trace->add_subcommand("follow", "Print the log as it grows, through its rotation");
+  following->add_option("--lines", options->lines, "Begin with so many of its last lines")
+      ->capture_default_str();
+  following->callback([&session, options] {
+    session.command = [&session, options] { return follow(session, options->lines); };
+  });
+}
+
+} // namespace ctl
