@@ -4,6 +4,7 @@ import json
 import re
 import shutil
 import socket
+import threading
 import zipfile
 
 import pytest
@@ -487,7 +488,7 @@ def tracing(installed):
     """A service that does not trace, and whose logs are rotated by size."""
     folder = installed.machine.c / "Veltran"
     (folder / "Log").mkdir(parents=True)
-    (folder / "zontrace.cfg").write_bytes(b"FileSize=20000\r\nBackupCount=5\r\n")
+    (folder / "zontrace.cfg").write_bytes(b"FileSize=100000\r\nBackupCount=5\r\n")
     installed.machine.set_registry(INSTALLDIR, "INSTALLDIR", "C:\\Veltran\\")
     installed.run("repair")
     installed.folder = folder
@@ -520,27 +521,37 @@ def test_the_trace_goes_on_by_itself_once_the_service_has_seen_it(tracing):
     assert tracing.json("status")["trace"] == {
         "on": True, "event_signalled": False, "log": "C:\\Veltran\\Log\\Quillmon.log",
         "log_size": (tracing.folder / "Log" / "Quillmon.log").stat().st_size,
-        "configuration_file": "C:\\Veltran\\zontrace.cfg", "file_size_limit": 20000,
+        "configuration_file": "C:\\Veltran\\zontrace.cfg", "file_size_limit": 100000,
         "backup_count": 5}
+
+
+def logged_lines(tracing):
+    """What the log and its copies hold, oldest first."""
+    log = tracing.folder / "Log"
+    files = [*sorted(log.glob("Quillmon.log.*"), reverse=True), log / "Quillmon.log"]
+    whole = b"".join(file.read_bytes() for file in files).decode("latin-1")
+    return whole.replace("\r\n", "\n").split("\n")[:-1]
 
 
 def test_following_loses_no_line_through_the_rotation(tracing):
     tracing.run("trace", "on", "--until-seen")
     follower = tracing.start("trace", "follow", "--lines", "0")
-    head = [follower.stdout.readline() for _ in range(2)]
-    assert head[0] == b"Following C:\\Veltran\\Log\\Quillmon.log; Ctrl-C ends.\n"
-    log = tracing.folder / "Log"
-    while not (log / "Quillmon.log.3").exists():
+    patience = threading.Timer(60, follower.kill)
+    patience.start()
+    assert follower.stdout.readline() == (
+        b"Following C:\\Veltran\\Log\\Quillmon.log; Ctrl-C ends.\n")
+    assert b"Nothing comes unless the trace is on" in follower.stdout.readline()
+    tracing.run("get", "SCALE1")  # its first lines say that the follower has begun
+    first = follower.stdout.readline().decode().rstrip("\n")
+    before = {file.name for file in (tracing.folder / "Log").iterdir()}
+    while len({file.name for file in (tracing.folder / "Log").iterdir()}) < len(before) + 2:
         tracing.run("devices")
-    files = sorted(log.iterdir(), key=lambda file: file.name, reverse=True)
-    files = [file for file in files if file.suffix != ".log"] + [log / "Quillmon.log"]
-    whole = b"".join(file.read_bytes() for file in files).decode("latin-1").split("\r\n")[:-1]
-    followed = []
-    for line in follower.stdout:
-        followed.append(line.decode().rstrip("\n"))
-        if followed[-1] == whole[-1] and len(followed) > 300:
-            break
-    assert followed == whole[-len(followed):]
+    lines = logged_lines(tracing)
+    expected = lines[lines.index(first):]
+    followed = [first, *(follower.stdout.readline().decode().rstrip("\n")
+                         for _ in expected[1:])]
+    patience.cancel()
+    assert followed == expected
     assert not any("\x1b" in line for line in followed)
 
 
