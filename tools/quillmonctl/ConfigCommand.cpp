@@ -2,8 +2,8 @@
 
 #include "quillmonctl/ConfigKeys.h"
 #include "quillmonctl/Console.h"
+#include "quillmonctl/Invocation.h"
 #include "quillmonctl/PropertiesFile.h"
-#include "quillmonctl/Session.h"
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
@@ -41,10 +41,10 @@ std::vector<std::string> findings(const Survey::Configuration& configuration) {
   return lines;
 }
 
-ExitCode checkConfiguration(const Session& session) {
+ExitCode checkConfiguration(const Invocation& invocation) {
   const Survey::Configuration configuration = readConfiguration();
   const std::vector<std::string> lines = findings(configuration);
-  if (session.json) {
+  if (invocation.json) {
     console::print(dump({{"file", configuration.path},
                          {"exists", configuration.exists},
                          {"good", lines.empty()},
@@ -62,7 +62,7 @@ ExitCode checkConfiguration(const Session& session) {
   return lines.empty() ? ExitCode::Done : ExitCode::FoundWrong;
 }
 
-ExitCode showConfiguration(const Session& session) {
+ExitCode showConfiguration(const Invocation& invocation) {
   const Survey::Configuration configuration = readConfiguration();
   Json all = Json::array();
   std::string text = fmt::format("{}{}\n\n", configuration.path,
@@ -89,10 +89,10 @@ ExitCode showConfiguration(const Session& session) {
                    {"meaning", known.meaning},
                    {"nonsense", key.nonsense.empty() ? Json() : Json(key.nonsense)}});
   }
-  console::print(session.json ? dump({{"file", configuration.path},
-                                      {"exists", configuration.exists},
-                                      {"keys", std::move(all)}})
-                              : text);
+  console::print(invocation.json ? dump({{"file", configuration.path},
+                                         {"exists", configuration.exists},
+                                         {"keys", std::move(all)}})
+                                 : text);
   return ExitCode::Done;
 }
 
@@ -104,7 +104,7 @@ std::string knownKeys() {
   return names;
 }
 
-ExitCode setConfiguration(const Session& session, const std::string& name,
+ExitCode setConfiguration(const Invocation& invocation, const std::string& name,
                           const std::string& value) {
   const ConfigKey* const key = findConfigKey(name);
   if (key == nullptr) {
@@ -126,7 +126,7 @@ ExitCode setConfiguration(const Session& session, const std::string& name,
   const std::string old = file.value(key->name).value_or("");
   file.set(key->name, value);
   replaceFile(before.path, file.text());
-  if (session.json) {
+  if (invocation.json) {
     console::print(dump({{"file", before.path},
                          {"key", key->name},
                          {"old", old.empty() ? Json() : Json(utf8FromAnsi(old))},
@@ -144,23 +144,25 @@ ExitCode setConfiguration(const Session& session, const std::string& name,
 
 } // namespace
 
-void addConfigCommand(CLI::App& app, Session& session) {
+void addConfigCommand(CLI::App& app, Invocation& invocation) {
   CLI::App* const config = app.add_subcommand("config", "The service's configuration file");
   config->require_subcommand(1);
   config->fallthrough();
   config->add_subcommand("check", "Look for nonsense; exit code 3 if there is some")
-      ->callback(
-          [&session] { session.command = [&session] { return checkConfiguration(session); }; });
+      ->callback([&invocation] {
+        invocation.command = [&invocation] { return checkConfiguration(invocation); };
+      });
   config->add_subcommand("show", "Every key, its value and where that came from")
-      ->callback(
-          [&session] { session.command = [&session] { return showConfiguration(session); }; });
+      ->callback([&invocation] {
+        invocation.command = [&invocation] { return showConfiguration(invocation); };
+      });
   const auto words = std::make_shared<std::pair<std::string, std::string>>();
   CLI::App* const set = config->add_subcommand("set", "Change one key; comments are kept");
   set->add_option("KEY", words->first, "The key's name")->required();
   set->add_option("VALUE", words->second, "Its new value")->required();
-  set->callback([&session, words] {
-    session.command = [&session, words] {
-      return setConfiguration(session, words->first, words->second);
+  set->callback([&invocation, words] {
+    invocation.command = [&invocation, words] {
+      return setConfiguration(invocation, words->first, words->second);
     };
   });
 }

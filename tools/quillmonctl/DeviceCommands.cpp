@@ -2,8 +2,8 @@
 
 #include "quillmonctl/Console.h"
 #include "quillmonctl/DevicePath.h"
+#include "quillmonctl/Invocation.h"
 #include "quillmonctl/Product.h"
-#include "quillmonctl/Session.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
 #include "quillmonctl/Wmi.h"
@@ -46,7 +46,7 @@ void orNotFound(Call&& call) {
   }
 }
 
-ExitCode listDevices(const Session& session, const std::string& name, unsigned seconds) {
+ExitCode listDevices(const Invocation& invocation, const std::string& name, unsigned seconds) {
   const ComLibrary com;
   const std::string cls = className(name);
   Json all = Json::array();
@@ -68,7 +68,7 @@ ExitCode listDevices(const Session& session, const std::string& name, unsigned s
                   "longer (--timeout).",
                   ExitCode::TimedOut);
   }
-  if (session.json) {
+  if (invocation.json) {
     console::print(dump(all));
   } else if (rows.empty()) {
     console::print(fmt::format("No device of class {}.\n", cls));
@@ -102,12 +102,12 @@ Json fetch(Wmi& wmi, const std::string& path) {
   }
 }
 
-ExitCode getDevice(const Session& session, const std::string& name) {
+ExitCode getDevice(const Invocation& invocation, const std::string& name) {
   const ComLibrary com;
   orNotFound([&] {
     Wmi wmi;
     const Json object = fetch(wmi, objectPath(name));
-    if (session.json) {
+    if (invocation.json) {
       console::print(dump(object));
       return;
     }
@@ -129,7 +129,7 @@ std::string eventText(const std::string& type) {
                                     : type;
 }
 
-ExitCode watchDevices(const Session& session, unsigned seconds, unsigned count) {
+ExitCode watchDevices(const Invocation& invocation, unsigned seconds, unsigned count) {
   const ComLibrary com;
   Wmi wmi;
   unsigned seen = 0;
@@ -140,7 +140,7 @@ ExitCode watchDevices(const Session& session, unsigned seconds, unsigned count) 
         SYSTEMTIME now = {};
         GetLocalTime(&now);
         const std::string type = textOf(event, "eventtype");
-        if (session.json) {
+        if (invocation.json) {
           console::print(
               dumpLine({{"time", fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}", now.wYear,
                                              now.wMonth, now.wDay, now.wHour, now.wMinute,
@@ -166,7 +166,7 @@ ExitCode watchDevices(const Session& session, unsigned seconds, unsigned count) 
 
 } // namespace
 
-void addDeviceCommands(CLI::App& app, Session& session) {
+void addDeviceCommands(CLI::App& app, Invocation& invocation) {
   struct Options {
     std::string name;
     unsigned timeout = 60;
@@ -178,9 +178,9 @@ void addDeviceCommands(CLI::App& app, Session& session) {
   devices->add_option("CLASS", options->name, "Scanner or UPOS_Scanner; all devices without it");
   devices->add_option("--timeout", options->timeout, "Seconds to wait for the answer")
       ->capture_default_str();
-  devices->callback([&session, options] {
-    session.command = [&session, options] {
-      return listDevices(session, options->name, options->timeout);
+  devices->callback([&invocation, options] {
+    invocation.command = [&invocation, options] {
+      return listDevices(invocation, options->name, options->timeout);
     };
   });
 
@@ -189,8 +189,8 @@ void addDeviceCommands(CLI::App& app, Session& session) {
                   "SCANNER1, Scanner/SCANNER1, or a WMI object path: "
                   "UPOS_Scanner.DeviceID=\"SCANNER1\"")
       ->required();
-  get->callback([&session, options] {
-    session.command = [&session, options] { return getDevice(session, options->name); };
+  get->callback([&invocation, options] {
+    invocation.command = [&invocation, options] { return getDevice(invocation, options->name); };
   });
 
   CLI::App* const watch = app.add_subcommand("watch", "Device events as they happen, one a line");
@@ -200,9 +200,9 @@ void addDeviceCommands(CLI::App& app, Session& session) {
       ->add_option("--count", options->count,
                    "End after so many events; exit code 6 if fewer come in time")
       ->capture_default_str();
-  watch->callback([&session, options] {
-    session.command = [&session, options] {
-      return watchDevices(session, options->seconds, options->count);
+  watch->callback([&invocation, options] {
+    invocation.command = [&invocation, options] {
+      return watchDevices(invocation, options->seconds, options->count);
     };
   });
 }

@@ -1,7 +1,7 @@
 // quillmonctl doctor
 
 #include "quillmonctl/Console.h"
-#include "quillmonctl/Session.h"
+#include "quillmonctl/Invocation.h"
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Wmi.h"
@@ -70,7 +70,7 @@ std::vector<std::string> writeArchive(const std::string& file, const Survey& sur
   return names;
 }
 
-ExitCode examine(const Session& session, unsigned seconds, const std::string& archive) {
+ExitCode examine(const Invocation& invocation, unsigned seconds, const std::string& archive) {
   const ComLibrary com;
   const Survey survey = surveySystem(seconds);
   const std::vector<Verdict> verdicts = judge(survey);
@@ -78,7 +78,7 @@ ExitCode examine(const Session& session, unsigned seconds, const std::string& ar
   if (!archive.empty()) {
     names = writeArchive(archive, survey, verdicts);
   }
-  if (session.json) {
+  if (invocation.json) {
     Json json = {{"healthy", isHealthy(verdicts)}, {"checks", toJson(verdicts)}};
     if (!archive.empty()) {
       json["archive"] = {{"file", absolutePath(archive)}, {"contents", names}};
@@ -99,7 +99,7 @@ ExitCode examine(const Session& session, unsigned seconds, const std::string& ar
 
 } // namespace
 
-void addDoctorCommand(CLI::App& app, Session& session) {
+void addDoctorCommand(CLI::App& app, Invocation& invocation) {
   struct Options {
     unsigned timeout = 10;
     std::string archive;
@@ -111,9 +111,9 @@ void addDoctorCommand(CLI::App& app, Session& session) {
       ->capture_default_str();
   doctor->add_option("--archive", options->archive,
                      "Pack status, configuration and logs into this ZIP file for support");
-  doctor->callback([&session, options] {
-    session.command = [&session, options] {
-      return examine(session, options->timeout, options->archive);
+  doctor->callback([&invocation, options] {
+    invocation.command = [&invocation, options] {
+      return examine(invocation, options->timeout, options->archive);
     };
   });
 }

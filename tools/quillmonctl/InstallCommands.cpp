@@ -1,11 +1,11 @@
 // quillmonctl install | uninstall | repair
 
 #include "quillmonctl/BinaryPath.h"
+#include "quillmonctl/Invocation.h"
 #include "quillmonctl/MofCompiler.h"
 #include "quillmonctl/Names.h"
 #include "quillmonctl/Product.h"
 #include "quillmonctl/Service.h"
-#include "quillmonctl/Session.h"
 #include "quillmonctl/Steps.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Wmi.h"
@@ -281,11 +281,11 @@ void repair(const Options& options, Steps& steps) {
 
 using Job = void (*)(const Options& options, Steps& steps);
 
-ExitCode run(const Session& session, const Options& options, Job job) {
+ExitCode run(const Invocation& invocation, const Options& options, Job job) {
   const ComLibrary com;
-  Steps steps(session.json);
+  Steps steps(invocation.json);
   steps.run([&] { job(options, steps); });
-  if (session.json) {
+  if (invocation.json) {
     console::print(dump(steps.toJson()));
   }
   return ExitCode::Done;
@@ -293,15 +293,15 @@ ExitCode run(const Session& session, const Options& options, Job job) {
 
 } // namespace
 
-void addInstallCommands(CLI::App& app, Session& session) {
+void addInstallCommands(CLI::App& app, Invocation& invocation) {
   const auto options = std::make_shared<Options>();
   const auto add = [&](const char* name, const char* what, Job job) {
     CLI::App* const command = app.add_subcommand(name, what);
     command->add_option("--mof-folder", options->mofFolder,
                         "Where quillmon.mof and quillmon-uninstall.mof are, if not beside "
                         "quillmonctl.exe");
-    command->callback([&session, options, job] {
-      session.command = [&session, options, job] { return run(session, *options, job); };
+    command->callback([&invocation, options, job] {
+      invocation.command = [&invocation, options, job] { return run(invocation, *options, job); };
     });
     return command;
   };

@@ -1,7 +1,7 @@
 // quillmonctl status
 
 #include "quillmonctl/Console.h"
-#include "quillmonctl/Session.h"
+#include "quillmonctl/Invocation.h"
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/Wmi.h"
 
@@ -11,17 +11,17 @@
 
 namespace ctl {
 
-void addStatusCommand(CLI::App& app, Session& session) {
+void addStatusCommand(CLI::App& app, Invocation& invocation) {
   const auto seconds = std::make_shared<unsigned>(10);
   CLI::App* const status =
       app.add_subcommand("status", "What is installed, running, configured and reachable");
   status->add_option("--timeout", *seconds, "Seconds to wait for the provider's answer")
       ->capture_default_str();
-  status->callback([&session, seconds] {
-    session.command = [&session, seconds] {
+  status->callback([&invocation, seconds] {
+    invocation.command = [&invocation, seconds] {
       const ComLibrary com;
       const Survey survey = surveySystem(*seconds);
-      console::print(session.json ? dump(toJson(survey)) : toText(survey));
+      console::print(invocation.json ? dump(toJson(survey)) : toText(survey));
       return isHealthy(judge(survey)) ? ExitCode::Done : ExitCode::FoundWrong;
     };
   });

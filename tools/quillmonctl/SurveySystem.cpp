@@ -25,17 +25,14 @@ namespace {
 
 constexpr int kConnectPatience = 3; // seconds
 
-/// Says yes without making the file, as opening it for writing would.
+/// Neither makes the file, as the service's own test would, nor opens it: a rotation that meets an
+/// open log may go wrong.
 bool isLogWritable(const std::string& path) {
-  const std::wstring name = wide(utf8FromAnsi(path));
-  const HANDLE file = CreateFileW(name.c_str(), FILE_APPEND_DATA,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file != INVALID_HANDLE_VALUE) {
-    CloseHandle(file);
-    return true;
-  }
-  return GetLastError() == ERROR_FILE_NOT_FOUND; // not: ERROR_PATH_NOT_FOUND
+  const std::string name = utf8FromAnsi(path);
+  const DWORD attributes = GetFileAttributesW(wide(name).c_str());
+  return attributes == INVALID_FILE_ATTRIBUTES
+             ? exists(name.substr(0, name.rfind('\\')))
+             : (attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY)) == 0;
 }
 
 struct SocketLibrary {
@@ -197,10 +194,7 @@ Survey::Wmi surveyWmi(unsigned seconds) {
       result.answerError = errorOf(failure);
     }
     try {
-      wmi.events(
-          fmt::format("SELECT * FROM {}", kEventClass), 1, [] { throw true; },
-          [](const Json&) { return false; });
-    } catch (bool) { // subscribed: that is all that was to be known
+      wmi.trySubscription(fmt::format("SELECT * FROM {}", kEventClass));
     } catch (const Failure& failure) {
       result.subscriptionError = errorOf(failure);
     }

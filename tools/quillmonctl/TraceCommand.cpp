@@ -1,10 +1,10 @@
 // quillmonctl trace on | off | follow
 
 #include "quillmonctl/Console.h"
+#include "quillmonctl/Invocation.h"
 #include "quillmonctl/LogFollower.h"
 #include "quillmonctl/Product.h"
 #include "quillmonctl/Service.h"
-#include "quillmonctl/Session.h"
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
@@ -27,8 +27,8 @@ constexpr unsigned kAnswer = 5;     // seconds for one answer of the provider
 constexpr const char* kNotUndone =
     "The service keeps tracing until it ends: that cannot be undone while it runs.";
 
-void say(const Session& session, const Json& json, const std::string& text) {
-  console::print(session.json ? dumpLine(json) : text);
+void say(const Invocation& invocation, const Json& json, const std::string& text) {
+  console::print(invocation.json ? dumpLine(json) : text);
 }
 
 /// Asks the provider something, so that a service that traces traces it.
@@ -45,7 +45,7 @@ bool hasTraced(const std::string& log) {
   return fileMark(log) != before;
 }
 
-ExitCode switchOn(const Session& session, bool untilSeen) {
+ExitCode switchOn(const Invocation& invocation, bool untilSeen) {
   const win::Handle event(CreateEventW(nullptr, TRUE, TRUE, kTraceEvent));
   if (!event || !SetEvent(event.get())) {
     failWin32("creating the event Global\\TRC_QUILLMON that enables the trace (CreateEvent)");
@@ -56,7 +56,7 @@ ExitCode switchOn(const Session& session, bool untilSeen) {
                   "Start it: net start QuillmonServ");
   }
   const Survey::Trace trace = surveyTrace(service);
-  say(session, {{"on", true}, {"log", trace.log}},
+  say(invocation, {{"on", true}, {"log", trace.log}},
       fmt::format("The trace is enabled; the log is\n  {}\n{}", trace.log,
                   trace.fileSizeLimit > 0
                       ? ""
@@ -75,7 +75,7 @@ ExitCode switchOn(const Session& session, bool untilSeen) {
       }
       Sleep(kLook);
     }
-    say(session, {{"tracing", true}},
+    say(invocation, {{"tracing", true}},
         wrap(fmt::format("The service traces. {}", kNotUndone), kWidth, 0));
     return ExitCode::Done;
   }
@@ -86,11 +86,11 @@ ExitCode switchOn(const Session& session, bool untilSeen) {
   while (WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0) {
     Sleep(kLook);
   }
-  say(session, {{"on", false}}, "Somebody else has switched the trace off.\n");
+  say(invocation, {{"on", false}}, "Somebody else has switched the trace off.\n");
   return ExitCode::Done;
 }
 
-ExitCode switchOff(const Session& session, bool restart) {
+ExitCode switchOff(const Invocation& invocation, bool restart) {
   const ComLibrary com;
   const win::Handle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, kTraceEvent));
   if (!event && GetLastError() != ERROR_FILE_NOT_FOUND) {
@@ -110,7 +110,7 @@ ExitCode switchOff(const Session& session, bool restart) {
     isTracing = false;
     isRestarted = true;
   }
-  say(session, {{"on", false}, {"service_still_traces", isTracing}, {"restarted", isRestarted}},
+  say(invocation, {{"on", false}, {"service_still_traces", isTracing}, {"restarted", isRestarted}},
       isTracing     ? wrap(fmt::format("No service that starts from now on will trace. {} To "
                                            "restart it: quillmonctl trace off --restart",
                                        kNotUndone),
@@ -131,7 +131,7 @@ Json lineJson(const std::string& line) {
                .substr(std::min<std::size_t>(parts.stamp.empty() ? 0 : 2, parts.lead.size()))}};
 }
 
-ExitCode follow(const Session& session, std::size_t lines) {
+ExitCode follow(const Invocation& invocation, std::size_t lines) {
   const Survey::Trace trace = surveyTrace(surveyService());
   if (trace.rotationDeletes()) {
     throw Failure(fmt::format("following {}: rotation deletes the log (BackupCount is 0), and a "
@@ -154,14 +154,14 @@ ExitCode follow(const Session& session, std::size_t lines) {
     }
     for (const std::string& line : arrived) {
       const std::string text = utf8FromAnsi(line);
-      console::print(session.json ? dumpLine(lineJson(text)) : shown(text, colour) + "\n");
+      console::print(invocation.json ? dumpLine(lineJson(text)) : shown(text, colour) + "\n");
     }
   }
 }
 
 } // namespace
 
-void addTraceCommand(CLI::App& app, Session& session) {
+void addTraceCommand(CLI::App& app, Invocation& invocation) {
   struct Options {
     bool untilSeen = false;
     bool restart = false;
@@ -175,23 +175,25 @@ void addTraceCommand(CLI::App& app, Session& session) {
   CLI::App* const on = trace->add_subcommand("on", "Enable the trace, and hold it enabled");
   on->add_flag("--until-seen", options->untilSeen,
                "End as soon as the service traces; it then goes on by itself");
-  on->callback([&session, options] {
-    session.command = [&session, options] { return switchOn(session, options->untilSeen); };
+  on->callback([&invocation, options] {
+    invocation.command = [&invocation, options] {
+      return switchOn(invocation, options->untilSeen);
+    };
   });
 
   CLI::App* const off = trace->add_subcommand(
       "off", "Enable it no longer; exit code 3 if the running service goes on");
   off->add_flag("--restart", options->restart, "Restart a service that goes on");
-  off->callback([&session, options] {
-    session.command = [&session, options] { return switchOff(session, options->restart); };
+  off->callback([&invocation, options] {
+    invocation.command = [&invocation, options] { return switchOff(invocation, options->restart); };
   });
 
   CLI::App* const following =
       trace->add_subcommand("follow", "Print the log as it grows, through its rotation");
   following->add_option("--lines", options->lines, "Begin with so many of its last lines")
       ->capture_default_str();
-  following->callback([&session, options] {
-    session.command = [&session, options] { return follow(session, options->lines); };
+  following->callback([&invocation, options] {
+    invocation.command = [&invocation, options] { return follow(invocation, options->lines); };
   });
 }
 

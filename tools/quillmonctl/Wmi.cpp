@@ -168,20 +168,29 @@ std::optional<Json> Wmi::find(const std::string& path) {
   return toJson(*object.Get());
 }
 
-Wmi::End Wmi::events(const std::string& query, unsigned seconds, const std::function<void()>& ready,
-                     const Take& take) {
-  const char* const step = "subscribing to events through WMI (ExecNotificationQuery)";
+ComPtr<IEnumWbemClassObject> Wmi::subscribe(const std::string& query) {
   ComPtr<IEnumWbemClassObject> events;
   const win::Bstr language(L"WQL");
   const win::Bstr wql(wide(query));
   check(services_->ExecNotificationQuery(language.get(), wql.get(), kStream, nullptr, &events),
-        step);
+        "subscribing to events through WMI (ExecNotificationQuery)");
+  return events;
+}
+
+void Wmi::trySubscription(const std::string& query) {
+  subscribe(query);
+}
+
+Wmi::End Wmi::events(const std::string& query, unsigned seconds, const std::function<void()>& ready,
+                     const Take& take) {
+  const ComPtr<IEnumWbemClassObject> events = subscribe(query);
   const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
   ready();
   for (;;) {
     ComPtr<IWbemClassObject> event;
     ULONG count = 0;
-    check(events->Next(seconds == 0 ? kForever : millisecondsUntil(end), 1, &event, &count), step);
+    check(events->Next(seconds == 0 ? kForever : millisecondsUntil(end), 1, &event, &count),
+          "waiting for events from WMI (Next)");
     if (count == 1) {
       if (!take(toJson(*event.Get()))) {
         return End::Complete;

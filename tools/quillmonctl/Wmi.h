@@ -40,12 +40,17 @@ public:
   /// None where WMI does not know it.
   std::optional<Json> find(const std::string& path);
 
+  /// Subscribes, and lets go of the subscription at once.
+  void trySubscription(const std::string& query);
+
   /// Subscribes, calls `ready`, hands over the events until `take` returns false or `seconds` (0:
   /// no limit) are over.
   End events(const std::string& query, unsigned seconds, const std::function<void()>& ready,
              const Take& take);
 
 private:
+  Microsoft::WRL::ComPtr<IEnumWbemClassObject> subscribe(const std::string& query);
+
   Microsoft::WRL::ComPtr<IWbemServices> services_;
 };
 

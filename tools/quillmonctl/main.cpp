@@ -1,6 +1,6 @@
 #include "device_server/Program.h"
 #include "quillmonctl/Console.h"
-#include "quillmonctl/Session.h"
+#include "quillmonctl/Invocation.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
 #include "win/Handles.h"
@@ -45,22 +45,22 @@ std::vector<std::string> arguments() {
 }
 
 int run() {
-  Session session;
+  Invocation invocation;
   CLI::App app("Installs, looks after and asks the Quillmon service, which publishes a till's\n"
                "devices to WMI.",
                "quillmonctl");
   app.set_version_flag("--version", "quillmonctl " QUILLMON_VERSION);
-  app.add_flag("--json", session.json, "For scripts: JSON instead of text");
+  app.add_flag("--json", invocation.json, "For scripts: JSON instead of text");
   app.fallthrough();
   app.require_subcommand(1);
   app.get_formatter()->column_width(13);
   app.footer(kFooter);
-  addStatusCommand(app, session);
-  addDeviceCommands(app, session);
-  addDoctorCommand(app, session);
-  addConfigCommand(app, session);
-  addTraceCommand(app, session);
-  addInstallCommands(app, session);
+  addStatusCommand(app, invocation);
+  addDeviceCommands(app, invocation);
+  addDoctorCommand(app, invocation);
+  addConfigCommand(app, invocation);
+  addTraceCommand(app, invocation);
+  addInstallCommands(app, invocation);
   app.add_subcommand("simulate", "A till without hardware; simulate --help tells more");
   for (CLI::App* const command : app.get_subcommands({})) {
     command->fallthrough();
@@ -88,9 +88,9 @@ int run() {
     return static_cast<int>(ExitCode::WrongCommandLine);
   }
   try {
-    return static_cast<int>(session.command());
+    return static_cast<int>(invocation.command());
   } catch (const Failure& failure) {
-    if (session.json) {
+    if (invocation.json) {
       console::print(toJson(failure));
     } else {
       console::printError(toText(failure));
