@@ -46,10 +46,13 @@ test_packages=(
 
 package_packages=(nsis osslsigncode)
 
-# The one version of the XML library that the product is linked with.
+# The one version of the XML library that the product is linked with. Its mutexes are the platform's
+# own: the compiler's standard ones keep their memory when they are destroyed, and the library makes
+# new ones at each start.
 xerces_version=3.2.4
 xerces_options=(
   -DBUILD_SHARED_LIBS=OFF -Dnetwork=OFF -Dtranscoder=windows -Dmessage-loader=inmemory
+  -Dmutex-manager=windows
   -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS=-fstack-protector-strong -D_FORTIFY_SOURCE=2"
 )
 # Starting the library once per call is by design here; this makes a start cheap on Windows.

@@ -134,22 +134,18 @@ std::unique_ptr<TCPServer::Listening> TCPServer::open(std::uint16_t port) {
 }
 
 bool TCPServer::startAccepting(Listening& listening) noexcept {
+  const SOCKET listener = listening.listener.get();
+  if (listen(listener, kBacklog) != 0) {
+    return false;
+  }
   ResetEvent(stopping_.get());
   try {
-    std::promise<bool> promise;
-    std::future<bool> listens = promise.get_future();
-    listening.acceptThread = std::thread(
-        [this, listener = listening.listener.get(), told = std::move(promise)]() mutable {
-          acceptClients(listener, std::move(told));
-        });
-    if (listens.get()) {
-      return true;
-    }
-    listening.acceptThread.join();
+    listening.acceptThread = std::thread([this, listener] { acceptClients(listener); });
+    return true;
   } catch (...) { // no thread to be had
+    SetEvent(stopping_.get());
+    return false;
   }
-  SetEvent(stopping_.get());
-  return false;
 }
 
 int TCPServer::stop() {
@@ -203,12 +199,7 @@ void TCPServer::deleteClient(SOCKET socket) {
   }
 }
 
-void TCPServer::acceptClients(SOCKET listener, std::promise<bool> listens) noexcept {
-  const bool listening = listen(listener, kBacklog) == 0;
-  listens.set_value(listening);
-  if (!listening) {
-    return;
-  }
+void TCPServer::acceptClients(SOCKET listener) noexcept {
   while (win::Socket accepted = accept(listener)) {
     try {
       welcome(std::move(accepted));

@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -121,7 +120,7 @@ private:
 
   std::unique_ptr<Listening> open(std::uint16_t port);
   bool startAccepting(Listening& listening) noexcept;
-  void acceptClients(SOCKET listener, std::promise<bool> listens) noexcept;
+  void acceptClients(SOCKET listener) noexcept;
   win::Socket accept(SOCKET listener) noexcept;
   void welcome(win::Socket accepted);
   void serve(const ClientPointer& client) noexcept;

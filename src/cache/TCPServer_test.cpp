@@ -73,6 +73,12 @@ protected:
     server_.release();
     return taken;
   }
+  /// A connection is there before the server has accepted it.
+  static void waitUntilAdded(std::size_t clients) {
+    while (linesStartingWith("Adding client ").size() < clients) {
+      Sleep(1);
+    }
+  }
   /// The server closes a client's connection after it has deleted the client.
   static void leave(TestClient& client) {
     client.halfClose();
@@ -190,6 +196,7 @@ TEST_F(TCPServerTest, AResetEndsThatClientOnly) {
   {
     TestClient client(server_.port());
     client.send(S + "<event>");
+    waitUntilAdded(2);
     client.reset();
   }
   other.send(document("1"));
@@ -373,6 +380,7 @@ TEST_F(TCPServerTest, StopClosesConnectedClients) {
   halfDone.send(S + "<event>");
   idle.send(document("1"));
   EXPECT_EQ(next(), document("1"));
+  waitUntilAdded(2);
   recorded_trace::clear();
   EXPECT_EQ(server_.stop(), 0);
   EXPECT_EQ(server_.port(), 0);

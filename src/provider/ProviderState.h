@@ -26,6 +26,6 @@ struct ProviderState {
   PropertyTypes propertyTypes;
 };
 
-ProviderState& providerState();
+ProviderState& providerState() noexcept;
 
 } // namespace provider

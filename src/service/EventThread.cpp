@@ -11,7 +11,9 @@
 #include <wrl/client.h>
 
 #include <algorithm>
+#include <new>
 #include <string>
+#include <system_error>
 
 using com::orvex::CommunicationLayer;
 using com::orvex::IUPOSXmlAdapter;
@@ -23,6 +25,20 @@ namespace {
 // However the retry time is configured, a port that is taken is not asked for in a busy loop.
 constexpr unsigned kShortestRetry = 100;
 constexpr unsigned kLongestRetry = 24 * 60 * 60 * 1000;
+
+/// Runs `step` until the platform has the memory and the other resources that it needs. Whatever
+/// else it throws passes, and ends the thread.
+template <class Step>
+decltype(auto) untilThereIsRoom(Step step) {
+  for (;;) {
+    try {
+      return step();
+    } catch (const std::bad_alloc&) {
+    } catch (const std::system_error&) {
+    }
+    Sleep(kShortestRetry);
+  }
+}
 
 void openEventPort(CommunicationLayer& layer) {
   const auto port = static_cast<std::uint16_t>(
@@ -68,20 +84,32 @@ HRESULT publish(IWbemClassObject& eventClass, IWbemObjectSink& sink, const Devic
   return status;
 }
 
-[[noreturn]] void forwardEvents(const EventThreadContext& context, StrategyFactory& factory) {
+StrategyFactory& strategyFactory() {
+  if (StrategyFactory* const factory = com::orvex::getStrategyFactory()) {
+    return *factory;
+  }
+  throw std::bad_alloc();
+}
+
+[[noreturn]] void forwardEvents(const EventThreadContext& context) {
   // Never freed: the loop has no exit, and an exception ends the thread without any clean-up.
-  IUPOSXmlAdapter* const adapter = factory.createXmlAdapter();
-  CommunicationLayer* const layer = factory.createCommunicationLayer();
-  openEventPort(*layer);
+  StrategyFactory& factory = untilThereIsRoom([]() -> auto& { return strategyFactory(); });
+  IUPOSXmlAdapter* const adapter = untilThereIsRoom([&] { return factory.createXmlAdapter(); });
+  CommunicationLayer* const layer =
+      untilThereIsRoom([&] { return factory.createCommunicationLayer(); });
+  untilThereIsRoom([&] { openEventPort(*layer); });
+  const win::Bstr className = untilThereIsRoom([] { return win::Bstr(L"QuillmonEvent"); });
   IWbemClassObject* eventClass = nullptr;
-  const win::Bstr className(L"QuillmonEvent");
   HRESULT status = context.services->GetObject(className.get(), 0, nullptr, &eventClass, nullptr);
   for (;;) {
-    const DeviceEvent event = layer->receiveEvent(adapter);
-    // Sticky on purpose: after one failed step towards WMI no event is sent any more.
-    if (SUCCEEDED(status) && event.type != "NA") {
-      status = publish(*eventClass, *context.sink, event);
-    }
+    // An event that there is no memory for is lost alone: the step is then the next event's.
+    untilThereIsRoom([&] {
+      const DeviceEvent event = layer->receiveEvent(adapter);
+      // Sticky on purpose: after one failed step towards WMI no event is sent any more.
+      if (SUCCEEDED(status) && event.type != "NA") {
+        status = publish(*eventClass, *context.sink, event);
+      }
+    });
   }
 }
 
@@ -93,11 +121,8 @@ DWORD WINAPI EventThread(void* context) noexcept {
       CoUninitialize();
       return win::wbemResult(WBEM_E_INVALID_PARAMETER);
     }
-    StrategyFactory* const factory = com::orvex::getStrategyFactory();
-    if (factory == nullptr) {
-      return win::wbemResult(WBEM_E_OUT_OF_MEMORY);
-    }
-    forwardEvents(*static_cast<const EventThreadContext*>(context), *factory);
+    forwardEvents(*static_cast<const EventThreadContext*>(context));
   });
+  UPOSLog::trace("[EventThread] exit t_Result = %i", result);
   return static_cast<DWORD>(result);
 }

@@ -14,5 +14,6 @@ struct EventThreadContext {
 
 /// Forwards every device event of the chosen strategy to WMI as a "QuillmonEvent", for the life of
 /// the process. While the event port cannot be opened it tries again, one trace line an attempt.
-/// `context`: an EventThreadContext. Ends only without COM or by an exception.
+/// An event that there is no memory for is lost alone.
+/// `context`: an EventThreadContext. Ends only without COM or by an exception, with a trace line.
 DWORD WINAPI EventThread(void* context) noexcept;

@@ -1,5 +1,11 @@
 #include "service/CommandLine.h"
 
+#include <exception>
+
 int main(int argc, char* argv[]) {
-  return runCommandLine(argc, argv);
+  try {
+    return runCommandLine(argc, argv);
+  } catch (const std::exception&) {
+    return 1; // without memory for a path or a line there is none for a message either
+  }
 }

@@ -40,6 +40,14 @@ int WSAAPI observedSend(SOCKET socket, const char* bytes, int size, int flags) {
   return realSend(socket, bytes, size, flags);
 }
 
+int WSAAPI refusedSend(SOCKET socket, const char* bytes, int size, int flags) {
+  if (GetCurrentThreadId() != exchangeThread) {
+    return realSend(socket, bytes, size, flags);
+  }
+  WSASetLastError(WSAENOBUFS);
+  return SOCKET_ERROR;
+}
+
 int pieceSize = 1024;
 std::function<void()> afterReceiving;
 decltype(recv)* realRecv = nullptr;
@@ -193,6 +201,17 @@ TEST_F(ExchangeRequest, SendsTheFramedRequestInOneSendAndNothingElse) {
   EXPECT_EQ(received.size(), request.size() + 2);
   EXPECT_THAT(sends, ElementsAre(framed(request)));
   EXPECT_EQ(UPOSConnector::streamReady, 1U);
+}
+
+TEST_F(ExchangeRequest, ARefusedSendLeftBothSidesWaitingForEachOther) {
+  const PatchedImport<decltype(send)> patch("send", refusedSend);
+  realSend = patch.original();
+  std::string received = "nothing yet";
+  TestPeer peer([&received](SOCKET connection) { received = receiveRest(connection); });
+  configure(peer.port());
+  EXPECT_EQ(exchangeRequest("<request/>"), "");
+  peer.stop();
+  EXPECT_EQ(received, "");
 }
 
 TEST_F(ExchangeRequest, TracesEachStepOfTheFirstExchangeAndFewerLater) {

@@ -4,6 +4,7 @@
 
 #include <new>
 #include <stdexcept>
+#include <system_error>
 
 namespace win {
 
@@ -16,12 +17,24 @@ int checkedLength(std::size_t length) {
   return static_cast<int>(length);
 }
 
+/// The converted text's length, or what has been converted: 0 is the platform's failure, since an
+/// empty text is never asked for.
+std::size_t checkedResult(int result) {
+  if (result == 0) {
+    throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
+                            "code page conversion");
+  }
+  return static_cast<std::size_t>(result);
+}
+
 std::wstring widenIn(UINT codePage, std::string_view text) {
   const int length = checkedLength(text.size());
-  std::wstring wide(
-      static_cast<std::size_t>(MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0)),
-      L'\0');
-  MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(), static_cast<int>(wide.size()));
+  std::wstring wide;
+  if (length != 0) {
+    wide.resize(checkedResult(MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0)));
+    checkedResult(MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(),
+                                      static_cast<int>(wide.size())));
+  }
   return wide;
 }
 
@@ -38,11 +51,13 @@ Bstr::Bstr(std::wstring_view text)
 
 std::string narrow(std::wstring_view text) {
   const int length = checkedLength(text.size());
-  std::string bytes(static_cast<std::size_t>(WideCharToMultiByte(CP_ACP, 0, text.data(), length,
-                                                                 nullptr, 0, nullptr, nullptr)),
-                    '\0');
-  WideCharToMultiByte(CP_ACP, 0, text.data(), length, bytes.data(), static_cast<int>(bytes.size()),
-                      nullptr, nullptr);
+  std::string bytes;
+  if (length != 0) {
+    bytes.resize(checkedResult(
+        WideCharToMultiByte(CP_ACP, 0, text.data(), length, nullptr, 0, nullptr, nullptr)));
+    checkedResult(WideCharToMultiByte(CP_ACP, 0, text.data(), length, bytes.data(),
+                                      static_cast<int>(bytes.size()), nullptr, nullptr));
+  }
   return bytes;
 }
 

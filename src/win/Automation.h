@@ -8,7 +8,8 @@
 #include <utility>
 
 /// OLE automation strings and variants as owning types, and the conversions between the service's
-/// narrow text (the system's ANSI code page) and BSTRs. Conversions may throw std::bad_alloc.
+/// narrow text (the system's ANSI code page) and BSTRs. Conversions throw std::bad_alloc, or
+/// std::system_error where the platform refuses: no other text is handed on instead.
 namespace win {
 
 /// Owns a BSTR; null is allowed and reads as empty text.

@@ -1,6 +1,26 @@
+#include "PatchedImport.h"
 #include "win/Automation.h"
 
 #include <gtest/gtest.h>
+
+#include <system_error>
+
+namespace {
+
+int callsBeforeFailure = 0;
+decltype(WideCharToMultiByte)* realNarrow = nullptr;
+decltype(MultiByteToWideChar)* realWiden = nullptr;
+
+int WINAPI failingNarrow(UINT page, DWORD flags, LPCWCH text, int length, LPSTR out, int size,
+                         LPCCH unknown, LPBOOL used) {
+  return callsBeforeFailure-- > 0 ? realNarrow(page, flags, text, length, out, size, unknown, used)
+                                  : 0;
+}
+int WINAPI failingWiden(UINT page, DWORD flags, LPCCH text, int length, LPWSTR out, int size) {
+  return callsBeforeFailure-- > 0 ? realWiden(page, flags, text, length, out, size) : 0;
+}
+
+} // namespace
 
 TEST(Automation, EmptyTextsConvertToEmptyTexts) {
   EXPECT_EQ(win::narrow(L""), "");
@@ -11,6 +31,22 @@ TEST(Automation, TextSurvivesTheWayThereAndBack) {
   EXPECT_EQ(win::narrow(L"SCANNER1"), "SCANNER1");
   EXPECT_EQ(win::widen("SCANNER1"), L"SCANNER1");
   EXPECT_EQ(win::narrow(win::widen("caf\xE9")), "caf\xE9");
+}
+
+TEST(Automation, ARefusedConversionWasTakenForAnotherText) {
+  const PatchedImport<decltype(WideCharToMultiByte)> narrowing("WideCharToMultiByte",
+                                                               failingNarrow);
+  const PatchedImport<decltype(MultiByteToWideChar)> widening("MultiByteToWideChar", failingWiden);
+  realNarrow = narrowing.original();
+  realWiden = widening.original();
+  for (int granted = 0; granted < 2; ++granted) {
+    callsBeforeFailure = granted;
+    EXPECT_THROW(win::narrow(L"SCANNER1"), std::system_error);
+    callsBeforeFailure = granted;
+    EXPECT_THROW(win::widen("SCANNER1"), std::system_error);
+    callsBeforeFailure = granted;
+    EXPECT_THROW(win::widenInThreadCodePage("SCANNER1"), std::system_error);
+  }
 }
 
 TEST(Automation, ANullBstrReadsAsEmpty) {
