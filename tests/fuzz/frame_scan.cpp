@@ -73,6 +73,22 @@ std::vector<Message> read(const std::vector<std::string_view>& pieces, int end) 
   return messages;
 }
 
+/// What the exchange frames, its reader finds again, as far as no byte of it is a mark.
+void checkRoundTrip(const std::string& text, std::string_view lengths) {
+  ByteBuffer framed(-1, 0.0F);
+  framed.appendString("forgotten");
+  framed.clear();
+  framed.appendChar(kFrameBegin);
+  framed.appendString(text.c_str());
+  framed.appendChar(kFrameEnd);
+  const std::unique_ptr<ByteBuffer> copy = framed.clone();
+  const std::string_view bytes(copy->text(), copy->size());
+  require(bytes == std::string_view(framed.text(), framed.size()), "a copy is the same");
+  require(read(fuzzing::piecesOf(bytes, lengths), 0) ==
+              std::vector<Message>{{text, true}, {"", false}},
+          "a framed text reads back");
+}
+
 } // namespace
 
 /// The first line gives the lengths of the pieces, the rest is the stream.
@@ -84,5 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           "the messages do not depend on the pieces");
   require(read(fuzzing::piecesOf(stream, ""), -1) == expected,
           "the messages of full areas and of a failing socket are the same");
+  std::string text(stream.substr(0, stream.find('\0')));
+  std::erase(text, kFrameEnd);
+  checkRoundTrip(text, lengths);
   return 0;
 }
