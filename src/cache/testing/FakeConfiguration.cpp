@@ -23,14 +23,16 @@ void clear() {
 
 namespace configuration {
 
-std::string readText(const char* key, const char* defaultValue) {
+// There is one file here, whichever is asked for.
+std::string readText(const char* key, const char* defaultValue, const char*) {
   std::scoped_lock lock(mutex);
   const auto found = texts.find(key);
   return found != texts.end() ? found->second : defaultValue;
 }
 
-unsigned readInt(const char* key, int defaultValue) noexcept {
-  return static_cast<unsigned>(std::stoi(readText(key, std::to_string(defaultValue).c_str())));
+unsigned readInt(const char* key, int defaultValue, const char* file) noexcept {
+  return static_cast<unsigned>(
+      std::stoi(readText(key, std::to_string(defaultValue).c_str(), file)));
 }
 
 } // namespace configuration
