@@ -112,7 +112,8 @@ class Build:
         """A component out of the Debian package that owns `file`."""
         package = output("dpkg", "-S", str(file)).split(":")[0]
         version, source, source_version = output(
-            "dpkg-query", "-W", "-f=${Version} ${source:Package} ${source:Version}", package).split()
+            "dpkg-query", "-W", "-f=${Version} ${source:Package} ${source:Version}",
+            package).split()
         return (name, re.match(r"(?:\d+:)?([\d.]+)", version)[1],
                 f"pkg:deb/debian/{source}@{quote(source_version)}?arch=source",
                 f"From Debian's package {package} {version}.",

@@ -1,5 +1,5 @@
-# Proves on a real Windows what Wine cannot: installs, compiles, lists, watches, upgrades and removes,
-# and stops at the first thing that is not as docs\install.md says. NOT RUN YET by anybody.
+# Proves on a real Windows what Wine cannot: installs, compiles, lists, watches, upgrades, removes.
+# Stops at the first thing that is not as docs\install.md says. NOT RUN YET by anybody.
 #
 #   powershell -ExecutionPolicy Bypass -File acceptance.ps1 -Installer quillmon-VERSION-win64.exe
 #
@@ -12,6 +12,7 @@ $Installer = (Resolve-Path $Installer).Path
 $report = Join-Path (Split-Path $Installer) 'acceptance-report.txt'
 $folder = 'C:\Quillmon'
 $program = "$folder\program"
+$configuration = 'C:\POS\JavaPOS\Config\quillmon.properties'
 $uninstallKey = 'HKLM:\Software\Microsoft\Windows\CurrentVersion\Uninstall\Quillmon'
 $till = $null
 $accepted = $false
@@ -32,7 +33,7 @@ function Service { Get-CimInstance Win32_Service -Filter "Name='QuillmonServ'" }
 Start-Transcript -Path $report | Out-Null
 try {
   Step 'the machine' {
-    Get-CimInstance Win32_OperatingSystem | Format-List Caption, Version, OSArchitecture | Out-String
+    Get-CimInstance Win32_OperatingSystem | Format-List Caption, Version | Out-String
     Expect (-not (Service)) 'no Quillmon is installed'
   }
 
@@ -42,19 +43,21 @@ try {
     Expect ($service.State -eq 'Running') 'the service runs'
     Expect ($service.StartMode -eq 'Auto') 'it starts with the system'
     Expect ($service.StartName -eq 'LocalSystem') 'it runs as LocalSystem'
-    Expect ($service.PathName -match '^("[^"]+"|[^ ]+)( -o)?$') "its path needs no quotes: $($service.PathName)"
+    $path = $service.PathName
+    Expect ($path -match '^("[^"]+"|[^ ]+)( -o)?$') "its path is in quotes or needs none: $path"
     Start-Sleep -Seconds 10 # a start that fails ends by then
     Expect ((Service).State -eq 'Running') 'it still runs after ten seconds'
   }
 
   Step 'the rights' {
+    $sid = [System.Security.Principal.SecurityIdentifier]
     $trusted = 'S-1-5-18', 'S-1-5-32-544'
     $readOnly = [System.Security.AccessControl.FileSystemRights]'ReadAndExecute, Synchronize'
     foreach ($path in $folder, $program, "$program\quillmon.exe") {
       $acl = Get-Acl $path
-      $owner = $acl.GetOwner([System.Security.Principal.SecurityIdentifier]).Value
+      $owner = $acl.GetOwner($sid).Value
       Expect ($trusted -contains $owner) "$path belongs to administrators"
-      foreach ($rule in $acl.GetAccessRules($true, $true, [System.Security.Principal.SecurityIdentifier])) {
+      foreach ($rule in $acl.GetAccessRules($true, $true, $sid)) {
         $isTrusted = $trusted -contains $rule.IdentityReference.Value
         $isReadOnly = ($rule.FileSystemRights -bor $readOnly) -eq $readOnly
         Expect ($isTrusted -or $isReadOnly) "$path grants $($rule.IdentityReference) no writing"
@@ -70,11 +73,13 @@ try {
     Expect ($wanted.Count -gt 30) "the file has $($wanted.Count) classes"
     foreach ($name in $wanted) { Get-CimClass -ClassName $name | Out-Null }
     Write-Output 'ok   WMI knows all of them'
-    Expect (Get-CimInstance __Win32Provider -Filter "Name='QuillmonService'") 'the provider is registered'
+    $provider = Get-CimInstance __Win32Provider -Filter "Name='QuillmonService'"
+    Expect $provider 'the provider is registered'
   }
 
   Step 'listing' {
-    $start = New-Object System.Diagnostics.ProcessStartInfo "$program\quillmon-till.exe", "$program\samples\till.xml"
+    $start = New-Object System.Diagnostics.ProcessStartInfo "$program\quillmon-till.exe"
+    $start.Arguments = "$program\samples\till.xml"
     $start.UseShellExecute = $false
     $start.RedirectStandardInput = $true
     $start.RedirectStandardOutput = $true
@@ -82,10 +87,14 @@ try {
     $line = $till.StandardOutput.ReadLine()
     Expect ($line -like 'quillmon-till: ready:*') "a simulated till answers: $line"
     $scanners = Get-CimInstance UPOS_Scanner
-    $scanners | Format-Table DeviceID, DeviceCategory, ManufacturerName, ModelName | Out-String
+    $scanners | Format-Table DeviceID, ManufacturerName, ModelName | Out-String
     Expect (@($scanners.DeviceID) -contains 'SCANNER1') 'its scanner is listed'
-    $key = New-CimInstance -ClassName UPOS_Scanner -Property @{ DeviceID = 'SCANNER1' } -Key DeviceID -ClientOnly
-    Expect ((Get-CimInstance -InputObject $key).DeviceID -eq 'SCANNER1') 'its scanner is found by its key'
+    $named = @{ DeviceID = 'SCANNER1' }
+    $key = New-CimInstance -ClassName UPOS_Scanner -Property $named -Key DeviceID -ClientOnly
+    $scanner = Get-CimInstance -InputObject $key
+    Expect ($scanner.DeviceID -eq 'SCANNER1') 'its scanner is found by its key'
+    & "$program\quillmonctl.exe" status
+    Expect ($LASTEXITCODE -eq 0) 'quillmonctl finds nothing wrong'
   }
 
   Step 'watching' {
@@ -94,7 +103,8 @@ try {
     $seen = Wait-Event -SourceIdentifier Quillmon -Timeout 30
     Expect $seen 'an event arrives within 30 seconds'
     $new = @($seen)[0].SourceEventArgs.NewEvent
-    Expect ($new.deviceid -eq 'MICR1' -and $new.eventtype -eq 'addInstance') "it is $($new.eventtype) of $($new.deviceid)"
+    $what = "$($new.eventtype) of $($new.deviceid)"
+    Expect ($what -eq 'addInstance of MICR1') "it is $what"
     Unregister-Event -SourceIdentifier Quillmon
   }
 
@@ -102,21 +112,22 @@ try {
     $till.StandardInput.Close()
     Expect ($till.WaitForExit(10000)) 'the simulated till ends'
     $before = (Service).ProcessId
-    Add-Content 'C:\POS\JavaPOS\Config\quillmon.properties' '; edited'
+    Add-Content $configuration '; edited'
     Expect ((Run $Installer '/S') -eq 0) 'the installer ends with 0'
     Expect ((Service).State -eq 'Running' -and (Service).ProcessId -ne $before) 'a new process runs'
-    Expect (Select-String '; edited' 'C:\POS\JavaPOS\Config\quillmon.properties') 'what was edited is kept'
+    Expect (Select-String '; edited' $configuration) 'what was edited is kept'
   }
 
   Step 'removing' {
     Expect ((Run "$folder\uninstall.exe" "/S _?=$folder") -eq 0) 'the uninstaller ends with 0'
     Expect (-not (Service)) 'the service is gone'
-    Expect (-not (Get-CimClass -ClassName UPOS_LogicalDevice -ErrorAction SilentlyContinue)) 'the classes are gone'
+    $class = Get-CimClass -ClassName UPOS_LogicalDevice -ErrorAction SilentlyContinue
+    Expect (-not $class) 'the classes are gone'
     Expect (-not (Test-Path $program)) 'the program is gone'
     Expect (-not (Test-Path $uninstallKey)) 'Windows lists it no more'
-    Expect (Test-Path 'C:\POS\JavaPOS\Config\quillmon.properties') 'what was edited is still there'
+    Expect (Test-Path $configuration) 'what was edited is still there'
     Remove-Item "$folder\uninstall.exe"
-    Remove-Item 'C:\POS\JavaPOS\Config\quillmon.properties'
+    Remove-Item $configuration
   }
   $accepted = $true
   Write-Output 'ACCEPTED'

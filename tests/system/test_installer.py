@@ -1,4 +1,4 @@
-"""The installer, silent: a till is installed, upgraded and cleared, and left alone where it must be."""
+"""The silent installer: tills are installed, upgraded, cleared, left alone where they must be."""
 
 import shutil
 import subprocess
@@ -16,9 +16,9 @@ WRONG_FOLDER, FOREIGN_SERVICE, NOT_REGISTERED = 11, 12, 15
 
 
 def pack(folder, version):
-    """What the installer installs, and the installer itself, as it is made for a release."""
+    """The installer as it is made for a release, but compressed in less time."""
     subprocess.run([ROOT / "packaging" / "pack", BUILD, folder, "-G", "NSIS",
-                    "-D", f"CPACK_PACKAGE_VERSION={version}"],
+                    "-D", f"CPACK_PACKAGE_VERSION={version}", "-D", "CPACK_NSIS_COMPRESSOR=zlib"],
                    check=True, stdout=subprocess.DEVNULL)
     return next(folder.glob("*.exe"))
 
@@ -40,14 +40,14 @@ class Computer:
         machine.service_path = "C:/Quillmon/program/quillmon.exe"
         self.program = self.folder / "program"
         self.configuration = machine.c / "POS" / "JavaPOS" / "Config" / "quillmon.properties"
-        self.let_wmi_find_the_classes()
+        machine.set_wmi("Mof", "")  # no class is known; the compiler that stands in adds them
+        compiler = machine.c / "windows" / "system32" / "wbem" / "mofcomp.exe"
+        compiler.unlink()  # it is linked to the template's
+        shutil.copy(BUILD / "mofcomp.exe", compiler)
 
-    def let_wmi_find_the_classes(self, file="C:\\Quillmon\\program\\quillmon.mof"):
-        self.machine.set_wmi("Mof", file)
-
-    def install(self, installer, folder=""):
-        # Through the command interpreter, which leaves blanks and quotes in /D= as they are.
-        return self.machine.run("cmd", "/c", f"{windows_path(installer)} /S {folder}").returncode
+    def install(self, installer, option=""):
+        # Through the command interpreter, which leaves blanks and quotes in an option as they are.
+        return self.machine.run("cmd", "/c", f"{windows_path(installer)} /S {option}").returncode
 
     @property
     def said(self):
@@ -70,12 +70,13 @@ class Computer:
                    and not (self.folder / "setup.log").exists(), "the uninstaller's end")
 
     def clear(self):
+        self.machine.set_wmi("MofcompExit", 0)
         if (self.folder / "uninstall.exe").exists():
             self.uninstall()
         for left in (self.folder, self.machine.c / "POS"):
             shutil.rmtree(left, ignore_errors=True)
         self.machine.delete_registry(TRACE_KEY, "INSTALLDIR")
-        self.let_wmi_find_the_classes()
+        self.machine.set_wmi("Mof", "")
 
 
 @pytest.fixture(scope="module")
@@ -93,6 +94,7 @@ def test_a_till_is_installed_upgraded_and_cleared(computer, installers):
     machine = computer.machine
     assert computer.install(installers.old) == 0, computer.said
     assert computer.version == "0.0.1"
+    assert "WMI classes and registrations, read back" in computer.said
     assert machine.service_state() == "RUNNING"
     # No blank, so nothing else can be started in its place.
     assert machine.query_registry(SERVICE_KEY, "ImagePath") == "C:/Quillmon/program/quillmon.exe"
@@ -113,6 +115,7 @@ def test_a_till_is_installed_upgraded_and_cleared(computer, installers):
         file.write_bytes(b"; the default of an earlier version\r\n")
     assert computer.install(installers.new) == 0, computer.said
     assert computer.version == "0.0.2"
+    assert "WMI classes and registrations, read back" in computer.said
     assert machine.service_state() == "RUNNING"
     assert machine.service_process() not in (None, process)
     assert computer.files() == installed
@@ -128,25 +131,25 @@ def test_a_till_is_installed_upgraded_and_cleared(computer, installers):
 
 def test_what_was_edited_survives_an_upgrade_and_the_removal(computer, installers):
     machine = computer.machine
-    assert computer.install(installers.old) == 0, computer.said
+    assert computer.install(installers.old, "/STRATEGY=proxy") == 0, computer.said
+    proxy = "C:\\Quillmon\\program\\quillmon.exe -o"
+    assert machine.query_registry(SERVICE_KEY, "ImagePath") == proxy
     edited = b"[default]\r\nprovider.maxQueryThreads=4\r\n"
     computer.configuration.write_bytes(edited)
     trace = computer.folder / "zontrace.cfg"
     trace.write_bytes(b"FileSize=5\r\n")
     log = computer.folder / "Log" / "Quillmon.log"
     log.write_text("a line")
-    machine.end_service()
-    proxy = "C:/Quillmon/program/quillmon.exe -o"
-    machine.run(str(BUILD / "service_config.exe"), SERVICE, proxy)
+    machine.stop_service()
 
     # The upgrade waits for a program that still runs.
     console = machine.start("C:\\Quillmon\\program\\quillmon.exe", "-d")
-    wait_until(lambda: Path(f"/proc/{console.pid}/cmdline").read_bytes().startswith(b"C:\\Quillmon"),
-               "the console mode")
+    command = Path(f"/proc/{console.pid}/cmdline")
+    wait_until(lambda: command.read_bytes().startswith(b"C:\\Quillmon"), "the console mode")
     executable = computer.program / "quillmon.exe"
     running = executable.stat().st_ino
     upgrade = machine.start(windows_path(installers.new), "/S")
-    wait_until(lambda: "0.0.2" in computer.said and "sc query" in computer.said, "the upgrade")
+    wait_until(lambda: "0.0.2" in computer.said and "sc.exe query" in computer.said, "the upgrade")
     assert upgrade.poll() is None and executable.stat().st_ino == running
     console.kill()
     assert upgrade.wait(timeout=60) == 0, computer.said
@@ -164,18 +167,18 @@ def test_what_was_edited_survives_an_upgrade_and_the_removal(computer, installer
 
 def test_what_fails_is_undone(computer, installers):
     machine = computer.machine
-    computer.let_wmi_find_the_classes("C:\\nowhere.mof")
+    machine.set_wmi("MofcompExit", 3)
     assert computer.install(installers.old) == NOT_REGISTERED
     assert computer.files() == ["Quillmon/setup.log"]
-    assert "WMI does not know the classes" in computer.said
+    assert "mofcomp ended with code 3" in computer.said
     assert machine.service_state() is None and computer.version is None
     assert machine.query_registry(TRACE_KEY, "INSTALLDIR") is None
 
-    computer.let_wmi_find_the_classes()
+    machine.set_wmi("MofcompExit", 0)
     assert computer.install(installers.old) == 0, computer.said
     (computer.program / "of-the-old-version").write_text("")
     before = computer.files()
-    computer.let_wmi_find_the_classes("C:\\nowhere.mof")
+    machine.set_wmi("MofcompExit", 3)
     assert computer.install(installers.new) == NOT_REGISTERED
     assert computer.version == "0.0.1"
     assert computer.files() == before

@@ -293,6 +293,15 @@ def test_repairing_brings_the_classes_back_and_restarts_the_service(installed):
     assert after["service"]["process"] != before["service"]["process"]
 
 
+def test_repairing_can_leave_a_stopped_service_stopped(installed):
+    installed.machine.stop_service()
+    text = installed.text("repair", "--keep-stopped")
+    assert "ok    the service is stopped and stays so\n" in text
+    assert installed.machine.service_state() == "STOPPED"
+    running = installed.text("repair")
+    assert "ok    the service was restarted\n" in running
+
+
 # -- status, devices, get, watch
 
 def test_status_tells_the_whole_state(installed):

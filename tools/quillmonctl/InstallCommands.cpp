@@ -31,6 +31,7 @@ struct Options {
   std::string strategy = "adapter";
   std::string program;
   std::string mofFolder;
+  bool keepsStopped = false;
 };
 
 std::string programOf(const Options& options) {
@@ -273,6 +274,10 @@ void repair(const Options& options, Steps& steps) {
   }
   // The service looks at its classes when it starts, and only then.
   Service service(SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP);
+  if (options.keepsStopped && service.status().dwCurrentState == SERVICE_STOPPED) {
+    steps.done("the service is stopped and stays so");
+    return;
+  }
   service.stop();
   service.start();
   steps.done("the service was restarted");
@@ -313,7 +318,8 @@ void addInstallCommands(CLI::App& app, Invocation& invocation) {
   command->add_option("--program", options->program,
                       "The service's program, if not quillmon.exe beside quillmonctl.exe");
   add("uninstall", "Remove the service and its WMI classes", uninstall);
-  add("repair", "Renew the WMI classes and restart the service", repair);
+  add("repair", "Renew the WMI classes and restart the service", repair)
+      ->add_flag("--keep-stopped", options->keepsStopped, "Do not start a stopped service");
 }
 
 } // namespace ctl
