@@ -715,7 +715,8 @@ UNWALKED = {
 
 
 def test_no_imported_function_is_forgotten(shared):
-    """Runs last: every import has failed in one of the walks, or is one of UNWALKED."""
+    """Of all walks together, so it fails when run without them: every import has failed in one, or
+    is one of UNWALKED."""
     failed = {name for name, count in shared.faults.failures().items() if count}
     unwalked = " ".join(UNWALKED.values()).split()
     imported = set(Imports(BUILD / "quillmon.exe").functions())
