@@ -28,6 +28,6 @@ function(room name)
     endif()
     # The first program of a Wine prefix takes longer to list its tests than the default allows.
     gtest_discover_tests(${name}_tests TEST_PREFIX ${name}. DISCOVERY_MODE PRE_TEST
-      DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+      DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
   endif()
 endfunction()

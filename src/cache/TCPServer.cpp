@@ -83,6 +83,11 @@ std::vector<TCPServer::ClientPointer> TCPServer::ClientList::copy() const {
   return clients_;
 }
 
+std::size_t TCPServer::ClientList::size() const {
+  std::scoped_lock lock(mutex_);
+  return clients_.size();
+}
+
 TCPServer& TCPServer::instance() {
   static auto* const server = new TCPServer; // its threads may outlive main
   return *server;
@@ -272,7 +277,7 @@ void TCPServer::receiveDocuments(Client& client) {
         }
       }
     }
-    if (splitter.pendingSize() > kMaxPending) {
+    if (splitter.pendingSize() > kLeastPending && splitter.pendingSize() > shareOfPending()) {
       UPOSLog::trace("Dropping client %p: document without an end after %d bytes", &client,
                      static_cast<int>(splitter.pendingSize()));
       return;
@@ -305,6 +310,11 @@ bool TCPServer::waitUntilReadable(const Client& client) noexcept {
   WSANETWORKEVENTS events; // taken note of, which arms the event again
   WSAEnumNetworkEvents(client.socket.get(), client.readable.get(), &events);
   return true;
+}
+
+/// Any local process may connect, as often as it likes: what the clients keep is bounded together.
+std::size_t TCPServer::shareOfPending() const {
+  return kMaxPending / std::max<std::size_t>(clients_.size(), 1);
 }
 
 bool TCPServer::isStopping() const noexcept {

@@ -19,13 +19,14 @@
 /// Threads: startListening, stop, take and release belong to the consumer, the event thread; the
 /// rest is for any thread. One thread accepts, one per client receives; `stop` ends them all. A
 /// consumer that waits in `take` stays there across stop and a new start.
-/// Limits: a client keeps at most kMaxPending bytes of an unfinished document (in a buffer of up to
-/// twice that) and is dropped with a trace line beyond. What comes faster than the consumer takes
-/// it stays in the connection.
+/// Limits: the clients share kMaxPending bytes for unfinished documents (in buffers of up to twice
+/// that). One that wants more than its equal share, which is never less than kLeastPending, is
+/// dropped with a trace line. What comes faster than the consumer takes it stays in the connection.
 /// Errors: traced where the lines say so; results of sockets are not reported otherwise.
 class TCPServer {
 public:
   static constexpr std::size_t kMaxPending = 16 * 1024 * 1024;
+  static constexpr std::size_t kLeastPending = 64 * 1024;
 
   /// Winsock, started for as long as this lives: the last one to go closes all sockets.
   class Winsock {
@@ -91,6 +92,7 @@ private:
     /// The removed client, or null.
     ClientPointer remove(SOCKET socket) noexcept;
     std::vector<ClientPointer> copy() const;
+    std::size_t size() const;
 
   private:
     mutable std::mutex mutex_;
@@ -128,6 +130,7 @@ private:
   int receive(const Client& client, char* buffer, int size) noexcept;
   bool waitUntilReadable(const Client& client) noexcept;
   bool isStopping() const noexcept;
+  std::size_t shareOfPending() const;
 
   DocumentHandOff handOff_;
   win::Handle stopping_; // set while stopped; ends every wait of the threads

@@ -1,5 +1,6 @@
 #include "strategy/UPOSDatagramConnector.h"
 
+#include "trace/UPOSLog.h"
 #include "win/Handles.h"
 
 namespace {
@@ -46,10 +47,15 @@ void UPOSDatagramConnector::Receive(ByteBuffer* out) {
   if (datagramBound != 1) {
     return;
   }
-  const auto nothing = [](const ByteBuffer&) {};
   readFrame(
-      frame, *out, [this](char* area, int size) { return receiveDatagram(area, size); }, nothing,
-      nothing);
+      frame, *out, [this](char* area, int size) { return receiveDatagram(area, size); },
+      [](ByteBuffer& collected) {
+        if (collected.size() > kMaxMessage) {
+          UPOSLog::trace("Dropping a message without an end mark after %d bytes", collected.size());
+          collected.clear();
+        }
+      },
+      [](const ByteBuffer&) {});
 }
 
 int UPOSDatagramConnector::receiveDatagram(char* area, int size) const {

@@ -1,11 +1,14 @@
 #include "PatchedImport.h"
+#include "RecordedTrace.h"
 #include "strategy/UPOSDatagramConnector.h"
 #include "strategy/testing/TestDatagrams.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 using testing::ElementsAre;
@@ -88,6 +91,7 @@ protected:
   StartedWinsock winsock_;
   UPOSDatagramConnector connector_;
   std::uint16_t port_ = 0;
+  std::atomic<bool> received_ = false;
 };
 
 std::string framed(const std::string& message) {
@@ -230,6 +234,36 @@ TEST_F(UPOSDatagramConnectorTest, AnOversizeDatagramLosesOnlyItself) {
     EXPECT_EQ(receive(), "two");
   }
   EXPECT_THAT(pauses, ElementsAre());
+}
+
+TEST_F(UPOSDatagramConnectorTest, AMessageWithoutAnEndGrewUntilTheMemoryWasUsedUp) {
+  bindAnyPort();
+  recorded_trace::clear();
+  ByteBuffer out(1024, 1.5F);
+  std::thread flood([&] {
+    sendDatagrams(port_, {"\x1B"});
+    const std::string piece(1024, 'x');
+    for (std::uint32_t sent = 0; sent < 2 * UPOSDatagramConnector::kMaxMessage; sent += 4096) {
+      sendDatagrams(port_, {piece, piece, piece, piece});
+      Sleep(1); // not to be lost on the way
+    }
+    while (!received_) {
+      sendDatagrams(port_, {"end\x08"});
+      Sleep(1);
+    }
+  });
+  connector_.Receive(&out);
+  received_ = true;
+  flood.join();
+  EXPECT_LE(out.size(), UPOSDatagramConnector::kMaxMessage + 1024);
+  ASSERT_THAT(recorded_trace::lines(), testing::Not(testing::IsEmpty()));
+  EXPECT_EQ(recorded_trace::lines().front(),
+            "Dropping a message without an end mark after 1049600 bytes");
+  sendDatagrams(port_, {framed("next")});
+  std::string next;
+  while ((next = receive()) == "end") { // what of the flood's end came in time
+  }
+  EXPECT_EQ(next, "next");
 }
 
 TEST_F(UPOSDatagramConnectorTest, AFailingReceivePausesASecondAndGoesOn) {

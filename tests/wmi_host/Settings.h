@@ -18,7 +18,7 @@ std::vector<std::wstring> list(const wchar_t* name);
 /// Failure switches act in a process that registers a provider, and only after this.
 void setProviderProcess() noexcept;
 /// The HRESULT in the value `name`, or S_OK. With a value `name`After that many calls pass first,
-/// counted from when the switch was set.
+/// counted from when the switch was set. While the value is 1 this does not return.
 HRESULT failure(const wchar_t* name);
 /// Whether the list in the value `name` has `item`; only in a provider's process.
 bool listed(const wchar_t* name, const wchar_t* item);

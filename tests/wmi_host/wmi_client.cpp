@@ -14,6 +14,7 @@
 #include <iostream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,6 +29,9 @@ constexpr char kUsage[] =
     "       wmi_client watch [SECONDS [COUNT [WQL]]] events, one a line, after the line "
     "\"ready\";\n"
     "                                                SECONDS 0: for ever; COUNT 0: any number\n"
+    "       wmi_client parallel N CLASS              N lists at once; for each a line with the "
+    "number\n"
+    "                                                of instances and the HRESULT\n"
     "       wmi_client shell                         commands from standard input, one a line,\n"
     "                                                words between tabs, and after each\n"
     "                                                \"= EXITCODE\"\n";
@@ -183,6 +187,42 @@ void get(const std::wstring& path) {
   }
 }
 
+/// Counts the instances that a list gives before its end, whatever that is.
+std::pair<int, HRESULT> count(const std::wstring& className) {
+  int instances = 0;
+  try {
+    ComPtr<IEnumWbemClassObject> objects;
+    win::Bstr name(className);
+    check("IWbemServices::CreateInstanceEnum",
+          connect()->CreateInstanceEnum(name.get(), kStream, nullptr, &objects));
+    for (ULONG got = 1; got != 0; instances += static_cast<int>(got)) {
+      ComPtr<IWbemClassObject> object;
+      check("IEnumWbemClassObject::Next", objects->Next(kForever, 1, &object, &got));
+    }
+  } catch (const Failure& failure) {
+    return {instances, failure.result};
+  }
+  return {instances, WBEM_S_NO_ERROR};
+}
+
+void parallel(long number, const std::wstring& className) {
+  std::vector<std::pair<int, HRESULT>> results(static_cast<std::size_t>(number));
+  std::vector<std::thread> threads;
+  for (std::pair<int, HRESULT>& result : results) {
+    threads.emplace_back([&] {
+      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+      result = count(className);
+      CoUninitialize();
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const auto& [instances, result] : results) {
+    std::printf("%d 0x%08lX\n", instances, static_cast<unsigned long>(result));
+  }
+}
+
 /// Returns false if fewer events than asked for came in time.
 bool watch(long seconds, long wanted, const std::wstring& text) {
   using Clock = std::chrono::steady_clock;
@@ -229,6 +269,8 @@ int run(const std::wstring& command, const std::vector<std::wstring>& arguments)
     get(arguments[0]);
   } else if (command == L"query" && arguments.size() == 1) {
     query(arguments[0]);
+  } else if (command == L"parallel" && arguments.size() == 2 && number(0) > 0) {
+    parallel(number(0), arguments[1]);
   } else if (command == L"watch" && arguments.size() <= 3) {
     return watch(number(0), number(1), arguments.size() == 3 ? arguments[2] : kEventQuery) ? 0 : 1;
   } else {
