@@ -58,6 +58,12 @@ def fetched(machine, path):
     return dict(line.split(" = ", 1) for line in lines)
 
 
+def counters(machine):
+    """What the stand-in knows of its objects in the service, and of the service's mistakes."""
+    return {name: machine.wmi_counter(name)
+            for name in ("LiveObjects", "LiveServices", "LiveSinks", "Violations")}
+
+
 def event(device_id, kind="modifyInstance", cls="Scanner", code="", maker="Veltran"):
     """An event document."""
     return (

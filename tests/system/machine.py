@@ -233,6 +233,17 @@ class Machine:
                 pass  # ended meanwhile
         return None
 
+    def service_status(self, name):
+        """A number that the host knows of the service's process: VmHWM in KiB, Threads, ..."""
+        for line in Path(f"/proc/{self.service_process()}/status").read_text().splitlines():
+            if line.startswith(name + ":"):
+                return int(line.split()[1])
+        raise KeyError(name)
+
+    def service_memory_peak(self):
+        """The most memory that the service's process ever held, in MiB."""
+        return self.service_status("VmHWM") / 1024
+
     def end_service(self):
         """Stops the service if it runs; returns once its process has ended."""
         if self.service_process() is not None:

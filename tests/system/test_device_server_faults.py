@@ -5,8 +5,6 @@ service answers the next one.
 """
 
 import contextlib
-import ctypes
-import os
 import re
 import socket
 import threading
@@ -14,64 +12,11 @@ import time
 
 import pytest
 
-from machine import BUILD, bound_datagram_ports, free_port, wait_until
+from attacks import PLACES, Watched, expansion
+from clients import FAILED
+from machine import wait_until
 from peer import BS, ESC, NORMAL, Peer, device, framed, reset, response
-
-FAILED = "0x80041001"
-SCANNER = [["SCANNER1"]]
-
-
-def rows(out):
-    """The values that the client printed, without the names."""
-    return [line.split("\t") for line in out.decode().replace("\r\n", "\n").split("\n")[1:] if line]
-
-
-class Setting:
-    """The service on a machine, its device server, and a client."""
-
-    def __init__(self, machine):
-        self.machine = machine
-        self.peer = Peer()
-        self.event_port = free_port(socket.SOCK_DGRAM)
-        self.configure()
-        machine.install_service()
-        wait_until(lambda: self.event_port in bound_datagram_ports(), "the service to start")
-        self.client = machine.start_wmi_client()
-
-    def configure(self, **keys):
-        self.machine.configure(**{
-            "upos__requestSocket__Port": self.peer.port,
-            "provider__eventSocket__Port": self.event_port,
-            "provider__maxQueryThreads": 2, **keys})
-
-    @staticmethod
-    def result(done):
-        """A client's rows, or the code that its call failed with."""
-        if done.returncode != 0:
-            return done.out.split()[-1]
-        return rows(done.stdout)
-
-    def list(self, *properties, class_name="UPOS_Scanner"):
-        return self.result(self.client.run("list", class_name, "DeviceID", *properties))
-
-    def answer(self, answer, *properties):
-        self.peer.answer = answer
-        return self.list(*properties)
-
-    def start_list(self, class_name):
-        return self.machine.start(str(BUILD / "wmi_client.exe"), "list", class_name, "DeviceID")
-
-    def process_time(self):
-        """Seconds of processor time that the service's process has used."""
-        with open(f"/proc/{self.machine.service_process()}/stat") as stat:
-            fields = stat.read().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
-    def memory_peak(self):
-        """The most memory that the service's process ever held, in MiB."""
-        with open(f"/proc/{self.machine.service_process()}/status") as status:
-            (line,) = [line for line in status if line.startswith("VmHWM:")]
-        return int(line.split()[1]) / 1024
+from setting import SCANNER, Setting, rows
 
 
 @pytest.fixture(scope="module")
@@ -431,14 +376,6 @@ def test_thousands_of_unknown_type_words(service):
 
 # -- attacks
 
-def expansion(levels, width=10):
-    """Entities of entities: a few hundred bytes that stand for width ** levels times a hundred."""
-    entities = "".join(
-        f'<!ENTITY e{i} "{f"&e{i - 1};" * width}">' for i in range(1, levels + 1))
-    return (f'<!DOCTYPE response [<!ENTITY e0 "{"x" * 100}">{entities}]>'
-            + response(device(ModelName=f"&e{levels};")))
-
-
 @pytest.mark.parametrize("document", [
     expansion(9),
     expansion(1),
@@ -459,35 +396,6 @@ def test_a_document_type_is_refused_at_once(service, document):
     assert service.memory_peak() - peak < 20
 
 
-class Watched:
-    """A file of which each opening is seen, and a listener of which each connection is."""
-
-    def __init__(self, file):
-        file.write_text("<!ENTITY a 'secret'>")
-        self.libc = ctypes.CDLL(None, use_errno=True)
-        self.notices = self.libc.inotify_init1(os.O_NONBLOCK)
-        assert self.notices >= 0
-        in_open = 0x20
-        assert self.libc.inotify_add_watch(self.notices, os.fsencode(file), in_open) >= 0
-        self.listener = socket.create_server(("127.0.0.1", 0))
-        self.listener.setblocking(False)
-        self.port = self.listener.getsockname()[1]
-
-    def seen(self):
-        found = []
-        with contextlib.suppress(BlockingIOError):
-            os.read(self.notices, 4096)
-            found.append("opened")
-        with contextlib.suppress(BlockingIOError):
-            self.listener.accept()[0].close()
-            found.append("connected")
-        return found
-
-    def close(self):
-        os.close(self.notices)
-        self.listener.close()
-
-
 @pytest.fixture
 def watched(service):
     file = service.machine.c / "secret.txt"
@@ -498,11 +406,6 @@ def watched(service):
     yield watched
     assert watched.seen() == []
     watched.close()
-
-
-PLACES = ["file:///C:/secret.txt", "C:\\secret.txt", "C:/secret.txt", "/secret.txt", "secret.txt",
-          "file://localhost/C:/secret.txt", "../secret.txt", "http://127.0.0.1:{port}/secret.txt",
-          "//127.0.0.1:{port}/secret.txt"]
 
 
 @pytest.mark.parametrize("frame", [

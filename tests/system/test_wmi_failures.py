@@ -6,8 +6,8 @@ import threading
 
 import pytest
 
-from clients import (CALL_CANCELLED, NOT_FOUND, OK, PROVIDER_LOAD_FAILURE, event, fetched, listing,
-                     names, plain, published, send)
+from clients import (CALL_CANCELLED, NOT_FOUND, OK, PROVIDER_LOAD_FAILURE, counters, event,
+                     events_until, fetched, listing, names, plain, published, send)
 from machine import BUILD, ROOT, SERVICE, WMI_HOST, bound_datagram_ports, wait_until, windows_path
 from peer import Peer, device, framed, response
 
@@ -15,6 +15,8 @@ MOF = windows_path(ROOT / "mof" / "quillmon.mof")
 SCANNERS = ["SCANNER1", "SCANNER2"]
 SCANNER1 = 'UPOS_Scanner.DeviceID="SCANNER1"'
 
+BLOCKS = 1  # a switch that is no failure
+OBJECT_DISCONNECTED = 0x80010108
 PECULIAR = 0x80040999  # given by nobody but the switch of a test
 ACCESS_DENIED = 0x80070005
 CLASS_NOT_REGISTERED = 0x80040154
@@ -126,11 +128,6 @@ def assert_nothing_published(machine, till, watcher, *documents):
     wait_until_received(machine, till)
     assert not select.select([watcher.stdout], [], [], 0.5)[0], watcher.stdout.readline()
     assert watcher.poll() is None
-
-
-def counters(machine):
-    return {name: machine.wmi_counter(name)
-            for name in ("LiveObjects", "LiveServices", "LiveSinks", "Violations")}
 
 
 # -- the registrations
@@ -475,3 +472,100 @@ def test_a_client_that_dies_while_it_waits_gives_its_turn_back(shared_machine, t
                                      provider__eventSocket__Port=till.events)
     assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
     assert counters(shared_machine) == before
+
+
+# -- clients that block, and many at once
+
+
+def wait_for_put(wmi):
+    """Returns once the service is about to hand over a device; its sink may block it then."""
+    wait_until(lambda: any(line.startswith("\tPutField") for line in wmi.trace()), "a device")
+
+
+def start_list(machine, class_name):
+    return machine.start(str(BUILD / "wmi_client.exe"), "list", class_name, "DeviceID")
+
+
+def listed_by(client):
+    out, _ = client.communicate(timeout=60)
+    return out.decode().split()[1:]
+
+
+def test_a_client_that_does_not_take_its_devices_holds_its_slot_and_no_event(
+        shared_machine, till, wmi, watcher):
+    assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
+    wmi.set(IndicateObject=BLOCKS)
+    wmi.mark = len(shared_machine.trace())
+    blocked = start_list(shared_machine, "UPOS_Scanner")
+    wait_for_put(wmi)
+    waiting = start_list(shared_machine, "UPOS_Scale")
+    wait_until(lambda: wmi.trace().count("<<<< CreateInstanceEnumAsync >>>>") == 2, "the second")
+    assert published(till, watcher, event("A"), event("B")) == [plain("A"), plain("B")]
+    assert blocked.poll() is None and waiting.poll() is None
+    assert asked(wmi) == 1
+    wmi.clear()
+    assert listed_by(blocked) == SCANNERS
+    assert listed_by(waiting) == ["SCALE1"]
+
+
+def test_a_client_that_dies_in_the_middle_of_taking_its_devices_leaves_nothing_behind(
+        shared_machine, till, wmi):
+    assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
+    before = counters(shared_machine)
+    wmi.set(IndicateObject=BLOCKS)
+    wmi.mark = len(shared_machine.trace())
+    client = start_list(shared_machine, "UPOS_Scanner")
+    wait_for_put(wmi)
+    client.kill()
+    client.wait()
+    wmi.clear()
+    assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
+    assert counters(shared_machine) == before
+
+
+def test_a_sink_whose_other_end_is_gone_ends_the_list_with_its_code(shared_machine, till, wmi):
+    wmi.set(IndicateObject=OBJECT_DISCONNECTED)
+    assert names(shared_machine, "UPOS_Scanner") == ([], shown(OBJECT_DISCONNECTED))
+    wmi.clear()
+    assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
+
+
+def test_an_event_sink_that_blocks_keeps_events_waiting_and_no_request(
+        shared_machine, till, wmi, watcher):
+    wmi.set(IndicateEvent=BLOCKS)
+    send(till.events, *(event(f"D{i}") for i in range(20)), event("END"))
+    for _ in range(3):
+        assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
+    assert not select.select([watcher.stdout], [], [], 0.2)[0]
+    wmi.clear()
+    assert events_until(watcher, "END") == [plain(f"D{i}") for i in range(20)]
+
+
+def test_lists_that_are_cancelled_while_they_wait_for_a_slot_leave_it_to_the_next(
+        shared_machine, till, wmi):
+    opened = threading.Event()
+
+    def hold(connection, _):
+        opened.wait(60)
+        connection.sendall(framed(response(device("D1"))))
+
+    assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
+    before = counters(shared_machine)
+    with Peer(answer=hold) as peer:
+        shared_machine.configure(upos__requestSocket__Port=peer.port)
+        try:
+            wmi.mark = len(shared_machine.trace())
+            crowd = shared_machine.start(
+                str(BUILD / "wmi_client.exe"), "parallel", 20, "UPOS_Scanner")
+            wait_until(
+                lambda: wmi.trace().count("<<<< CreateInstanceEnumAsync >>>>") == 20, "the lists")
+            crowd.kill()
+            crowd.wait()
+            opened.set()
+            assert names(shared_machine, "UPOS_Scanner") == (["D1"], OK)
+            wait_until(lambda: names(shared_machine, "UPOS_Scanner") == (["D1"], OK)
+                       and counters(shared_machine) == before, "the cancelled lists to be gone")
+        finally:
+            opened.set()
+            shared_machine.configure(upos__requestSocket__Port=till.requests,
+                                     provider__eventSocket__Port=till.events)
