@@ -29,6 +29,9 @@ class Watched:
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.listener.setblocking(False)
         self.port = self.listener.getsockname()[1]
+        file.read_text()
+        socket.create_connection(("127.0.0.1", self.port)).close()
+        assert self.seen() == ["opened", "connected"]  # so it would be seen
 
     def seen(self):
         found = []

@@ -54,3 +54,10 @@ def shared_machine(template):
     """A machine for all tests of a file that leave it as they found it."""
     with _machine(template) as machine:
         yield machine
+
+
+@pytest.fixture(scope="module")
+def template_machine(template):
+    """Makes machines for a file that shares more than one."""
+    with contextlib.ExitStack() as machines:
+        yield lambda: machines.enter_context(_machine(template))
