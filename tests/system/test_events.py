@@ -175,6 +175,7 @@ def padded(device_id, length):
     b"no marks at all",
     padded("LOST", LONGEST + 1),
     padded("LOST", 60000),
+    padded("LOST", 65507),
     framed("<event"),
     framed(event("LOST")[:-1]),
     framed(event("LOST").replace("</field>", "", 1)),
@@ -189,9 +190,9 @@ def padded(device_id, length):
     framed(event("&undefined;")),
     framed("<a>" * 150 + "</a>" * 100),
 ], ids=["empty", "end mark", "no text", "zeros", "all bytes", "no marks", "one byte too long",
-        "60000 bytes", "a piece of a tag", "cut", "unbalanced", "more behind", "two roots",
-        "no XML", "no characters", "not UTF-8", "document type", "entity", "external entity",
-        "unknown entity", "deep"])
+        "60000 bytes", "65507 bytes", "a piece of a tag", "cut", "unbalanced", "more behind",
+        "two roots", "no XML", "no characters", "not UTF-8", "document type", "entity",
+        "external entity", "unknown entity", "deep"])
 def test_a_bad_datagram_costs_only_itself(till, watcher, datagram):
     assert published(till, watcher, event("BEFORE"), datagram, event("AFTER")) == [
         plain("BEFORE"), plain("AFTER")]
