@@ -55,18 +55,25 @@ xerces_options=(
   -Dmutex-manager=windows
   -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS=-fstack-protector-strong -D_FORTIFY_SOURCE=2"
 )
-# Starting the library once per call is by design here; this makes a start cheap on Windows.
-xerces_patches=("$root/cmake/patches/xerces-c-charset-table.patch")
+# Starting the library once per call is by design here; these make a start cheap.
+xerces_patches=(
+  "$root/cmake/patches/xerces-c-charset-table.patch" "$root/cmake/patches/xerces-c-regex-ranges.patch"
+)
 
-# build_xerces: cross-builds Xerces-C once from the distribution's patched source package, keeps it
-# in the cache by version and options, and links it where the toolchain file looks for it.
-build_xerces() {
-  local key xerces_prefix
+# The library that the product is linked with; and, to measure it by, the one as it is distributed.
+build_xerces() { cross_build_xerces xerces "${xerces_patches[@]}"; }
+build_distributed_xerces() { cross_build_xerces xerces-distributed; }
+
+# cross_build_xerces LINK [PATCH...]: cross-builds Xerces-C once from the distribution's source
+# package, keeps it in the cache by version and options, and links it as build/deps/LINK, where the
+# toolchain file looks for it.
+cross_build_xerces() {
+  local link=$1 key xerces_prefix; shift
   key=$(printf '%s\n' "$xerces_version" "${xerces_options[@]}" "with its papers" \
-    "$(cat "$root/cmake/mingw-w64.cmake" "${xerces_patches[@]}")" | sha256sum | cut -c1-16)
+    "$(cat "$root/cmake/mingw-w64.cmake" "$@")" | sha256sum | cut -c1-16)
   xerces_prefix=$cache/xerces-$xerces_version-$key
   mkdir -p "$root/build/deps"
-  ln -sfn "$xerces_prefix" "$root/build/deps/xerces"
+  ln -sfn "$xerces_prefix" "$root/build/deps/$link"
   [ -e "$xerces_prefix/.complete" ] && return
   say "building Xerces-C $xerces_version for Windows, once (one to two minutes)"
   local work; work=$(mktemp -d "${TMPDIR:-/tmp}/quillmon-xerces.XXXXXX")
@@ -74,7 +81,7 @@ build_xerces() {
   local source; source=$(echo "$work"/xerces-c-"$xerces_version"*/)
   [ -e "$source/CMakeLists.txt" ] || die "Debian's source package xerces-c is not version $xerces_version"
   local patch
-  for patch in "${xerces_patches[@]}"; do
+  for patch in "$@"; do
     quietly "$cache/log/xerces-patch.log" patch -d "$source" -p1 -i "$patch"
   done
   rm -rf "$xerces_prefix"
@@ -90,7 +97,7 @@ build_xerces() {
   mkdir -p "$papers"
   cp "$source"/{LICENSE,NOTICE} "$papers"
   cp "$work"/xerces-c_*.dsc "$papers/source.dsc"
-  { grep -v '^#' "$source/debian/patches/series"; basename -a "${xerces_patches[@]}"; } >"$papers/patches"
+  { grep -v '^#' "$source/debian/patches/series"; printf '%s\n' "${@##*/}"; } >"$papers/patches"
   touch "$xerces_prefix/.complete"
   rm -rf "$work"
 }
