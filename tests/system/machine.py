@@ -3,6 +3,7 @@
 Everything a test does to it goes through Windows' own programs or the product's own interfaces.
 """
 
+import fcntl
 import os
 import re
 import select
@@ -17,6 +18,23 @@ BUILD = Path(os.environ.get("QUILLMON_BUILD", ROOT / "build" / "windows"))
 SERVICE = "QuillmonServ"
 WMI_HOST = "HKLM\\SOFTWARE\\QuillmonTest\\WmiHost"
 WINESERVER = "/usr/lib/wine/wineserver"
+WINE = ROOT / "build" / "wine"
+
+
+def template():
+    """A prefix at rest that machines are copied from; made once, kept in the build folder."""
+    prefix = WINE / "template"
+    WINE.mkdir(parents=True, exist_ok=True)
+    with open(WINE / "template.making", "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not (prefix / ".complete").exists():
+            shutil.rmtree(prefix, ignore_errors=True)
+            env = dict(os.environ, QUILLMON_WINEPREFIX=str(prefix), WINEPREFIX=str(prefix))
+            subprocess.run([ROOT / "tests" / "wine", "cmd", "/c", "exit"], env=env, check=True)
+            subprocess.run([WINESERVER, "-k"], env=env)
+            subprocess.run([WINESERVER, "-w"], env=env)
+            (prefix / ".complete").touch()
+    return prefix
 
 
 def wait_until(condition, what, seconds=20.0):

@@ -404,7 +404,8 @@ HRESULT ClassObject::Put(LPCWSTR name, LONG flags, VARIANT* value, CIMTYPE type)
     if (name == nullptr || flags != 0) {
       return wbemResult(WBEM_E_INVALID_PARAMETER);
     }
-    if (settings::text(L"PutProperty").empty() || settings::listed(L"PutProperty", name)) {
+    if (settings::switchesAct() &&
+        (settings::text(L"PutProperty").empty() || settings::listed(L"PutProperty", name))) {
       if (HRESULT failed = settings::failure(L"Put"); FAILED(failed)) {
         return failed;
       }

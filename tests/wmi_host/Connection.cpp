@@ -12,6 +12,16 @@ void startSockets() {
   static_cast<void>(started);
 }
 
+Connection::Connection(SOCKET socket) noexcept : socket_(socket) {
+  DWORD timeout = 5000;
+  setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&timeout),
+             sizeof timeout);
+  // The messages of an answer are small: none waits for the acknowledgement of the one before it.
+  BOOL atOnce = TRUE;
+  setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&atOnce),
+             sizeof atOnce);
+}
+
 Connection::~Connection() {
   closesocket(socket_);
 }
@@ -45,9 +55,6 @@ std::shared_ptr<Connection> Connection::toProvider() {
 bool Connection::send(wire::Kind kind, std::string_view payload) {
   std::string bytes = wire::frame(kind, payload);
   std::scoped_lock lock(sending_);
-  DWORD timeout = 5000;
-  setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&timeout),
-             sizeof timeout);
   for (std::size_t sent = 0; sent < bytes.size();) {
     int count = ::send(socket_, bytes.data() + sent, static_cast<int>(bytes.size() - sent), 0);
     if (count <= 0) {

@@ -18,7 +18,7 @@ namespace wmi_host {
 /// waits.
 class Connection {
 public:
-  explicit Connection(SOCKET socket) noexcept : socket_(socket) {}
+  explicit Connection(SOCKET socket) noexcept;
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection();

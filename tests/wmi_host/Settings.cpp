@@ -19,6 +19,7 @@ constexpr wchar_t kCountersKey[] = L"SOFTWARE\\QuillmonTest\\WmiHost\\Counters";
 constexpr DWORD kBlocks = 1;
 
 std::atomic<bool> isProviderProcess = false;
+std::atomic<bool> isQuiet = false; // nothing but Mof and Server is read, nothing is counted
 
 DWORD numberIn(const wchar_t* key, const wchar_t* name, DWORD otherwise) {
   DWORD value = 0;
@@ -67,7 +68,7 @@ void store(const wchar_t* path, DWORD options, const wchar_t* name, const std::w
 } // namespace
 
 DWORD number(const wchar_t* name, DWORD otherwise) {
-  return numberIn(kKey, name, otherwise);
+  return isQuiet ? otherwise : numberIn(kKey, name, otherwise);
 }
 
 std::wstring text(const wchar_t* name) {
@@ -88,7 +89,12 @@ std::vector<std::wstring> list(const wchar_t* name) {
 }
 
 void setProviderProcess() noexcept {
-  isProviderProcess = true;
+  isQuiet = numberIn(kKey, L"Quiet", 0) != 0;
+  isProviderProcess = !isQuiet;
+}
+
+bool switchesAct() noexcept {
+  return isProviderProcess;
 }
 
 HRESULT failure(const wchar_t* name) {
@@ -142,10 +148,16 @@ void withdraw() {
 }
 
 void clearCounters() {
+  if (isQuiet) {
+    return;
+  }
   RegDeleteKeyW(HKEY_LOCAL_MACHINE, kCountersKey);
 }
 
 void storeCounter(const wchar_t* name, DWORD value) {
+  if (isQuiet) {
+    return;
+  }
   store(kCountersKey, REG_OPTION_VOLATILE, name, value);
 }
 void storeCounter(const wchar_t* name, const std::wstring& value) {

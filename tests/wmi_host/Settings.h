@@ -15,8 +15,10 @@ std::wstring text(const wchar_t* name);
 /// A text split at semicolons, without empty parts.
 std::vector<std::wstring> list(const wchar_t* name);
 
-/// Failure switches act in a process that registers a provider, and only after this.
+/// Failure switches act in a process that registers a provider, and only after this; not at all
+/// where the setting Quiet is on at this moment.
 void setProviderProcess() noexcept;
+bool switchesAct() noexcept;
 /// The HRESULT in the value `name`, or S_OK. With a value `name`After that many calls pass first,
 /// counted from when the switch was set. While the value is 1 this does not return.
 HRESULT failure(const wchar_t* name);
