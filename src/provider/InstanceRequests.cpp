@@ -65,9 +65,10 @@ HRESULT spawnInstance(IWbemClassObject* classObject, ComPtr<IWbemClassObject>& i
 }
 
 /// Puts the fields of one of the adapter's instances, each converted by its type word. A property
-/// that WMI refuses is skipped silently; the others are traced as `traceFormat`.
+/// that WMI refuses is skipped silently; the others are traced as `traceFormat` if `traced`: the
+/// trace's switch is a named event, asked for once a request and not for each property.
 void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount,
-               IWbemClassObject* instance, std::string_view traceFormat) {
+               IWbemClassObject* instance, bool traced, std::string_view traceFormat) {
   for (std::int32_t field = 0; field < fieldCount; ++field) {
     std::string name;
     std::string type;
@@ -78,7 +79,7 @@ void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount
     win::Variant value(win::Bstr(win::widenInThreadCodePage(text)));
     provider::convertProperty(providerState().propertyTypes.typeOf(type), value);
     const std::wstring wideName = win::widenInThreadCodePage(name);
-    if (SUCCEEDED(instance->Put(wideName.c_str(), 0, value.get(), 0))) {
+    if (SUCCEEDED(instance->Put(wideName.c_str(), 0, value.get(), 0)) && traced) {
       UPOSLog::trace(traceFormat, name, type, text);
     }
   }
@@ -88,13 +89,14 @@ void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount
 HRESULT indicateInstances(UPOSAdapter& adapter, IWbemClassObject* classObject, HRESULT status,
                           IWbemObjectSink* responseHandler) {
   const std::int32_t count = adapter.getInstanceCount();
+  const bool traced = UPOSLog::isSwitchedOn();
   for (std::int32_t index = 0; index < count; ++index) {
     ComPtr<IWbemClassObject> instance;
     status = spawnInstance(classObject, instance);
     if (FAILED(status)) {
       break;
     }
-    putFields(adapter, index, adapter.selectInstance(index), instance.Get(),
+    putFields(adapter, index, adapter.selectInstance(index), instance.Get(), traced,
               "\tPutField - Name: %s, Type: %s, Value: %s");
     IWbemClassObject* object = instance.Get();
     status = responseHandler->Indicate(1, &object);
@@ -261,7 +263,7 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
     }
     const std::int32_t fieldCount = adapter.selectInstance(0);
     UPOSLog::trace("GetIntanceByPath: Number of Props In Instance: %d", fieldCount);
-    putFields(adapter, 0, fieldCount, spawned.Get(),
+    putFields(adapter, 0, fieldCount, spawned.Get(), UPOSLog::isSwitchedOn(),
               "<<Put Field >> Name: %s, Type: %s, Value: %s");
     *instance = spawned.Detach();
     return wbemResult(fieldCount < 1 ? WBEM_E_FAILED : WBEM_S_NO_ERROR);

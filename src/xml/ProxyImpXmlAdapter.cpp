@@ -37,10 +37,13 @@ void readProviderAndFields(const std::string& message, DeviceEvent& event) {
   const Elements fields = elementsBelow(first, u"field");
   UPOSLog::trace("<<ProxyImpXmlAdapter>>     provider=%s fieldlist_length=%d", event.provider,
                  static_cast<int>(fields.size()));
+  const bool traced = UPOSLog::isSwitchedOn(); // a named event, not asked for with each field
   for (const xercesc::DOMElement* element : fields) {
     const Field& field = event.fields.emplace_back(document.readField(*element));
-    UPOSLog::trace("<<ProxyImpXmlAdapter>>         name=%s type=%s value=%s", field[0], field[1],
-                   field[2]);
+    if (traced) {
+      UPOSLog::trace("<<ProxyImpXmlAdapter>>         name=%s type=%s value=%s", field[0], field[1],
+                     field[2]);
+    }
   }
 }
 

@@ -133,6 +133,8 @@ std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
   const Elements instances = document.elements(u"instance");
   UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(instance) length: %d",
                  static_cast<int>(instances.size()));
+  // The switch is a named event, asked for once an answer and not for each of its fields.
+  const bool traced = UPOSLog::isSwitchedOn();
   for (const xercesc::DOMElement* instance : instances) {
     const std::string className = attributeOf(*instance, u"name");
     const bool isScannerOrScale =
@@ -148,9 +150,11 @@ std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
           isKeptManufacturer(value, isScannerOrScale)) {
         keep = true;
       }
-      UPOSLog::trace(
-          "<<UPOSXMLAdapter>> field %d name='%s', type='%s', value='%s', dev='%s' add=%d",
-          static_cast<int>(number), name, fieldType, value, value, keep ? 1 : 0);
+      if (traced) {
+        UPOSLog::trace(
+            "<<UPOSXMLAdapter>> field %d name='%s', type='%s', value='%s', dev='%s' add=%d",
+            static_cast<int>(number), name, fieldType, value, value, keep ? 1 : 0);
+      }
     }
     if (keep) {
       instances_.push_back(std::move(pendingFields_));
@@ -158,7 +162,9 @@ std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
     } else {
       // A discarded device's fields stay pending on purpose: the next kept instance begins with
       // them, and the management tools have always seen it so.
-      UPOSLog::trace("<<fromXML>> Discarding NON-ORVEX device");
+      if (traced) {
+        UPOSLog::trace("<<fromXML>> Discarding NON-ORVEX device");
+      }
     }
   }
   return kRead;
