@@ -58,6 +58,7 @@ xerces_options=(
 # Starting the library once per call is by design here; these make a start cheap.
 xerces_patches=(
   "$root/cmake/patches/xerces-c-charset-table.patch" "$root/cmake/patches/xerces-c-regex-ranges.patch"
+  "$root/cmake/patches/xerces-c-schema-types.patch"
 )
 
 # The library that the product is linked with; and, to measure it by, the one as it is distributed.

@@ -2,6 +2,7 @@
 #include "strategy/IUPOSXmlAdapter.h"
 #include "strategy/StrategyFactory.h"
 #include "strategy/UPOSAdapter.h"
+#include "strategy/testing/CountedAllocations.h"
 #include "trace/PrintfFormat.h"
 
 #include <gmock/gmock.h>
@@ -319,6 +320,25 @@ TEST_F(UPOSAdapterTest, TheFallbackSurvivesANewRequestButTheSelectionDoesNot) {
 }
 
 // Was quadratic: each string that was read copied its whole instance.
+TEST_F(UPOSAdapterTest, ReadingAPropertyAllocatesNoMoreInALargeInstanceThanInASmallOne) {
+  const auto allocationsOf = [](std::int32_t properties) {
+    const auto adapter = adapterWith({Instance(static_cast<std::size_t>(properties),
+                                               field("a property whose name is on the heap"))});
+    std::string out;
+    const int before = countedAllocations();
+    adapter->selectInstance(0);
+    for (std::int32_t i = 0; i < properties; ++i) {
+      for (std::int32_t number = 0; number < 3; ++number) {
+        adapter->getPropertyItem(&out, 0, i, number);
+      }
+    }
+    return countedAllocations() - before;
+  };
+  const int few = allocationsOf(100);
+  EXPECT_GT(few, 100); // counted at all
+  EXPECT_LE(allocationsOf(1000), 10 * few);
+}
+
 TEST_F(UPOSAdapterTest, AnInstanceOfManyPropertiesIsReadInLinearTime) {
   constexpr std::int32_t kProperties = 20000;
   Instance wide;

@@ -65,8 +65,8 @@ std::string attributeOf(const DOMElement& element, const XMLCh* name) {
 }
 
 Field fieldOf(const DOMElement& element) {
-  return {attributeOf(element, u"name"), attributeOf(element, u"type"),
-          narrow(element.getTextContent())};
+  return makeField(attributeOf(element, u"name"), attributeOf(element, u"type"),
+                   narrow(element.getTextContent()));
 }
 
 /// The library's parser with its default settings and no error handler, which would report nothing

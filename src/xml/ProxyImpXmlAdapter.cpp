@@ -21,7 +21,7 @@ Instance instanceOf(const CIMDevice& device) {
   Instance instance;
   instance.reserve(device.fields().size());
   for (const auto& [name, value] : device.fields()) {
-    instance.push_back({name, value.type, value.value});
+    instance.push_back(makeField(name, value.type, value.value));
   }
   return instance;
 }
@@ -35,9 +35,11 @@ void readProviderAndFields(const std::string& message, DeviceEvent& event) {
   const xercesc::DOMElement& first = *events.front();
   event.provider = attributeOf(first, u"provider");
   const Elements fields = elementsBelow(first, u"field");
-  UPOSLog::trace("<<ProxyImpXmlAdapter>>     provider=%s fieldlist_length=%d", event.provider,
-                 static_cast<int>(fields.size()));
   const bool traced = UPOSLog::isSwitchedOn(); // a named event, not asked for with each field
+  if (traced) {
+    UPOSLog::trace("<<ProxyImpXmlAdapter>>     provider=%s fieldlist_length=%d", event.provider,
+                   static_cast<int>(fields.size()));
+  }
   for (const xercesc::DOMElement* element : fields) {
     const Field& field = event.fields.emplace_back(document.readField(*element));
     if (traced) {

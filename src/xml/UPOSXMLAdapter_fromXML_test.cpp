@@ -1,5 +1,6 @@
 #include "RecordedTrace.h"
 #include "xml/UPOSXMLAdapter.h"
+#include "xml/testing/FailingMemory.h"
 #include "xml/testing/UnreadableDocuments.h"
 
 #include <gmock/gmock.h>
@@ -314,6 +315,45 @@ TEST_F(FromXml, AnUnreadableDocumentLeavesWhatWasReadBefore) {
   adapter_.fromXML(good);
   EXPECT_EQ(adapter_.fromXML(good.substr(0, good.size() - 1)), kUnreadable);
   EXPECT_EQ(adapter_.getInstances().size(), 1U);
+}
+
+std::string answerOf(std::size_t devices) {
+  return response(
+      repeated(devices, instance("UPOS_Scanner", repeated(7, field("A", "a value")) +
+                                                     field("ManufacturerName", "OEM"))));
+}
+
+TEST_F(FromXml, ADeviceCostsNoMoreAllocationsInALargeAnswerThanInASmallOne) {
+  recorded_trace::setSwitchedOn(false);
+  const auto allocationsOf = [](std::size_t devices) {
+    const std::string document = answerOf(devices);
+    const std::size_t before = failing_memory::allocations();
+    UPOSXMLAdapter adapter;
+    adapter.fromXML(document);
+    EXPECT_EQ(adapter.getInstances().size(), devices);
+    return failing_memory::allocations() - before;
+  };
+  const std::size_t few = allocationsOf(100);
+  const std::size_t many = allocationsOf(1000);
+  recorded_trace::setSwitchedOn(true);
+  EXPECT_GT(few, 100U * 8U); // counted at all
+  EXPECT_LE(many, 10 * few);
+}
+
+// Asked for each field, the switch cost more than all the rest of a large answer.
+TEST_F(FromXml, TheTracesSwitchIsAskedForNoMoreOftenInALargeAnswer) {
+  recorded_trace::setSwitchedOn(false);
+  const auto asks = [](std::size_t devices) {
+    const std::string document = answerOf(devices);
+    const int before = recorded_trace::timesAsked();
+    UPOSXMLAdapter().fromXML(document);
+    return recorded_trace::timesAsked() - before;
+  };
+  const int one = asks(1);
+  const int many = asks(100);
+  recorded_trace::setSwitchedOn(true);
+  EXPECT_GT(one, 0);
+  EXPECT_EQ(many, one);
 }
 
 TEST_F(FromXml, TheTimeGrowsWithTheNumberOfInstancesOnly) {

@@ -10,6 +10,7 @@ std::mutex mutex;
 std::vector<std::string> recorded;
 std::atomic<bool> switchedOn = true;
 std::atomic<bool> echo = false;
+std::atomic<int> asked = 0;
 } // namespace
 
 namespace recorded_trace {
@@ -24,12 +25,16 @@ void clear() {
 void setSwitchedOn(bool on) {
   switchedOn = on;
 }
+int timesAsked() {
+  return asked;
+}
 bool consoleEcho() {
   return echo;
 }
 } // namespace recorded_trace
 
 bool UPOSLog::isSwitchedOn() noexcept {
+  ++asked;
   return switchedOn;
 }
 void UPOSLog::setConsoleEcho() noexcept {

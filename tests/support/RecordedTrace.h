@@ -10,5 +10,7 @@ namespace recorded_trace {
 std::vector<std::string> lines();
 void clear();
 void setSwitchedOn(bool on);
+/// How often it was asked whether the trace is switched on: a call of the system each time.
+int timesAsked();
 bool consoleEcho();
 } // namespace recorded_trace

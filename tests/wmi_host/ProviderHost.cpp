@@ -62,23 +62,13 @@ private:
   std::shared_ptr<Initialisation> state_;
 };
 
-/// Runs `body` on a new thread of the multithreaded apartment, as a call of a client, and waits.
+/// Runs `body` as a call of a client. The thread is new, and of the multithreaded apartment.
 template <class Body>
 HRESULT onClientCall(Body body) {
-  HRESULT result = wbemResult(WBEM_E_FAILED);
-  std::thread([&] {
-    result = comBoundary([&] {
-      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-      HRESULT got = wbemResult(WBEM_E_FAILED);
-      {
-        CallScope call;
-        got = body();
-      }
-      CoUninitialize();
-      return got;
-    });
-  }).join();
-  return result;
+  return comBoundary([&] {
+    CallScope call;
+    return body();
+  });
 }
 
 } // namespace
@@ -383,7 +373,11 @@ void ProviderHost::serve(const std::shared_ptr<Connection>& connection) {
   std::optional<ObjectPath> path = parsePath(request->argument);
   request->className = path ? path->className : request->argument;
   request->connection = connection;
-  std::thread worker([this, request] { answer(request); });
+  std::thread worker([this, request] {
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    answer(request);
+    CoUninitialize();
+  });
   connection->receive(); // clients send nothing more: this is the end of the client's interest
   bool isOver = false;
   {

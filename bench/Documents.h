@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+/// The documents that everything here is measured with: devices of eight fields each, six texts, a
+/// number and a boolean, of a maker whose devices are published.
+namespace documents {
+
+inline constexpr char kClass[] = "UPOS_Scanner";
+
+/// "DEV" and the number.
+std::string deviceId(std::size_t number);
+/// The eight "field" elements of one device.
+std::string fields(std::size_t number);
+/// An answer of devices 0 to `count` - 1.
+std::string answer(std::size_t count);
+/// An answer of one device, with that id.
+std::string answerFor(const std::string& id);
+/// An event about device `number`: all its fields for "addInstance", otherwise the four that any
+/// event needs to be applied and published.
+std::string event(const std::string& type, std::size_t number);
+
+} // namespace documents

@@ -1,0 +1,218 @@
+// bench_client REQUEST_PORT: both ends of what is measured, a WMI client and the device server, so
+// that one clock sees a request or an event come and go. Reads commands, one a line, and answers
+// each with one line: the microseconds it took, "ok", or "failed" with the reason. Ends with its
+// input.
+//
+//   devices N               enumerations are answered with N devices from now on
+//   enumerate N TIMES       that many enumerations, each of which must bring N instances
+//   refused TIMES           that many enumerations, each of which must fail
+//   until N                 enumerations until one brings N instances
+//   get ID TIMES            that many retrievals
+//   clients K ROUNDS N      K threads with ROUNDS enumerations of N instances each
+//   watch udp|tcp PORT      subscribes to events and gets ready to send them to that port
+//   events TYPE FIRST COUNT sends COUNT events, of devices FIRST, FIRST + 1 ..., 100 of them under
+//                           way at a time, and waits for their WMI events
+//   latency TYPE COUNT      sends COUNT events, each when the one before has arrived; the
+//                           microseconds of each
+
+#include "DeviceServer.h"
+#include "Documents.h"
+#include "Wmi.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+double now() {
+  LARGE_INTEGER ticks;
+  LARGE_INTEGER frequency;
+  QueryPerformanceCounter(&ticks);
+  QueryPerformanceFrequency(&frequency);
+  return static_cast<double>(ticks.QuadPart) * 1e6 / static_cast<double>(frequency.QuadPart);
+}
+
+template <class Action>
+std::string timed(const Action& action, std::size_t times = 1) {
+  const double begin = now();
+  for (std::size_t i = 0; i < times; ++i) {
+    action();
+  }
+  return std::to_string(now() - begin);
+}
+
+void require(bool condition, const char* reason) {
+  if (!condition) {
+    throw std::runtime_error(reason);
+  }
+}
+
+class Bench {
+public:
+  explicit Bench(std::uint16_t requestPort) : server_(requestPort) {}
+
+  std::string run(std::istringstream& words) {
+    std::string command;
+    words >> command;
+    if (command == "devices") {
+      server_.setCount(number(words));
+      return "ok";
+    }
+    if (command == "enumerate") {
+      const std::size_t count = number(words);
+      return timed([&] { require(wmi_.enumerate(class_) == count, "another number of instances"); },
+                   number(words));
+    }
+    if (command == "refused") {
+      return timed([&] { require(!enumerates(), "an enumeration that succeeded"); }, number(words));
+    }
+    if (command == "until") {
+      const std::size_t count = number(words);
+      return timed([&] { waitFor(count); });
+    }
+    if (command == "get") {
+      std::string id;
+      words >> id;
+      const std::wstring path =
+          class_ + L".DeviceID=\"" + std::wstring(id.begin(), id.end()) + L"\"";
+      return timed([&] { wmi_.get(path); }, number(words));
+    }
+    if (command == "clients") {
+      const std::size_t clients = number(words);
+      const std::size_t rounds = number(words);
+      const std::size_t count = number(words);
+      return timed([&] { enumerateFrom(clients, rounds, count); });
+    }
+    if (command == "watch") {
+      std::string kind;
+      words >> kind;
+      wmi_.watch();
+      channel_.emplace(static_cast<std::uint16_t>(number(words)), kind == "tcp");
+      return "ok";
+    }
+    if (command == "events") {
+      std::string type;
+      words >> type;
+      const std::size_t first = number(words);
+      const std::size_t count = number(words);
+      return timed([&] { sendEvents(type, first, count); });
+    }
+    if (command == "latency") {
+      std::string type;
+      words >> type;
+      const std::size_t count = number(words);
+      std::string all;
+      for (std::size_t i = 0; i < count; ++i) {
+        all += timed([&] { sendEvents(type, i, 1); }) + " ";
+      }
+      return all;
+    }
+    throw std::runtime_error("unknown command");
+  }
+
+private:
+  static std::size_t number(std::istringstream& words) {
+    std::size_t value = 0;
+    words >> value;
+    require(!words.fail(), "a number is missing");
+    return value;
+  }
+
+  bool enumerates() {
+    try {
+      wmi_.enumerate(class_);
+      return true;
+    } catch (const std::runtime_error&) {
+      return false;
+    }
+  }
+
+  void waitFor(std::size_t count) {
+    const double begin = now();
+    for (;;) {
+      try {
+        if (wmi_.enumerate(class_) == count) {
+          return;
+        }
+      } catch (const std::runtime_error&) { // nobody has registered yet
+      }
+      require(now() - begin < 60e6, "no such enumeration within a minute");
+      Sleep(2);
+    }
+  }
+
+  void enumerateFrom(std::size_t clients, std::size_t rounds, std::size_t count) {
+    std::atomic<bool> allRight = true;
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < clients; ++i) {
+      threads.emplace_back([&] {
+        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        try {
+          for (std::size_t round = 0; round < rounds; ++round) {
+            require(wmi_.enumerate(class_) == count, "another number of instances");
+          }
+        } catch (const std::runtime_error&) {
+          allRight = false;
+        }
+        CoUninitialize();
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    require(allRight, "a client that was not served");
+  }
+
+  void sendEvents(const std::string& type, std::size_t first, std::size_t count) {
+    constexpr std::size_t kUnderWay = 100; // as many datagrams as any receive buffer holds
+    require(channel_.has_value(), "not subscribed");
+    std::size_t sent = 0;
+    for (std::size_t received = 0; received < count; ++received) {
+      for (; sent < count && sent - received < kUnderWay; ++sent) {
+        require(channel_->send(type, first + sent), "an event that could not be sent");
+      }
+      require(wmi_.nextEvent(), "an event that did not arrive");
+    }
+  }
+
+  const std::wstring class_{documents::kClass, documents::kClass + sizeof documents::kClass - 1};
+  DeviceServer server_;
+  Wmi wmi_;
+  std::optional<EventChannel> channel_;
+};
+
+} // namespace
+
+int main(int argc, char* argv[]) {
+  if (argc != 2) {
+    return 2;
+  }
+  WSADATA winsock;
+  WSAStartup(MAKEWORD(2, 2), &winsock);
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
+                       RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
+  try {
+    Bench bench(static_cast<std::uint16_t>(std::atoi(argv[1])));
+    std::cout << "ready" << std::endl;
+    for (std::string line; std::getline(std::cin, line);) {
+      std::istringstream words(line);
+      try {
+        std::cout << bench.run(words) << std::endl;
+      } catch (const std::exception& error) {
+        std::cout << "failed: " << error.what() << std::endl;
+      }
+    }
+  } catch (const std::exception& error) {
+    std::cout << "failed: " << error.what() << std::endl;
+  }
+  TerminateProcess(GetCurrentProcess(), 0); // the device server's thread does not end
+}

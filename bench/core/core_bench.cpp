@@ -1,0 +1,200 @@
+// The plain core, natively: what turns bytes into values and back. Where a benchmark has a floor,
+// the floor's name begins with "bare_".
+
+#include "Documents.h"
+#include "cache/CIMContainer.h"
+#include "cache/CIMDeviceUtil.h"
+#include "cache/EventSplitter.h"
+#include "floor/BareXml.h"
+#include "strategy/FrameReader.h"
+#include "trace/PrintfFormat.h"
+#include "xml/ProxyImpXmlAdapter.h"
+#include "xml/UPOSXMLAdapter.h"
+#include "xml/XmlLibrary.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+using com::orvex::ProxyImpXmlAdapter;
+
+std::size_t sizeOf(const benchmark::State& state) {
+  return static_cast<std::size_t>(state.range(0));
+}
+
+// -- documents
+
+void startAndStop(benchmark::State& state) {
+  for (auto round : state) {
+    const XmlLibrary library;
+  }
+}
+BENCHMARK(startAndStop);
+
+void toXML(benchmark::State& state) {
+  UPOSXMLAdapter adapter;
+  std::string request;
+  for (auto round : state) {
+    adapter.toXML(documents::kClass, "request", "enumerateInstances", {}, request);
+    benchmark::DoNotOptimize(request);
+  }
+}
+BENCHMARK(toXML);
+
+void fromXML(benchmark::State& state) {
+  const std::string answer = documents::answer(sizeOf(state));
+  for (auto round : state) {
+    UPOSXMLAdapter adapter;
+    adapter.fromXML(answer);
+    benchmark::DoNotOptimize(adapter.getInstances());
+  }
+}
+BENCHMARK(fromXML)->RangeMultiplier(10)->Range(1, 10000);
+
+/// The same document's tree, walked once.
+void bare_fromXML(benchmark::State& state) {
+  const std::string answer = documents::answer(sizeOf(state));
+  for (auto round : state) {
+    const bare_xml::Library library;
+    bare_xml::Tree tree(answer);
+    std::size_t characters = 0;
+    for (const xercesc::DOMElement* device = tree.root().getFirstElementChild(); device != nullptr;
+         device = device->getNextElementSibling()) {
+      bare_xml::forEachField(*device,
+                             [&](const char16_t* name, const char16_t* type, const char16_t* text) {
+                               characters += static_cast<std::size_t>(*name + *type + *text);
+                             });
+    }
+    benchmark::DoNotOptimize(characters);
+  }
+}
+BENCHMARK(bare_fromXML)->RangeMultiplier(10)->Range(1, 10000);
+
+void fromXMLEvent(benchmark::State& state) {
+  const std::string event = documents::event("modifyInstance", 1);
+  UPOSXMLAdapter adapter;
+  for (auto round : state) {
+    benchmark::DoNotOptimize(adapter.fromXMLEvent(event));
+  }
+}
+BENCHMARK(fromXMLEvent);
+
+void bare_fromXMLEvent(benchmark::State& state) {
+  const std::string event = documents::event("modifyInstance", 1);
+  for (auto round : state) {
+    const bare_xml::Library library;
+    bare_xml::Tree tree(event);
+    benchmark::DoNotOptimize(tree.root().getAttribute(u"type"));
+  }
+}
+BENCHMARK(bare_fromXMLEvent);
+
+// -- bytes
+
+/// An answer that arrives in pieces of 1 KiB.
+void readAnswer(benchmark::State& state) {
+  const std::string framed = kFrameBegin + documents::answer(sizeOf(state)) + kFrameEnd;
+  const auto nothing = [](const ByteBuffer&) {};
+  for (auto round : state) {
+    FrameArea area;
+    ByteBuffer out(1024, 1.5F);
+    std::size_t position = 0;
+    readFrame(
+        area, out,
+        [&](char* piece, int size) {
+          const std::size_t count =
+              std::min(static_cast<std::size_t>(size), framed.size() - position);
+          std::memcpy(piece, framed.data() + position, count);
+          position += count;
+          return static_cast<int>(count);
+        },
+        nothing, nothing);
+    benchmark::DoNotOptimize(out.text());
+  }
+}
+BENCHMARK(readAnswer)->RangeMultiplier(10)->Range(1, 10000);
+
+/// One copy of the same bytes.
+void bare_readAnswer(benchmark::State& state) {
+  const std::string framed = kFrameBegin + documents::answer(sizeOf(state)) + kFrameEnd;
+  for (auto round : state) {
+    std::string out(framed);
+    benchmark::DoNotOptimize(out.data());
+  }
+}
+BENCHMARK(bare_readAnswer)->RangeMultiplier(10)->Range(1, 10000);
+
+/// A stream of events that arrives in pieces of 1,023 bytes.
+void splitStream(benchmark::State& state) {
+  std::string stream;
+  for (std::size_t i = 0; i < sizeOf(state); ++i) {
+    stream += documents::event("modifyInstance", i);
+  }
+  for (auto round : state) {
+    EventSplitter splitter;
+    std::size_t documents = 0;
+    for (std::string_view rest = stream; !rest.empty();) {
+      std::string_view piece = rest.substr(0, 1023);
+      piece.remove_suffix(EventSplitter::begunStartMarker(piece));
+      documents += splitter.split(piece).size();
+      rest.remove_prefix(piece.size());
+    }
+    benchmark::DoNotOptimize(documents);
+  }
+}
+BENCHMARK(splitStream)->RangeMultiplier(10)->Range(10, 1000);
+
+// -- the cache
+
+DeviceEvent eventOf(const char* type, std::size_t device) {
+  ProxyImpXmlAdapter adapter;
+  return adapter.fromXMLEvent(documents::event(type, device));
+}
+
+void fill(CIMContainer& container, std::size_t count) {
+  DeviceEvent event = eventOf("addInstance", 0);
+  for (std::size_t i = 0; i < count; ++i) {
+    event.deviceId = documents::deviceId(i);
+    CIMDeviceUtil::processEvent(event, container);
+  }
+}
+
+/// A modification, among that many devices.
+void processEvent(benchmark::State& state) {
+  CIMContainer container;
+  fill(container, sizeOf(state));
+  const DeviceEvent event = eventOf("modifyInstance", sizeOf(state) - 1);
+  for (auto round : state) {
+    benchmark::DoNotOptimize(CIMDeviceUtil::processEvent(event, container));
+  }
+}
+BENCHMARK(processEvent)->RangeMultiplier(10)->Range(1, 10000);
+
+void listDevices(benchmark::State& state) {
+  CIMContainer container;
+  fill(container, sizeOf(state));
+  for (auto round : state) {
+    benchmark::DoNotOptimize(container.getInstances(documents::kClass));
+  }
+}
+BENCHMARK(listDevices)->RangeMultiplier(10)->Range(1, 10000);
+
+// -- the trace
+
+void formatLine(benchmark::State& state) {
+  const std::string device = "SCANNER1";
+  for (auto round : state) {
+    benchmark::DoNotOptimize(
+        formatPrintf("<<UPOSXMLAdapter>> field %d name='%s', type='%s', value='%s'",
+                     {TraceArgument(7), TraceArgument("DeviceID"), TraceArgument("string"),
+                      TraceArgument(device)}));
+  }
+}
+BENCHMARK(formatLine);
+
+} // namespace
+
+BENCHMARK_MAIN();

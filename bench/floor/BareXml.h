@@ -1,0 +1,48 @@
+#pragma once
+
+#include <xercesc/dom/DOM.hpp>
+#include <xercesc/framework/MemBufInputSource.hpp>
+#include <xercesc/parsers/XercesDOMParser.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+
+#include <string>
+#include <string_view>
+
+/// The XML library with nothing around it: what the product's documents cost at the least.
+namespace bare_xml {
+
+/// A start and its stop, as the design has them in each call that uses the library.
+class Library {
+public:
+  Library() { xercesc::XMLPlatformUtils::Initialize(); }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+  ~Library() { xercesc::XMLPlatformUtils::Terminate(); }
+};
+
+/// A request document, built and written by the library. Within a Library.
+std::string request(const char16_t* type, const std::u16string& className,
+                    const std::u16string& id);
+
+/// A document's tree. Within a Library.
+class Tree {
+public:
+  explicit Tree(std::string_view text);
+  const xercesc::DOMElement& root() { return *parser_.getDocument()->getDocumentElement(); }
+
+private:
+  xercesc::XercesDOMParser parser_;
+};
+
+/// Calls `use(name, type, value)` for each field below `element`, in the library's own text.
+template <class Use>
+void forEachField(const xercesc::DOMElement& element, const Use& use) {
+  for (const xercesc::DOMElement* field = element.getFirstElementChild(); field != nullptr;
+       field = field->getNextElementSibling()) {
+    const xercesc::DOMNode* text = field->getFirstChild();
+    use(field->getAttribute(u"name"), field->getAttribute(u"type"),
+        text != nullptr ? text->getNodeValue() : u"");
+  }
+}
+
+} // namespace bare_xml

@@ -1,0 +1,186 @@
+#include "Provider.h"
+
+#include "BareXml.h"
+#include "Sockets.h"
+#include "win/Boundary.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <mutex>
+#include <utility>
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+std::u16string utf16(const std::wstring& text) {
+  return {text.begin(), text.end()};
+}
+
+const wchar_t* wide(const char16_t* text) {
+  return reinterpret_cast<const wchar_t*>(text); // both are UTF-16 here
+}
+
+HRESULT indicate(IWbemClassObject& type, IWbemObjectSink& sink, const auto& fill) {
+  ComPtr<IWbemClassObject> instance;
+  HRESULT result = type.SpawnInstance(0, &instance);
+  if (SUCCEEDED(result)) {
+    fill(*instance.Get());
+    IWbemClassObject* object = instance.Get();
+    result = sink.Indicate(1, &object);
+  }
+  return result;
+}
+
+HRESULT indicateDevice(IWbemClassObject& type, IWbemObjectSink& sink,
+                       const xercesc::DOMElement& device) {
+  return indicate(type, sink, [&](IWbemClassObject& instance) {
+    bare_xml::forEachField(device,
+                           [&](const char16_t* name, const char16_t* word, const char16_t* text) {
+                             win::Variant value;
+                             setValue(value, wide(word), wide(text));
+                             instance.Put(wide(name), 0, value.get(), 0);
+                           });
+  });
+}
+
+} // namespace
+
+void setValue(win::Variant& value, const wchar_t* type, const wchar_t* text) {
+  if (*type == L'u') {
+    value.get()->vt = VT_I4;
+    value.get()->lVal = static_cast<LONG>(std::wcstol(text, nullptr, 10));
+  } else if (*type == L'b') {
+    value.get()->vt = VT_BOOL;
+    value.get()->boolVal = *text == L't' ? VARIANT_TRUE : VARIANT_FALSE;
+  } else {
+    value.get()->vt = VT_BSTR;
+    value.get()->bstrVal = SysAllocString(text);
+  }
+}
+
+void PreparedDevices::store(const std::wstring& id, PreparedDevice device) {
+  const std::scoped_lock lock(mutex_);
+  const auto [entry, isNew] = index_.try_emplace(id, devices_.size());
+  if (isNew) {
+    devices_.push_back(std::move(device));
+    return;
+  }
+  PreparedDevice& stored = devices_[entry->second];
+  while (!device.empty()) {
+    const auto old = std::find_if(stored.begin(), stored.end(), [&](const PreparedField& field) {
+      return field.name == device.front().name;
+    });
+    stored.splice(old, device, device.begin());
+    if (old != stored.end()) {
+      stored.erase(old);
+    }
+  }
+}
+
+void PreparedDevices::forEach(const std::function<void(PreparedDevice&)>& use) {
+  const std::scoped_lock lock(mutex_);
+  for (PreparedDevice& device : devices_) {
+    use(device);
+  }
+}
+
+HRESULT FloorProvider::QueryInterface(REFIID iid, void** result) noexcept {
+  if (iid == IID_IUnknown || iid == IID_IWbemServices) {
+    *result = static_cast<IWbemServices*>(this);
+  } else if (iid == IID_IWbemProviderInit) {
+    *result = static_cast<IWbemProviderInit*>(this);
+  } else {
+    *result = nullptr;
+    return E_NOINTERFACE;
+  }
+  return S_OK;
+}
+
+HRESULT FloorProvider::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServices* services,
+                                  IWbemContext*, IWbemProviderInitSink* sink) noexcept {
+  services_ = services;
+  return sink->SetStatus(WBEM_S_INITIALIZED, 0);
+}
+
+HRESULT FloorProvider::CreateInstanceEnumAsync(const BSTR className, LONG, IWbemContext*,
+                                               IWbemObjectSink* sink) noexcept {
+  return win::comBoundary([&] { return answer(u"enumerateInstances", className, {}, *sink); });
+}
+
+HRESULT FloorProvider::GetObjectAsync(const BSTR path, LONG, IWbemContext*,
+                                      IWbemObjectSink* sink) noexcept {
+  return win::comBoundary([&] {
+    const std::wstring text(path);
+    const std::size_t begin = text.find(L'"') + 1;
+    return answer(u"getInstance", text.substr(0, text.find(L'.')),
+                  text.substr(begin, text.rfind(L'"') - begin), *sink);
+  });
+}
+
+HRESULT FloorProvider::answer(const char16_t* command, const std::wstring& className,
+                              const std::wstring& id, IWbemObjectSink& sink) {
+  HRESULT result = isProxy_ ? answerFromDevices(className, id, sink)
+                            : answerFromServer(command, className, id, sink);
+  sink.SetStatus(WBEM_STATUS_COMPLETE, result, nullptr, nullptr);
+  return result;
+}
+
+HRESULT FloorProvider::answerFromServer(const char16_t* command, const std::wstring& className,
+                                        const std::wstring& id, IWbemObjectSink& sink) {
+  static std::mutex xml; // by design one document at a time in the process
+  const Stage stage = stage_;
+  if (stage < Stage::exchange) {
+    return S_OK;
+  }
+  std::string request =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"no\" ?><request><type>"
+      "enumerateInstances</type><class>UPOS_Scanner</class></request>";
+  if (stage >= Stage::library) {
+    const std::scoped_lock turn(xml);
+    const bare_xml::Library library;
+    if (stage >= Stage::documents) {
+      request = bare_xml::request(command, utf16(className), utf16(id));
+    }
+  }
+  const std::string text = floor_sockets::exchange(requestPort_, request);
+  if (stage < Stage::library) {
+    return S_OK;
+  }
+  const std::scoped_lock turn(xml);
+  const bare_xml::Library library;
+  if (stage < Stage::documents || text.empty()) {
+    return text.empty() ? static_cast<HRESULT>(WBEM_E_FAILED) : S_OK;
+  }
+  bare_xml::Tree tree(text);
+  if (stage < Stage::objects) {
+    return S_OK;
+  }
+  ComPtr<IWbemClassObject> type;
+  HRESULT result = services_->GetObject(win::Bstr(className).get(), 0, nullptr, &type, nullptr);
+  for (const xercesc::DOMElement* device = tree.root().getFirstElementChild();
+       device != nullptr && SUCCEEDED(result); device = device->getNextElementSibling()) {
+    result = indicateDevice(*type.Get(), sink, *device);
+  }
+  return result;
+}
+
+HRESULT FloorProvider::answerFromDevices(const std::wstring& className, const std::wstring& id,
+                                         IWbemObjectSink& sink) {
+  if (stage_ < Stage::objects) {
+    return S_OK;
+  }
+  ComPtr<IWbemClassObject> type;
+  HRESULT result = services_->GetObject(win::Bstr(className).get(), 0, nullptr, &type, nullptr);
+  devices_.forEach([&](PreparedDevice& device) {
+    if (FAILED(result) || (!id.empty() && id != device.front().value.value().bstrVal)) {
+      return;
+    }
+    result = indicate(*type.Get(), sink, [&](IWbemClassObject& instance) {
+      for (PreparedField& field : device) {
+        instance.Put(field.name.c_str(), 0, field.value.get(), 0);
+      }
+    });
+  });
+  return result;
+}

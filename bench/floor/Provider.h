@@ -1,0 +1,107 @@
+#pragma once
+
+#include "win/Automation.h"
+
+#include <wbemcli.h>
+#include <wbemprov.h>
+#include <wrl/client.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+/// How much of a request is done: each stage does what the one before it does, and more. What the
+/// stages differ by is what an enumeration's time is made of.
+enum class Stage { wmi, exchange, library, documents, objects };
+
+/// One property as it is handed to WMI.
+struct PreparedField {
+  std::wstring name;
+  win::Variant value;
+};
+using PreparedDevice = std::list<PreparedField>;
+
+/// A field's text as a property's value, told by the type word's first letter.
+void setValue(win::Variant& value, const wchar_t* type, const wchar_t* text);
+
+/// The proxy strategy's devices, ready to be handed over. Any thread.
+class PreparedDevices {
+public:
+  /// Adds the device, or takes over the fields of one that is there.
+  void store(const std::wstring& id, PreparedDevice device);
+  void forEach(const std::function<void(PreparedDevice&)>& use);
+
+private:
+  std::mutex mutex_;
+  std::map<std::wstring, std::size_t> index_;
+  std::vector<PreparedDevice> devices_;
+};
+
+/// An enumeration and a retrieval with nothing but sockets, XML library and WMI. Everything else is
+/// refused. Lives as long as the process.
+class FloorProvider final : public IWbemServices, public IWbemProviderInit {
+public:
+  FloorProvider(bool isProxy, std::uint16_t requestPort, PreparedDevices& devices)
+      : isProxy_(isProxy), requestPort_(requestPort), devices_(devices) {}
+
+  void setStage(Stage stage) { stage_ = stage; }
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** result) noexcept override;
+  ULONG STDMETHODCALLTYPE AddRef() noexcept override { return 2; }
+  ULONG STDMETHODCALLTYPE Release() noexcept override { return 1; }
+  HRESULT STDMETHODCALLTYPE Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServices* services,
+                                       IWbemContext*,
+                                       IWbemProviderInitSink* sink) noexcept override;
+  HRESULT STDMETHODCALLTYPE CreateInstanceEnumAsync(const BSTR className, LONG, IWbemContext*,
+                                                    IWbemObjectSink* sink) noexcept override;
+  HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR path, LONG, IWbemContext*,
+                                           IWbemObjectSink* sink) noexcept override;
+
+#define REFUSE(declaration)                                                                        \
+  HRESULT STDMETHODCALLTYPE declaration noexcept override {                                        \
+    return static_cast<HRESULT>(WBEM_E_PROVIDER_NOT_CAPABLE);                                      \
+  }
+  REFUSE(CancelAsyncCall(IWbemObjectSink*))
+  REFUSE(OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**))
+  REFUSE(QueryObjectSink(LONG, IWbemObjectSink**))
+  REFUSE(GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**, IWbemCallResult**))
+  REFUSE(PutClass(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**))
+  REFUSE(PutClassAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*))
+  REFUSE(DeleteClass(const BSTR, LONG, IWbemContext*, IWbemCallResult**))
+  REFUSE(DeleteClassAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+  REFUSE(CreateClassEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
+  REFUSE(CreateClassEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+  REFUSE(PutInstance(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**))
+  REFUSE(PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*))
+  REFUSE(DeleteInstance(const BSTR, LONG, IWbemContext*, IWbemCallResult**))
+  REFUSE(DeleteInstanceAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+  REFUSE(CreateInstanceEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
+  REFUSE(ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
+  REFUSE(ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+  REFUSE(ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
+  REFUSE(ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
+  REFUSE(ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                    IWbemClassObject**, IWbemCallResult**))
+  REFUSE(ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
+                         IWbemObjectSink*))
+#undef REFUSE
+
+private:
+  HRESULT answer(const char16_t* command, const std::wstring& className, const std::wstring& id,
+                 IWbemObjectSink& sink);
+  HRESULT answerFromServer(const char16_t* command, const std::wstring& className,
+                           const std::wstring& id, IWbemObjectSink& sink);
+  HRESULT answerFromDevices(const std::wstring& className, const std::wstring& id,
+                            IWbemObjectSink& sink);
+
+  const bool isProxy_;
+  const std::uint16_t requestPort_;
+  PreparedDevices& devices_;
+  std::atomic<Stage> stage_ = Stage::objects;
+  Microsoft::WRL::ComPtr<IWbemServices> services_;
+};

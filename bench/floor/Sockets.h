@@ -1,0 +1,20 @@
+#pragma once
+
+#include "win/Handles.h"
+
+#include <cstdint>
+#include <string>
+
+/// The product's sockets with nothing around them: the same bytes in the same pieces.
+namespace floor_sockets {
+
+/// A connection to 127.0.0.1, or nothing.
+win::Socket connectTo(std::uint16_t port);
+/// A socket bound to that port of 127.0.0.1; SOCK_STREAM ones listen.
+win::Socket bindTo(std::uint16_t port, int type);
+
+/// One request over a connection of its own: ESC, the request, BS; returns what stands between the
+/// answer's marks. Empty without a server. As the design has it, 1024 bytes a receive at most.
+std::string exchange(std::uint16_t port, const std::string& request);
+
+} // namespace floor_sockets
