@@ -22,7 +22,7 @@ import machine as machines  # noqa: E402
 BUILD = machines.BUILD
 DISTRIBUTED = ROOT / "build" / "windows-distributed"  # linked with the XML library as distributed
 WINE = ROOT / "build" / "wine"
-SECONDS = 300
+SECONDS = 120
 
 
 class Failed(Exception):

@@ -4,12 +4,14 @@
 #include "ClassObject.h"
 #include "Services.h"
 #include "Settings.h"
+#include "Threads.h"
 #include "win/Automation.h"
 #include "win/Handles.h"
 
 #include <objbase.h>
 
 #include <chrono>
+#include <future>
 #include <thread>
 
 namespace wmi_host {
@@ -62,7 +64,7 @@ private:
   std::shared_ptr<Initialisation> state_;
 };
 
-/// Runs `body` as a call of a client. The thread is new, and of the multithreaded apartment.
+/// Runs `body` as a call of a client.
 template <class Body>
 HRESULT onClientCall(Body body) {
   return comBoundary([&] {
@@ -339,8 +341,7 @@ void ProviderHost::accept(SOCKET listener, const std::wstring& identity) {
       }
       connections_.insert(connection);
     }
-    std::thread([this, connection, identity] {
-      CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    runOnThread([this, connection, identity] {
       comBoundary([&] {
         if (connection->send(wire::Kind::hello, wire::fromText(identity))) {
           serve(connection);
@@ -352,8 +353,7 @@ void ProviderHost::accept(SOCKET listener, const std::wstring& identity) {
         connections_.erase(connection);
         subscribers_.erase(connection);
       }
-      CoUninitialize();
-    }).detach();
+    });
   }
 }
 
@@ -373,10 +373,10 @@ void ProviderHost::serve(const std::shared_ptr<Connection>& connection) {
   std::optional<ObjectPath> path = parsePath(request->argument);
   request->className = path ? path->className : request->argument;
   request->connection = connection;
-  std::thread worker([this, request] {
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  auto answered = std::make_shared<std::promise<void>>();
+  runOnThread([this, request, answered] {
     answer(request);
-    CoUninitialize();
+    answered->set_value();
   });
   connection->receive(); // clients send nothing more: this is the end of the client's interest
   bool isOver = false;
@@ -387,7 +387,7 @@ void ProviderHost::serve(const std::shared_ptr<Connection>& connection) {
   if (!isOver) {
     request->cancel();
   }
-  worker.join();
+  answered->get_future().wait();
 }
 
 void ProviderHost::subscribe(const std::shared_ptr<Connection>& connection) {

@@ -3,6 +3,7 @@
 #include "ClassObject.h"
 #include "MofReader.h"
 #include "Settings.h"
+#include "Threads.h"
 #include "win/Handles.h"
 
 #include <wrl/client.h>
@@ -171,7 +172,7 @@ HRESULT Services::enumerate(LONG flags, Operation operation, IEnumWbemClassObjec
   *result = nullptr;
   auto results = std::make_shared<Results>();
   if ((flags & WBEM_FLAG_RETURN_IMMEDIATELY) != 0) {
-    std::thread([results, operation = std::move(operation)] { run(operation, *results); }).detach();
+    runOnThread([results, operation = std::move(operation)] { run(operation, *results); });
   } else {
     run(operation, *results);
     if (HRESULT status = results->waitForStatus(); FAILED(status)) {
@@ -193,9 +194,8 @@ HRESULT Services::deliver(IWbemObjectSink* sink, Operation operation) {
     std::erase_if(asynchronous_, [](const auto& entry) { return entry.second.expired(); });
     asynchronous_.emplace(sink, results);
   }
-  std::thread([results, operation = std::move(operation)] { run(operation, *results); }).detach();
-  std::thread([results, held = ComPtr<IWbemObjectSink>(sink)]() mutable {
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  runOnThread([results, operation = std::move(operation)] { run(operation, *results); });
+  runOnThread([results, held = ComPtr<IWbemObjectSink>(sink)]() mutable {
     HRESULT status = comBoundary([&] {
       HRESULT got = wbemResult(WBEM_S_NO_ERROR);
       for (std::size_t i = 0; got == wbemResult(WBEM_S_NO_ERROR); ++i) {
@@ -214,8 +214,7 @@ HRESULT Services::deliver(IWbemObjectSink* sink, Operation operation) {
     });
     held->SetStatus(WBEM_STATUS_COMPLETE, status, nullptr, nullptr);
     held.Reset();
-    CoUninitialize();
-  }).detach();
+  });
   return wbemResult(WBEM_S_NO_ERROR);
 }
 
