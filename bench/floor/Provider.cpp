@@ -4,6 +4,9 @@
 #include "Sockets.h"
 #include "win/Boundary.h"
 
+#include <objbase.h>
+#include <sddl.h>
+
 #include <algorithm>
 #include <cwchar>
 #include <mutex>
@@ -12,6 +15,10 @@
 using Microsoft::WRL::ComPtr;
 
 namespace {
+
+constexpr const char* kMayEnumerate =
+    "O:BAG:BAD:(A;;0x10000001;;;BA)(A;;0x10000001;;;SY)(A;;0x10000001;;;LA)(A;;0x10000001;;;SY)"
+    "(A;;0x10000001;;;S-1-5-20)(A;;0x10000001;;;S-1-5-19)(A;;0x10000001;;;AU)";
 
 std::u16string utf16(const std::wstring& text) {
   return {text.begin(), text.end()};
@@ -42,6 +49,30 @@ HRESULT indicateDevice(IWbemClassObject& type, IWbemObjectSink& sink,
                              instance.Put(wide(name), 0, value.get(), 0);
                            });
   });
+}
+
+/// What WMI's security asks of a provider that screens its callers: impersonation and, for an
+/// enumeration, one access check.
+bool isCallerWelcome(bool isChecked) {
+  if (FAILED(CoImpersonateClient())) {
+    return false;
+  }
+  win::LocalMemory descriptor;
+  win::Handle token;
+  GENERIC_MAPPING mapping{0, 0, 0x000F0001, 0x000F0001};
+  BYTE privileges[256];
+  DWORD size = sizeof privileges;
+  DWORD granted = 0;
+  BOOL isWelcome = !isChecked;
+  if (isChecked &&
+      ConvertStringSecurityDescriptorToSecurityDescriptorA(kMayEnumerate, SDDL_REVISION_1,
+                                                           descriptor.put(), nullptr) &&
+      OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put())) {
+    AccessCheck(descriptor.get(), token.get(), 1, &mapping,
+                reinterpret_cast<PRIVILEGE_SET*>(privileges), &size, &granted, &isWelcome);
+  }
+  CoRevertToSelf();
+  return isWelcome != FALSE;
 }
 
 } // namespace
@@ -105,12 +136,18 @@ HRESULT FloorProvider::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServices* s
 
 HRESULT FloorProvider::CreateInstanceEnumAsync(const BSTR className, LONG, IWbemContext*,
                                                IWbemObjectSink* sink) noexcept {
-  return win::comBoundary([&] { return answer(u"enumerateInstances", className, {}, *sink); });
+  return win::comBoundary([&] {
+    return isCallerWelcome(true) ? answer(u"enumerateInstances", className, {}, *sink)
+                                 : static_cast<HRESULT>(WBEM_E_ACCESS_DENIED);
+  });
 }
 
 HRESULT FloorProvider::GetObjectAsync(const BSTR path, LONG, IWbemContext*,
                                       IWbemObjectSink* sink) noexcept {
-  return win::comBoundary([&] {
+  return win::comBoundary([&]() -> HRESULT {
+    if (!isCallerWelcome(false)) {
+      return static_cast<HRESULT>(WBEM_E_ACCESS_DENIED);
+    }
     const std::wstring text(path);
     const std::size_t begin = text.find(L'"') + 1;
     return answer(u"getInstance", text.substr(0, text.find(L'.')),

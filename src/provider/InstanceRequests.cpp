@@ -237,9 +237,11 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
     if (!path.empty()) {
       path.front() = '\0';
     }
-    UPOSLog::trace("GetIntanceByPath: Path: '%s'", path.c_str());
-    UPOSLog::trace("GetIntanceByPath: className='%s', deviceID='%s'", names.className,
-                   names.deviceId);
+    if (UPOSLog::isSwitchedOn()) {
+      UPOSLog::trace("GetIntanceByPath: Path: '%s'", path.c_str());
+      UPOSLog::trace("GetIntanceByPath: className='%s', deviceID='%s'", names.className,
+                     names.deviceId);
+    }
 
     UPOSAdapter adapter;
     adapter.getInstance(names.className, names.deviceId);

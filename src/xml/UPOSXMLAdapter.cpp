@@ -124,17 +124,21 @@ std::uint32_t UPOSXMLAdapter::fromXML(std::string response) {
 
 std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
   DocumentReader document(response);
+  // The switch is a named event, asked for once an answer and not for each of its lines.
+  const bool traced = UPOSLog::isSwitchedOn();
   const Elements errors = document.elements(u"error");
-  UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",
-                 static_cast<int>(errors.size()));
+  if (traced) {
+    UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",
+                   static_cast<int>(errors.size()));
+  }
   if (!errors.empty()) {
     return kErrorAnswer;
   }
   const Elements instances = document.elements(u"instance");
-  UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(instance) length: %d",
-                 static_cast<int>(instances.size()));
-  // The switch is a named event, asked for once an answer and not for each of its fields.
-  const bool traced = UPOSLog::isSwitchedOn();
+  if (traced) {
+    UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(instance) length: %d",
+                   static_cast<int>(instances.size()));
+  }
   for (const xercesc::DOMElement* instance : instances) {
     const std::string className = attributeOf(*instance, u"name");
     const bool isScannerOrScale =
