@@ -61,6 +61,7 @@ CIMContainer::getInstances(const std::string& className) const {
   std::vector<Reference> devices;
   {
     std::scoped_lock lock(mutex_);
+    devices.reserve(all ? records_.size() : 0);
     for (const Record& record : records_) {
       if (all || record.device->isOfClass(className)) {
         devices.push_back(record.device);

@@ -70,7 +70,7 @@ void ProxyImpXmlAdapter::updateInstances(const std::string& className, const std
   instances_.clear();
   const bool all = cmd != request_vocabulary::kGetInstance;
   for (const auto& device : devices) {
-    if (all || device->getDeviceId() == id) {
+    if (all || device->hasId(id)) {
       instances_.push_back(instanceOf(*device));
     }
   }
