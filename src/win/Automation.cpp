@@ -31,9 +31,9 @@ std::wstring widenIn(UINT codePage, std::string_view text) {
   const int length = checkedLength(text.size());
   std::wstring wide;
   if (length != 0) {
-    wide.resize(text.size()); // no character has more UTF-16 units than bytes
-    wide.resize(
-        checkedResult(MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(), length)));
+    wide.resize(checkedResult(MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0)));
+    checkedResult(MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(),
+                                      static_cast<int>(wide.size())));
   }
   return wide;
 }
