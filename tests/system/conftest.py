@@ -9,6 +9,7 @@ sys.path.insert(0, str(Path(__file__).parent))
 
 from machine import WINE, Machine, template as machine_template  # noqa: E402
 
+
 @pytest.fixture(scope="session")
 def template():
     """A prefix at rest that machines are copied from."""
