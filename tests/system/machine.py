@@ -3,6 +3,7 @@
 Everything a test does to it goes through Windows' own programs or the product's own interfaces.
 """
 
+import contextlib
 import fcntl
 import os
 import re
@@ -10,6 +11,7 @@ import select
 import shutil
 import socket
 import subprocess
+import tempfile
 import time
 from pathlib import Path
 
@@ -35,6 +37,19 @@ def template():
             subprocess.run([WINESERVER, "-w"], env=env)
             (prefix / ".complete").touch()
     return prefix
+
+
+@contextlib.contextmanager
+def temporary_machine():
+    """A machine that is gone afterwards, whatever happened."""
+    source = template()
+    folder = Path(tempfile.mkdtemp(dir=WINE))
+    machine = Machine.copy_of(source, folder / "prefix")
+    try:
+        yield machine
+    finally:
+        machine.shut_down()
+        folder.rmdir()
 
 
 def wait_until(condition, what, seconds=20.0):
