@@ -43,6 +43,7 @@ build_packages=(
 test_packages=(
   clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 openssl python3-pytest
 )
+package_packages=(nsis osslsigncode)
 soak_packages=(gnuplot-nox python3)
 
 package_packages=(nsis osslsigncode)

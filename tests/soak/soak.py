@@ -14,6 +14,7 @@ import itertools
 import os
 import queue
 import re
+import shutil
 import socket
 import statistics
 import subprocess
@@ -38,8 +39,8 @@ LISTS = {
     "UPOS_Scanner": ["SCANNER1", "SCANNER2"],
     "UPOS_Scale": ["SCALE1"],
     "UPOS_PINPad": [],
-    "UPOS_LogicalDevice": ["DISPLAY1", "DRAWER1", "KEYBOARD1", "KEYLOCK1", "MSR1", "PRINTER1",
-                           "SCALE1", "SCANNER1", "SCANNER2"],
+    "UPOS_LogicalDevice": ["SCANNER1", "SCALE1", "PRINTER1", "DRAWER1", "DISPLAY1", "MSR1",
+                           "KEYBOARD1", "KEYLOCK1", "SCANNER2"],
 }
 DEVICES = LISTS["UPOS_LogicalDevice"]
 COMES_AND_GOES, FOREIGN = "MICR1", "PINPAD1"
@@ -182,15 +183,15 @@ class Clients:
             except AssertionError as error:
                 self.wrong.append(f"{question}: {error}")
                 return
-            self._judge(question, done, self.server.was_away(begin, time.monotonic()))
+            self._judge(question, done, self.server.strategy == "adapter"
+                        and self.server.was_away(begin, time.monotonic()))
 
     def _judge(self, question, done, is_away):
         command, name, *_ = question
         status = status_of(done)
         if command == "list":
-            ids = sorted(row["DeviceID"] for row in table(done))
-            is_right = status == OK and LISTS[name] == [
-                each for each in ids if each != COMES_AND_GOES]
+            ids = {row["DeviceID"] for row in table(done)} - {COMES_AND_GOES}
+            is_right = status == OK and ids == set(LISTS[name])
         elif "NOBODY" in name:
             # Away or unknown, the client gets the same failure; only the till's count tells.
             is_right = status == FAILED
@@ -236,11 +237,13 @@ class Samples:
         self.file.flush()
 
     def growth(self, column, since):
-        """The fitted growth from then to the end, and the number of samples."""
+        """How much the floor rose from then to the end: a line fitted to the lowest sample of each
+        of ten stretches. Calls under way, with their threads and stacks, stand above the floor; what
+        is never given back raises it."""
         rows = [row for row in self.rows if row["seconds"] >= since]
-        seconds = [row["seconds"] for row in rows]
-        line = statistics.linear_regression(seconds, [row[column] for row in rows])
-        return line.slope * (seconds[-1] - seconds[0]), len(rows)
+        stretches = [rows[i * len(rows) // 10:(i + 1) * len(rows) // 10] for i in range(10)]
+        floor = [min(row[column] for row in stretch) for stretch in stretches]
+        return statistics.linear_regression(range(10), floor).slope * 10
 
 
 def stranger(strategy, port):
@@ -290,6 +293,8 @@ def drive(server, strategy, seconds, sample, settled):
     codes = itertools.count(1)
     begin = time.monotonic()
     for tick in itertools.count(1):
+        if tick % 20 == 0:
+            settled()  # what the service has no time to read dies with a connection
         server.change("SCANNER1", next(codes))
         server.change("PRINTER1", next(codes))
         server.send(f"change {FOREIGN} {next(codes)}")
@@ -362,7 +367,7 @@ def soak(machine, strategy, seconds, folder):
     WmiClient(machine).run("list", "UPOS_Scale", "DeviceID", "ModelName")
     live, asked = live_counts(machine), machine.wmi_counter("Requests")
     stop = threading.Event()
-    clients = Clients(machine, server, stop, pause=0.5 if strategy == "adapter" else 1.0)
+    clients = Clients(machine, server, stop, pause=0.5 if strategy == "adapter" else 2.0)
     server.answered -= 1 if strategy == "adapter" else 0  # the call above
     interval = 1 if seconds <= 300 else 5
     with open(folder / "samples.csv", "w", newline="") as samples_file, open(
@@ -385,6 +390,8 @@ def soak(machine, strategy, seconds, folder):
         verdict = Verdict(strategy, verdict_file)
         judge(verdict, machine, server, clients, subscriber, samples, live, asked, log)
     machine.end_service()
+    for file in log.parent.iterdir():
+        shutil.copy(file, folder)
     return verdict.failed == 0
 
 
@@ -395,13 +402,11 @@ def judge(verdict, machine, server, clients, subscriber, samples, live, asked, l
                 f" to publish of {server.sent} sent one by one, {server.starts - 1} restarts of the"
                 f" device server, {samples.rows[-1]['cpu_seconds']:.0f} s of CPU")
 
-    verdict.check(not clients.wrong, f"each call's answer is right: {clients.calls['answered']}, and "
+    verdict.check(not clients.wrong, f"each call's answer is right: {clients.calls['answered']}; "
                   f"{clients.calls['while away']} failed while the device server was away")
     for line in clients.wrong[:10]:
         verdict.say(f"     {line}")
-    if is_proxy:
-        verdict.check(clients.calls["while away"] == 0, "no call failed while it was away")
-    else:
+    if not is_proxy:
         # One that was answered just before the end may not have reached its client.
         surplus = server.answered - clients.calls["answered"]
         verdict.check(0 <= surplus <= clients.calls["while away"],
@@ -430,7 +435,7 @@ def judge(verdict, machine, server, clients, subscriber, samples, live, asked, l
                   f"the trace was rotated: files of {sizes} bytes")
 
     warm_up = min(300.0, seconds / 3)
-    memory, count = samples.growth("rss_kib", warm_up)
+    memory = samples.growth("rss_kib", warm_up)
     share = (seconds - warm_up) / seconds
     operations = share * (clients.total() + server.sent)
     bound = MEMORY_KIB + MEMORY_BYTES_PER_OPERATION * operations / 1024
@@ -438,15 +443,15 @@ def judge(verdict, machine, server, clients, subscriber, samples, live, asked, l
                 f"{samples.rows[-1]['rss_kib'] / 1024:.1f} MiB at the end; handles "
                 f"{samples.rows[0]['handles']} and {samples.rows[-1]['handles']}; threads "
                 f"{samples.rows[0]['threads']} and {samples.rows[-1]['threads']}")
-    verdict.check(memory <= bound, f"memory grew by {memory:.0f} KiB (fitted) after {warm_up:.0f} s "
+    verdict.check(memory <= bound, f"memory grew by {memory:.0f} KiB after {warm_up:.0f} s "
                   f"of warm-up, {memory * 1024 / operations:.1f} bytes an operation; bound "
-                  f"{bound:.0f} KiB; {count} samples")
-    handles, _ = samples.growth("handles", warm_up)
+                  f"{bound:.0f} KiB")
+    handles = samples.growth("handles", warm_up)
     verdict.check(handles <= HANDLES,
-                  f"handles grew by {handles:.1f} (fitted) after it; bound {HANDLES}")
-    descriptors, _ = samples.growth("descriptors", warm_up)
+                  f"handles grew by {handles:.1f} after it; bound {HANDLES}")
+    descriptors = samples.growth("descriptors", warm_up)
     verdict.check(descriptors <= HANDLES,
-                  f"descriptors grew by {descriptors:.1f} (fitted) after it; bound {HANDLES}")
+                  f"descriptors grew by {descriptors:.1f} after it; bound {HANDLES}")
     verdict.say("kept" if verdict.failed == 0 else f"NOT KEPT: {verdict.failed} of the above")
 
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PlatformLock.h"
 #include "Settings.h"
 #include "Wire.h"
 
@@ -7,7 +8,6 @@
 #include <windows.h>
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -37,7 +37,7 @@ private:
   void setReceiveTimeout(DWORD milliseconds);
 
   SOCKET socket_;
-  std::mutex sending_;
+  PlatformLock sending_;
 };
 
 /// Winsock for the life of the process.

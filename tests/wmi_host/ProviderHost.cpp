@@ -2,6 +2,7 @@
 
 #include "CallContext.h"
 #include "ClassObject.h"
+#include "PlatformLock.h"
 #include "Services.h"
 #include "Settings.h"
 #include "Threads.h"
@@ -106,8 +107,8 @@ struct ProviderHost::Request {
   std::wstring className;
   std::shared_ptr<Connection> connection;
 
-  std::mutex mutex;
-  std::condition_variable changed;
+  PlatformLock mutex;
+  PlatformCondition changed;
   std::optional<HRESULT> status;
   bool isCancelled = false;
   DWORD objects = 0;

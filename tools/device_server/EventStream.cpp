@@ -18,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr std::chrono::seconds kLongestFinish{5};
+constexpr std::chrono::seconds kLongestFinish{10};
 
 /// A port that nobody listens on can be connected to itself, when the system happens to choose it
 /// as the connection's own port as well.
@@ -86,11 +86,14 @@ void EventStream::reconnect() {
 }
 
 void EventStream::finish(std::function<void()> sent) {
-  if (!isConnected() || !connection_->writing) {
+  if (!isConnected()) {
     sent();
     return;
   }
   finished_ = std::move(sent);
+  if (!connection_->writing) {
+    endSending();
+  }
   patience_.expires_after(kLongestFinish);
   patience_.async_wait([this](asio::error_code problem) {
     if (!problem) {
@@ -140,8 +143,16 @@ void EventStream::read() {
 }
 
 void EventStream::received(asio::error_code problem, std::size_t count) {
+  if (problem && finished_) {
+    close();
+    return;
+  }
   if (problem) {
     lose(fmt::format("connection to {} lost: {}", peer(), problem.message()));
+    return;
+  }
+  if (finished_) {
+    read();
     return;
   }
   const ConnectionPointer connection = connection_;
@@ -185,7 +196,7 @@ void EventStream::write() {
     }
   }
   if (finished_) {
-    finished_();
+    endSending();
   }
 }
 
@@ -225,6 +236,13 @@ bool EventStream::writePiece(const Delivery& delivery) {
   return false;
 }
 // NOLINTEND(misc-no-recursion)
+
+/// Then waits for the service to close. Closing at once, with a request unread, would reset the
+/// connection, and what the service has not read by then would be lost.
+void EventStream::endSending() {
+  asio::error_code ignored;
+  connection_->socket.shutdown(tcp::socket::shutdown_send, ignored);
+}
 
 void EventStream::reset() {
   asio::error_code ignored;

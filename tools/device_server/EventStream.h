@@ -40,7 +40,8 @@ public:
   void disconnect() override;
   void reconnect() override;
 
-  /// Calls `sent` when everything that waits has been sent, or after a while all the same.
+  /// Calls `sent` when everything that waits has been sent and the service has closed the
+  /// connection, or after a while all the same.
   void finish(std::function<void()> sent);
 
 private:
@@ -54,6 +55,7 @@ private:
   void received(asio::error_code problem, std::size_t count);
   void write();
   bool writePiece(const Delivery& delivery);
+  void endSending();
   void reset();
   void close();
   void lose(const std::string& line);

@@ -948,6 +948,20 @@ class ProxyTest(TillTestCase):
         till.type("change S1 1")
         till.type("quit")
         self.assertEqual(receive_all(service.client), device_event("modifyInstance", "S1", "1"))
+        service.hang_up()
+        self.assertEqual(till.wait(), 0)
+
+    def test_a_request_unread_at_the_end_reset_the_connection(self):
+        # What the service had not read by then was lost with it.
+        service, till = self.connect()
+        till.type("change S1 1")
+        till.type("quit")
+        self.assertEqual(receive_all(service.client), device_event("modifyInstance", "S1", "1"))
+        service.send(UPDATE_REQUEST)
+        self.assertTrue(service.is_silent())
+        service.send(UPDATE_REQUEST)  # to a connection that has been reset this fails
+        self.assertEqual(list(till.errors.queue), [])
+        service.hang_up()
         self.assertEqual(till.wait(), 0)
 
     def start_for_a_service_that_does_not_read(self, *options):

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <windows.h>
+
+#include <mutex>
+
+namespace wmi_host {
+
+/// What belongs to one request locks with these: the compiler's std::mutex keeps some memory when it
+/// is destroyed, which would look like growth of the provider whose process this runs in.
+class PlatformLock {
+public:
+  PlatformLock() = default;
+  PlatformLock(const PlatformLock&) = delete;
+  PlatformLock& operator=(const PlatformLock&) = delete;
+
+  void lock() noexcept { AcquireSRWLockExclusive(&lock_); }
+  void unlock() noexcept { ReleaseSRWLockExclusive(&lock_); }
+
+private:
+  friend class PlatformCondition;
+  SRWLOCK lock_ = SRWLOCK_INIT;
+};
+
+class PlatformCondition {
+public:
+  void notify_all() noexcept { WakeAllConditionVariable(&condition_); }
+  template <class Predicate>
+  void wait(std::unique_lock<PlatformLock>& lock, Predicate isMet) {
+    while (!isMet()) {
+      SleepConditionVariableSRW(&condition_, &lock.mutex()->lock_, INFINITE, 0);
+    }
+  }
+
+private:
+  CONDITION_VARIABLE condition_ = CONDITION_VARIABLE_INIT;
+};
+
+} // namespace wmi_host
