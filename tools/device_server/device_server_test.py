@@ -844,6 +844,7 @@ class ProxyTest(TillTestCase):
         service.accept()
         expected = ATTACHED + device_event("addInstance", "M1") + device_event("delInstance", "M1")
         self.assertEqual(receive_all(service.client), expected)
+        service.hang_up()
         self.assertEqual(till.wait(), 0)
         self.assertEqual(list(till.errors.queue), [None])
 
@@ -998,6 +999,7 @@ class ProxyTest(TillTestCase):
         service.send(UPDATE_REQUEST)
         self.assertEqual(service.receive(len(REFRESHED)), REFRESHED)
         till.type("quit")
+        service.hang_up()
         self.assertEqual(till.wait(), 0)
         self.assertEqual(list(till.lines.queue), [None])
         self.assertEqual(list(till.errors.queue), [None])
