@@ -1,10 +1,20 @@
 # The flags of every target of ours (never of a library's): link quillmon_flags privately.
+#
+# Hardening, and what tests/system/test_binary.py finds of it in each program that ships:
+#   stack protector, _FORTIFY_SOURCE, _GLIBCXX_ASSERTIONS   compiled in (MSVC: /GS, /sdl)
+#   dynamicbase, high-entropy-va, relocations               addresses are random
+#   nxcompat                                                data is not executed
+#   static, system libraries only                           no DLL beside the program is loaded
+#   file-prefix-map                                         no folder of the builder's inside
+# MSVC only, MinGW has none of them: control flow guard, shadow stacks (/CETCOMPAT), and the loader's
+# flag that has what is imported come from the system's folder.
 add_library(quillmon_flags INTERFACE)
 target_include_directories(quillmon_flags INTERFACE ${PROJECT_SOURCE_DIR}/src)
 
 if(MSVC)
-  target_compile_options(quillmon_flags INTERFACE /W4 /WX /permissive- /utf-8 /guard:cf)
-  target_link_options(quillmon_flags INTERFACE /DYNAMICBASE /NXCOMPAT /HIGHENTROPYVA /guard:cf)
+  target_compile_options(quillmon_flags INTERFACE /W4 /WX /permissive- /utf-8 /sdl /guard:cf)
+  target_link_options(quillmon_flags INTERFACE
+    /DYNAMICBASE /NXCOMPAT /HIGHENTROPYVA /guard:cf /CETCOMPAT /DEPENDENTLOADFLAG:0x800)
 else()
   target_compile_options(quillmon_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wcast-qual -Wnon-virtual-dtor
@@ -19,7 +29,9 @@ if(WIN32)
     _WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX _WINSOCK_DEPRECATED_NO_WARNINGS)
   if(MINGW)
     # COM interfaces are polymorphic without a virtual destructor, by design of the platform.
-    target_compile_options(quillmon_flags INTERFACE -Wno-non-virtual-dtor)
+    target_compile_options(quillmon_flags INTERFACE
+      -Wno-non-virtual-dtor -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.)
+    target_compile_definitions(quillmon_flags INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
     target_link_options(quillmon_flags INTERFACE
       -static -Wl,--dynamicbase,--nxcompat,--high-entropy-va)
   endif()

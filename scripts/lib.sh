@@ -46,8 +46,6 @@ test_packages=(
 package_packages=(nsis osslsigncode)
 soak_packages=(gnuplot-nox python3)
 
-package_packages=(nsis osslsigncode)
-
 # The one version of the XML library that the product is linked with. Its mutexes are the platform's
 # own: the compiler's standard ones keep their memory when they are destroyed, and the library makes
 # new ones at each start.
@@ -55,8 +53,10 @@ xerces_version=3.2.4
 xerces_options=(
   -DBUILD_SHARED_LIBS=OFF -Dnetwork=OFF -Dtranscoder=windows -Dmessage-loader=inmemory
   -Dmutex-manager=windows
-  -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS=-fstack-protector-strong -D_FORTIFY_SOURCE=2"
+  -DCMAKE_BUILD_TYPE=Release
 )
+# As cmake/Flags.cmake has them; the folder that it is built in stays out of the program.
+xerces_flags='-fstack-protector-strong -D_FORTIFY_SOURCE=2 -ffile-prefix-map=@WORK@=.'
 # Starting the library once per call is by design here; these make a start cheap.
 xerces_patches=(
   "$root/cmake/patches/xerces-c-charset-table.patch" "$root/cmake/patches/xerces-c-regex-ranges.patch"
@@ -72,7 +72,7 @@ build_distributed_xerces() { cross_build_xerces xerces-distributed; }
 # toolchain file looks for it.
 cross_build_xerces() {
   local link=$1 key xerces_prefix; shift
-  key=$(printf '%s\n' "$xerces_version" "${xerces_options[@]}" "with its papers" \
+  key=$(printf '%s\n' "$xerces_version" "${xerces_options[@]}" "$xerces_flags" "with its papers" \
     "$(cat "$root/cmake/mingw-w64.cmake" "$@")" | sha256sum | cut -c1-16)
   xerces_prefix=$cache/xerces-$xerces_version-$key
   mkdir -p "$root/build/deps"
@@ -90,7 +90,7 @@ cross_build_xerces() {
   rm -rf "$xerces_prefix"
   quietly "$cache/log/xerces-configure.log" cmake -G Ninja -S "$source" -B "$work/build" \
     -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64.cmake" -DCMAKE_INSTALL_PREFIX="$xerces_prefix" \
-    "${xerces_options[@]}"
+    "${xerces_options[@]}" -DCMAKE_CXX_FLAGS="${xerces_flags//@WORK@/$work}"
   quietly "$cache/log/xerces-build.log" cmake --build "$work/build" --target xerces-c
   sed -i '/add_subdirectory(\(doc\|tests\|samples\))/d' "$source/CMakeLists.txt"
   quietly "$cache/log/xerces-reconfigure.log" cmake "$work/build"

@@ -1,8 +1,10 @@
 #include "service/CommandLine.h"
+#include "win/CodeSearch.h"
 
 #include <exception>
 
 int main(int argc, char* argv[]) {
+  win::loadCodeFromSystemOnly();
   try {
     return runCommandLine(argc, argv);
   } catch (const std::exception&) {

@@ -1,6 +1,6 @@
 // handle_count PROGRAM: for each line on standard input, prints how many handles the first process
-// of that program holds, -1 if there is none. It asks for the system's list of processes: under Wine
-// that is the server's own count, where the one for a single process is always 0.
+// of that program holds, -1 if there is none. It asks for the system's list of processes: under
+// Wine that is the server's own count, where the one for a single process is always 0.
 
 #include <windows.h>
 #include <winternl.h>

@@ -1,16 +1,23 @@
-"""What the executable file itself promises: read from its PE header, as the loader reads it."""
+"""What the programs that ship promise by themselves: read from the PE header, as the loader reads it."""
 
 import struct
+import tempfile
+from pathlib import Path
 
 import pytest
 
-from machine import BUILD
+from machine import BUILD, ROOT
 
-# What a Windows installation always has in its system folder; nothing else may be needed.
-SYSTEM_LIBRARIES = {
+# What Windows maps from its system folder whatever lies beside a program (its "known DLLs"). The
+# service may need nothing else: it runs as the system.
+KNOWN_LIBRARIES = {
     "advapi32.dll", "kernel32.dll", "msvcrt.dll", "ole32.dll", "oleaut32.dll", "user32.dll",
     "ws2_32.dll",
 }
+# What a Windows installation always has in its system folder besides.
+SYSTEM_LIBRARIES = KNOWN_LIBRARIES | {"mswsock.dll", "shell32.dll"}
+
+PROGRAMS = sorted(file.name for file in BUILD.glob("quillmon*.exe"))
 
 
 class Image:
@@ -27,11 +34,11 @@ class Image:
         self.directories = [
             struct.unpack_from("<II", self.data, optional + 112 + 8 * i) for i in range(16)]
         self.sections = [
-            struct.unpack_from("<8sIIII", self.data, optional + optional_size + 40 * i)
+            struct.unpack_from("<8sIIII12xI", self.data, optional + optional_size + 40 * i)
             for i in range(sections)]
 
     def offset(self, address):
-        for _, size, start, raw_size, raw in self.sections:
+        for _, size, start, raw_size, raw, _ in self.sections:
             if start <= address < start + max(size, raw_size):
                 return address - start + raw
         raise ValueError(hex(address))
@@ -50,9 +57,18 @@ class Image:
             position += 20
 
 
+@pytest.fixture(scope="module", params=PROGRAMS)
+def image(request):
+    return Image(BUILD / request.param)
+
+
 @pytest.fixture(scope="module")
-def image():
+def service():
     return Image(BUILD / "quillmon.exe")
+
+
+def test_the_service_and_the_simulated_till_are_looked_at():
+    assert {"quillmon.exe", "quillmon-till.exe"} <= set(PROGRAMS)
 
 
 def test_it_is_a_64_bit_console_program(image):
@@ -70,10 +86,31 @@ def test_it_can_be_relocated(image):
     assert image.directories[5][1] > 0
 
 
+def test_no_part_of_it_is_both_written_and_executed(image):
+    executed, written = 0x20000000, 0x80000000
+    flags = {name.rstrip(b"\0").decode(): flags for name, *_, flags in image.sections}
+    assert flags[".text"] & executed
+    assert [name for name in flags if flags[name] & executed and flags[name] & written] == []
+
+
+def test_a_smashed_stack_and_an_overrun_buffer_end_it(image):
+    assert b"stack smashing detected" in image.data
+    assert b"buffer overflow detected" in image.data
+
+
+def test_it_tells_nothing_of_the_machine_that_built_it(image):
+    folders = {str(ROOT), str(BUILD), str(Path.home()), tempfile.gettempdir()}
+    assert [each for each in folders if f"{each}/".encode() in image.data] == []
+
+
 def test_it_needs_nothing_but_the_system_s_own_libraries(image):
     assert set(image.imports()) <= SYSTEM_LIBRARIES
 
 
-def test_it_carries_its_name_and_version(image):
+def test_nothing_that_the_service_needs_can_be_planted_beside_it(service):
+    assert set(service.imports()) <= KNOWN_LIBRARIES
+
+
+def test_the_service_carries_its_name_and_version(service):
     for text in ("ORVEX Quillmon Services", "quillmon.exe", "FileVersion"):
-        assert text.encode("utf-16-le") in image.data, text
+        assert text.encode("utf-16-le") in service.data, text

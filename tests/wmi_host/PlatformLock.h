@@ -6,8 +6,8 @@
 
 namespace wmi_host {
 
-/// What belongs to one request locks with these: the compiler's std::mutex keeps some memory when it
-/// is destroyed, which would look like growth of the provider whose process this runs in.
+/// What belongs to one request locks with these: the compiler's std::mutex keeps some memory when
+/// it is destroyed, which would look like growth of the provider whose process this runs in.
 class PlatformLock {
 public:
   PlatformLock() = default;
