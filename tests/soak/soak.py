@@ -2,8 +2,10 @@
 
 What is counted: each call of a WMI client against what the simulated till answered and what the
 service says it was asked, each event that the till sent against what a subscriber received. What is
-sampled: the service's process, its memory as Linux sees it, its handles as the system's table lists
-them. Both have to stay: the verdict at the end is the fitted growth after the warm-up.
+sampled: the service's process, its memory as Linux sees it, its handles as the system's list of
+processes tells them. Both have to stay: the verdict at the end is the growth after the warm-up, fitted
+to the quiet samples. Those are taken every 20 seconds when no call is under way, since each one's
+threads and their stacks come and go.
 """
 
 import argparse
@@ -44,6 +46,8 @@ LISTS = {
 }
 DEVICES = LISTS["UPOS_LogicalDevice"]
 COMES_AND_GOES, FOREIGN = "MICR1", "PINPAD1"
+
+PERIOD = 20  # seconds from one quiet sample and restart of the device server to the next
 
 # The verdict's bounds on the fitted growth from the end of the warm-up to the end.
 MEMORY_KIB, MEMORY_BYTES_PER_OPERATION = 256, 24
@@ -146,6 +150,9 @@ class Clients:
 
     def __init__(self, machine, server, stop, pause):
         self.server, self.stop, self.pause = server, stop, pause
+        self.changed = threading.Condition()
+        self.is_held = False
+        self.under_way = 0
         self.calls = collections.Counter()  # ok, not found, away
         self.wrong = []
         self.threads = [
@@ -163,6 +170,29 @@ class Clients:
     def total(self):
         return sum(self.calls.values())
 
+    @contextlib.contextmanager
+    def held(self):
+        """No call is under way meanwhile."""
+        with self.changed:
+            self.is_held = True
+            self.changed.wait_for(lambda: self.under_way == 0)
+        yield
+        with self.changed:
+            self.is_held = False
+            self.changed.notify_all()
+
+    @contextlib.contextmanager
+    def _call(self):
+        with self.changed:
+            self.changed.wait_for(lambda: not self.is_held)
+            self.under_way += 1
+        try:
+            yield
+        finally:
+            with self.changed:
+                self.under_way -= 1
+                self.changed.notify_all()
+
     @staticmethod
     def _enumerations(first):
         names = itertools.cycle(LISTS)
@@ -177,14 +207,15 @@ class Clients:
     def _ask(self, client, questions):
         while not self.stop.wait(self.pause):
             question = next(questions)
-            begin = time.monotonic()
-            try:
-                done = client.run(*question, timeout=330)
-            except AssertionError as error:
-                self.wrong.append(f"{question}: {error}")
-                return
-            self._judge(question, done, self.server.strategy == "adapter"
-                        and self.server.was_away(begin, time.monotonic()))
+            with self._call():
+                begin = time.monotonic()
+                try:
+                    done = client.run(*question, timeout=330)
+                except AssertionError as error:
+                    self.wrong.append(f"{question}: {error}")
+                    return
+                self._judge(question, done, self.server.strategy == "adapter"
+                            and self.server.was_away(begin, time.monotonic()))
 
     def _judge(self, question, done, is_away):
         command, name, *_ = question
@@ -209,7 +240,7 @@ class Samples:
     """What the service's process uses, each line also in a CSV file at once."""
 
     COLUMNS = ("seconds", "rss_kib", "anonymous_kib", "handles", "descriptors", "threads",
-               "cpu_seconds", "calls", "events_expected", "events_received", "restarts")
+               "cpu_seconds", "quiet", "calls", "events_expected", "events_received", "restarts")
 
     def __init__(self, machine, file):
         self.process = Path("/proc") / str(machine.service_process())
@@ -221,6 +252,17 @@ class Samples:
         self.begin = time.monotonic()
 
     def take(self, *counts):
+        self._keep(self._look(), 0, counts)
+
+    def take_quiet(self, *counts):
+        """The lowest of a second's, for threads that end after their call has."""
+        looks = []
+        for _ in range(10):
+            looks.append(self._look())
+            time.sleep(0.1)
+        self._keep(min(looks, key=lambda look: look[1]), 1, counts)
+
+    def _look(self):
         self.counter.stdin.write(b"\n")
         self.counter.stdin.flush()
         handles = int(self.counter.stdout.readline())
@@ -228,22 +270,26 @@ class Samples:
         status = dict(line.split(":", 1) for line in
                       (self.process / "status").read_text().splitlines())
         times = (self.process / "stat").read_text().rpartition(")")[2].split()
-        row = (round(time.monotonic() - self.begin, 1), int(status["VmRSS"].split()[0]),
-               int(status["RssAnon"].split()[0]), handles,
-               len(list((self.process / "fd").iterdir())), int(status["Threads"]),
-               (int(times[11]) + int(times[12])) / os.sysconf("SC_CLK_TCK"), *counts)
+        return (round(time.monotonic() - self.begin, 1), int(status["VmRSS"].split()[0]),
+                int(status["RssAnon"].split()[0]), handles,
+                len(list((self.process / "fd").iterdir())), int(status["Threads"]),
+                (int(times[11]) + int(times[12])) / os.sysconf("SC_CLK_TCK"))
+
+    def _keep(self, look, quiet, counts):
+        row = (*look, quiet, *counts)
         self.rows.append(dict(zip(self.COLUMNS, row, strict=True)))
         self.writer.writerow(row)
         self.file.flush()
 
+    def quiet(self, since=0.0):
+        return [row for row in self.rows if row["quiet"] and row["seconds"] >= since]
+
     def growth(self, column, since):
-        """How much the floor rose from then to the end: a line fitted to the lowest sample of each
-        of ten stretches. Calls under way, with their threads and stacks, stand above the floor; what
-        is never given back raises it."""
-        rows = [row for row in self.rows if row["seconds"] >= since]
-        stretches = [rows[i * len(rows) // 10:(i + 1) * len(rows) // 10] for i in range(10)]
-        floor = [min(row[column] for row in stretch) for stretch in stretches]
-        return statistics.linear_regression(range(10), floor).slope * 10
+        """From then to the end: the rise of a line fitted to the quiet samples."""
+        rows = self.quiet(since)
+        seconds = [row["seconds"] for row in rows]
+        line = statistics.linear_regression(seconds, [row[column] for row in rows])
+        return line.slope * (seconds[-1] - seconds[0])
 
 
 def stranger(strategy, port):
@@ -288,13 +334,11 @@ def live_counts(machine):
             for name in ("LiveObjects", "LiveServices", "LiveSinks", "Violations")}
 
 
-def drive(server, strategy, seconds, sample, settled):
-    """The events, a few a second, until the time is over; every 20 s the device server restarts."""
+def drive(server, strategy, seconds, sample, settled, quiet):
+    """The events, a few a second, until the time is over."""
     codes = itertools.count(1)
     begin = time.monotonic()
     for tick in itertools.count(1):
-        if tick % 20 == 0:
-            settled()  # what the service has no time to read dies with a connection
         server.change("SCANNER1", next(codes))
         server.change("PRINTER1", next(codes))
         server.send(f"change {FOREIGN} {next(codes)}")
@@ -304,12 +348,13 @@ def drive(server, strategy, seconds, sample, settled):
             server.send(f"detach {COMES_AND_GOES}", (COMES_AND_GOES, "delInstance", ""))
         if tick % 10 == 0:
             stranger(strategy, server.ports[1])
-        if tick % 20 == 0:
+        if tick % PERIOD == 0:
+            settled()  # what the service has not read yet may die with a connection
+            quiet()
             server.stop()
-            settled()
             time.sleep(AWAY)
             server.start()
-        elif tick % 10 == 0 and strategy == "proxy":
+        elif tick % PERIOD == PERIOD // 2 and strategy == "proxy":
             settled()
             server.connect_anew()
         sample(tick)
@@ -356,12 +401,14 @@ def soak(machine, strategy, seconds, folder):
     subscriber = Subscriber(machine)
     server = DeviceServer(machine, strategy, requests if strategy == "adapter" else None, events)
 
-    def is_settled():
-        return len(subscriber.received) >= len(server.expected)
+    lost = 0  # given up; named at the end
 
     def settled():
-        with contextlib.suppress(AssertionError):  # what is missing is named at the end
-            wait_until(is_settled, "the events", seconds=60)
+        nonlocal lost
+        with contextlib.suppress(AssertionError):
+            wait_until(lambda: len(subscriber.received) + lost >= len(server.expected),
+                       "the events", seconds=60)
+        lost = max(lost, len(server.expected) - len(subscriber.received))
 
     settled()
     WmiClient(machine).run("list", "UPOS_Scale", "DeviceID", "ModelName")
@@ -374,14 +421,21 @@ def soak(machine, strategy, seconds, folder):
             folder / "verdict.txt", "w") as verdict_file:
         samples = Samples(machine, samples_file)
 
+        def counts():
+            return (clients.total(), len(server.expected), len(subscriber.received),
+                    server.starts - 1)
+
         def sample(tick):
             if tick % interval == 0:
-                samples.take(clients.total(), len(server.expected), len(subscriber.received),
-                             server.starts - 1)
+                samples.take(*counts())
+
+        def quiet():
+            with clients.held():
+                samples.take_quiet(*counts())
 
         clients.start()
         try:
-            drive(server, strategy, seconds, sample, settled)
+            drive(server, strategy, seconds, sample, settled, quiet)
         finally:
             stop.set()
             clients.join()
@@ -434,24 +488,20 @@ def judge(verdict, machine, server, clients, subscriber, samples, live, asked, l
     verdict.check(1 < len(logs) <= 1 + LOG_BACKUPS and max(sizes) <= LOG_SIZE,
                   f"the trace was rotated: files of {sizes} bytes")
 
-    warm_up = min(300.0, seconds / 3)
-    memory = samples.growth("rss_kib", warm_up)
-    share = (seconds - warm_up) / seconds
-    operations = share * (clients.total() + server.sent)
+    warm_up = min(300.0, seconds / 6)
+    quiet = samples.quiet(warm_up)
+    operations = (seconds - quiet[0]["seconds"]) / seconds * (clients.total() + server.sent)
     bound = MEMORY_KIB + MEMORY_BYTES_PER_OPERATION * operations / 1024
-    verdict.say(f"resident memory {samples.rows[0]['rss_kib'] / 1024:.1f} MiB at the start, "
-                f"{samples.rows[-1]['rss_kib'] / 1024:.1f} MiB at the end; handles "
-                f"{samples.rows[0]['handles']} and {samples.rows[-1]['handles']}; threads "
-                f"{samples.rows[0]['threads']} and {samples.rows[-1]['threads']}")
-    verdict.check(memory <= bound, f"memory grew by {memory:.0f} KiB after {warm_up:.0f} s "
-                  f"of warm-up, {memory * 1024 / operations:.1f} bytes an operation; bound "
-                  f"{bound:.0f} KiB")
-    handles = samples.growth("handles", warm_up)
-    verdict.check(handles <= HANDLES,
-                  f"handles grew by {handles:.1f} after it; bound {HANDLES}")
-    descriptors = samples.growth("descriptors", warm_up)
-    verdict.check(descriptors <= HANDLES,
-                  f"descriptors grew by {descriptors:.1f} after it; bound {HANDLES}")
+    first, last = quiet[0], quiet[-1]
+    verdict.say(f"in quiet after {first['seconds']:.0f} s and at the end: resident memory "
+                f"{first['rss_kib']} and {last['rss_kib']} KiB, handles {first['handles']} and "
+                f"{last['handles']}, threads {first['threads']} and {last['threads']}")
+    memory = samples.growth("rss_kib", warm_up)
+    verdict.check(memory <= bound, f"memory grew by {memory:.0f} KiB in {len(quiet)} quiet samples, "
+                  f"{memory * 1024 / operations:.1f} bytes an operation; bound {bound:.0f} KiB")
+    for column in ("handles", "descriptors"):
+        growth = samples.growth(column, warm_up)
+        verdict.check(growth <= HANDLES, f"{column} grew by {growth:.1f}; bound {HANDLES}")
     verdict.say("kept" if verdict.failed == 0 else f"NOT KEPT: {verdict.failed} of the above")
 
 
