@@ -1,12 +1,14 @@
 // handle_count PROGRAM: for each line on standard input, prints how many handles the first process
-// of that program holds, -1 if there is none. It asks for the system's list of processes: under
-// Wine that is the server's own count, where the one for a single process is always 0.
+// of that program holds, -1 if there is none. Counted in the system's table of all handles: what
+// Wine gives as a process's number is the room that its table has.
 
 #include <windows.h>
 #include <winternl.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <iostream>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,31 +18,44 @@ namespace {
 constexpr NTSTATUS kLengthMismatch = static_cast<NTSTATUS>(0xC0000004);
 
 /// Empty if the system does not tell.
-std::vector<std::byte> processes() {
+std::vector<std::byte> query(SYSTEM_INFORMATION_CLASS what) {
   for (ULONG size = 1 << 16;; size *= 2) {
     std::vector<std::byte> area(size);
-    const NTSTATUS status =
-        NtQuerySystemInformation(SystemProcessInformation, area.data(), size, nullptr);
+    const NTSTATUS status = NtQuerySystemInformation(what, area.data(), size, nullptr);
     if (status != kLengthMismatch) {
       return status == 0 ? area : std::vector<std::byte>();
     }
   }
 }
 
-long handlesOf(std::wstring_view program) {
-  const std::vector<std::byte> all = processes();
+/// 0 if no process runs that program.
+ULONG processOf(std::wstring_view program) {
+  const std::vector<std::byte> all = query(SystemProcessInformation);
   for (std::size_t at = 0; at < all.size();) {
     const auto& process = *reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(all.data() + at);
     const UNICODE_STRING& name = process.ImageName;
     if (name.Buffer != nullptr && program == std::wstring_view(name.Buffer, name.Length / 2)) {
-      return static_cast<long>(process.HandleCount);
+      return HandleToULong(process.UniqueProcessId);
     }
     if (process.NextEntryOffset == 0) {
       break;
     }
     at += process.NextEntryOffset;
   }
-  return -1;
+  return 0;
+}
+
+std::ptrdiff_t handlesOf(std::wstring_view program) {
+  const ULONG process = processOf(program);
+  const std::vector<std::byte> all = query(SystemHandleInformation);
+  if (process == 0 || all.empty()) {
+    return -1;
+  }
+  const auto& table = *reinterpret_cast<const SYSTEM_HANDLE_INFORMATION*>(all.data());
+  const std::span<const SYSTEM_HANDLE_ENTRY> entries(table.Handle, table.Count);
+  return std::count_if(entries.begin(), entries.end(), [process](const SYSTEM_HANDLE_ENTRY& each) {
+    return each.OwnerPid == process;
+  });
 }
 
 } // namespace

@@ -2,8 +2,8 @@
 
 What is counted: each call of a WMI client against what the simulated till answered and what the
 service says it was asked, each event that the till sent against what a subscriber received. What is
-sampled: the service's process, its memory as Linux sees it, its handles as the system's list of
-processes tells them. Both have to stay: the verdict at the end is the growth after the warm-up, fitted
+sampled: the service's process, its memory as Linux sees it, its handles as the system's table of
+all handles lists them. Both have to stay: the verdict at the end is the growth after the warm-up, fitted
 to the quiet samples. Those are taken every 20 seconds when no call is under way, since each one's
 threads and their stacks come and go.
 """
@@ -104,7 +104,7 @@ class DeviceServer:
             lines.put(line)
 
     def expect(self, text):
-        while text not in (line := self.lines.get(timeout=60)):
+        while text not in (line := self.lines.get(timeout=300)):
             pass
         return line
 
@@ -407,7 +407,7 @@ def soak(machine, strategy, seconds, folder):
         nonlocal lost
         with contextlib.suppress(AssertionError):
             wait_until(lambda: len(subscriber.received) + lost >= len(server.expected),
-                       "the events", seconds=60)
+                       "the events", seconds=300)
         lost = max(lost, len(server.expected) - len(subscriber.received))
 
     settled()
