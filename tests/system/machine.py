@@ -363,4 +363,4 @@ class Till:
 
     def stop(self):
         self.process.stdin.close()
-        self.process.wait(timeout=20)
+        self.process.wait(timeout=60)
