@@ -3,6 +3,7 @@
 #include "quillmonctl/Invocation.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
+#include "win/CodeSearch.h"
 #include "win/Handles.h"
 
 #include <CLI/CLI.hpp>
@@ -102,6 +103,7 @@ int run() {
 } // namespace
 
 int main() {
+  win::loadCodeFromSystemOnly(); // it is often run as an administrator
   try {
     return run();
   } catch (const std::exception& problem) {
