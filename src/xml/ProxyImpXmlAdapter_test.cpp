@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +26,7 @@ namespace {
 using Lines = std::vector<std::string>;
 
 Lines sent; // what went to the device servers
+std::mutex sending;
 
 const std::string kUpdateRequest =
     "<?xml version='1.0' encoding='UTF-8' standalone='no' ?><request><type>updateInstances</type>"
@@ -345,5 +347,6 @@ TEST_F(ProxyXmlAdapter, EventsAreReadOnSeveralThreadsAtOnce) {
 
 /// In place of the event socket server.
 void sendToClients(const std::string& text) {
+  const std::scoped_lock lock(sending);
   sent.push_back(text);
 }
