@@ -683,6 +683,8 @@ UNWALKED = {
         "RegisterServiceCtrlHandlerA SetServiceStatus",
     "gives the default instead of failing": "GetPrivateProfileIntA GetPrivateProfileStringA",
     "called after a send that was refused, or by tests alone": "shutdown getsockname",
+    "where code is loaded from: unchecked, a refusal leaves it as it was":
+        "SetDefaultDllDirectories SetProcessMitigationPolicy",
     "tells the time": """
         GetSystemTimeAsFileTime GetTickCount64 QueryPerformanceCounter QueryPerformanceFrequency
         GetTimeZoneInformation FileTimeToSystemTime GetSystemTimeAdjustment SetSystemTime _time64
