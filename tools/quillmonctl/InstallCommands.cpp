@@ -22,6 +22,7 @@ namespace {
 
 constexpr DWORD kPause = 100;                  // milliseconds between looks
 constexpr DWORD kPatience = 30'000;            // milliseconds for the provider, and for a removal
+constexpr DWORD kSettling = 1000;              // milliseconds from the first answer on
 constexpr DWORD kRestartAfter = 60'000;        // milliseconds between a failure and the restart
 constexpr DWORD kForgetFailuresAfter = 86'400; // seconds
 constexpr DWORD kSetupRights = SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG |
@@ -91,7 +92,7 @@ void removeService() {
 
 /// Until the provider is asked, whatever it answers then: without a device server it answers with
 /// a failure.
-std::string waitForProvider(const Service& service) {
+std::string waitForFirstAnswer(const Service& service) {
   for (DWORD waited = 0;; waited += kPause) {
     service.mustRun();
     try {
@@ -113,6 +114,15 @@ std::string waitForProvider(const Service& service) {
     }
     Sleep(kPause);
   }
+}
+
+/// The service registers for lists first and for events second, and ends when the second fails: it
+/// may have answered by then.
+std::string waitForProvider(const Service& service) {
+  std::string answer = waitForFirstAnswer(service);
+  Sleep(kSettling);
+  service.mustRun();
+  return answer;
 }
 
 /// A setting of the service that not every Windows takes. It is read back: what was taken and
