@@ -57,10 +57,10 @@ xerces_options=(
 )
 # As cmake/Flags.cmake has them; the folder that it is built in stays out of the program.
 xerces_flags='-fstack-protector-strong -D_FORTIFY_SOURCE=2 -ffile-prefix-map=@WORK@=.'
-# Starting the library once per call is by design here; these make a start cheap.
+# Starting the library once per call is by design here; these make a start cheap and safe.
 xerces_patches=(
   "$root/cmake/patches/xerces-c-charset-table.patch" "$root/cmake/patches/xerces-c-regex-ranges.patch"
-  "$root/cmake/patches/xerces-c-schema-types.patch"
+  "$root/cmake/patches/xerces-c-schema-types.patch" "$root/cmake/patches/xerces-c-start-memory.patch"
 )
 
 # The library that the product is linked with; and, to measure it by, the one as it is distributed.

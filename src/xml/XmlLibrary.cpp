@@ -1,5 +1,6 @@
 #include "xml/XmlLibrary.h"
 
+#include "xml/StartMemory.h"
 #include "xml/XmlFailure.h"
 
 #include <xercesc/util/OutOfMemoryException.hpp>
@@ -7,6 +8,8 @@
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLException.hpp>
 #include <xercesc/util/XMLUni.hpp>
+
+#include <optional>
 
 namespace {
 
@@ -31,6 +34,11 @@ PanicHandler& panicHandler() {
   return handler;
 }
 
+StartMemory& startMemory() {
+  static StartMemory& memory = *new StartMemory;
+  return memory;
+}
+
 std::mutex& startLock() {
   static std::mutex& lock = *new std::mutex;
   return lock;
@@ -39,6 +47,10 @@ std::mutex& startLock() {
 /// A start that failed leaves the library half made: it can neither be ended nor started again
 /// without a crash, so it is not touched any more. Guarded by startLock().
 constinit bool unusable = false;
+
+/// The sessions that are open. The library does all its work in the first one's start and in the
+/// last one's end. Guarded by startLock().
+constinit int sessions = 0;
 
 /// The library's messages are ASCII; its transcoder may not have been started.
 std::string asciiOf(const XMLCh* text) {
@@ -64,17 +76,24 @@ XmlLibrary::XmlLibrary() noexcept {
       return;
     }
     PanicHandler& handler = panicHandler();
+    StartMemory& memory = startMemory();
     unusable = true;
-    start(handler);
+    start(handler, memory);
     unusable = !started_;
   } catch (...) {
     noteFailure("");
   }
 }
 
-void XmlLibrary::start(PanicHandler& handler) {
+void XmlLibrary::start(PanicHandler& handler, StartMemory& memory) {
   try {
-    XMLPlatformUtils::Initialize(xercesc::XMLUni::fgXercescDefaultLocale, nullptr, &handler);
+    std::optional<StartMemory::Area> area;
+    if (sessions == 0) {
+      area.emplace(memory);
+    }
+    XMLPlatformUtils::Initialize(xercesc::XMLUni::fgXercescDefaultLocale, nullptr, &handler,
+                                 &memory);
+    ++sessions;
     started_ = true;
   } catch (const xercesc::XMLException& exception) {
     noteFailure(asciiOf(exception.getMessage()).c_str());
@@ -98,6 +117,10 @@ XmlLibrary::~XmlLibrary() {
   if (started_) {
     try {
       const std::scoped_lock lock(startLock());
+      std::optional<StartMemory::Area> area;
+      if (--sessions == 0) {
+        area.emplace(startMemory());
+      }
       XMLPlatformUtils::Terminate();
     } catch (...) { // nobody is left to be told
     }

@@ -5,6 +5,8 @@
 #include <mutex>
 #include <string>
 
+class StartMemory;
+
 /// The XML lock: one for the whole process, made on first use and never destroyed. Whoever reads or
 /// builds a document takes it first, outside of everything else here.
 std::mutex& xmlLock();
@@ -30,7 +32,7 @@ public:
   void require() const;
 
 private:
-  void start(xercesc::PanicHandler& handler);
+  void start(xercesc::PanicHandler& handler, StartMemory& memory);
   void noteFailure(const char* message) noexcept;
 
   bool started_ = false;

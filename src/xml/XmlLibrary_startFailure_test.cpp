@@ -25,7 +25,20 @@ std::size_t allocationsOfAStart() {
   return failing_memory::allocations() - before;
 }
 
-// One test, because a library whose start failed stays unusable. The start fails at its very last
+#ifdef _WIN32
+
+// A service that was short of memory for a moment, while the library started, answered nothing
+// until it was restarted.
+TEST(XmlLibraryStart, NeedsNoMemoryThatMayRunOut) {
+  recorded_trace::setSwitchedOn(false);
+  allocationsOfAStart(); // the first one makes the locks and the area
+  EXPECT_EQ(allocationsOfAStart(), 0U);
+}
+
+#else
+
+// The distribution's library asks for more than the area holds, and for some of it elsewhere. One
+// test, because a library whose start failed stays unusable. The start fails at its very last
 // allocation, where the library's own way is to end the process.
 TEST(XmlLibraryStartFailure, EndsInStatusesAndMessagesEverAfter) {
   recorded_trace::setSwitchedOn(false);
@@ -59,5 +72,7 @@ TEST(XmlLibraryStartFailure, EndsInStatusesAndMessagesEverAfter) {
   EXPECT_EQ(adapter.toXML("C", "request", "getInstance", "ID", out), 3U);
   EXPECT_EQ(out, "as it was");
 }
+
+#endif
 
 } // namespace
