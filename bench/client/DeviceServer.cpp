@@ -1,19 +1,12 @@
 #include "DeviceServer.h"
 
 #include "Documents.h"
+#include "Loopback.h"
 
 #include <stdexcept>
 #include <thread>
 
 namespace {
-
-sockaddr_in addressOf(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
 
 std::string framed(const std::string& document) {
   return '\x1B' + document + '\x08';
@@ -34,7 +27,7 @@ bool sendAll(SOCKET socket, const std::string& bytes) {
 
 DeviceServer::DeviceServer(std::uint16_t requestPort)
     : listener_(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)) {
-  const sockaddr_in address = addressOf(requestPort);
+  const sockaddr_in address = loopback(requestPort);
   if (bind(listener_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       listen(listener_.get(), SOMAXCONN) != 0) {
     throw std::runtime_error("the request port is taken");
@@ -84,7 +77,7 @@ void DeviceServer::answer(SOCKET connection) {
 
 EventChannel::EventChannel(std::uint16_t port, bool isStream)
     : isStream_(isStream), socket_(socket(AF_INET, isStream ? SOCK_STREAM : SOCK_DGRAM, 0)) {
-  const sockaddr_in address = addressOf(port);
+  const sockaddr_in address = loopback(port);
   if (connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     throw std::runtime_error("no connection to the event port");
   }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "RefusingServices.h"
 #include "win/Automation.h"
 
 #include <wbemcli.h>
@@ -44,7 +45,7 @@ private:
 
 /// An enumeration and a retrieval with nothing but sockets, XML library and WMI. Everything else is
 /// refused. Lives as long as the process.
-class FloorProvider final : public IWbemServices, public IWbemProviderInit {
+class FloorProvider final : public RefusingServices, public IWbemProviderInit {
 public:
   FloorProvider(bool isProxy, std::uint16_t requestPort, PreparedDevices& devices)
       : isProxy_(isProxy), requestPort_(requestPort), devices_(devices) {}
@@ -61,35 +62,6 @@ public:
                                                     IWbemObjectSink* sink) noexcept override;
   HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR path, LONG, IWbemContext*,
                                            IWbemObjectSink* sink) noexcept override;
-
-#define REFUSE(declaration)                                                                        \
-  HRESULT STDMETHODCALLTYPE declaration noexcept override {                                        \
-    return static_cast<HRESULT>(WBEM_E_PROVIDER_NOT_CAPABLE);                                      \
-  }
-  REFUSE(CancelAsyncCall(IWbemObjectSink*))
-  REFUSE(OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**))
-  REFUSE(QueryObjectSink(LONG, IWbemObjectSink**))
-  REFUSE(GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**, IWbemCallResult**))
-  REFUSE(PutClass(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**))
-  REFUSE(PutClassAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(DeleteClass(const BSTR, LONG, IWbemContext*, IWbemCallResult**))
-  REFUSE(DeleteClassAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(CreateClassEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
-  REFUSE(CreateClassEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(PutInstance(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**))
-  REFUSE(PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(DeleteInstance(const BSTR, LONG, IWbemContext*, IWbemCallResult**))
-  REFUSE(DeleteInstanceAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(CreateInstanceEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
-  REFUSE(ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
-  REFUSE(ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
-  REFUSE(ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
-                    IWbemClassObject**, IWbemCallResult**))
-  REFUSE(ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
-                         IWbemObjectSink*))
-#undef REFUSE
 
 private:
   HRESULT answer(const char16_t* command, const std::wstring& className, const std::wstring& id,

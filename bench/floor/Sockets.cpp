@@ -1,23 +1,14 @@
 #include "Sockets.h"
 
+#include "Loopback.h"
+
 #include <cstring>
 
 namespace floor_sockets {
-namespace {
-
-sockaddr_in addressOf(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-} // namespace
 
 win::Socket connectTo(std::uint16_t port) {
   win::Socket connection(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-  const sockaddr_in address = addressOf(port);
+  const sockaddr_in address = loopback(port);
   if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     connection.reset();
   }
@@ -26,7 +17,7 @@ win::Socket connectTo(std::uint16_t port) {
 
 win::Socket bindTo(std::uint16_t port, int type) {
   win::Socket bound(socket(AF_INET, type, 0));
-  const sockaddr_in address = addressOf(port);
+  const sockaddr_in address = loopback(port);
   bind(bound.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
   if (type == SOCK_STREAM) {
     listen(bound.get(), SOMAXCONN);

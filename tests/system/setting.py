@@ -1,10 +1,11 @@
 """The installed service in the adapter strategy, with a scripted device server and a client."""
 
+import contextlib
 import os
 import socket
 
 from machine import BUILD, bound_datagram_ports, free_port, wait_until
-from peer import Peer
+from peer import NORMAL, Peer
 
 SCANNER = [["SCANNER1"]]
 
@@ -45,6 +46,14 @@ class Setting:
     def answer(self, answer, *properties):
         self.peer.answer = answer
         return self.list(*properties)
+
+    @contextlib.contextmanager
+    def survived(self):
+        """Behind it the service still runs in the same process and answers properly."""
+        process = self.machine.service_process()
+        yield self
+        assert self.answer(NORMAL) == SCANNER
+        assert self.machine.service_process() == process is not None
 
     def start_list(self, class_name):
         return self.machine.start(str(BUILD / "wmi_client.exe"), "list", class_name, "DeviceID")

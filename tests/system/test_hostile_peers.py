@@ -29,11 +29,8 @@ def setting(template_machine):
 
 @pytest.fixture
 def service(setting):
-    """The service, which after the test still runs in the same process and answers properly."""
-    process = setting.machine.service_process()
-    yield setting
-    assert setting.answer(NORMAL) == SCANNER
-    assert setting.machine.service_process() == process is not None
+    with setting.survived():
+        yield setting
 
 
 @pytest.fixture

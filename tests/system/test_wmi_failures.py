@@ -1,5 +1,6 @@
 """What the service does, says and traces when WMI fails it, or when a caller may not ask."""
 
+import contextlib
 import re
 import select
 import threading
@@ -448,28 +449,36 @@ def test_a_cancelled_list_ends_and_the_next_one_is_whole(shared_machine, till, w
     assert counters(shared_machine) == before and before["Violations"] == 0
 
 
-def test_a_client_that_dies_while_it_waits_gives_its_turn_back(shared_machine, till, wmi):
-    opened = threading.Event()
+@contextlib.contextmanager
+def held_answers(machine, till):
+    """A device server in the till's place that answers each request with one scanner, once it is
+    let: yields it and what lets it."""
+    let = threading.Event()
 
-    def hold(connection, request):
-        opened.wait(60)
+    def hold(connection, _):
+        let.wait(60)
         connection.sendall(framed(response(device("D1"))))
 
+    with Peer(answer=hold) as peer:
+        machine.configure(upos__requestSocket__Port=peer.port)
+        try:
+            yield peer, let.set
+        finally:
+            let.set()
+            machine.configure(upos__requestSocket__Port=till.requests,
+                              provider__eventSocket__Port=till.events)
+
+
+def test_a_client_that_dies_while_it_waits_gives_its_turn_back(shared_machine, till, wmi):
     assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
     before = counters(shared_machine)
-    with Peer(answer=hold) as peer:
-        shared_machine.configure(upos__requestSocket__Port=peer.port)
-        try:
-            client = shared_machine.start(str(BUILD / "wmi_client.exe"), "list", "UPOS_Scanner")
-            wait_until(lambda: peer.requests, "the client's request")
-            client.kill()
-            client.wait()
-            opened.set()
-            assert names(shared_machine, "UPOS_Scanner") == (["D1"], OK)
-        finally:
-            opened.set()
-            shared_machine.configure(upos__requestSocket__Port=till.requests,
-                                     provider__eventSocket__Port=till.events)
+    with held_answers(shared_machine, till) as (peer, let):
+        client = shared_machine.start(str(BUILD / "wmi_client.exe"), "list", "UPOS_Scanner")
+        wait_until(lambda: peer.requests, "the client's request")
+        client.kill()
+        client.wait()
+        let()
+        assert names(shared_machine, "UPOS_Scanner") == (["D1"], OK)
     assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
     assert counters(shared_machine) == before
 
@@ -543,29 +552,16 @@ def test_an_event_sink_that_blocks_keeps_events_waiting_and_no_request(
 
 def test_lists_that_are_cancelled_while_they_wait_for_a_slot_leave_it_to_the_next(
         shared_machine, till, wmi):
-    opened = threading.Event()
-
-    def hold(connection, _):
-        opened.wait(60)
-        connection.sendall(framed(response(device("D1"))))
-
     assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
     before = counters(shared_machine)
-    with Peer(answer=hold) as peer:
-        shared_machine.configure(upos__requestSocket__Port=peer.port)
-        try:
-            wmi.mark = len(shared_machine.trace())
-            crowd = shared_machine.start(
-                str(BUILD / "wmi_client.exe"), "parallel", 20, "UPOS_Scanner")
-            wait_until(
-                lambda: wmi.trace().count("<<<< CreateInstanceEnumAsync >>>>") == 20, "the lists")
-            crowd.kill()
-            crowd.wait()
-            opened.set()
-            assert names(shared_machine, "UPOS_Scanner") == (["D1"], OK)
-            wait_until(lambda: names(shared_machine, "UPOS_Scanner") == (["D1"], OK)
-                       and counters(shared_machine) == before, "the cancelled lists to be gone")
-        finally:
-            opened.set()
-            shared_machine.configure(upos__requestSocket__Port=till.requests,
-                                     provider__eventSocket__Port=till.events)
+    with held_answers(shared_machine, till) as (_, let):
+        wmi.mark = len(shared_machine.trace())
+        crowd = shared_machine.start(str(BUILD / "wmi_client.exe"), "parallel", 20, "UPOS_Scanner")
+        wait_until(
+            lambda: wmi.trace().count("<<<< CreateInstanceEnumAsync >>>>") == 20, "the lists")
+        crowd.kill()
+        crowd.wait()
+        let()
+        assert names(shared_machine, "UPOS_Scanner") == (["D1"], OK)
+        wait_until(lambda: names(shared_machine, "UPOS_Scanner") == (["D1"], OK)
+                   and counters(shared_machine) == before, "the cancelled lists to be gone")

@@ -5,6 +5,7 @@
 //   event TEXT     sends a Test_Event
 //   unregister     withdraws both registrations
 
+#include "RefusingServices.h"
 #include "win/Automation.h"
 #include "win/Boundary.h"
 #include "win/Handles.h"
@@ -82,7 +83,7 @@ std::wstring impersonation() {
   return text;
 }
 
-class Provider final : public IWbemServices, public IWbemProviderInit {
+class Provider final : public RefusingServices, public IWbemProviderInit {
 public:
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** result) noexcept override {
     *result = nullptr;
@@ -169,35 +170,6 @@ public:
     isCancelled_ = true;
     return wbemResult(WBEM_S_NO_ERROR);
   }
-
-// Everything else is refused.
-#define REFUSE(declaration)                                                                        \
-  HRESULT STDMETHODCALLTYPE declaration noexcept override {                                        \
-    return wbemResult(WBEM_E_PROVIDER_NOT_CAPABLE);                                                \
-  }
-  REFUSE(OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**, IWbemCallResult**))
-  REFUSE(QueryObjectSink(LONG, IWbemObjectSink**))
-  REFUSE(GetObject(const BSTR, LONG, IWbemContext*, IWbemClassObject**, IWbemCallResult**))
-  REFUSE(PutClass(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**))
-  REFUSE(PutClassAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(DeleteClass(const BSTR, LONG, IWbemContext*, IWbemCallResult**))
-  REFUSE(DeleteClassAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(CreateClassEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
-  REFUSE(CreateClassEnumAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(PutInstance(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**))
-  REFUSE(PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(DeleteInstance(const BSTR, LONG, IWbemContext*, IWbemCallResult**))
-  REFUSE(DeleteInstanceAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(CreateInstanceEnum(const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
-  REFUSE(ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
-  REFUSE(ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*, IEnumWbemClassObject**))
-  REFUSE(ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemObjectSink*))
-  REFUSE(ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
-                    IWbemClassObject**, IWbemCallResult**))
-  REFUSE(ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
-                         IWbemObjectSink*))
-#undef REFUSE
 
 private:
   ~Provider() = default;
