@@ -8,6 +8,9 @@
 bool UPOSLog::isSwitchedOn() noexcept {
   return false;
 }
+void UPOSLog::lookAgain() noexcept {}
+UPOSLog::Burst::Burst() noexcept : outermost_(false) {}
+UPOSLog::Burst::~Burst() = default;
 void UPOSLog::emit(std::string_view, std::initializer_list<TraceArgument>) noexcept {}
 
 std::string exchangeRequest(const std::string&) {

@@ -4,6 +4,10 @@
 
 #include <utility>
 
+namespace {
+constexpr std::string_view kAllDevices = "UPOS_LogicalDevice";
+} // namespace
+
 CIMContainer& CIMContainer::getInstance() {
   static auto* const container = new CIMContainer; // no thread is joined at the end
   return *container;
@@ -57,7 +61,7 @@ void CIMContainer::remove(const CIMDevice& device) {
 std::vector<CIMContainer::Reference>
 CIMContainer::getInstances(const std::string& className) const {
   UPOSLog::trace("CIMContainer::getInstances(%s)", className);
-  const bool all = className == "UPOS_LogicalDevice";
+  const bool all = className == kAllDevices;
   std::vector<Reference> devices;
   {
     std::scoped_lock lock(mutex_);
@@ -68,8 +72,7 @@ CIMContainer::getInstances(const std::string& className) const {
       }
     }
   }
-  // The switch is a named event, asked for once and not for each of thousands of devices.
-  if (UPOSLog::isSwitchedOn()) {
+  if (UPOSLog::isSwitchedOn()) { // nothing else needs this second walk
     for (const Reference& device : devices) {
       if (device->isOfClass(className)) {
         UPOSLog::trace("CIMContainer::adding instance (id=%s)", device->getDeviceId());
@@ -77,4 +80,15 @@ CIMContainer::getInstances(const std::string& className) const {
     }
   }
   return devices;
+}
+
+std::vector<CIMContainer::Reference> CIMContainer::getInstances(const std::string& className,
+                                                                const std::string& id) const {
+  const std::scoped_lock lock(mutex_);
+  const auto found = index_.find(id);
+  if (found == index_.end() ||
+      (className != kAllDevices && !found->second->device->isOfClass(className))) {
+    return {};
+  }
+  return {found->second->device};
 }

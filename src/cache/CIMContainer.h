@@ -21,7 +21,7 @@
 /// Threads: any, at the same time. A change made of several calls (find, then replace) is one
 /// writer's: the event thread is the only one. The lock is held for a look-up or for the walk over
 /// the list, never while a line is traced or a device copied.
-/// Costs: find, add, replace and remove do not depend on the number of devices.
+/// Costs: find, add, replace, remove and a look-up by id do not depend on the number of devices.
 /// Errors: std::bad_alloc only; the container is then unchanged.
 class CIMContainer {
 public:
@@ -44,6 +44,8 @@ public:
   void remove(const CIMDevice& device);
   /// The devices of that class, in order; all of them for "UPOS_LogicalDevice".
   std::vector<Reference> getInstances(const std::string& className) const;
+  /// Of these the one with that id: at most one device.
+  std::vector<Reference> getInstances(const std::string& className, const std::string& id) const;
 
 private:
   struct Record {

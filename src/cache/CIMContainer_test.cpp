@@ -129,6 +129,17 @@ TEST(CIMContainer, GetInstancesComparesTheClassToTheLetter) {
   EXPECT_THAT(container.getInstances(""), IsEmpty());
 }
 
+TEST(CIMContainer, OneDeviceOfAClassIsThatOfItsId) {
+  CIMContainer container;
+  container.add(device("1", "Scanner"));
+  container.add(device("2", "Scale"));
+  EXPECT_THAT(idsOf(container.getInstances("Scanner", "1")), ElementsAre("1"));
+  EXPECT_THAT(idsOf(container.getInstances("UPOS_LogicalDevice", "2")), ElementsAre("2"));
+  EXPECT_THAT(container.getInstances("Scanner", "2"), IsEmpty());
+  EXPECT_THAT(container.getInstances("scanner", "1"), IsEmpty());
+  EXPECT_THAT(container.getInstances("UPOS_LogicalDevice", "3"), IsEmpty());
+}
+
 TEST(CIMContainer, TheLogicalDeviceYieldsAllAndTracesOnlyItsOwn) {
   CIMContainer container;
   container.add(device("1", "Scanner"));
@@ -160,12 +171,13 @@ Duration shortestTimeOf(const Action& action) {
   return shortest;
 }
 
-void addChangeAndRemove(CIMContainer& container) {
+void addFindChangeAndRemove(CIMContainer& container) {
   constexpr int kDevices = 300;
   const auto numbered = [](int i) { return device("passing-device-number-" + std::to_string(i)); };
   for (int i = 0; i < kDevices; ++i) {
     container.add(numbered(i));
     container.replace(*container.find(numbered(i)));
+    container.getInstances("Scanner", numbered(i).getDeviceId());
   }
   for (int i = 0; i < kDevices; ++i) {
     container.remove(numbered(i));
@@ -177,11 +189,11 @@ TEST(CIMContainer, CostDoesNotGrowWithTheNumberOfDevices) {
   constexpr int kDevices = 50'000;
   recorded_trace::setSwitchedOn(false);
   CIMContainer container;
-  const auto whenEmpty = shortestTimeOf([&] { addChangeAndRemove(container); });
+  const auto whenEmpty = shortestTimeOf([&] { addFindChangeAndRemove(container); });
   for (int i = 0; i < kDevices; ++i) {
     container.add(device("resident-device-number-" + std::to_string(i)));
   }
-  const auto whenFull = shortestTimeOf([&] { addChangeAndRemove(container); });
+  const auto whenFull = shortestTimeOf([&] { addFindChangeAndRemove(container); });
   recorded_trace::setSwitchedOn(true);
   EXPECT_EQ(container.getInstances("Scanner").size(), static_cast<std::size_t>(kDevices));
   EXPECT_LT(whenFull, 6 * whenEmpty) << whenFull.count() << " and " << whenEmpty.count();

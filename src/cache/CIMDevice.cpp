@@ -54,11 +54,9 @@ void CIMDevice::addRecordField(const Field& field) {
 void CIMDevice::addInstance(const std::string& className) {
   // Also when it is listed already, on purpose: each publication needs a withdrawal of its own.
   instances_.push_back(className);
-  if (UPOSLog::isSwitchedOn()) { // asked once for the three lines, for thousands of devices
-    UPOSLog::trace("Instance count before adding %s is %d", deviceId_, count(instances_) - 1);
-    UPOSLog::trace("Adding instance %s with ID %s", className, deviceId_);
-    UPOSLog::trace("Instance count after adding %s is %d", deviceId_, count(instances_));
-  }
+  UPOSLog::trace("Instance count before adding %s is %d", deviceId_, count(instances_) - 1);
+  UPOSLog::trace("Adding instance %s with ID %s", className, deviceId_);
+  UPOSLog::trace("Instance count after adding %s is %d", deviceId_, count(instances_));
 }
 
 void CIMDevice::deleteInstance(const std::string& className) {

@@ -26,9 +26,10 @@ private:
 
 DeviceEvent ProxyImpCommunicationLayer::receiveEvent(IUPOSXmlAdapter* adapter) {
   TCPServer& server = TCPServer::instance();
+  const std::string document = server.take();
+  const UPOSLog::Burst burst;
   DeviceEvent event;
   {
-    const std::string document = server.take();
     const Released released(server);
     UPOSLog::trace("Event received: %s", document);
     event = adapter->fromXMLEvent(document);

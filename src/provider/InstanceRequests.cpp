@@ -65,10 +65,9 @@ HRESULT spawnInstance(IWbemClassObject* classObject, ComPtr<IWbemClassObject>& i
 }
 
 /// Puts the fields of one of the adapter's instances, each converted by its type word. A property
-/// that WMI refuses is skipped silently; the others are traced as `traceFormat` if `traced`: the
-/// trace's switch is a named event, asked for once a request and not for each property.
+/// that WMI refuses is skipped silently; the others are traced as `traceFormat`.
 void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount,
-               IWbemClassObject* instance, bool traced, std::string_view traceFormat) {
+               IWbemClassObject* instance, std::string_view traceFormat) {
   for (std::int32_t field = 0; field < fieldCount; ++field) {
     std::string name;
     std::string type;
@@ -79,7 +78,7 @@ void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount
     win::Variant value(win::Bstr(win::widenInThreadCodePage(text)));
     provider::convertProperty(providerState().propertyTypes.typeOf(type), value);
     const std::wstring wideName = win::widenInThreadCodePage(name);
-    if (SUCCEEDED(instance->Put(wideName.c_str(), 0, value.get(), 0)) && traced) {
+    if (SUCCEEDED(instance->Put(wideName.c_str(), 0, value.get(), 0))) {
       UPOSLog::trace(traceFormat, name, type, text);
     }
   }
@@ -89,14 +88,13 @@ void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount
 HRESULT indicateInstances(UPOSAdapter& adapter, IWbemClassObject* classObject, HRESULT status,
                           IWbemObjectSink* responseHandler) {
   const std::int32_t count = adapter.getInstanceCount();
-  const bool traced = UPOSLog::isSwitchedOn();
   for (std::int32_t index = 0; index < count; ++index) {
     ComPtr<IWbemClassObject> instance;
     status = spawnInstance(classObject, instance);
     if (FAILED(status)) {
       break;
     }
-    putFields(adapter, index, adapter.selectInstance(index), instance.Get(), traced,
+    putFields(adapter, index, adapter.selectInstance(index), instance.Get(),
               "\tPutField - Name: %s, Type: %s, Value: %s");
     IWbemClassObject* object = instance.Get();
     status = responseHandler->Indicate(1, &object);
@@ -142,6 +140,7 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
     return wbemResult(WBEM_E_FAILED);
   }
 
+  UPOSLog::lookAgain(); // the turn may have been minutes in coming
   const std::string narrowName = win::narrow(className);
   UPOSLog::trace("<<CreateInstanceEnumAsync>> *  Enumerating instances of '%s'", narrowName);
   std::uint32_t rc = 0;
@@ -172,6 +171,7 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
 HRESULT
 CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemContext*,
                                                  IWbemObjectSink* responseHandler) noexcept {
+  const UPOSLog::Burst burst;
   UPOSLog::trace("<<<< CreateInstanceEnumAsync >>>>");
   if (responseHandler == nullptr) {
     return wbemResult(WBEM_E_INVALID_PARAMETER);
@@ -189,6 +189,7 @@ CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemCont
 
 HRESULT CProvider_IWbemServices::GetObjectAsync(BSTR objectPath, LONG, IWbemContext* context,
                                                 IWbemObjectSink* responseHandler) noexcept {
+  const UPOSLog::Burst burst;
   UPOSLog::trace("<<<< GetObjectAsync >>>>");
   // Kept: the descriptor is built and discarded, a retrieval checks no access.
   win::LocalMemory descriptor = provider::securityDescriptor(kRetrievalAccess);
@@ -215,6 +216,7 @@ HRESULT CProvider_IWbemServices::GetObjectAsync(BSTR objectPath, LONG, IWbemCont
     UPOSLog::trace("<<GetObjectAsync>> * Screen Semaphore wait timed out!");
     return wbemResult(WBEM_E_FAILED);
   }
+  UPOSLog::lookAgain(); // the turn may have been minutes in coming
   ComPtr<IWbemClassObject> instance;
   const HRESULT result = GetIntanceByPath(objectPath, instance.GetAddressOf(), context);
   slot.release();
@@ -237,11 +239,9 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
     if (!path.empty()) {
       path.front() = '\0';
     }
-    if (UPOSLog::isSwitchedOn()) {
-      UPOSLog::trace("GetIntanceByPath: Path: '%s'", path.c_str());
-      UPOSLog::trace("GetIntanceByPath: className='%s', deviceID='%s'", names.className,
-                     names.deviceId);
-    }
+    UPOSLog::trace("GetIntanceByPath: Path: '%s'", path.c_str());
+    UPOSLog::trace("GetIntanceByPath: className='%s', deviceID='%s'", names.className,
+                   names.deviceId);
 
     UPOSAdapter adapter;
     adapter.getInstance(names.className, names.deviceId);
@@ -265,7 +265,7 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
     }
     const std::int32_t fieldCount = adapter.selectInstance(0);
     UPOSLog::trace("GetIntanceByPath: Number of Props In Instance: %d", fieldCount);
-    putFields(adapter, 0, fieldCount, spawned.Get(), UPOSLog::isSwitchedOn(),
+    putFields(adapter, 0, fieldCount, spawned.Get(),
               "<<Put Field >> Name: %s, Type: %s, Value: %s");
     *instance = spawned.Detach();
     return wbemResult(fieldCount < 1 ? WBEM_E_FAILED : WBEM_S_NO_ERROR);

@@ -58,6 +58,7 @@ protected:
 // --- Enumeration ---
 
 using Enumeration = InstanceRequests;
+using Retrieval = InstanceRequests;
 
 TEST_F(Enumeration, HandsOutOneInstancePerDeviceInOrder) {
   script_.instances = {device("S1"), device("S2"), device("S3")};
@@ -373,6 +374,26 @@ TEST_F(InstanceRequests, AskTheDeviceServerInTheServicesOwnContext) {
 
 // --- Values ---
 
+// Each look is a call of the system: with one for each line, they cost more than a small request.
+template <class Action>
+int looksForTheTracesSwitch(const Action& action) {
+  recorded_trace::setSwitchedOn(false);
+  const int before = recorded_trace::timesAsked();
+  action();
+  recorded_trace::setSwitchedOn(true);
+  return recorded_trace::timesAsked() - before;
+}
+
+TEST_F(Enumeration, LooksForTheTracesSwitchWhenItBeginsAndBehindTheWaitForItsSlot) {
+  script_.instances = std::vector<Instance>(100, device("S1"));
+  EXPECT_EQ(looksForTheTracesSwitch([&] { enumerate(); }), 2);
+}
+
+TEST_F(Retrieval, LooksForTheTracesSwitchWhenItBeginsAndBehindTheWaitForItsSlot) {
+  script_.instances = {device("S1")};
+  EXPECT_EQ(looksForTheTracesSwitch([&] { retrieve(); }), 2);
+}
+
 TEST_F(InstanceRequests, ConvertEachFieldByItsTypeWord) {
   script_.instances = {{{"DeviceID", "string", "S1"},
                         {"GoodScanCount", "uint32", "1234"},
@@ -439,8 +460,6 @@ TEST_F(InstanceRequests, SurviveFieldsWithoutTheirThreeStrings) {
 }
 
 // --- Retrieval ---
-
-using Retrieval = InstanceRequests;
 
 TEST_F(Retrieval, HandsOutTheOneInstance) {
   script_.instances = {device("S1")};

@@ -52,20 +52,15 @@ void UPOSAdapter::enumerateInstances(std::string className, std::uint32_t* statu
   std::string request;
   xml->toXML(std::move(className), request_vocabulary::kRequest,
              request_vocabulary::kEnumerateInstances, {}, request);
-  // The trace's switch is a named event, asked for once where lines follow each other.
-  if (UPOSLog::isSwitchedOn()) {
-    // Labels the document as the class here and below: kept, the lines are searched for.
-    UPOSLog::trace(
-        "<<UPOSAdapter::enumerateInstances>>: Invoking request to Java code - class '%s'", request);
-    UPOSLog::trace("<<Request>>: '%s'", request);
-  }
+  // Labels the document as the class here and below: kept, the lines are searched for.
+  UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: Invoking request to Java code - class '%s'",
+                 request);
+  UPOSLog::trace("<<Request>>: '%s'", request);
   const std::string response = xml->sendRequest(request);
-  if (UPOSLog::isSwitchedOn()) {
-    UPOSLog::trace(
-        "<<UPOSAdapter::enumerateInstances>>: got response, converting from XML - class '%s'",
-        request);
-    UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: answer: '%s'", response);
-  }
+  UPOSLog::trace(
+      "<<UPOSAdapter::enumerateInstances>>: got response, converting from XML - class '%s'",
+      request);
+  UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: answer: '%s'", response);
   *status = xml->fromXML(response);
   UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: after fromXML - answer: '%s'", response);
   if (*status == 0) {
@@ -85,10 +80,8 @@ void UPOSAdapter::getInstance(std::string className, std::string key) {
   std::string request;
   xml->toXML(std::move(className), request_vocabulary::kRequest, request_vocabulary::kGetInstance,
              std::move(key), request);
-  if (UPOSLog::isSwitchedOn()) {
-    UPOSLog::trace("<<UPOSAdapter::getInstance>>: Invoking request");
-    UPOSLog::trace("<<Request>>: %s", request); // without quotes, unlike the enumeration's
-  }
+  UPOSLog::trace("<<UPOSAdapter::getInstance>>: Invoking request");
+  UPOSLog::trace("<<Request>>: %s", request); // without quotes, unlike the enumeration's
   const std::string response = xml->sendRequest(request);
   UPOSLog::trace("Answer: '%s'", response);
   // Unlike an enumeration, a lookup takes over what there is after an error answer too.

@@ -28,6 +28,9 @@ constinit std::atomic<bool> configRead = false;
 constinit std::atomic<std::uint32_t> fileSizeLimit = 0;
 constinit std::atomic<std::int32_t> backupCount = 0;
 constinit std::atomic<HANDLE> writeEvent = nullptr;
+// Set for a thread that has a burst. Not a thread_local, whose first use in a thread ends the
+// process when there is no memory for it; without a slot each line looks for itself.
+const DWORD burstSlot = TlsAlloc();
 
 struct FileCloser {
   void operator()(std::FILE* file) const noexcept { std::fclose(file); }
@@ -106,11 +109,30 @@ std::string timeStampNow() {
 } // namespace
 
 bool UPOSLog::isSwitchedOn() noexcept {
+  if (TlsGetValue(burstSlot) == nullptr) {
+    lookAgain();
+  }
+  return traceEnabled;
+}
+
+void UPOSLog::lookAgain() noexcept {
   const win::Handle event(OpenEventW(SYNCHRONIZE, FALSE, L"Global\\TRC_QUILLMON"));
   if (event && WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0) {
     traceEnabled = true;
   }
-  return traceEnabled;
+}
+
+UPOSLog::Burst::Burst() noexcept : outermost_(TlsGetValue(burstSlot) == nullptr) {
+  if (outermost_) {
+    lookAgain();
+    TlsSetValue(burstSlot, &traceEnabled); // any address will do
+  }
+}
+
+UPOSLog::Burst::~Burst() {
+  if (outermost_) {
+    TlsSetValue(burstSlot, nullptr);
+  }
 }
 
 void UPOSLog::setConsoleEcho() noexcept {

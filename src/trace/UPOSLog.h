@@ -29,6 +29,22 @@ public:
   /// Tests the enabling event; true from the first time it was found signalled.
   static bool isSwitchedOn() noexcept;
 
+  /// While one lives, the lines of its thread share one look for the enabling event: a look is a
+  /// call of the system, and a request or an event has lines by the dozen. May be nested.
+  class Burst {
+  public:
+    Burst() noexcept;
+    ~Burst();
+    Burst(const Burst&) = delete;
+    Burst& operator=(const Burst&) = delete;
+
+  private:
+    bool outermost_;
+  };
+  /// Looks once more in the middle of a burst: after each wait for somebody else, which may have
+  /// been long.
+  static void lookAgain() noexcept;
+
   /// Lines are printed to standard output too; for the console modes, set before anything traces.
   static void setConsoleEcho() noexcept;
 

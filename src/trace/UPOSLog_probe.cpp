@@ -3,6 +3,8 @@
 //
 //   event | autoevent    creates the enabling event, not signalled, with manual or automatic reset
 //   signal | reset       ... signals it, resets it
+//   burst | endburst     begins a burst of lines, one inside the other; ends the innermost
+//   look                 looks again in the middle of one
 //   trace TEXT           traces TEXT through "%s"
 //   format TEXT          traces TEXT as the format
 //   long COUNT           traces COUNT letters
@@ -28,7 +30,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <latch>
+#include <list>
 #include <new>
+#include <stack>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -169,6 +173,7 @@ bool stealSignals(const char* name) {
 
 bool perform(std::string_view command, const char* first, const char* second, int& used) {
   static HANDLE event = nullptr;
+  static std::stack<UPOSLog::Burst, std::list<UPOSLog::Burst>> bursts;
   if (command == "event" || command == "autoevent") {
     event = CreateEventA(nullptr, command == "event", FALSE, "Global\\TRC_QUILLMON");
     return event != nullptr;
@@ -178,6 +183,18 @@ bool perform(std::string_view command, const char* first, const char* second, in
   }
   if (command == "reset") {
     return ResetEvent(event);
+  }
+  if (command == "burst") {
+    bursts.emplace();
+    return true;
+  }
+  if (command == "endburst") {
+    bursts.pop();
+    return true;
+  }
+  if (command == "look") {
+    UPOSLog::lookAgain();
+    return true;
   }
   if (command == "trace" && first != nullptr) {
     ++used;

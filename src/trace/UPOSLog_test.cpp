@@ -247,6 +247,34 @@ TEST_F(UPOSLog, OneSignalOfAnAutomaticEventIsEnough) {
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "first", "second"));
 }
 
+TEST_F(UPOSLog, ABurstLooksForTheEventWhenItBegins) {
+  EXPECT_TRUE(
+      run({"event", "burst", "signal", "trace", "unseen", "endburst", "trace", "seen"}).ended);
+  EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
+}
+
+TEST_F(UPOSLog, ABurstThatBeganSwitchedOnIsTraced) {
+  EXPECT_TRUE(run({"event", "signal", "burst", "reset", "trace", "seen"}).ended);
+  EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
+}
+
+TEST_F(UPOSLog, ABurstLooksAgainWhereItIsTold) {
+  EXPECT_TRUE(run({"event", "burst", "signal", "look", "reset", "trace", "seen"}).ended);
+  EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
+}
+
+TEST_F(UPOSLog, ABurstWithinABurstNeitherLooksNorEndsIt) {
+  EXPECT_TRUE(run({"event", "burst", "signal", "burst", "trace", "unseen", "endburst", "trace",
+                   "unseen", "endburst", "trace", "seen"})
+                  .ended);
+  EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
+}
+
+TEST_F(UPOSLog, ABurstIsItsThreadsAlone) {
+  EXPECT_TRUE(run({"event", "burst", "signal", "threads", "1", "1"}).ended);
+  EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "thread 0 line 0"));
+}
+
 TEST_F(UPOSLog, NeedsNoMoreThanToWaitForTheEvent) {
   win::LocalMemory descriptor;
   ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorA(

@@ -35,17 +35,12 @@ void readProviderAndFields(const std::string& message, DeviceEvent& event) {
   const xercesc::DOMElement& first = *events.front();
   event.provider = attributeOf(first, u"provider");
   const Elements fields = elementsBelow(first, u"field");
-  const bool traced = UPOSLog::isSwitchedOn(); // a named event, not asked for with each field
-  if (traced) {
-    UPOSLog::trace("<<ProxyImpXmlAdapter>>     provider=%s fieldlist_length=%d", event.provider,
-                   static_cast<int>(fields.size()));
-  }
+  UPOSLog::trace("<<ProxyImpXmlAdapter>>     provider=%s fieldlist_length=%d", event.provider,
+                 static_cast<int>(fields.size()));
   for (const xercesc::DOMElement* element : fields) {
     const Field& field = event.fields.emplace_back(document.readField(*element));
-    if (traced) {
-      UPOSLog::trace("<<ProxyImpXmlAdapter>>         name=%s type=%s value=%s", field[0], field[1],
-                     field[2]);
-    }
+    UPOSLog::trace("<<ProxyImpXmlAdapter>>         name=%s type=%s value=%s", field[0], field[1],
+                   field[2]);
   }
 }
 
@@ -53,6 +48,7 @@ void readProviderAndFields(const std::string& message, DeviceEvent& event) {
 
 std::uint32_t ProxyImpXmlAdapter::toXML(std::string className, std::string type, std::string cmd,
                                         std::string id, std::string& out) {
+  const UPOSLog::Burst burst;
   out = kUpdateRequest;
   UPOSLog::trace("<<ProxyImpXmlAdapter>> toXML className=%s type=%s cmd=%s id=%s", className, type,
                  cmd, id);
@@ -64,11 +60,14 @@ std::uint32_t ProxyImpXmlAdapter::toXML(std::string className, std::string type,
 
 void ProxyImpXmlAdapter::updateInstances(const std::string& className, const std::string& cmd,
                                          const std::string& id) {
-  const auto devices = CIMContainer::getInstance().getInstances(className);
+  const CIMContainer& cache = CIMContainer::getInstance();
+  const bool all = cmd != request_vocabulary::kGetInstance;
+  // Where one device is wanted, the list that it is looked for in is made for the trace only.
+  const auto devices = all || UPOSLog::isSwitchedOn() ? cache.getInstances(className)
+                                                      : cache.getInstances(className, id);
   UPOSLog::trace("<<ProxyImpXmlAdapter>> updateInstances className=%s id=%s device list size=%d",
                  className, id, static_cast<int>(devices.size()));
   instances_.clear();
-  const bool all = cmd != request_vocabulary::kGetInstance;
   for (const auto& device : devices) {
     if (all || device->hasId(id)) {
       instances_.push_back(instanceOf(*device));
@@ -92,6 +91,7 @@ std::string ProxyImpXmlAdapter::sendRequest(std::string request) {
 }
 
 DeviceEvent ProxyImpXmlAdapter::fromXMLEvent(std::string message) {
+  const UPOSLog::Burst burst;
   UPOSLog::trace("<<ProxyImpXmlAdapter>> fromXMLEvent(event='%s')", message);
   DeviceEvent event = UPOSXMLAdapter::fromXMLEvent(message);
   // Read a second time, outside the XML lock: no request waits for an event with many fields.

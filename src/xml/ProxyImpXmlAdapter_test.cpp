@@ -101,17 +101,21 @@ TEST_F(ProxyXmlAdapter, FillsTheListWithTheDevicesOfTheClass) {
   EXPECT_EQ(count("UPOS_LogicalDevice", "enumerateInstances"), 3U);
 }
 
-TEST_F(ProxyXmlAdapter, GetInstanceTakesTheDeviceWhoseIdIsEqual) {
+TEST_F(ProxyXmlAdapter, GetInstanceTakesTheDeviceWhoseIdIsEqualTracedOrNot) {
   cache("Scanner", "S1", {{"a", "string", "one"}});
   cache("Scanner", "S2", {{"a", "string", "two"}});
   cache("Scale", "", {{"a", "string", "no id"}});
-  EXPECT_EQ(ask("Scanner", "getInstance", "S2"), (InstanceList{{{"a", "string", "two"}}}));
-  EXPECT_EQ(ask("UPOS_LogicalDevice", "getInstance", "S1"),
-            (InstanceList{{{"a", "string", "one"}}}));
-  EXPECT_EQ(ask("Scale", "getInstance", ""), (InstanceList{{{"a", "string", "no id"}}}));
-  EXPECT_EQ(ask("Scanner", "getInstance", "s2"), InstanceList{});
-  EXPECT_EQ(ask("Scale", "getInstance", "S1"), InstanceList{});
-  EXPECT_EQ(ask("Scanner", "getInstance", ""), InstanceList{});
+  for (const bool traced : {true, false}) {
+    recorded_trace::setSwitchedOn(traced);
+    EXPECT_EQ(ask("Scanner", "getInstance", "S2"), (InstanceList{{{"a", "string", "two"}}}));
+    EXPECT_EQ(ask("UPOS_LogicalDevice", "getInstance", "S1"),
+              (InstanceList{{{"a", "string", "one"}}}));
+    EXPECT_EQ(ask("Scale", "getInstance", ""), (InstanceList{{{"a", "string", "no id"}}}));
+    EXPECT_EQ(ask("Scanner", "getInstance", "s2"), InstanceList{});
+    EXPECT_EQ(ask("Scale", "getInstance", "S1"), InstanceList{});
+    EXPECT_EQ(ask("Scanner", "getInstance", ""), InstanceList{});
+  }
+  recorded_trace::setSwitchedOn(true);
 }
 
 TEST_F(ProxyXmlAdapter, AnyOtherCommandTakesEveryDeviceWhateverTheId) {

@@ -123,22 +123,17 @@ std::uint32_t UPOSXMLAdapter::fromXML(std::string response) {
 }
 
 std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
+  const UPOSLog::Burst burst;
   DocumentReader document(response);
-  // The switch is a named event, asked for once an answer and not for each of its lines.
-  const bool traced = UPOSLog::isSwitchedOn();
   const Elements errors = document.elements(u"error");
-  if (traced) {
-    UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",
-                   static_cast<int>(errors.size()));
-  }
+  UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",
+                 static_cast<int>(errors.size()));
   if (!errors.empty()) {
     return kErrorAnswer;
   }
   const Elements instances = document.elements(u"instance");
-  if (traced) {
-    UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(instance) length: %d",
-                   static_cast<int>(instances.size()));
-  }
+  UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(instance) length: %d",
+                 static_cast<int>(instances.size()));
   for (const xercesc::DOMElement* instance : instances) {
     const std::string className = attributeOf(*instance, u"name");
     const bool isScannerOrScale =
@@ -154,11 +149,9 @@ std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
           isKeptManufacturer(value, isScannerOrScale)) {
         keep = true;
       }
-      if (traced) {
-        UPOSLog::trace(
-            "<<UPOSXMLAdapter>> field %d name='%s', type='%s', value='%s', dev='%s' add=%d",
-            static_cast<int>(number), name, fieldType, value, value, keep ? 1 : 0);
-      }
+      UPOSLog::trace(
+          "<<UPOSXMLAdapter>> field %d name='%s', type='%s', value='%s', dev='%s' add=%d",
+          static_cast<int>(number), name, fieldType, value, value, keep ? 1 : 0);
     }
     if (keep) {
       instances_.push_back(std::move(pendingFields_));
@@ -166,9 +159,7 @@ std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
     } else {
       // A discarded device's fields stay pending on purpose: the next kept instance begins with
       // them, and the management tools have always seen it so.
-      if (traced) {
-        UPOSLog::trace("<<fromXML>> Discarding NON-ORVEX device");
-      }
+      UPOSLog::trace("<<fromXML>> Discarding NON-ORVEX device");
     }
   }
   return kRead;

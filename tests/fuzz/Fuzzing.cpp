@@ -55,6 +55,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 bool UPOSLog::isSwitchedOn() noexcept {
   return true;
 }
+void UPOSLog::lookAgain() noexcept {}
+UPOSLog::Burst::Burst() noexcept : outermost_(false) {}
+UPOSLog::Burst::~Burst() = default;
 
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {

@@ -28,11 +28,8 @@ def installed(shared_machine):
 
 @pytest.fixture
 def service(installed):
-    """The service, which after the test still runs in the same process and answers properly."""
-    process = installed.machine.service_process()
-    yield installed
-    assert installed.answer(NORMAL) == SCANNER
-    assert installed.machine.service_process() == process is not None
+    with installed.survived():
+        yield installed
 
 
 # -- what the device server receives
@@ -475,6 +472,16 @@ def test_every_misbehaviour_of_the_simulated_device_server(service):
 
 
 # -- with the trace on; last, because it stays on until the service's end
+
+def test_the_trace_switched_on_while_an_answer_is_awaited_shows_the_answer(service):
+    with stalled(service, NORMAL[:-1]) as client:
+        service.machine.switch_trace_on()
+    out, _ = client.communicate(timeout=30)
+    assert rows(out) == SCANNER
+    trace = service.machine.trace()
+    assert not any("Creating socket" in line for line in trace)
+    assert "<<XMLAdapter>>: Receiving data" in trace
+
 
 @pytest.fixture(scope="module")
 def tracing(installed):
