@@ -92,7 +92,7 @@ Processor time of client, provider and wineserver together, unless the unit says
 is the median of the rounds' ratios; "rate" ratios are floor ÷ product.
 
 {figures}
-Of the XML library: "product" is the library as built here, "floor" the one as distributed.
+Of the XML library: "product" is the library as it is built and started here, "floor" the one as distributed.
 
 {goals}
 ## Growth

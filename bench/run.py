@@ -244,7 +244,8 @@ class Run:
                 side.close()
 
     def library(self):
-        """What the patches of the XML library bring: the product with and without them."""
+        """What the patches of the XML library and its memory bring: the product as it is, and the
+        library as it is distributed."""
         self.say("the XML library as built for the product and as it is distributed")
         sides = [rig.Side(kind, "adapter") for kind in ("product", "distributed")]
         try:
@@ -257,8 +258,8 @@ class Run:
                 programs[-1].expect("ready")
             pairs = [[], []]
             for _ in range(self.rounds):
-                for program, taken in zip(programs, pairs):
-                    taken.append([self.own_time(program, "pair", 20) / 20])
+                for program, command, taken in zip(programs, ("session", "pair"), pairs):
+                    taken.append([self.own_time(program, command, 20) / 20])
             figure = self.add("start and stop of the XML library", pairs)
             figure["goal"], figure["met"] = None, None
             self.goals = [{

@@ -1,11 +1,13 @@
 // bench_xml: the XML library alone. Reads commands, one a line, and answers each with one line.
 //
-//   pair TIMES   that many starts, each with its stop; the microseconds of one
-//   text N       makes an answer of N devices
-//   tree         reads it, and holds the tree until the next command
+//   pair TIMES      that many starts, each with its stop; the microseconds of one
+//   session TIMES   the same as the product does it
+//   text N          makes an answer of N devices
+//   tree            reads it, and holds the tree until the next command
 
 #include "Documents.h"
 #include "floor/BareXml.h"
+#include "xml/XmlLibrary.h"
 
 #include <chrono>
 #include <iostream>
@@ -13,8 +15,23 @@
 #include <sstream>
 #include <string>
 
-int main() {
+namespace {
+
+/// The microseconds of one.
+template <class Session>
+double timeOf(std::size_t times) {
   using Clock = std::chrono::steady_clock;
+  const Clock::time_point begin = Clock::now();
+  for (std::size_t i = 0; i < times; ++i) {
+    const Session session;
+  }
+  return std::chrono::duration<double, std::micro>(Clock::now() - begin).count() /
+         static_cast<double>(times);
+}
+
+} // namespace
+
+int main() {
   std::string text;
   std::unique_ptr<bare_xml::Library> library;
   std::unique_ptr<bare_xml::Tree> tree;
@@ -27,13 +44,9 @@ int main() {
     tree.reset();
     library.reset();
     if (command == "pair") {
-      const Clock::time_point begin = Clock::now();
-      for (std::size_t i = 0; i < number; ++i) {
-        const bare_xml::Library pair;
-      }
-      std::cout << std::chrono::duration<double, std::micro>(Clock::now() - begin).count() /
-                       static_cast<double>(number)
-                << std::endl;
+      std::cout << timeOf<bare_xml::Library>(number) << std::endl;
+    } else if (command == "session") {
+      std::cout << timeOf<XmlLibrary>(number) << std::endl;
     } else if (command == "text") {
       text = documents::answer(number);
       std::cout << "ok" << std::endl;
