@@ -41,7 +41,8 @@ build_packages=(
   googletest libfmt-dev libasio-dev libcli11-dev nlohmann-json3-dev libxerces-c-dev python3
 )
 test_packages=(
-  clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 openssl python3-pytest
+  clang-14 clang-format-14 clang-tidy-14 libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
+  python3-pytest
 )
 package_packages=(nsis osslsigncode)
 soak_packages=(gnuplot-nox python3)

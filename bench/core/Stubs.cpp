@@ -10,7 +10,9 @@ bool UPOSLog::isSwitchedOn() noexcept {
 }
 void UPOSLog::lookAgain() noexcept {}
 UPOSLog::Burst::Burst() noexcept : outermost_(false) {}
-UPOSLog::Burst::~Burst() = default;
+UPOSLog::Burst::~Burst() {
+  static_cast<void>(outermost_);
+}
 void UPOSLog::emit(std::string_view, std::initializer_list<TraceArgument>) noexcept {}
 
 std::string exchangeRequest(const std::string&) {
@@ -19,10 +21,10 @@ std::string exchangeRequest(const std::string&) {
 void sendToClients(const std::string&) {}
 
 namespace configuration {
-unsigned readInt(const char*, int defaultValue) noexcept {
+unsigned readInt(const char*, int defaultValue, const char*) noexcept {
   return static_cast<unsigned>(defaultValue);
 }
-std::string readText(const char*, const char* defaultValue) {
+std::string readText(const char*, const char* defaultValue, const char*) {
   return defaultValue;
 }
 } // namespace configuration

@@ -57,7 +57,9 @@ bool UPOSLog::isSwitchedOn() noexcept {
 }
 void UPOSLog::lookAgain() noexcept {}
 UPOSLog::Burst::Burst() noexcept : outermost_(false) {}
-UPOSLog::Burst::~Burst() = default;
+UPOSLog::Burst::~Burst() {
+  static_cast<void>(outermost_);
+}
 
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {
