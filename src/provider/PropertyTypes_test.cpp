@@ -1,9 +1,9 @@
+#include "StartSignal.h"
 #include "provider/PropertyTypes.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <barrier>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,13 +48,13 @@ TEST(PropertyTypes, ThreadsMayEnterUnknownWordsAtOnce) {
   types.fill();
   constexpr int kThreads = 4;
   constexpr int kWords = 20000;
-  std::barrier start(kThreads);
+  StartSignal start;
   std::atomic<int> wrong = 0;
   std::vector<std::thread> threads;
   threads.reserve(kThreads);
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
-      start.arrive_and_wait();
+      start.wait();
       for (int word = 0; word < kWords; ++word) {
         if (types.typeOf(std::to_string(word * kThreads + thread)) != 0 ||
             types.typeOf("boolean") != 4) {
@@ -63,6 +63,7 @@ TEST(PropertyTypes, ThreadsMayEnterUnknownWordsAtOnce) {
       }
     });
   }
+  start.give();
   for (std::thread& thread : threads) {
     thread.join();
   }

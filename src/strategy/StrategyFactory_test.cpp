@@ -1,3 +1,4 @@
+#include "StartSignal.h"
 #include "strategy/AdapterImpCommunicationLayer.h"
 #include "strategy/AdapterImpStrategyFactory.h"
 #include "strategy/StrategyFactory.h"
@@ -5,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <set>
 #include <thread>
@@ -33,17 +33,16 @@ TEST(StrategyFactory, AnUnknownKindHasNoneUntilThereIsOne) {
 }
 
 TEST(StrategyFactory, ThreadsThatAskAtOnceGetTheSame) {
-  std::atomic<bool> go = false;
+  StartSignal start;
   std::vector<StrategyFactory*> got(8);
   std::vector<std::thread> threads;
   for (StrategyFactory*& mine : got) {
-    threads.emplace_back([&go, &mine] {
-      go.wait(false);
+    threads.emplace_back([&start, &mine] {
+      start.wait();
       mine = getStrategyFactory();
     });
   }
-  go = true;
-  go.notify_all();
+  start.give();
   for (std::thread& thread : threads) {
     thread.join();
   }

@@ -22,6 +22,7 @@
 //   shortage             traces again and again, each time with another allocation failing
 //   atexit               traces from a static destructor, while a thread traces too
 
+#include "StartSignal.h"
 #include "trace/UPOSLog.h"
 
 #include <windows.h>
@@ -29,7 +30,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <latch>
 #include <list>
 #include <new>
 #include <stack>
@@ -123,16 +123,17 @@ struct TracesAtExit {
 } atExit;
 
 void traceFromThreads(int count, int lines) {
-  std::latch start(count);
+  StartSignal start;
   std::vector<std::thread> threads;
   for (int i = 0; i < count; ++i) {
     threads.emplace_back([&start, i, lines] {
-      start.arrive_and_wait();
+      start.wait();
       for (int j = 0; j < lines; ++j) {
         UPOSLog::trace("thread %d line %d", i, j);
       }
     });
   }
+  start.give();
   for (std::thread& thread : threads) {
     thread.join();
   }
