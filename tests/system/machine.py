@@ -52,6 +52,11 @@ def temporary_machine():
         folder.rmdir()
 
 
+# Wine's own words when, once in a thousand programs on a busy machine, it does not get one started;
+# the program itself has not run then.
+NOT_STARTED = b"Application could not be started"
+
+
 def wait_until(condition, what, seconds=20.0):
     """Polls until condition() is true and returns its value; fails the test with `what`."""
     deadline = time.monotonic() + seconds
@@ -124,10 +129,13 @@ class Machine:
 
     def run(self, program, *arguments, cwd=None, timeout=60):
         """Runs a Windows program to its end; its output with plain line ends."""
-        done = subprocess.run(
-            [ROOT / "tests" / "wine", program, *map(str, arguments)],
-            env=self.env, cwd=cwd or self.home, timeout=timeout,
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        for _ in range(3):
+            done = subprocess.run(
+                [ROOT / "tests" / "wine", program, *map(str, arguments)],
+                env=self.env, cwd=cwd or self.home, timeout=timeout,
+                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            if NOT_STARTED not in done.stdout + done.stderr:
+                break
         done.out = done.stdout.decode("latin-1").replace("\r\n", "\n")
         done.err = done.stderr.decode("latin-1").replace("\r\n", "\n")
         return done
