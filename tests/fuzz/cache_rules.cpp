@@ -171,6 +171,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(known == model.devices.end() ? found == nullptr
                                          : found != nullptr && seen(*found) == *known,
             "a device is found by its id");
+    for (const std::string& className : {std::string("UPOS_LogicalDevice"), event.className}) {
+      const bool listed = known != model.devices.end() &&
+                          (className == "UPOS_LogicalDevice" || className == known->className);
+      require(seen(container.getInstances(className, event.deviceId)) ==
+                  (listed ? std::vector<Device>{*known} : std::vector<Device>{}),
+              "a class yields the one of its devices with that id");
+    }
   }
   return 0;
 }
