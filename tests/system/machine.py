@@ -167,9 +167,17 @@ class Machine:
         folder.mkdir(parents=True, exist_ok=True)
         (folder / "quillmon.properties").write_bytes(text.encode("latin-1"))
 
+    def administer(self, *command):
+        """Runs one of Windows' own programs until it succeeds: on a busy machine Wine now and then
+        does not get one started, and does not always say so."""
+        for _ in range(3):
+            done = self.run(*command)
+            if done.returncode == 0:
+                return
+        raise AssertionError(f"{command}: {done.returncode} {done.out} {done.err}")
+
     def set_registry(self, key, name, value, kind="REG_SZ"):
-        done = self.run("reg", "add", key, "/v", name, "/t", kind, "/d", value, "/f")
-        assert done.returncode == 0, done.out + done.err
+        self.administer("reg", "add", key, "/v", name, "/t", kind, "/d", value, "/f")
 
     def delete_registry(self, key, name):
         self.run("reg", "delete", key, "/v", name, "/f")
