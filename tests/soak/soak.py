@@ -27,7 +27,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "system"))
 
-from clients import EVENT, FAILED, OK, status_of, table  # noqa: E402
+from clients import EVENT, FAILED, OK, counters, status_of, table  # noqa: E402
 from machine import (BUILD, ROOT, SERVICE, Till, WmiClient, bound_datagram_ports, free_port,  # noqa: E402
                      temporary_machine, wait_until)
 from peer import framed, reset  # noqa: E402
@@ -330,11 +330,6 @@ def start_service(machine, strategy):
     return requests, events, folder / "Log" / "Quillmon.log"
 
 
-def live_counts(machine):
-    return {name: machine.wmi_counter(name)
-            for name in ("LiveObjects", "LiveServices", "LiveSinks", "Violations")}
-
-
 def drive(server, strategy, seconds, sample, settled, quiet):
     """The events, a few a second, until the time is over."""
     codes = itertools.count(1)
@@ -415,7 +410,7 @@ def soak(machine, strategy, seconds, folder):
 
     settled()
     WmiClient(machine).run("list", "UPOS_Scale", "DeviceID", "ModelName")
-    live, asked = live_counts(machine), machine.wmi_counter("Requests")
+    live, asked = counters(machine), machine.wmi_counter("Requests")
     stop = threading.Event()
     clients = Clients(machine, server, stop, pause=0.5 if strategy == "adapter" else 2.0)
     server.answered -= 1 if strategy == "adapter" else 0  # the call above
@@ -487,7 +482,7 @@ def judge(verdict, machine, server, clients, subscriber, samples, live, asked, l
     for event in surplus[:20]:
         verdict.say(f"     unexpected: {event}")
 
-    left = live_counts(machine)
+    left = counters(machine)
     verdict.check(left == live, f"COM references held after the load {left}, before it {live}")
 
     logs = sorted(log.parent.glob("Quillmon.log*"))
