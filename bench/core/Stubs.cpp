@@ -8,11 +8,6 @@
 bool UPOSLog::isSwitchedOn() noexcept {
   return false;
 }
-void UPOSLog::lookAgain() noexcept {}
-UPOSLog::Burst::Burst() noexcept : outermost_(false) {}
-UPOSLog::Burst::~Burst() {
-  static_cast<void>(outermost_);
-}
 void UPOSLog::emit(std::string_view, std::initializer_list<TraceArgument>) noexcept {}
 
 std::string exchangeRequest(const std::string&) {

@@ -2,10 +2,12 @@
 
 #include "trace/UPOSLog.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
 constexpr std::string_view kAllDevices = "UPOS_LogicalDevice";
+constexpr std::string_view kAskedFor = "CIMContainer::getInstances(%s)";
 } // namespace
 
 CIMContainer& CIMContainer::getInstance() {
@@ -25,9 +27,12 @@ void CIMContainer::add(const CIMDevice& device) {
   added.push_back({device.getDeviceId(), std::make_shared<const CIMDevice>(device)});
   {
     std::scoped_lock lock(mutex_);
-    if (!index_.try_emplace(added.front().id, added.begin()).second) {
+    if (index_.contains(added.front().id)) {
       return;
     }
+    std::size_t& count = countOfClass_[device.getClassName()];
+    index_.try_emplace(added.front().id, added.begin());
+    ++count;
     records_.splice(records_.end(), added);
   }
   UPOSLog::trace("Adding CIMDevice: %s", device.getDeviceId());
@@ -52,6 +57,10 @@ void CIMContainer::remove(const CIMDevice& device) {
       return;
     }
     const auto record = found->second;
+    const auto count = countOfClass_.find(record->device->getClassName());
+    if (--count->second == 0) {
+      countOfClass_.erase(count);
+    }
     index_.erase(found);
     removed.splice(removed.end(), records_, record);
   }
@@ -60,7 +69,7 @@ void CIMContainer::remove(const CIMDevice& device) {
 
 std::vector<CIMContainer::Reference>
 CIMContainer::getInstances(const std::string& className) const {
-  UPOSLog::trace("CIMContainer::getInstances(%s)", className);
+  UPOSLog::trace(kAskedFor, className);
   const bool all = className == kAllDevices;
   std::vector<Reference> devices;
   {
@@ -72,23 +81,29 @@ CIMContainer::getInstances(const std::string& className) const {
       }
     }
   }
-  if (UPOSLog::isSwitchedOn()) { // nothing else needs this second walk
-    for (const Reference& device : devices) {
-      if (device->isOfClass(className)) {
-        UPOSLog::trace("CIMContainer::adding instance (id=%s)", device->getDeviceId());
-      }
+  for (const Reference& device : devices) {
+    if (device->isOfClass(className)) {
+      UPOSLog::trace("CIMContainer::adding instance (id=%s)", device->getDeviceId());
     }
   }
   return devices;
 }
 
-std::vector<CIMContainer::Reference> CIMContainer::getInstances(const std::string& className,
-                                                                const std::string& id) const {
-  const std::scoped_lock lock(mutex_);
-  const auto found = index_.find(id);
-  if (found == index_.end() ||
-      (className != kAllDevices && !found->second->device->isOfClass(className))) {
-    return {};
+CIMContainer::Selection CIMContainer::select(const std::string& className,
+                                             const std::string& id) const {
+  if (className == kAllDevices) {
+    std::unique_lock lock(mutex_);
+    if (!countOfClass_.contains(className)) { // so no device has a line of its own
+      const auto found = index_.find(id);
+      const Selection selection{records_.size(),
+                                found != index_.end() ? found->second->device : nullptr};
+      lock.unlock();
+      UPOSLog::trace(kAskedFor, className);
+      return selection;
+    }
   }
-  return {found->second->device};
+  const std::vector<Reference> devices = getInstances(className);
+  const auto found =
+      std::ranges::find_if(devices, [&](const Reference& device) { return device->hasId(id); });
+  return {devices.size(), found != devices.end() ? *found : nullptr};
 }

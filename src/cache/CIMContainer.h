@@ -21,8 +21,8 @@
 /// Threads: any, at the same time. A change made of several calls (find, then replace) is one
 /// writer's: the event thread is the only one. The lock is held for a look-up or for the walk over
 /// the list, never while a line is traced or a device copied.
-/// Costs: find, add, replace, remove and a look-up by id do not depend on the number of devices.
-/// Errors: std::bad_alloc only; the container is then unchanged.
+/// Costs: find, add, replace, remove and a selection by id from all devices do not depend on the
+/// number of devices. Errors: std::bad_alloc only; the container is then unchanged.
 class CIMContainer {
 public:
   using Reference = std::shared_ptr<const CIMDevice>;
@@ -44,8 +44,13 @@ public:
   void remove(const CIMDevice& device);
   /// The devices of that class, in order; all of them for "UPOS_LogicalDevice".
   std::vector<Reference> getInstances(const std::string& className) const;
-  /// Of these the one with that id: at most one device.
-  std::vector<Reference> getInstances(const std::string& className, const std::string& id) const;
+
+  struct Selection {
+    std::size_t count = 0; ///< how many devices getInstances would list
+    Reference device;      ///< the one with the id; null without one
+  };
+  /// As getInstances, trace lines included, for a caller that wants one of the devices only.
+  Selection select(const std::string& className, const std::string& id) const;
 
 private:
   struct Record {
@@ -58,4 +63,5 @@ private:
   Records records_;
   // Names each record by the record's own id, and changes in add and remove only.
   std::unordered_map<std::string_view, Records::iterator> index_;
+  std::unordered_map<std::string, std::size_t> countOfClass_;
 };

@@ -133,11 +133,46 @@ TEST(CIMContainer, OneDeviceOfAClassIsThatOfItsId) {
   CIMContainer container;
   container.add(device("1", "Scanner"));
   container.add(device("2", "Scale"));
-  EXPECT_THAT(idsOf(container.getInstances("Scanner", "1")), ElementsAre("1"));
-  EXPECT_THAT(idsOf(container.getInstances("UPOS_LogicalDevice", "2")), ElementsAre("2"));
-  EXPECT_THAT(container.getInstances("Scanner", "2"), IsEmpty());
-  EXPECT_THAT(container.getInstances("scanner", "1"), IsEmpty());
-  EXPECT_THAT(container.getInstances("UPOS_LogicalDevice", "3"), IsEmpty());
+  const auto selected = [&](const char* className, const char* id) {
+    const CIMContainer::Reference device = container.select(className, id).device;
+    return device != nullptr ? device->getDeviceId() : "none";
+  };
+  EXPECT_EQ(selected("Scanner", "1"), "1");
+  EXPECT_EQ(selected("UPOS_LogicalDevice", "2"), "2");
+  EXPECT_EQ(selected("Scanner", "2"), "none");
+  EXPECT_EQ(selected("scanner", "1"), "none");
+  EXPECT_EQ(selected("UPOS_LogicalDevice", "3"), "none");
+}
+
+TEST(CIMContainer, ASelectionCountsAndTracesAsTheList) {
+  CIMContainer container;
+  const auto expectAsTheList = [&](const char* className) {
+    SCOPED_TRACE(className);
+    recorded_trace::clear();
+    const std::size_t count = container.getInstances(className).size();
+    const auto lines = recorded_trace::lines();
+    recorded_trace::clear();
+    EXPECT_EQ(container.select(className, "2").count, count);
+    EXPECT_EQ(recorded_trace::lines(), lines);
+  };
+  const auto expectAll = [&] {
+    for (const char* className : {"UPOS_LogicalDevice", "Scanner", "Scale", ""}) {
+      expectAsTheList(className);
+    }
+  };
+  expectAll();
+  container.add(device("1", "Scanner"));
+  container.add(device("2", "Scale"));
+  expectAll();
+  container.add(device("3", "UPOS_LogicalDevice"));
+  container.add(device("4", "UPOS_LogicalDevice"));
+  container.add(device("4", "UPOS_LogicalDevice"));
+  expectAll();
+  container.remove(device("3"));
+  expectAll();
+  container.remove(device("4"));
+  container.remove(device("4"));
+  expectAll();
 }
 
 TEST(CIMContainer, TheLogicalDeviceYieldsAllAndTracesOnlyItsOwn) {
@@ -177,7 +212,7 @@ void addFindChangeAndRemove(CIMContainer& container) {
   for (int i = 0; i < kDevices; ++i) {
     container.add(numbered(i));
     container.replace(*container.find(numbered(i)));
-    container.getInstances("Scanner", numbered(i).getDeviceId());
+    container.select("UPOS_LogicalDevice", numbered(i).getDeviceId());
   }
   for (int i = 0; i < kDevices; ++i) {
     container.remove(numbered(i));

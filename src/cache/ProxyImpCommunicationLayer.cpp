@@ -27,7 +27,6 @@ private:
 DeviceEvent ProxyImpCommunicationLayer::receiveEvent(IUPOSXmlAdapter* adapter) {
   TCPServer& server = TCPServer::instance();
   const std::string document = server.take();
-  const UPOSLog::Burst burst;
   DeviceEvent event;
   {
     const Released released(server);

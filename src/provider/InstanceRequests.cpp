@@ -140,7 +140,6 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
     return wbemResult(WBEM_E_FAILED);
   }
 
-  UPOSLog::lookAgain(); // the turn may have been minutes in coming
   const std::string narrowName = win::narrow(className);
   UPOSLog::trace("<<CreateInstanceEnumAsync>> *  Enumerating instances of '%s'", narrowName);
   std::uint32_t rc = 0;
@@ -171,7 +170,6 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
 HRESULT
 CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemContext*,
                                                  IWbemObjectSink* responseHandler) noexcept {
-  const UPOSLog::Burst burst;
   UPOSLog::trace("<<<< CreateInstanceEnumAsync >>>>");
   if (responseHandler == nullptr) {
     return wbemResult(WBEM_E_INVALID_PARAMETER);
@@ -189,7 +187,6 @@ CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemCont
 
 HRESULT CProvider_IWbemServices::GetObjectAsync(BSTR objectPath, LONG, IWbemContext* context,
                                                 IWbemObjectSink* responseHandler) noexcept {
-  const UPOSLog::Burst burst;
   UPOSLog::trace("<<<< GetObjectAsync >>>>");
   // Kept: the descriptor is built and discarded, a retrieval checks no access.
   win::LocalMemory descriptor = provider::securityDescriptor(kRetrievalAccess);
@@ -216,7 +213,6 @@ HRESULT CProvider_IWbemServices::GetObjectAsync(BSTR objectPath, LONG, IWbemCont
     UPOSLog::trace("<<GetObjectAsync>> * Screen Semaphore wait timed out!");
     return wbemResult(WBEM_E_FAILED);
   }
-  UPOSLog::lookAgain(); // the turn may have been minutes in coming
   ComPtr<IWbemClassObject> instance;
   const HRESULT result = GetIntanceByPath(objectPath, instance.GetAddressOf(), context);
   slot.release();

@@ -372,27 +372,38 @@ TEST_F(InstanceRequests, AskTheDeviceServerInTheServicesOwnContext) {
   EXPECT_EQ(call_.reverts, 2);
 }
 
-// --- Values ---
+// --- Trace ---
 
-// Each look is a call of the system: with one for each line, they cost more than a small request.
-template <class Action>
-int looksForTheTracesSwitch(const Action& action) {
-  recorded_trace::setSwitchedOn(false);
-  const int before = recorded_trace::timesAsked();
-  action();
-  recorded_trace::setSwitchedOn(true);
-  return recorded_trace::timesAsked() - before;
-}
-
-TEST_F(Enumeration, LooksForTheTracesSwitchWhenItBeginsAndBehindTheWaitForItsSlot) {
+// The switch may come on at any line, so no line may be traced in one case and not in the other.
+TEST_F(InstanceRequests, EachLineTestsTheTracesSwitch) {
   script_.instances = std::vector<Instance>(100, device("S1"));
-  EXPECT_EQ(looksForTheTracesSwitch([&] { enumerate(); }), 2);
+  for (const Request kind : {Request::Enumeration, Request::Retrieval}) {
+    sink_.statuses.clear();
+    recorded_trace::clear();
+    request(kind);
+    const std::size_t lines = recorded_trace::lines().size();
+    sink_.statuses.clear();
+    recorded_trace::setSwitchedOn(false);
+    const int before = recorded_trace::timesAsked();
+    request(kind);
+    const int asked = recorded_trace::timesAsked() - before;
+    recorded_trace::setSwitchedOn(true);
+    EXPECT_EQ(asked, static_cast<int>(lines));
+  }
 }
 
-TEST_F(Retrieval, LooksForTheTracesSwitchWhenItBeginsAndBehindTheWaitForItsSlot) {
-  script_.instances = {device("S1")};
-  EXPECT_EQ(looksForTheTracesSwitch([&] { retrieve(); }), 2);
+TEST_F(Enumeration, IsTracedFromTheDeviceOnDuringWhichTheTraceIsSwitchedOn) {
+  script_.instances = {device("S1"), device("S2")};
+  sink_.onIndicate = [] { recorded_trace::setSwitchedOn(true); };
+  recorded_trace::setSwitchedOn(false);
+  recorded_trace::clear();
+  enumerate();
+  EXPECT_EQ(traced(), (Lines{"\tPutField - Name: DeviceID, Type: string, Value: S2",
+                             "\tPutField - Name: ModelName, Type: string, Value: Model of S2",
+                             "adapter destroyed"}));
 }
+
+// --- Values ---
 
 TEST_F(InstanceRequests, ConvertEachFieldByItsTypeWord) {
   script_.instances = {{{"DeviceID", "string", "S1"},
@@ -703,6 +714,7 @@ struct AdmissionWaits {
       return WaitForSingleObjectEx(handle, timeout, FALSE);
     }
     timeouts.push_back(timeout);
+    recorded_trace::setSwitchedOn(true); // as when somebody switches it on meanwhile
     return real ? WaitForSingleObjectEx(handle, 50, FALSE) : answer;
   }
 };
@@ -726,6 +738,20 @@ constexpr TimeoutRow kTimeouts[] = {
     {Request::Retrieval, "<<<< GetObjectAsync >>>>",
      "<<GetObjectAsync>> * Screen Semaphore wait timed out!"},
 };
+
+TEST_F(Admission, ATimeOutIsTracedWhenTheTraceIsSwitchedOnDuringTheWait) {
+  const HANDLE semaphore = provider::providerState().admissionSemaphore;
+  ASSERT_EQ(WaitForSingleObject(semaphore, 0), static_cast<DWORD>(WAIT_OBJECT_0));
+  for (const TimeoutRow& row : kTimeouts) {
+    sink_.statuses.clear();
+    recorded_trace::setSwitchedOn(false);
+    recorded_trace::clear();
+    const PatchedImport patch("WaitForSingleObject", &AdmissionWaits::wait);
+    EXPECT_EQ(request(row.kind), kFailed);
+    EXPECT_EQ(traced().front(), row.last);
+  }
+  ReleaseSemaphore(semaphore, 1, nullptr);
+}
 
 TEST_F(Admission, WaitsFiveMinutesAndThenFails) {
   const HANDLE semaphore = provider::providerState().admissionSemaphore;

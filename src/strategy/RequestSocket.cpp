@@ -51,7 +51,6 @@ std::string sendAndReceive(SOCKET socket, const std::string& request) {
   connector.ready = 1;
   buffer.clear();
   connector.Receive(&buffer);
-  UPOSLog::lookAgain(); // the answer may have been long in coming
   std::string response = buffer.text();
   UPOSLog::trace("<<XMLAdapter>>: Receiving data");
   UPOSLog::trace(response); // as the format itself: the trace reads nothing beyond its arguments

@@ -90,7 +90,6 @@ TEST_F(UPOSConnectorTest, TracesACopyBeforeEachReceiveAndAtTheEndMark) {
                           "<<UPOSConnector::Receive2()>> Calling clone OUT_MARK", "abcde%s"));
 }
 
-// Was quadratic: the collected text was copied at each receive, traced or not.
 TEST_F(UPOSConnectorTest, MakesNoCopiesWhileTheTraceIsOff) {
   const PatchedImport<decltype(recv)> patch("recv", recvInPieces);
   realRecv = patch.original();

@@ -3,7 +3,6 @@
 #include "trace/LogPlace.h"
 #include "trace/TimeStamp.h"
 #include "trace/TraceConfig.h"
-#include "trace/TraceText.h"
 #include "win/Handles.h"
 
 #include <share.h>
@@ -28,9 +27,6 @@ constinit std::atomic<bool> configRead = false;
 constinit std::atomic<std::uint32_t> fileSizeLimit = 0;
 constinit std::atomic<std::int32_t> backupCount = 0;
 constinit std::atomic<HANDLE> writeEvent = nullptr;
-// Set for a thread that has a burst. Not a thread_local, whose first use in a thread ends the
-// process when there is no memory for it; without a slot each line looks for itself.
-const DWORD burstSlot = TlsAlloc();
 
 struct FileCloser {
   void operator()(std::FILE* file) const noexcept { std::fclose(file); }
@@ -109,30 +105,11 @@ std::string timeStampNow() {
 } // namespace
 
 bool UPOSLog::isSwitchedOn() noexcept {
-  if (TlsGetValue(burstSlot) == nullptr) {
-    lookAgain();
-  }
-  return traceEnabled;
-}
-
-void UPOSLog::lookAgain() noexcept {
   const win::Handle event(OpenEventW(SYNCHRONIZE, FALSE, L"Global\\TRC_QUILLMON"));
   if (event && WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0) {
     traceEnabled = true;
   }
-}
-
-UPOSLog::Burst::Burst() noexcept : outermost_(TlsGetValue(burstSlot) == nullptr) {
-  if (outermost_) {
-    lookAgain();
-    TlsSetValue(burstSlot, &traceEnabled); // any address will do
-  }
-}
-
-UPOSLog::Burst::~Burst() {
-  if (outermost_) {
-    TlsSetValue(burstSlot, nullptr);
-  }
+  return traceEnabled;
 }
 
 void UPOSLog::setConsoleEcho() noexcept {
@@ -146,7 +123,7 @@ const std::string& UPOSLog::logFilePath() {
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {
   try {
-    write(logFilePath(), traceText(formatPrintf(format, arguments)) + "\r\n");
+    write(logFilePath(), formatPrintf(format, arguments) + "\r\n");
   } catch (...) {
     // Without memory the line is lost. Nothing throws while the turn is held.
   }

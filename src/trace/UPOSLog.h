@@ -13,8 +13,10 @@
 ///
 /// Threads: any, at any time, re-entrantly from inside the trace itself. Writers take turns through
 /// a named event, so a line blocks while another one is written.
-/// Text: a message cannot pass for a second line (TraceText.h says how).
-/// Errors: none reach the caller; a line that cannot be written is lost.
+/// Text: a line is the message, byte by byte. A message may hold text of a peer, line ends and
+/// control characters included: whoever shows the log must expect them. Costs: each call looks the
+/// event up, switched on or not: one call of the system. Errors: none reach the caller; a line that
+/// cannot be written is lost.
 class UPOSLog {
 public:
   /// Traces `format` with its conversions filled in. Checked: a conversion that has no argument of
@@ -26,25 +28,6 @@ public:
     }
   }
 
-  /// Tests the enabling event; true from the first time it was found signalled.
-  static bool isSwitchedOn() noexcept;
-
-  /// While one lives, the lines of its thread share one look for the enabling event: a look is a
-  /// call of the system, and a request or an event has lines by the dozen. May be nested.
-  class Burst {
-  public:
-    Burst() noexcept;
-    ~Burst();
-    Burst(const Burst&) = delete;
-    Burst& operator=(const Burst&) = delete;
-
-  private:
-    bool outermost_;
-  };
-  /// Looks once more in the middle of a burst: after each wait for somebody else, which may have
-  /// been long.
-  static void lookAgain() noexcept;
-
   /// Lines are printed to standard output too; for the console modes, set before anything traces.
   static void setConsoleEcho() noexcept;
 
@@ -52,6 +35,8 @@ public:
   static const std::string& logFilePath();
 
 private:
+  /// Tests the enabling event; true from the first time it was found signalled.
+  static bool isSwitchedOn() noexcept;
   static void emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept;
   static void write(const std::string& path, const std::string& message);

@@ -3,8 +3,6 @@
 //
 //   event | autoevent    creates the enabling event, not signalled, with manual or automatic reset
 //   signal | reset       ... signals it, resets it
-//   burst | endburst     begins a burst of lines, one inside the other; ends the innermost
-//   look                 looks again in the middle of one
 //   trace TEXT           traces TEXT through "%s"
 //   format TEXT          traces TEXT as the format
 //   long COUNT           traces COUNT letters
@@ -30,9 +28,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <list>
 #include <new>
-#include <stack>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -174,7 +170,6 @@ bool stealSignals(const char* name) {
 
 bool perform(std::string_view command, const char* first, const char* second, int& used) {
   static HANDLE event = nullptr;
-  static std::stack<UPOSLog::Burst, std::list<UPOSLog::Burst>> bursts;
   if (command == "event" || command == "autoevent") {
     event = CreateEventA(nullptr, command == "event", FALSE, "Global\\TRC_QUILLMON");
     return event != nullptr;
@@ -184,18 +179,6 @@ bool perform(std::string_view command, const char* first, const char* second, in
   }
   if (command == "reset") {
     return ResetEvent(event);
-  }
-  if (command == "burst") {
-    bursts.emplace();
-    return true;
-  }
-  if (command == "endburst") {
-    bursts.pop();
-    return true;
-  }
-  if (command == "look") {
-    UPOSLog::lookAgain();
-    return true;
   }
   if (command == "trace" && first != nullptr) {
     ++used;

@@ -247,31 +247,19 @@ TEST_F(UPOSLog, OneSignalOfAnAutomaticEventIsEnough) {
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "first", "second"));
 }
 
-TEST_F(UPOSLog, ABurstLooksForTheEventWhenItBegins) {
-  EXPECT_TRUE(
-      run({"event", "burst", "signal", "trace", "unseen", "endburst", "trace", "seen"}).ended);
+TEST_F(UPOSLog, EachLineLooksForTheEvent) {
+  EXPECT_TRUE(run({"event", "trace", "unseen", "signal", "trace", "seen"}).ended);
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
 }
 
-TEST_F(UPOSLog, ABurstThatBeganSwitchedOnIsTraced) {
-  EXPECT_TRUE(run({"event", "signal", "burst", "reset", "trace", "seen"}).ended);
-  EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
+// The first line is the one that sees the signal, and the later ones stay on without it.
+TEST_F(UPOSLog, ASignalThatIsResetAgainIsNoticedByALineInBetween) {
+  EXPECT_TRUE(run({"event", "signal", "trace", "first", "reset", "trace", "second"}).ended);
+  EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "first", "second"));
 }
 
-TEST_F(UPOSLog, ABurstLooksAgainWhereItIsTold) {
-  EXPECT_TRUE(run({"event", "burst", "signal", "look", "reset", "trace", "seen"}).ended);
-  EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
-}
-
-TEST_F(UPOSLog, ABurstWithinABurstNeitherLooksNorEndsIt) {
-  EXPECT_TRUE(run({"event", "burst", "signal", "burst", "trace", "unseen", "endburst", "trace",
-                   "unseen", "endburst", "trace", "seen"})
-                  .ended);
-  EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
-}
-
-TEST_F(UPOSLog, ABurstIsItsThreadsAlone) {
-  EXPECT_TRUE(run({"event", "burst", "signal", "threads", "1", "1"}).ended);
+TEST_F(UPOSLog, EveryThreadNoticesTheSignal) {
+  EXPECT_TRUE(run({"event", "trace", "unseen", "signal", "threads", "1", "1"}).ended);
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "thread 0 line 0"));
 }
 
@@ -315,13 +303,13 @@ TEST_F(UPOSLog, AHostileFormatIsWrittenAsItStands) {
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "%s%n%p %999999999d 100% 50%"));
 }
 
-TEST_F(UPOSLog, TextOfAPeerForgedASecondLineThatNothingToldFromARealOne) {
-  runSwitchedOn({"trace", "answer\r\n01/02/2026 03:04:05  [Process] exit t_Result = 0", "format",
-                 "\n1%%\x1B[2K"});
+// Whoever searches the log finds a peer's text as it came: nothing is replaced, nothing put in.
+TEST_F(UPOSLog, ALineIsTheMessageByteByByte) {
+  const std::string text = "answer\r\n01/02/2026 03:04:05  [Process]\n1\r9\t\x1B[2K\x01\x7F\xE9";
+  runSwitchedOn({"trace", text, "format", "\n1%%\x1B[2K"});
   const std::string content = readFile(log());
-  EXPECT_THAT(content,
-              HasSubstr("  answer\r\n 01/02/2026 03:04:05  [Process] exit t_Result = 0\r\n"));
-  EXPECT_THAT(content, testing::EndsWith("  \n 1%?[2K\r\n"));
+  EXPECT_THAT(content, HasSubstr("  " + text + "\r\n"));
+  EXPECT_THAT(content, testing::EndsWith("  \n1%\x1B[2K\r\n"));
 }
 
 TEST_F(UPOSLog, AnExistingLogIsContinued) {

@@ -9,6 +9,7 @@
 #include "xml/XmlLibrary.h"
 
 #include <utility>
+#include <vector>
 
 namespace com::orvex {
 
@@ -48,7 +49,6 @@ void readProviderAndFields(const std::string& message, DeviceEvent& event) {
 
 std::uint32_t ProxyImpXmlAdapter::toXML(std::string className, std::string type, std::string cmd,
                                         std::string id, std::string& out) {
-  const UPOSLog::Burst burst;
   out = kUpdateRequest;
   UPOSLog::trace("<<ProxyImpXmlAdapter>> toXML className=%s type=%s cmd=%s id=%s", className, type,
                  cmd, id);
@@ -61,17 +61,24 @@ std::uint32_t ProxyImpXmlAdapter::toXML(std::string className, std::string type,
 void ProxyImpXmlAdapter::updateInstances(const std::string& className, const std::string& cmd,
                                          const std::string& id) {
   const CIMContainer& cache = CIMContainer::getInstance();
-  const bool all = cmd != request_vocabulary::kGetInstance;
-  // Where one device is wanted, the list that it is looked for in is made for the trace only.
-  const auto devices = all || UPOSLog::isSwitchedOn() ? cache.getInstances(className)
-                                                      : cache.getInstances(className, id);
-  UPOSLog::trace("<<ProxyImpXmlAdapter>> updateInstances className=%s id=%s device list size=%d",
-                 className, id, static_cast<int>(devices.size()));
+  const auto traceSize = [&](std::size_t size) {
+    UPOSLog::trace("<<ProxyImpXmlAdapter>> updateInstances className=%s id=%s device list size=%d",
+                   className, id, static_cast<int>(size));
+  };
+  if (cmd == request_vocabulary::kGetInstance) {
+    const CIMContainer::Selection selection = cache.select(className, id);
+    traceSize(selection.count);
+    instances_.clear();
+    if (selection.device != nullptr) {
+      instances_.push_back(instanceOf(*selection.device));
+    }
+    return;
+  }
+  const std::vector<CIMContainer::Reference> devices = cache.getInstances(className);
+  traceSize(devices.size());
   instances_.clear();
   for (const auto& device : devices) {
-    if (all || device->hasId(id)) {
-      instances_.push_back(instanceOf(*device));
-    }
+    instances_.push_back(instanceOf(*device));
   }
 }
 
@@ -91,7 +98,6 @@ std::string ProxyImpXmlAdapter::sendRequest(std::string request) {
 }
 
 DeviceEvent ProxyImpXmlAdapter::fromXMLEvent(std::string message) {
-  const UPOSLog::Burst burst;
   UPOSLog::trace("<<ProxyImpXmlAdapter>> fromXMLEvent(event='%s')", message);
   DeviceEvent event = UPOSXMLAdapter::fromXMLEvent(message);
   // Read a second time, outside the XML lock: no request waits for an event with many fields.

@@ -101,21 +101,31 @@ TEST_F(ProxyXmlAdapter, FillsTheListWithTheDevicesOfTheClass) {
   EXPECT_EQ(count("UPOS_LogicalDevice", "enumerateInstances"), 3U);
 }
 
-TEST_F(ProxyXmlAdapter, GetInstanceTakesTheDeviceWhoseIdIsEqualTracedOrNot) {
+TEST_F(ProxyXmlAdapter, GetInstanceTakesTheDeviceWhoseIdIsEqual) {
   cache("Scanner", "S1", {{"a", "string", "one"}});
   cache("Scanner", "S2", {{"a", "string", "two"}});
   cache("Scale", "", {{"a", "string", "no id"}});
-  for (const bool traced : {true, false}) {
-    recorded_trace::setSwitchedOn(traced);
-    EXPECT_EQ(ask("Scanner", "getInstance", "S2"), (InstanceList{{{"a", "string", "two"}}}));
-    EXPECT_EQ(ask("UPOS_LogicalDevice", "getInstance", "S1"),
-              (InstanceList{{{"a", "string", "one"}}}));
-    EXPECT_EQ(ask("Scale", "getInstance", ""), (InstanceList{{{"a", "string", "no id"}}}));
-    EXPECT_EQ(ask("Scanner", "getInstance", "s2"), InstanceList{});
-    EXPECT_EQ(ask("Scale", "getInstance", "S1"), InstanceList{});
-    EXPECT_EQ(ask("Scanner", "getInstance", ""), InstanceList{});
-  }
-  recorded_trace::setSwitchedOn(true);
+  EXPECT_EQ(ask("Scanner", "getInstance", "S2"), (InstanceList{{{"a", "string", "two"}}}));
+  EXPECT_EQ(ask("UPOS_LogicalDevice", "getInstance", "S1"),
+            (InstanceList{{{"a", "string", "one"}}}));
+  EXPECT_EQ(ask("Scale", "getInstance", ""), (InstanceList{{{"a", "string", "no id"}}}));
+  EXPECT_EQ(ask("Scanner", "getInstance", "s2"), InstanceList{});
+  EXPECT_EQ(ask("Scale", "getInstance", "S1"), InstanceList{});
+  EXPECT_EQ(ask("Scanner", "getInstance", ""), InstanceList{});
+}
+
+TEST_F(ProxyXmlAdapter, ARequestTracesTheSameLinesWheneverTheTraceIsSwitchedOn) {
+  cache("Scanner", "S1");
+  cache("Scanner", "S2");
+  const auto linesOf = [this](const char* cmd, bool on) {
+    recorded_trace::setSwitchedOn(on);
+    const int before = recorded_trace::timesAsked();
+    ask("Scanner", cmd, "S2");
+    recorded_trace::setSwitchedOn(true);
+    return recorded_trace::timesAsked() - before;
+  };
+  EXPECT_EQ(linesOf("getInstance", false), linesOf("getInstance", true));
+  EXPECT_EQ(linesOf("enumerateInstances", false), linesOf("enumerateInstances", true));
 }
 
 TEST_F(ProxyXmlAdapter, AnyOtherCommandTakesEveryDeviceWhateverTheId) {

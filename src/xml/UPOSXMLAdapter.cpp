@@ -123,7 +123,6 @@ std::uint32_t UPOSXMLAdapter::fromXML(std::string response) {
 }
 
 std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
-  const UPOSLog::Burst burst;
   DocumentReader document(response);
   const Elements errors = document.elements(u"error");
   UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",

@@ -55,11 +55,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 bool UPOSLog::isSwitchedOn() noexcept {
   return true;
 }
-void UPOSLog::lookAgain() noexcept {}
-UPOSLog::Burst::Burst() noexcept : outermost_(false) {}
-UPOSLog::Burst::~Burst() {
-  static_cast<void>(outermost_);
-}
 
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {

@@ -174,9 +174,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const std::string& className : {std::string("UPOS_LogicalDevice"), event.className}) {
       const bool listed = known != model.devices.end() &&
                           (className == "UPOS_LogicalDevice" || className == known->className);
-      require(seen(container.getInstances(className, event.deviceId)) ==
-                  (listed ? std::vector<Device>{*known} : std::vector<Device>{}),
+      const auto [count, device] = container.select(className, event.deviceId);
+      require(listed ? device != nullptr && seen(*device) == *known : device == nullptr,
               "a class yields the one of its devices with that id");
+      require(count == (className == "UPOS_LogicalDevice" ? model.devices.size() : ofClass.size()),
+              "a class counts its devices");
     }
   }
   return 0;

@@ -3,7 +3,6 @@
 
 #include "Fuzzing.h"
 #include "trace/PrintfFormat.h"
-#include "trace/TraceText.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -138,32 +137,6 @@ std::string withoutPercentSigns(std::string_view text) {
   return rest;
 }
 
-bool isControl(char letter) {
-  return static_cast<unsigned char>(letter) < 0x20 || letter == '\x7F';
-}
-
-/// Nothing in the message passes for a line of the trace, and nothing else is changed.
-void checkTraceText(const std::string& message) {
-  const std::string text = traceText(message);
-  std::string back;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char before = i > 0 ? text[i - 1] : '\0';
-    const char after = i + 1 < text.size() ? text[i + 1] : '\0';
-    require(!isControl(text[i]) || text[i] == '\t' || text[i] == '\n' ||
-                (text[i] == '\r' && after == '\n'),
-            "no control character is left but tabs and line ends");
-    require(before != '\n' || text[i] < '0' || text[i] > '9', "no line begins with a digit");
-    const bool inserted =
-        before == '\n' && text[i] == ' ' && message.compare(back.size(), 1, " ") != 0;
-    if (!inserted) {
-      const char original = message.at(back.size());
-      back += text[i] == '?' && isControl(original) ? original : text[i];
-    }
-  }
-  require(back == message,
-          "blanks before digits and question marks for controls are the only changes");
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -186,7 +159,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(!expected || *expected == message, "a conversion reads as the C library's");
   }
 
-  checkTraceText(message);
   const std::string bare = formatPrintf(text, {});
   require(bare.size() <= terminated.size() &&
               withoutPercentSigns(bare) == withoutPercentSigns(terminated),

@@ -11,7 +11,6 @@ std::vector<std::string> recorded;
 std::atomic<bool> switchedOn = true;
 std::atomic<bool> echo = false;
 std::atomic<int> asked = 0;
-thread_local bool hasBurst = false;
 } // namespace
 
 namespace recorded_trace {
@@ -35,24 +34,8 @@ bool consoleEcho() {
 } // namespace recorded_trace
 
 bool UPOSLog::isSwitchedOn() noexcept {
-  if (!hasBurst) {
-    lookAgain();
-  }
-  return switchedOn;
-}
-void UPOSLog::lookAgain() noexcept {
   ++asked;
-}
-UPOSLog::Burst::Burst() noexcept : outermost_(!hasBurst) {
-  if (outermost_) {
-    lookAgain();
-    hasBurst = true;
-  }
-}
-UPOSLog::Burst::~Burst() {
-  if (outermost_) {
-    hasBurst = false;
-  }
+  return switchedOn;
 }
 void UPOSLog::setConsoleEcho() noexcept {
   echo = true;

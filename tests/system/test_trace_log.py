@@ -242,6 +242,35 @@ def test_an_enumeration_is_traced_to_the_letter(tracing):
         "<<UPOSAdapter(ADDRESS) destroyed"]
 
 
+def test_a_trace_switched_on_while_an_answer_is_on_its_way_shows_its_arrival(tracing):
+    tracing.start()
+    answer = response(device("SC1"))
+
+    def switch_on_and_answer(connection, _):
+        tracing.switch_on()
+        connection.sendall(framed(answer))
+
+    tracing.peer.answer = switch_on_and_answer
+    tracing.request()
+    clone = "<<UPOSConnector::Receive2()>> Calling clone"
+    # The answer may come in several pieces: the last one brings the end mark.
+    messages = [line for line in tracing.messages() if line != clone]
+    end = messages.index(f"{clone} OUT_MARK")
+    assert messages[:1] == [NO_CONFIGURATION]
+    assert all(answer.startswith(piece) for piece in messages[1:end])
+    assert messages[end + 1:end + 4] == [answer, "<<XMLAdapter>>: Receiving data", answer]
+
+
+def test_an_answer_is_traced_as_it_came_byte_by_byte(tracing):
+    tracing.switch_on()
+    tracing.start()
+    answer = response(device("SC1", ModelName="\r\n01/02/2026 03:04:05  [Process]\n1\t\x7f\x9b"))
+    raw = answer.encode("latin-1").replace(b"\x9b", b"\xc2\x9b")
+    tracing.peer.answer = framed(raw)
+    tracing.request()
+    assert b"  <<UPOSAdapter::enumerateInstances>>: answer: '" + raw + b"'\r\n" in tracing.log.read_bytes()
+
+
 def test_a_lookup_is_traced_to_the_letter(tracing):
     tracing.start()
     tracing.request()

@@ -337,6 +337,9 @@ public:
     EXPECT_EQ(count, 1);
     indicated.push_back(static_cast<FakeInstance*>(objects[0])->puts);
     const int call = static_cast<int>(indicated.size());
+    if (onIndicate) {
+      onIndicate();
+    }
     return win::wbemResult(call == failIndicateAt || failIndicateAt < 0 ? WBEM_E_CALL_CANCELLED
                                                                         : WBEM_S_NO_ERROR);
   }
@@ -356,6 +359,7 @@ public:
 
   /// The call of Indicate that fails, from 1; -1: all of them.
   int failIndicateAt = 0;
+  std::function<void()> onIndicate;
   std::function<void()> onStatus;
   std::vector<std::vector<std::wstring>> indicated;
   std::vector<HRESULT> statuses;
