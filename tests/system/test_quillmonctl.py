@@ -497,7 +497,7 @@ def tracing(installed):
     """A service that does not trace, and whose logs are rotated by size."""
     folder = installed.machine.c / "Veltran"
     (folder / "Log").mkdir(parents=True)
-    (folder / "zontrace.cfg").write_bytes(b"FileSize=100000\r\nBackupCount=5\r\n")
+    (folder / "zontrace.cfg").write_bytes(b"BackupCount=5\r\nFileSize=100000\r\n")
     installed.machine.set_registry(INSTALLDIR, "INSTALLDIR", "C:\\Veltran\\")
     installed.run("repair")
     installed.folder = folder
@@ -556,11 +556,12 @@ def test_following_loses_no_line_through_the_rotation(tracing):
     while len({file.name for file in (tracing.folder / "Log").iterdir()}) < len(before) + 2:
         tracing.run("devices")
     lines = logged_lines(tracing)
-    expected = lines[lines.index(first):]
+    expected = lines[lines.index(first[2:]):]  # each is shown behind a mark and a blank
     followed = [first, *(follower.stdout.readline().decode().rstrip("\n")
                          for _ in expected[1:])]
     patience.cancel()
-    assert followed == expected
+    assert [line[2:] for line in followed] == expected
+    assert {line[:2] for line in followed} >= {"  ", "? "}
     assert not any("\x1b" in line for line in followed)
 
 
@@ -569,9 +570,19 @@ def test_followed_lines_for_scripts_name_their_component(tracing):
     follower = tracing.start("trace", "follow", "--json", "--lines", "100000")
     lines = (line for line in follower.stdout if line.startswith(b"{"))
     parsed = [json.loads(next(lines)) for _ in range(30)]
-    assert {"time", "component", "message"} == set(parsed[0])
+    assert {"time", "origin", "component", "message"} == set(parsed[0])
+    assert {"service", "unclear"} <= {line["origin"] for line in parsed}
     assert all(re.fullmatch(r"\d\d/\d\d/\d{4} \d\d:\d\d:\d\d", line["time"]) for line in parsed)
     assert any(line["component"].startswith("<<") for line in parsed)
+
+
+def test_a_size_before_the_number_of_copies_is_warned_of(tracing):
+    def finding():
+        checks = tracing.json("doctor")["checks"]
+        return [check["finding"] for check in checks if check["check"] == "trace log"]
+    assert finding() == []
+    (tracing.folder / "zontrace.cfg").write_bytes(b"FileSize=100000\r\nBackupCount=5\r\n")
+    assert finding()[0].startswith("FileSize stands before BackupCount in zontrace.cfg")
 
 
 def test_a_log_that_rotation_deletes_is_not_followed(tracing):

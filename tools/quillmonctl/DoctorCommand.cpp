@@ -55,8 +55,8 @@ std::vector<std::string> writeArchive(const std::string& file, const Survey& sur
   add("doctor.txt", toText(verdicts));
   add("quillmon.properties", configurationText(survey.configuration));
   if (!survey.trace.configurationFile.empty()) {
-    add("zontrace.cfg", fmt::format("FileSize={}\r\nBackupCount={}\r\n", survey.trace.fileSizeLimit,
-                                    survey.trace.backupCount));
+    add("zontrace.cfg", fmt::format("BackupCount={}\r\nFileSize={}\r\n", survey.trace.backupCount,
+                                    survey.trace.fileSizeLimit));
   }
   // As with "trace follow": nobody may hold a log open that the service is about to delete.
   const bool isLogTouchable = !survey.trace.rotationDeletes() || !survey.service.isRunning();

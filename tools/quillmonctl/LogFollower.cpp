@@ -98,9 +98,7 @@ std::vector<std::string> LogFollower::takeLines() {
   std::size_t start = 0;
   for (std::size_t end = 0; (end = unread_.find('\n', start)) != std::string::npos;
        start = end + 1) {
-    const std::size_t length = end - start;
-    const bool hasReturn = length > 0 && unread_[end - 1] == '\r';
-    lines.push_back(unread_.substr(start, length - (hasReturn ? 1 : 0)));
+    lines.push_back(unread_.substr(start, end - start));
   }
   unread_.erase(0, start);
   return lines;

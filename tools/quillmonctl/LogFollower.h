@@ -17,7 +17,7 @@ public:
   /// Begins with the last `lines` lines of what is there.
   LogFollower(std::string path, std::size_t lines);
 
-  /// The lines that have come since, whole ones only, without their ends; ANSI text.
+  /// The lines that have come since, whole ones only, without their LF; ANSI text.
   std::vector<std::string> newLines();
 
   /// True once after a look that found the log gone with lines that were not read.

@@ -213,7 +213,7 @@ void judgeTrace(const Survey& survey, Verdicts& out) {
                    fmt::format("{}; {}", traceText(trace),
                                bounded ? "the log is rotated" : "the log grows without limit"),
                    bounded ? ""
-                           : "Set FileSize and BackupCount in zontrace.cfg, or end the trace: "
+                           : "Set BackupCount and FileSize in zontrace.cfg, or end the trace: "
                              "quillmonctl trace off --restart"});
   } else {
     out.push_back({Level::Good, "trace", "off", ""});
@@ -222,6 +222,12 @@ void judgeTrace(const Survey& survey, Verdicts& out) {
     out.push_back({Level::Warning, "trace log",
                    "rotation deletes it, because BackupCount is 0 in zontrace.cfg",
                    "Set BackupCount to 1 or more and restart the service."});
+  } else if (trace.sizeComesFirst) {
+    out.push_back(
+        {Level::Warning, "trace log",
+         "FileSize stands before BackupCount in zontrace.cfg: a log that is already too long "
+         "is deleted before the number of copies is known",
+         "Put BackupCount first and restart the service."});
   }
 }
 

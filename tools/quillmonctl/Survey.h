@@ -77,6 +77,7 @@ struct Survey {
     bool configurationExists = false;
     int fileSizeLimit = 0;
     int backupCount = 0;
+    bool sizeComesFirst = false; ///< in the file: FileSize before BackupCount
 
     bool isOn() const { return isSignalled || hasGrown; }
     /// A rotation then deletes the log itself: whoever holds it open may keep it from coming back.

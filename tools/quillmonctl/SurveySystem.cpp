@@ -323,9 +323,15 @@ Survey::Trace surveyTrace(const Survey::Service& service) {
                                                                &std::fclose);
     trace.configurationExists = bool(file);
     if (file) {
+      bool countIsKnown = false;
       TraceConfig::readFile(file.get(), [&](const TraceSetting& setting) {
-        (setting.key == TraceSetting::Key::FileSize ? trace.fileSizeLimit : trace.backupCount) =
-            setting.value;
+        if (setting.key == TraceSetting::Key::FileSize) {
+          trace.fileSizeLimit = setting.value;
+          trace.sizeComesFirst = trace.sizeComesFirst || (setting.value > 0 && !countIsKnown);
+        } else {
+          trace.backupCount = setting.value;
+          countIsKnown = true;
+        }
       });
     }
   }

@@ -107,6 +107,7 @@ TEST(Survey, eachFaultIsFoundAndHasAnAdvice) {
       {"event port", Level::Bad, [](Survey& s) { s.sockets.eventPortOpen = false; }},
       {"trace", Level::Warning, [](Survey& s) { s.trace.hasGrown = true; }},
       {"trace log", Level::Warning, [](Survey& s) { s.trace.fileSizeLimit = 1000; }},
+      {"trace log", Level::Warning, [](Survey& s) { s.trace.sizeComesFirst = true; }},
   };
   for (const Row& row : rows) {
     Survey survey = healthy();

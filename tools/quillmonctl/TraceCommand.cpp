@@ -60,7 +60,7 @@ ExitCode switchOn(const Invocation& invocation, bool untilSeen) {
       fmt::format("The trace is enabled; the log is\n  {}\n{}", trace.log,
                   trace.fileSizeLimit > 0
                       ? ""
-                      : wrap("It grows without limit: FileSize and BackupCount in zontrace.cfg "
+                      : wrap("It grows without limit: BackupCount and FileSize in zontrace.cfg "
                              "would bound it (docs/operations.md).",
                              kWidth, 0)));
   if (untilSeen) {
@@ -120,9 +120,21 @@ ExitCode switchOff(const Invocation& invocation, bool restart) {
   return isTracing ? ExitCode::FoundWrong : ExitCode::Done;
 }
 
-Json lineJson(const std::string& line) {
+const char* nameOf(Origin origin) {
+  switch (origin) {
+  case Origin::Service:
+    return "service";
+  case Origin::Unclear:
+    return "unclear";
+  default:
+    return "continuation";
+  }
+}
+
+Json lineJson(const std::string& line, Origin origin) {
   const TraceLine parts = TraceLine::parse(line);
   return {{"time", parts.stamp},
+          {"origin", nameOf(origin)},
           {"component", parts.component},
           {"message",
            std::string(parts.lead)
@@ -147,14 +159,17 @@ ExitCode follow(const Invocation& invocation, std::size_t lines) {
   }
   const bool colour = console::showsColour();
   LogFollower follower(trace.log, lines);
+  OriginReader origins;
   for (;; Sleep(kLook)) {
     const std::vector<std::string> arrived = follower.newLines();
     if (follower.hasLostLines()) {
       console::printError("Lines were lost: the log was rotated faster than it was read.\n");
     }
     for (const std::string& line : arrived) {
-      const std::string text = utf8FromAnsi(line);
-      console::print(invocation.json ? dumpLine(lineJson(text)) : shown(text, colour) + "\n");
+      const Origin origin = origins.next(line);
+      const std::string text = utf8FromAnsi(line.substr(0, line.size() - line.ends_with('\r')));
+      console::print(invocation.json ? dumpLine(lineJson(text, origin))
+                                     : shown(text, origin, colour) + "\n");
     }
   }
 }

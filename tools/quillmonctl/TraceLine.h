@@ -15,8 +15,29 @@ struct TraceLine {
   static TraceLine parse(std::string_view line);
 };
 
-/// The line for the console: control characters made visible, the component in colour if wanted.
-std::string shown(std::string_view line, bool colour);
+/// Who wrote a line of the log, as far as that can be told: a message may hold text of a peer, with
+/// line ends and time stamps in it.
+enum class Origin {
+  Service,      ///< it begins with a time stamp, and the message above it holds no text of others
+  Unclear,      ///< it begins with a time stamp, but could be part of the text above it
+  Continuation, ///< it is part of the message above it
+};
+
+/// Tells the origin of each line of a log, given in order. Imitated lines begin with one that is
+/// Unclear.
+class OriginReader {
+public:
+  /// `line` without its LF, but with the CR before that, if any.
+  Origin next(std::string_view line);
+
+private:
+  bool holdsText_ = true; ///< the message above; unknown where the reading begins
+  bool complete_ = true;  ///< the line above ended in CR LF, as each message does
+};
+
+/// The line for the console: marked with its origin, control characters made visible, the component
+/// in colour if wanted.
+std::string shown(std::string_view line, Origin origin, bool colour);
 
 /// Colour is for a console only, and not where the user has set NO_COLOR to anything.
 bool wantsColour(bool isConsole, const char* noColor);

@@ -36,13 +36,52 @@ TEST(TraceLine, aLineIsCutWithoutLosingAnything) {
 
 TEST(TraceLine, theComponentIsInColourWhereColourIsWanted) {
   const char* const line = "11/21/2026 17:29:05  <<X>>: y";
-  EXPECT_EQ(shown(line, false), line);
-  EXPECT_EQ(shown(line, true), "\x1b[2m11/21/2026 17:29:05\x1b[0m  \x1b[36m<<X>>\x1b[0m: y");
+  EXPECT_EQ(shown(line, Origin::Service, false), std::string("  ") + line);
+  EXPECT_EQ(shown(line, Origin::Service, true),
+            "  \x1b[2m11/21/2026 17:29:05\x1b[0m  \x1b[36m<<X>>\x1b[0m: y");
+}
+
+TEST(TraceLine, theOriginIsMarkedInFrontOfTheLine) {
+  EXPECT_EQ(shown("x", Origin::Service, false), "  x");
+  EXPECT_EQ(shown("x", Origin::Unclear, false), "? x");
+  EXPECT_EQ(shown("x", Origin::Continuation, true), "| x");
+}
+
+TEST(OriginReader, tellsTheServicesLinesFromWhatAPeerCouldHaveWritten) {
+  const std::string stamp = "11/21/2026 17:29:05  ";
+  struct Row {
+    std::string line; // the LF is cut off
+    Origin origin;
+  };
+  const Row rows[] = {
+      {"cut off where the reading begins\r", Origin::Continuation},
+      {stamp + "[Process] exit t_Result = -1\r", Origin::Unclear},
+      {stamp + "<<UPOSAdapter(000000000012FAB0) created\r", Origin::Service},
+      {stamp + "<<XMLAdapter>>: Receiving data\r", Origin::Service},
+      {stamp + "<response>\r", Origin::Service},
+      {stamp + "<<XMLAdapter>>: Creating socket\r", Origin::Unclear},
+      {stamp + "Event received: a\r", Origin::Service},
+      {"b\r", Origin::Continuation},
+      {stamp + "<<XMLAdapter>>: Creating socket", Origin::Unclear},
+      {stamp + "no message ends without a CR\r", Origin::Continuation},
+      {stamp + "<<CProvider_IWbemServices::Initialize>> * Creating Semaphore with size: 4 *",
+       Origin::Unclear},
+      {"\r", Origin::Continuation},
+      {stamp + "<<<< GetObjectAsync >>>>\r", Origin::Service},
+      {stamp + "<<<< GetObjectAsync >>>>x\r", Origin::Service},
+      {stamp + "GetIntanceByPath: Number of Keys: \r", Origin::Unclear},
+      {stamp, Origin::Unclear},
+  };
+  OriginReader reader;
+  for (const Row& row : rows) {
+    EXPECT_EQ(reader.next(row.line), row.origin) << row.line;
+  }
 }
 
 TEST(TraceLine, whatAPeerPutIntoALineSpeaksToNoConsole) {
-  EXPECT_EQ(shown("<<X>>: \x1b[2J", false), "<<X>>: \\x1b[2J");
-  EXPECT_EQ(shown("<<\x1b[2J>>: \x1b[2J", true), "\x1b[36m<<\\x1b[2J>>\x1b[0m: \\x1b[2J");
+  EXPECT_EQ(shown("<<X>>: \x1b[2J", Origin::Service, false), "  <<X>>: \\x1b[2J");
+  EXPECT_EQ(shown("<<\x1b[2J>>: \x1b[2J", Origin::Service, true),
+            "  \x1b[36m<<\\x1b[2J>>\x1b[0m: \\x1b[2J");
 }
 
 TEST(TraceLine, colourIsForAConsoleWithoutNoColor) {
