@@ -243,9 +243,8 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
     adapter.getInstance(names.className, names.deviceId);
     tracePathKeys(objectPath);
 
-    // A path with an unnamed key ("UPOS_Scanner=5") leaves a class name that is an instance path:
-    // WMI would hand it back as another retrieval, which waits for the slot that this one holds.
-    if (names.className.find('=') != std::string::npos) {
+    // WMI would hand such a text back as another retrieval, which waits for the slot of this one.
+    if (namesInstance(names.className)) {
       return wbemResult(WBEM_E_FAILED);
     }
     const win::Bstr className(win::widenInThreadCodePage(names.className));

@@ -594,6 +594,18 @@ TEST_F(Retrieval, ByAPathWithAnUnnamedKeyDoesNotComeBackThroughWmiAndWaitForItsO
   }
 }
 
+TEST_F(Retrieval, AsksWmiForTheWholeClassTextAndFailsWithWmisCode) {
+  script_.instances = {device("S1")};
+  for (const wchar_t* path : {L"=", L"=5", L"UPOS_Scanner=", L"UPOS_Scanner=\"S.1\"", L"a=b=c",
+                              L"UPOS Scanner=5", L"\\\\.\\root\\cimv2:5=5"}) {
+    const std::size_t asked = namespace_->contexts.size();
+    EXPECT_EQ(retrieve(path), wbemResult(WBEM_E_NOT_FOUND));
+    EXPECT_EQ(namespace_->contexts.size(), asked + 1);
+    EXPECT_EQ(namespace_->requested.back(),
+              std::wstring_view(path).substr(0, std::wstring_view(path).find(L'.')));
+  }
+}
+
 TEST_F(Retrieval, BeforeInitializeFailsWithoutHarm) {
   provider::providerState().namespaceServices = nullptr;
   EXPECT_EQ(retrieve(), kFailed);

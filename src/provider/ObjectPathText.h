@@ -14,3 +14,7 @@ struct ObjectPathText {
 };
 
 ObjectPathText readObjectPath(std::string_view path);
+
+/// True where a class text names an instance, by a key without a name: `UPOS_Scanner=5`,
+/// `UPOS_Scanner="S1"`, the singleton `UPOS_Scanner=@`; a namespace may stand before it.
+bool namesInstance(std::string_view classText) noexcept;
