@@ -22,35 +22,39 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-// However the retry time is configured, a port that is taken is not asked for in a busy loop.
-constexpr unsigned kShortestRetry = 100;
-constexpr unsigned kLongestRetry = 24 * 60 * 60 * 1000;
+// Milliseconds between two attempts: of a step without resources, and to open a port that is taken.
+constexpr DWORD kPauseWithoutResources = 100;
+constexpr DWORD kFirstPauseOfPort = 1000;
+constexpr DWORD kLongestPauseOfPort = 60 * 1000;
 
-/// Runs `step` until the platform has the memory and the other resources that it needs. Whatever
+/// Repeats `step` until the platform has the memory and the other resources that it needs. Whatever
 /// else it throws passes, and ends the thread.
 template <class Step>
-decltype(auto) untilThereIsRoom(Step step) {
+decltype(auto) untilResourcesSuffice(Step step) {
   for (;;) {
     try {
       return step();
     } catch (const std::bad_alloc&) {
     } catch (const std::system_error&) {
     }
-    Sleep(kShortestRetry);
+    Sleep(kPauseWithoutResources);
   }
 }
 
-void openEventPort(CommunicationLayer& layer) {
-  const auto port = static_cast<std::uint16_t>(
+std::uint16_t eventPort(CommunicationLayer& layer) {
+  return static_cast<std::uint16_t>(
       configuration::readInt(layer.getPortKey().c_str(), static_cast<int>(layer.getDefaultPort())));
-  while (layer.open(port) != 0) {
-    const unsigned retry =
-        std::clamp(configuration::readInt("upos.requestSocket.retryTimeout", 10000), kShortestRetry,
-                   kLongestRetry);
+}
+
+/// For a port that could not be opened: returns when it is.
+void openAgain(CommunicationLayer& layer, std::uint16_t port) {
+  DWORD pause = kFirstPauseOfPort;
+  do {
     UPOSLog::trace("[EventThread] Unable to open event port %d, next attempt in %d milliseconds",
-                   port, retry);
-    Sleep(retry);
-  }
+                   port, pause);
+    Sleep(pause);
+    pause = std::min(2 * pause, kLongestPauseOfPort);
+  } while (layer.open(port) != 0);
 }
 
 // Byte by byte, not by code page: what a device server sends as text reaches WMI as Latin-1.
@@ -93,17 +97,23 @@ StrategyFactory& strategyFactory() {
 
 [[noreturn]] void forwardEvents(const EventThreadContext& context) {
   // Never freed: the loop has no exit, and an exception ends the thread without any clean-up.
-  StrategyFactory& factory = untilThereIsRoom([]() -> auto& { return strategyFactory(); });
-  IUPOSXmlAdapter* const adapter = untilThereIsRoom([&] { return factory.createXmlAdapter(); });
+  StrategyFactory& factory = untilResourcesSuffice([]() -> auto& { return strategyFactory(); });
+  IUPOSXmlAdapter* const adapter =
+      untilResourcesSuffice([&] { return factory.createXmlAdapter(); });
   CommunicationLayer* const layer =
-      untilThereIsRoom([&] { return factory.createCommunicationLayer(); });
-  untilThereIsRoom([&] { openEventPort(*layer); });
-  const win::Bstr className = untilThereIsRoom([] { return win::Bstr(L"QuillmonEvent"); });
+      untilResourcesSuffice([&] { return factory.createCommunicationLayer(); });
+  const std::uint16_t port = untilResourcesSuffice([&] { return eventPort(*layer); });
+  bool isOpen = untilResourcesSuffice([&] { return layer->open(port) == 0; });
+  const win::Bstr className = untilResourcesSuffice([] { return win::Bstr(L"QuillmonEvent"); });
   IWbemClassObject* eventClass = nullptr;
   HRESULT status = context.services->GetObject(className.get(), 0, nullptr, &eventClass, nullptr);
   for (;;) {
     // An event that there is no memory for is lost alone: the step is then the next event's.
-    untilThereIsRoom([&] {
+    untilResourcesSuffice([&] {
+      if (!isOpen) {
+        openAgain(*layer, port);
+        isOpen = true;
+      }
       const DeviceEvent event = layer->receiveEvent(adapter);
       // Sticky on purpose: after one failed step towards WMI no event is sent any more.
       if (SUCCEEDED(status) && event.type != "NA") {
@@ -123,6 +133,5 @@ DWORD WINAPI EventThread(void* context) noexcept {
     }
     forwardEvents(*static_cast<const EventThreadContext*>(context));
   });
-  UPOSLog::trace("[EventThread] exit t_Result = %i", result);
   return static_cast<DWORD>(result);
 }

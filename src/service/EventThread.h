@@ -13,7 +13,8 @@ struct EventThreadContext {
 };
 
 /// Forwards every device event of the chosen strategy to WMI as a "QuillmonEvent", for the life of
-/// the process. While the event port cannot be opened it tries again, one trace line an attempt.
+/// the process. The event port is opened once at the start; where that failed, the wait for the
+/// first event tries again, one trace line an attempt.
 /// An event that there is no memory for is lost alone.
-/// `context`: an EventThreadContext. Ends only without COM or by an exception, with a trace line.
+/// `context`: an EventThreadContext. Ends only without COM or by an exception.
 DWORD WINAPI EventThread(void* context) noexcept;

@@ -87,7 +87,7 @@ bool runServiceDispatcher() {
   return StartServiceCtrlDispatcherA(table) != FALSE;
 }
 
-void WINAPI ServiceMain(DWORD, LPSTR*) {
+void WINAPI ServiceMain(DWORD, LPSTR*) noexcept {
   status.type = SERVICE_WIN32;
   status.state = SERVICE_START_PENDING;
   status.controlsAccepted = SERVICE_ACCEPT_STOP;
@@ -104,7 +104,7 @@ void WINAPI ServiceMain(DWORD, LPSTR*) {
   report(SERVICE_STOPPED, static_cast<DWORD>(result));
 }
 
-void WINAPI ServiceCtrlHandler(DWORD control) {
+void WINAPI ServiceCtrlHandler(DWORD control) noexcept {
   switch (control) {
   case SERVICE_CONTROL_STOP:
   case SERVICE_CONTROL_SHUTDOWN:

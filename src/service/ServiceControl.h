@@ -25,10 +25,10 @@ bool IsServiceRunning();
 bool runServiceDispatcher();
 
 /// The service's body, on a thread of the dispatcher's. Never returns after a successful start.
-void WINAPI ServiceMain(DWORD argc, LPSTR* argv);
+void WINAPI ServiceMain(DWORD argc, LPSTR* argv) noexcept;
 
 /// Runs on the dispatcher's thread; shares the status block with ServiceMain without a lock.
-void WINAPI ServiceCtrlHandler(DWORD control);
+void WINAPI ServiceCtrlHandler(DWORD control) noexcept;
 
 /// Sleeps for ever: the thread of a started service must not return.
 [[noreturn]] void parkForever();

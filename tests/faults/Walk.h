@@ -50,6 +50,7 @@ struct Walk {
   ULONG64 failedStack[kFrames]; ///< from the program's base
   LONG volatile turnKept;       ///< a thread waits for the trace writers' turn that it has
   LONG volatile parked;         ///< the program's first or service thread sleeps for good
+  LONG volatile withoutEvents;  ///< the event thread has left COM again: it ends
 
   Function functions[kMostFunctions];
   Ranges skipped; ///< nothing fails that is called from here

@@ -123,8 +123,8 @@ void report(const Walk& walk) {
   } else {
     std::cout << "null";
   }
-  std::cout << ", \"parked\": " << walk.parked << ", \"kept\": " << walk.turnKept
-            << ", \"stack\": [" << std::hex;
+  std::cout << ", \"parked\": " << walk.parked << ", \"without_events\": " << walk.withoutEvents
+            << ", \"kept\": " << walk.turnKept << ", \"stack\": [" << std::hex;
   const char* between = "";
   for (const ULONG64 frame : walk.failedStack) {
     std::cout << between << "\"" << frame << "\"";
@@ -167,6 +167,7 @@ void forgetTheLastProgram(Walk& walk) {
     function.bytes = 0;
   }
   walk.parked = 0;
+  walk.withoutEvents = 0;
   walk.turnKept = 0;
 }
 

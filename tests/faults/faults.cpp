@@ -386,6 +386,11 @@ constexpr auto parks = [](DWORD milliseconds) {
     InterlockedExchange(&walk->parked, 1);
   }
 };
+constexpr auto leavesCom = [] {
+  if (!isFirstThread()) {
+    InterlockedExchange(&walk->withoutEvents, 1);
+  }
+};
 constexpr auto opensToken = [](int number, BOOL done, HANDLE, DWORD, BOOL, PHANDLE token) {
   if (done) {
     opened(number, *token);
@@ -530,6 +535,7 @@ void install() {
   IS_WATCHED(SetEvent, givesTurnBack);
   IS_WATCHED(WaitForSingleObject, waitsForTurn, takesTurn);
   IS_WATCHED(Sleep, parks);
+  IS_WATCHED(CoUninitialize, leavesCom);
   changedStrings = numberOf("VariantChangeType");
 }
 

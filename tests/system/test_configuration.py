@@ -272,7 +272,7 @@ def test_without_configuration_every_default_holds(configured, at_default, make)
     with occupied(EVENT_PORT):
         configured.start()
         assert configured.traced("[EventThread] Unable to open event port ") == (
-            "42114, next attempt in 10000 milliseconds")
+            "42114, next attempt in 1000 milliseconds")
         assert configured.list()
     assert len(at_default.requests) == asked + 1
     assert configured.traced(SEMAPHORE) == "1 *\n"

@@ -383,9 +383,6 @@ def test_receiving_events_from_a_connected_device_server(machine, peer):
 
 # -- start-up
 
-EXITED = re.compile(r"\[EventThread\] exit t_Result = (-?\d+)")
-
-
 def listening(machine):
     return machine.events in bound_datagram_ports() | listening_ports()
 
@@ -406,9 +403,10 @@ def started(machine, *options):
         code = faults.exit_code()
         if code is not None:
             return "ends"
-        if faults.report()["parked"]:
+        report = faults.report()
+        if report["parked"]:
             return "parked"
-        if any(map(EXITED.match, machine.trace(log))):
+        if report["without_events"]:
             return "without events"
         return "runs" if listening(machine) else None
 

@@ -343,11 +343,11 @@ def test_a_taken_event_port_is_asked_for_until_it_is_free(machine):
     machine.switch_trace_on()
     with socket.create_server(("127.0.0.1", free_port())) as taken:
         port = taken.getsockname()[1]
-        machine.configure(provider__eventSocket__Port=port, upos__requestSocket__retryTimeout=200)
+        machine.configure(provider__eventSocket__Port=port, upos__requestSocket__retryTimeout=4294967295)
         console = machine.start_quillmon("-O")
         line = machine.wait_for_trace("Unable to open event port")
         assert line == (
-            f"[EventThread] Unable to open event port {port}, next attempt in 200 milliseconds")
+            f"[EventThread] Unable to open event port {port}, next attempt in 1000 milliseconds")
     with DeviceServer(port) as server:
         settle(machine, server)
     console.kill()

@@ -3,6 +3,7 @@
 import contextlib
 import re
 import select
+import socket
 import threading
 
 import pytest
@@ -253,6 +254,22 @@ def test_without_the_event_class_at_its_start_the_service_never_forwards_an_even
     assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
     assert_nothing_published(shared_machine, till, watcher, event("C"))
     assert shared_machine.service_state() == "RUNNING"
+    watcher.kill()
+
+
+def test_the_event_class_is_fetched_once_even_while_the_event_port_is_taken(
+        shared_machine, till, wmi, stopped):
+    wmi.set(MissingClasses="QuillmonEvent")
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+        holder.bind(("0.0.0.0", till.events))
+        assert shared_machine.run("sc", "start", SERVICE).returncode == 0
+        wait_until(lambda: f"[EventThread] Unable to open event port {till.events}, next attempt in "
+                   "1000 milliseconds" in wmi.trace(), "the first attempt")
+        wmi.clear()
+        assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
+    wait_until(lambda: till.events in bound_datagram_ports(), "the service to take the port")
+    watcher = shared_machine.watch_events()
+    assert_nothing_published(shared_machine, till, watcher, event("A"))
     watcher.kill()
 
 
