@@ -2,7 +2,7 @@
 
 import re
 
-from machine import SERVICE, wait_until
+from machine import BUILD, SERVICE, wait_until
 
 INSTALLED = (
     "Quillmon Services has been registered\nStarting Service\nQuillmon Services has been started.\n")
@@ -82,6 +82,15 @@ def test_interrogating_leaves_the_service_running(machine):
     machine.install_service()
     machine.run("sc", "interrogate", SERVICE)
     assert machine.service_state() == "RUNNING"
+
+
+def test_an_unknown_control_puts_the_last_error_into_the_state(machine):
+    """Kept: whatever that error is, the service goes on and no longer says that it runs."""
+    machine.install_service()
+    done = machine.run(str(BUILD / "service_config.exe"), SERVICE, "control", 200)
+    assert done.returncode == 0 and done.out.strip().isdigit(), done.out + done.err
+    assert done.out.strip() != "4"
+    assert machine.service_process() is not None
 
 
 def test_removing_stops_and_deletes_the_service(machine):

@@ -1,0 +1,108 @@
+#include "PatchedImport.h"
+#include "RecordedTrace.h"
+#include "service/Process.h"
+#include "service/ServiceControl.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using testing::ElementsAre;
+
+struct Reported {
+  DWORD type;
+  DWORD state;
+  DWORD controlsAccepted;
+  DWORD exitCode;
+  bool operator==(const Reported&) const = default;
+};
+
+std::vector<Reported> reports;
+std::vector<Reported> reportsBeforeProcess;
+
+BOOL WINAPI recordStatus(SERVICE_STATUS_HANDLE, SERVICE_STATUS* status) {
+  EXPECT_EQ(status->dwServiceSpecificExitCode, 0U);
+  EXPECT_EQ(status->dwCheckPoint, 0U);
+  EXPECT_EQ(status->dwWaitHint, 0U);
+  reports.push_back({status->dwServiceType, status->dwCurrentState, status->dwControlsAccepted,
+                     status->dwWin32ExitCode});
+  return TRUE;
+}
+
+constexpr HRESULT kProcessFailed = E_ACCESSDENIED;
+
+class ServiceControl : public testing::Test {
+protected:
+  ServiceControl() : patch_("SetServiceStatus", recordStatus) {
+    reports.clear();
+    recorded_trace::clear();
+  }
+
+  static Reported reported(DWORD state, DWORD exitCode = 0) {
+    return {SERVICE_WIN32, state, SERVICE_ACCEPT_STOP, exitCode};
+  }
+
+  /// The service's start, with a body that fails: what follows finds the status block as it leaves
+  /// it.
+  static void startAndFail() { ServiceMain(0, nullptr); }
+
+  static std::vector<Reported> reportsOf(int control) {
+    reports.clear();
+    ServiceCtrlHandler(static_cast<DWORD>(control));
+    return reports;
+  }
+
+private:
+  PatchedImport<decltype(SetServiceStatus)> patch_;
+};
+
+TEST_F(ServiceControl, IsReportedRunningBeforeAnythingIsInitialised) {
+  startAndFail();
+  EXPECT_THAT(reportsBeforeProcess, ElementsAre(reported(SERVICE_RUNNING)));
+}
+
+TEST_F(ServiceControl, AFailedStartIsReportedStoppedWithItsCode) {
+  startAndFail();
+  EXPECT_THAT(reports, ElementsAre(reported(SERVICE_RUNNING),
+                                   reported(SERVICE_STOPPED, static_cast<DWORD>(kProcessFailed))));
+  EXPECT_THAT(recorded_trace::lines(),
+              ElementsAre("[ServiceDispatch]Failed to start process with error : " +
+                          std::to_string(kProcessFailed)));
+}
+
+// Kept: the same report twice.
+TEST_F(ServiceControl, AStopAndAShutdownAreReportedStoppedTwice) {
+  startAndFail();
+  for (const int control : {SERVICE_CONTROL_STOP, SERVICE_CONTROL_SHUTDOWN}) {
+    EXPECT_THAT(reportsOf(control),
+                ElementsAre(reported(SERVICE_STOPPED), reported(SERVICE_STOPPED)));
+  }
+}
+
+TEST_F(ServiceControl, AnInterrogationIsAnsweredWithTheBlockAsItStands) {
+  startAndFail();
+  EXPECT_THAT(reportsOf(SERVICE_CONTROL_INTERROGATE),
+              ElementsAre(reported(SERVICE_STOPPED, static_cast<DWORD>(kProcessFailed))));
+}
+
+// Kept: the state takes the last error of the thread that handles the control.
+TEST_F(ServiceControl, AnUnknownControlPutsTheLastErrorIntoTheState) {
+  ServiceCtrlHandler(SERVICE_CONTROL_STOP);
+  for (const int control : {SERVICE_CONTROL_PAUSE, 200}) {
+    SetLastError(1234);
+    EXPECT_THAT(reportsOf(control), ElementsAre(reported(1234)));
+  }
+  EXPECT_THAT(reportsOf(SERVICE_CONTROL_INTERROGATE), ElementsAre(reported(1234)));
+}
+
+} // namespace
+
+/// In place of the service's body.
+HRESULT Process() noexcept {
+  reportsBeforeProcess = reports;
+  return kProcessFailed;
+}
