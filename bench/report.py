@@ -10,6 +10,7 @@ PARTS = {
     "library": "two starts and stops of the XML library",
     "documents": "building the request, reading the answer's tree",
     "objects": "WMI objects: spawned, filled, handed to the client",
+    "lines": "looking for the trace's switch, once a line",
     "product": "the product itself, less what its starts of the library save",
 }
 

@@ -21,7 +21,7 @@ sys.dont_write_bytecode = True
 import report  # noqa: E402
 import rig  # noqa: E402
 
-STAGES = ["wmi", "exchange", "library", "documents", "objects"]
+STAGES = ["wmi", "exchange", "library", "documents", "objects", "lines"]
 
 
 def quartiles(values):
@@ -163,7 +163,7 @@ class Run:
             for _ in range(rounds):
                 for stage in STAGES:
                     floor.provider.ask("stage", stage)
-                    count = size if stage == "objects" else 0
+                    count = size if stage in ("objects", "lines") else 0
                     used[stage].append(self.sample(floor, ["enumerate", count, times], times)[0])
                 used["product"].append(
                     self.sample(product, ["enumerate", size, times], times)[0])

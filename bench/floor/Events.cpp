@@ -2,6 +2,7 @@
 
 #include "BareXml.h"
 #include "Sockets.h"
+#include "TraceSwitch.h"
 
 #include <string>
 #include <string_view>
@@ -15,6 +16,10 @@ namespace {
 struct Event {
   std::wstring type, className, id, code;
 };
+
+/// The lines of an event of the stream by design, besides those of each receive and field; an event
+/// of a datagram has none.
+constexpr std::size_t kLinesOfStreamEvent = 5;
 
 const wchar_t* wide(const char16_t* text) {
   return reinterpret_cast<const wchar_t*>(text);
@@ -99,6 +104,7 @@ private:
     std::string pending;
     char piece[1023];
     for (int count; (count = recv(connection.get(), piece, sizeof piece, 0)) > 0;) {
+      lookForTraceSwitch(1);
       pending.append(piece, static_cast<std::size_t>(count));
       std::size_t begin = 0;
       for (std::size_t end; (end = pending.find(kEnd, begin)) != std::string::npos;) {
@@ -140,7 +146,9 @@ void forwardStream(std::uint16_t port, IWbemServices& services, IWbemObjectSink&
   for (;;) {
     const std::string document = handOver.take();
     const Event event = read(document);
-    devices.store(event.id, readFields(document));
+    PreparedDevice fields = readFields(document);
+    lookForTraceSwitch(kLinesOfStreamEvent + fields.size());
+    devices.store(event.id, std::move(fields));
     handOver.release();
     publish(*type.Get(), sink, event);
   }

@@ -2,6 +2,7 @@
 
 #include "BareXml.h"
 #include "Sockets.h"
+#include "TraceSwitch.h"
 #include "win/Boundary.h"
 
 #include <objbase.h>
@@ -39,14 +40,23 @@ HRESULT indicate(IWbemClassObject& type, IWbemObjectSink& sink, const auto& fill
   return result;
 }
 
+/// The lines of a request by design, besides those of each receive, device and field.
+constexpr std::size_t kLinesOfEnumeration = 23;
+constexpr std::size_t kLinesOfRetrieval = 18;
+constexpr std::size_t kLinesOfCachedEnumeration = 20;
+constexpr std::size_t kLinesOfCachedRetrieval = 15;
+constexpr std::size_t kLinesOfReceive = 2;
+constexpr std::size_t kLinesOfField = 2; ///< read, and put; a cached one is only put
+
 HRESULT indicateDevice(IWbemClassObject& type, IWbemObjectSink& sink,
-                       const xercesc::DOMElement& device) {
+                       const xercesc::DOMElement& device, std::size_t& fields) {
   return indicate(type, sink, [&](IWbemClassObject& instance) {
     bare_xml::forEachField(device,
                            [&](const char16_t* name, const char16_t* word, const char16_t* text) {
                              win::Variant value;
                              setValue(value, wide(word), wide(text));
                              instance.Put(wide(name), 0, value.get(), 0);
+                             ++fields;
                            });
   });
 }
@@ -155,6 +165,12 @@ HRESULT FloorProvider::GetObjectAsync(const BSTR path, LONG, IWbemContext*,
   });
 }
 
+void FloorProvider::traceLines(std::size_t count) const {
+  if (stage_ >= Stage::lines) {
+    lookForTraceSwitch(count);
+  }
+}
+
 HRESULT FloorProvider::answer(const char16_t* command, const std::wstring& className,
                               const std::wstring& id, IWbemObjectSink& sink) {
   HRESULT result = isProxy_ ? answerFromDevices(className, id, sink)
@@ -180,7 +196,8 @@ HRESULT FloorProvider::answerFromServer(const char16_t* command, const std::wstr
       request = bare_xml::request(command, utf16(className), utf16(id));
     }
   }
-  const std::string text = floor_sockets::exchange(requestPort_, request);
+  std::size_t receives = 0;
+  const std::string text = floor_sockets::exchange(requestPort_, request, receives);
   if (stage < Stage::library) {
     return S_OK;
   }
@@ -195,10 +212,13 @@ HRESULT FloorProvider::answerFromServer(const char16_t* command, const std::wstr
   }
   ComPtr<IWbemClassObject> type;
   HRESULT result = services_->GetObject(win::Bstr(className).get(), 0, nullptr, &type, nullptr);
+  std::size_t fields = 0;
   for (const xercesc::DOMElement* device = tree.root().getFirstElementChild();
        device != nullptr && SUCCEEDED(result); device = device->getNextElementSibling()) {
-    result = indicateDevice(*type.Get(), sink, *device);
+    result = indicateDevice(*type.Get(), sink, *device, fields);
   }
+  traceLines((id.empty() ? kLinesOfEnumeration : kLinesOfRetrieval) + kLinesOfReceive * receives +
+             kLinesOfField * fields);
   return result;
 }
 
@@ -209,15 +229,19 @@ HRESULT FloorProvider::answerFromDevices(const std::wstring& className, const st
   }
   ComPtr<IWbemClassObject> type;
   HRESULT result = services_->GetObject(win::Bstr(className).get(), 0, nullptr, &type, nullptr);
+  std::size_t lines = id.empty() ? kLinesOfCachedEnumeration : kLinesOfCachedRetrieval;
   devices_.forEach([&](PreparedDevice& device) {
+    ++lines;
     if (FAILED(result) || (!id.empty() && id != device.front().value.value().bstrVal)) {
       return;
     }
     result = indicate(*type.Get(), sink, [&](IWbemClassObject& instance) {
       for (PreparedField& field : device) {
         instance.Put(field.name.c_str(), 0, field.value.get(), 0);
+        ++lines;
       }
     });
   });
+  traceLines(lines);
   return result;
 }

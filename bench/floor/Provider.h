@@ -17,8 +17,9 @@
 #include <vector>
 
 /// How much of a request is done: each stage does what the one before it does, and more. What the
-/// stages differ by is what an enumeration's time is made of.
-enum class Stage { wmi, exchange, library, documents, objects };
+/// stages differ by is what an enumeration's time is made of. The last one looks for the trace's
+/// switch as often as an enumeration or a retrieval has lines by design.
+enum class Stage { wmi, exchange, library, documents, objects, lines };
 
 /// One property as it is handed to WMI.
 struct PreparedField {
@@ -71,9 +72,11 @@ private:
   HRESULT answerFromDevices(const std::wstring& className, const std::wstring& id,
                             IWbemObjectSink& sink);
 
+  void traceLines(std::size_t count) const;
+
   const bool isProxy_;
   const std::uint16_t requestPort_;
   PreparedDevices& devices_;
-  std::atomic<Stage> stage_ = Stage::objects;
+  std::atomic<Stage> stage_ = Stage::lines;
   Microsoft::WRL::ComPtr<IWbemServices> services_;
 };

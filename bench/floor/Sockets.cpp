@@ -25,7 +25,7 @@ win::Socket bindTo(std::uint16_t port, int type) {
   return bound;
 }
 
-std::string exchange(std::uint16_t port, const std::string& request) {
+std::string exchange(std::uint16_t port, const std::string& request, std::size_t& receives) {
   const win::Socket connection = connectTo(port);
   if (!connection) {
     return {};
@@ -36,6 +36,7 @@ std::string exchange(std::uint16_t port, const std::string& request) {
   char piece[1024];
   for (;;) {
     const int count = recv(connection.get(), piece, sizeof piece, 0);
+    ++receives;
     if (count <= 0) {
       return {};
     }

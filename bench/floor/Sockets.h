@@ -2,6 +2,7 @@
 
 #include "win/Handles.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -14,7 +15,8 @@ win::Socket connectTo(std::uint16_t port);
 win::Socket bindTo(std::uint16_t port, int type);
 
 /// One request over a connection of its own: ESC, the request, BS; returns what stands between the
-/// answer's marks. Empty without a server. As the design has it, 1024 bytes a receive at most.
-std::string exchange(std::uint16_t port, const std::string& request);
+/// answer's marks, and counts the receives. Empty without a server. As the design has it, 1024
+/// bytes a receive at most.
+std::string exchange(std::uint16_t port, const std::string& request, std::size_t& receives);
 
 } // namespace floor_sockets

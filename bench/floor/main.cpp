@@ -1,7 +1,7 @@
 // floor_provider adapter|proxy REQUEST_PORT EVENT_PORT: in the product's place towards WMI and the
 // device server, it does what cannot be left out and nothing else. Prints "ready"; then reads lines
-// "stage NAME" (wmi, exchange, library, documents, objects) and answers each with "ok". Ends with
-// its input.
+// "stage NAME" (wmi, exchange, library, documents, objects, lines) and answers each with "ok". Ends
+// with its input.
 
 #include "Events.h"
 #include "Provider.h"
@@ -26,11 +26,10 @@ constexpr GUID kEventProvider = {
 constexpr const wchar_t* kNamespace = L"root\\cimv2";
 constexpr const wchar_t* kRegistration = L"QuillmonService";
 
-const std::map<std::string, Stage> kStages = {{"wmi", Stage::wmi},
-                                              {"exchange", Stage::exchange},
-                                              {"library", Stage::library},
-                                              {"documents", Stage::documents},
-                                              {"objects", Stage::objects}};
+const std::map<std::string, Stage> kStages = {
+    {"wmi", Stage::wmi},         {"exchange", Stage::exchange},
+    {"library", Stage::library}, {"documents", Stage::documents},
+    {"objects", Stage::objects}, {"lines", Stage::lines}};
 
 } // namespace
 
