@@ -314,7 +314,7 @@ def start_service(machine, strategy):
         provider__dataUpdate__frequency=0)
     folder = machine.c / "Veltran"
     (folder / "Log").mkdir(parents=True)
-    (folder / "zontrace.cfg").write_text(f"FileSize={LOG_SIZE}\nBackupCount={LOG_BACKUPS}\n")
+    (folder / "zontrace.cfg").write_text(f"BackupCount={LOG_BACKUPS}\nFileSize={LOG_SIZE}\n")
     machine.set_registry(REGISTRY, "INSTALLDIR", "C:\\Veltran\\")
     machine.switch_trace_on()
     machine.install_service()
