@@ -58,10 +58,12 @@ xerces_options=(
 )
 # As cmake/Flags.cmake has them; the folder that it is built in stays out of the program.
 xerces_flags='-fstack-protector-strong -D_FORTIFY_SOURCE=2 -ffile-prefix-map=@WORK@=.'
-# Starting the library once per call is by design here; these make a start cheap and safe.
+# Starting the library once per call is by design here: four of these make a start cheap and safe.
+# The last one makes it convert on machines whose code page is UTF-8.
 xerces_patches=(
   "$root/cmake/patches/xerces-c-charset-table.patch" "$root/cmake/patches/xerces-c-regex-ranges.patch"
   "$root/cmake/patches/xerces-c-schema-types.patch" "$root/cmake/patches/xerces-c-start-memory.patch"
+  "$root/cmake/patches/xerces-c-conversion-flags.patch"
 )
 
 # The library that the product is linked with; and, to measure it by, the one as it is distributed.
