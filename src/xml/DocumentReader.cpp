@@ -15,12 +15,61 @@
 namespace {
 
 using xercesc::DOMElement;
+using xercesc::DOMNode;
 using xercesc::XMLString;
 
 constexpr std::array<const XMLCh*, 4> kElements = {u"error", u"event", u"field", u"instance"};
 constexpr std::array<const XMLCh*, 1> kTexts = {u"field"};
 constexpr std::array<const XMLCh*, 5> kAttributes = {u"name", u"type", u"classname",
                                                      u"modifyInstanceCode", u"provider"};
+
+/// Calls `enter` for each node below `scope`, in document order, and `leave` for each behind what
+/// is in it. Without recursion: a document decides how deep it goes, not the thread's stack.
+template <class Enter, class Leave>
+void walkBelow(const DOMNode& scope, const Enter& enter, const Leave& leave) {
+  const DOMNode* node = &scope;
+  for (;;) {
+    if (const DOMNode* const child = node->getFirstChild()) {
+      node = child;
+    } else {
+      for (;;) {
+        if (node == &scope) {
+          return;
+        }
+        leave(*node);
+        if (const DOMNode* const sibling = node->getNextSibling()) {
+          node = sibling;
+          break;
+        }
+        node = node->getParentNode();
+      }
+    }
+    enter(*node);
+  }
+}
+
+bool isElement(const DOMNode& node) {
+  return node.getNodeType() == DOMNode::ELEMENT_NODE;
+}
+
+bool isElement(const DOMNode& node, const XMLCh* name) {
+  return isElement(node) && XMLString::equals(node.getNodeName(), name);
+}
+
+constexpr auto pass = [](const DOMNode&) {};
+
+Elements elementsIn(const DOMNode& scope, const XMLCh* name) {
+  Elements found;
+  walkBelow(
+      scope,
+      [&](const DOMNode& node) {
+        if (isElement(node, name)) {
+          found.push_back(static_cast<const DOMElement*>(&node));
+        }
+      },
+      pass);
+  return found;
+}
 
 bool holds(std::span<const XMLCh* const> names, const XMLCh* name) {
   return std::any_of(names.begin(), names.end(),
@@ -39,34 +88,11 @@ const Vocabulary& protocolVocabulary() noexcept {
 }
 
 Elements elementsBelow(const DOMElement& scope, const XMLCh* name) {
-  Elements found;
-  const DOMElement* current = &scope;
-  for (;;) {
-    const DOMElement* next = current->getFirstElementChild();
-    while (next == nullptr) {
-      if (current == &scope) {
-        return found;
-      }
-      next = current->getNextElementSibling();
-      if (next == nullptr) {
-        // Without a document type there are no entity nodes: what holds an element is an element.
-        current = static_cast<const DOMElement*>(current->getParentNode());
-      }
-    }
-    current = next;
-    if (XMLString::equals(current->getTagName(), name)) {
-      found.push_back(current);
-    }
-  }
+  return elementsIn(scope, name);
 }
 
 std::string attributeOf(const DOMElement& element, const XMLCh* name) {
   return narrow(element.getAttribute(name));
-}
-
-Field fieldOf(const DOMElement& element) {
-  return makeField(attributeOf(element, u"name"), attributeOf(element, u"type"),
-                   narrow(element.getTextContent()));
 }
 
 /// The library's parser with its default settings and no error handler, which would report nothing
@@ -111,15 +137,15 @@ public:
                     const XMLCh* const prefix, const Attributes& attributes,
                     const XMLSize_t attributeCount, const bool isEmpty,
                     const bool isRoot) override {
-    if (depth_ == kMaximumDepth) {
+    if (open_.size() == kMaximumDepth) {
       const xercesc::Locator& place = *getScanner()->getLocator();
       throw XmlFailure(located("Elements are nested too deeply", place.getLineNumber(),
                                place.getColumnNumber()));
     }
     const XMLCh* const name = declaration.getFullName();
     const bool kept = isRoot || holds(vocabulary_.elements, name);
-    open_[depth_++] = {kept, holds(vocabulary_.texts, name)};
-    textDepth_ += std::size_t{open_[depth_ - 1].hasText};
+    const Open& opened = open_.emplace_back(Open{kept, holds(vocabulary_.texts, name)});
+    textDepth_ += std::size_t{opened.hasText};
     if (kept) {
       Attributes wanted(vocabulary_.attributes.size(), false); // owns none of them
       for (XMLSize_t i = 0; i < attributeCount; ++i) {
@@ -138,7 +164,8 @@ public:
   /// The library calls it for an empty element too, from within startElement.
   void endElement(const xercesc::XMLElementDecl& declaration, const unsigned int uri,
                   const bool isRoot, const XMLCh* const prefix) override {
-    const Open& closed = open_[--depth_];
+    const Open closed = open_.back();
+    open_.pop_back();
     textDepth_ -= std::size_t{closed.hasText};
     if (closed.kept) {
       XercesDOMParser::endElement(declaration, uri, isRoot, prefix);
@@ -161,8 +188,7 @@ private:
   };
 
   const Vocabulary& vocabulary_;
-  std::array<Open, kMaximumDepth> open_{}; ///< the elements that are open, the root first
-  std::size_t depth_ = 0;
+  std::vector<Open> open_;    ///< the elements that are open, the root first
   std::size_t textDepth_ = 0; ///< how many of them have text
   std::string firstError_;
 };
@@ -171,7 +197,7 @@ DocumentReader::DocumentReader(const std::string& text, const Vocabulary& vocabu
     : DocumentReader(text.c_str(), std::strlen(text.c_str()), vocabulary) {}
 
 DocumentReader::DocumentReader(const char* text, std::size_t size, const Vocabulary& vocabulary)
-    : mayRead_(kMostReadPerByte * size),
+    : mayRead_(std::max(kMostReadPerByte * size, kLeastRead)),
       source_(reinterpret_cast<const XMLByte*>(text), size, "simple buffer"),
       parser_(std::make_unique<Parser>(vocabulary)) {
   source_.setCopyBufToStream(false);
@@ -181,20 +207,55 @@ DocumentReader::DocumentReader(const char* text, std::size_t size, const Vocabul
 DocumentReader::~DocumentReader() = default;
 
 Elements DocumentReader::elements(const XMLCh* name) const {
-  const DOMElement& root = *parser_->getDocument()->getDocumentElement();
-  Elements found = elementsBelow(root, name);
-  if (XMLString::equals(root.getTagName(), name)) {
-    found.insert(found.begin(), &root);
-  }
+  return elementsIn(*parser_->getDocument(), name);
+}
+
+std::vector<DocumentReader::WithFields> DocumentReader::elementsWithFields(const XMLCh* name) {
+  fields_ = elements(u"field");
+  std::vector<WithFields> found;
+  std::vector<std::size_t> open; // the places in `found` of those that the walk is in
+  std::size_t passed = 0;        // the fields that the walk has come by
+  walkBelow(
+      *parser_->getDocument(),
+      [&](const DOMNode& node) {
+        passed += std::size_t{isElement(node, u"field")};
+        if (isElement(node, name)) {
+          open.push_back(found.size());
+          found.push_back(
+              {static_cast<const DOMElement*>(&node), std::span(fields_).subspan(passed)});
+        }
+      },
+      [&](const DOMNode& node) {
+        if (!open.empty() && found[open.back()].element == &node) {
+          std::span<const DOMElement* const>& fields = found[open.back()].fields;
+          fields = fields.first(fields.size() - (fields_.size() - passed));
+          open.pop_back();
+        }
+      });
   return found;
 }
 
 Field DocumentReader::readField(const DOMElement& element) {
-  Field field = fieldOf(element);
-  const std::size_t cost = kFieldCost + field[0].size() + field[1].size() + field[2].size();
+  std::basic_string<XMLCh> text;
+  walkBelow(
+      element,
+      [&](const DOMNode& node) {
+        if (isElement(node)) {
+          spend(1);
+        } else {
+          text += node.getNodeValue();
+        }
+      },
+      pass);
+  Field field =
+      makeField(attributeOf(element, u"name"), attributeOf(element, u"type"), narrow(text.c_str()));
+  spend(kFieldCost + field[0].size() + field[1].size() + field[2].size());
+  return field;
+}
+
+void DocumentReader::spend(std::size_t cost) {
   if (cost > mayRead_) {
     throw XmlFailure("Nested fields repeat too much of the document");
   }
   mayRead_ -= cost;
-  return field;
 }

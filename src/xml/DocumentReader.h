@@ -20,9 +20,6 @@ Elements elementsBelow(const xercesc::DOMElement& scope, const XMLCh* name);
 /// The attribute's value in the local code page; empty when it is missing.
 std::string attributeOf(const xercesc::DOMElement& element, const XMLCh* name);
 
-/// A "field" element as name, type word and value (its text content).
-Field fieldOf(const xercesc::DOMElement& element);
-
 /// The names that are looked for in a document.
 struct Vocabulary {
   std::span<const XMLCh* const> elements;
@@ -47,14 +44,16 @@ const Vocabulary& protocolVocabulary() noexcept;
 /// document that is not well-formed, empty or refused; the library's exceptions pass through.
 class DocumentReader {
 public:
-  /// Ample for the protocol's documents (3). The library's text look-up recurses, and the fields of
-  /// nested instances are read once for each of them.
-  static constexpr std::size_t kMaximumDepth = 64;
+  /// Far beyond the protocol's documents (3). Nothing recurses, so the stack sets no limit; the
+  /// library keeps some 130 bytes for each level that was ever open, for three of the document.
+  static constexpr std::size_t kMaximumDepth = 10'000;
   /// Nested fields are read once for each element around them, which must not make much of little:
   /// for each byte of the document so many bytes of fields are read, each field counted as its
-  /// texts and kFieldCost. Without nesting a document costs less than that.
+  /// texts, kFieldCost and the number of elements in it. Without nesting a document costs less than
+  /// that. In any case kLeastRead are read.
   static constexpr std::size_t kMostReadPerByte = 8;
   static constexpr std::size_t kFieldCost = 64;
+  static constexpr std::size_t kLeastRead = std::size_t{1024} * 1024;
 
   /// Reads `text` up to its first NUL, here and now: it need not outlive the call.
   explicit DocumentReader(const std::string& text,
@@ -66,16 +65,26 @@ public:
   /// All elements of that name in the document, the root element among them.
   Elements elements(const XMLCh* name) const;
 
-  /// One of the document's "field" elements, see fieldOf. Throws XmlFailure when the fields read so
-  /// far are too much for the document.
+  struct WithFields {
+    const xercesc::DOMElement* element;
+    std::span<const xercesc::DOMElement* const> fields; ///< below it, until the next such call
+  };
+  /// The elements of that name in the document, each with the "field" elements below it. In linear
+  /// time, however they are nested.
+  std::vector<WithFields> elementsWithFields(const XMLCh* name);
+
+  /// A "field" element as name, type word and value (its text content). Throws XmlFailure when the
+  /// fields read so far are too much for the document.
   Field readField(const xercesc::DOMElement& element);
 
 private:
   class Parser;
 
   DocumentReader(const char* text, std::size_t size, const Vocabulary& vocabulary);
+  void spend(std::size_t cost);
 
   std::size_t mayRead_; ///< what fields may still cost
   xercesc::MemBufInputSource source_;
   std::unique_ptr<Parser> parser_;
+  Elements fields_;
 };

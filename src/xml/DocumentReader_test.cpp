@@ -5,6 +5,7 @@
 #include "xml/testing/UnreadableDocuments.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <string>
 #include <vector>
@@ -15,6 +16,8 @@ class DocumentReaderTest : public testing::Test {
 protected:
   const XmlLibrary library_;
 };
+
+constexpr std::size_t kSmallStack = std::size_t{128} * 1024;
 
 constexpr const XMLCh* kElements[] = {u"a", u"r", u"field"};
 constexpr const XMLCh* kAttributes[] = {u"n", u"name", u"type"};
@@ -31,8 +34,8 @@ std::vector<std::string> names(const Elements& elements) {
 
 /// The text content of the root element "r".
 std::string textOf(const std::string& document) {
-  const DocumentReader reader(document, kEverything);
-  return narrow(reader.elements(u"r").at(0)->getTextContent());
+  DocumentReader reader(document, kEverything);
+  return reader.readField(*reader.elements(u"r").at(0))[2];
 }
 
 std::string failureOf(const std::string& document) {
@@ -63,11 +66,31 @@ TEST_F(DocumentReaderTest, ReadsElementsUpToItsDepth) {
   const auto nested = [](std::size_t depth) {
     return repeated(depth, "<a>") + "deep" + repeated(depth, "</a>");
   };
-  const DocumentReader reader(nested(kDepth), kEverything);
-  EXPECT_EQ(reader.elements(u"a").size(), kDepth);
-  EXPECT_EQ(narrow(reader.elements(u"a").front()->getTextContent()), "deep");
+  DocumentReader reader(nested(kDepth), kEverything);
+  const Elements found = reader.elements(u"a");
+  EXPECT_EQ(found.size(), kDepth);
+  EXPECT_EQ(reader.readField(*found.front())[2], "deep");
   EXPECT_EQ(failureOf(nested(kDepth + 1)), "Elements are nested too deeply (line 1, column " +
                                                std::to_string(3 * (kDepth + 1) + 1) + ")");
+}
+
+TEST_F(DocumentReaderTest, TheDeepestDocumentNeedsNoMoreStackThanAnyOther) {
+  constexpr std::size_t kDepth = DocumentReader::kMaximumDepth - 1;
+  static const std::string document = // some 800 KiB of stack when it was read by recursion
+      "<r>" + repeated(kDepth, "<a>") + "deep" + repeated(kDepth, "</a>") + "</r>";
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, kSmallStack), 0);
+  static std::string text;
+  pthread_t thread{};
+  const auto read = [](void*) -> void* {
+    text = textOf(document);
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attributes, read, nullptr), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+  EXPECT_EQ(text, "deep");
 }
 
 TEST_F(DocumentReaderTest, SiblingsAreNotDepth) {
@@ -96,23 +119,37 @@ TEST_F(DocumentReaderTest, FindsElementsBelowAScopeOnly) {
   EXPECT_EQ(names(elementsBelow(*all[4], u"a")), List{});
 }
 
+TEST_F(DocumentReaderTest, AnElementComesWithTheFieldsBelowItInDocumentOrder) {
+  DocumentReader reader("<instance name='1'><field name='a'/><x><instance name='2'><field name='b'>"
+                        "<field name='c'/></field></instance></x><instance name='3'/><field "
+                        "name='d'/></instance>");
+  std::vector<List> found;
+  for (const auto& [element, fields] : reader.elementsWithFields(u"instance")) {
+    List& names = found.emplace_back(List{attributeOf(*element, u"name")});
+    for (const xercesc::DOMElement* field : fields) {
+      names.push_back(attributeOf(*field, u"name"));
+    }
+  }
+  EXPECT_EQ(found, (std::vector<List>{{"1", "a", "b", "c", "d"}, {"2", "b", "c"}, {"3"}}));
+}
+
 TEST_F(DocumentReaderTest, TheRootIsAmongTheElements) {
   const DocumentReader reader("<a n='1'><a n='2'/></a>", kEverything);
   EXPECT_EQ(names(reader.elements(u"a")), (List{"1", "2"}));
 }
 
 TEST_F(DocumentReaderTest, AFieldIsNameTypeAndText) {
-  const DocumentReader reader("<r><field type='string' name='DeviceID'>SCANNER1</field>"
-                              "<field/><field name='A &amp; B' type=''> \n x </field></r>");
+  DocumentReader reader("<r><field type='string' name='DeviceID'>SCANNER1</field>"
+                        "<field/><field name='A &amp; B' type=''> \n x </field></r>");
   const Elements fields = reader.elements(u"field");
   ASSERT_EQ(fields.size(), 3U);
-  EXPECT_EQ(fieldOf(*fields[0]), (Field{"DeviceID", "string", "SCANNER1"}));
-  EXPECT_EQ(fieldOf(*fields[1]), (Field{"", "", ""}));
-  EXPECT_EQ(fieldOf(*fields[2]), (Field{"A & B", "", " \n x "}));
+  EXPECT_EQ(reader.readField(*fields[0]), (Field{"DeviceID", "string", "SCANNER1"}));
+  EXPECT_EQ(reader.readField(*fields[1]), (Field{"", "", ""}));
+  EXPECT_EQ(reader.readField(*fields[2]), (Field{"A & B", "", " \n x "}));
 }
 
 TEST_F(DocumentReaderTest, KeepsOnlyWhatTheProtocolNames) {
-  const DocumentReader reader(
+  DocumentReader reader(
       "<response x='1' name='root'>text<!-- c --><?p i?><other name='2'>text<instance name='3' "
       "y='4'>"
       "text<b><field name='5' type='6' z='7'>a<c name='8'>b<!-- c --></c><![CDATA[d]]></field></b>"
@@ -125,7 +162,7 @@ TEST_F(DocumentReaderTest, KeepsOnlyWhatTheProtocolNames) {
   EXPECT_EQ(instance.getChildNodes()->getLength(), 1U);
   const Elements fields = elementsBelow(instance, u"field");
   ASSERT_EQ(fields.size(), 1U);
-  EXPECT_EQ(fieldOf(*fields.front()), (Field{"5", "6", "abd"}));
+  EXPECT_EQ(reader.readField(*fields.front()), (Field{"5", "6", "abd"}));
   EXPECT_EQ(fields.front()->getChildNodes()->getLength(), 1U);
   const xercesc::DOMElement& root = *reader.elements(u"response").at(0);
   EXPECT_EQ(root.getChildNodes()->getLength(), 1U);
@@ -151,8 +188,8 @@ std::string readAllFields(const std::string& document) {
   std::size_t read = 0;
   try {
     DocumentReader reader(document);
-    for (const xercesc::DOMElement* instance : reader.elements(u"instance")) {
-      for (const xercesc::DOMElement* element : elementsBelow(*instance, u"field")) {
+    for (const auto& [instance, fields] : reader.elementsWithFields(u"instance")) {
+      for (const xercesc::DOMElement* element : fields) {
         for (const std::string& text : reader.readField(*element)) {
           read += text.size();
         }
@@ -164,22 +201,42 @@ std::string readAllFields(const std::string& document) {
   return std::to_string(read);
 }
 
+std::string nestedInInstances(std::size_t depth, const std::string& content) {
+  return repeated(depth, "<instance>") + content + repeated(depth, "</instance>");
+}
+
 std::string nestedInFields(std::size_t depth, const std::string& text) {
   return repeated(depth, "<field>") + text + repeated(depth, "</field>");
 }
 
+const std::string kTooMuch = "Nested fields repeat too much of the document";
+
 // A document of a megabyte grew to a gigabyte of fields.
 TEST_F(DocumentReaderTest, NestedFieldsDidRepeatADocumentAThousandTimes) {
-  const std::string text(100'000, 'x');
-  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(7, text) + "</instance>"), "700000");
-  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(9, text) + "</instance>"),
-            "Nested fields repeat too much of the document");
-  EXPECT_EQ(readAllFields(repeated(31, "<instance>") + nestedInFields(31, text) +
-                          repeated(31, "</instance>")),
-            "Nested fields repeat too much of the document");
-  EXPECT_EQ(readAllFields(repeated(31, "<instance>") + repeated(10'000, "<field/>") +
-                          repeated(31, "</instance>")),
-            "Nested fields repeat too much of the document");
+  const std::string text(200'000, 'x');
+  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(7, text) + "</instance>"), "1400000");
+  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(9, text) + "</instance>"), kTooMuch);
+  EXPECT_EQ(readAllFields(nestedInInstances(31, nestedInFields(31, text))), kTooMuch);
+  EXPECT_EQ(readAllFields(nestedInInstances(31, repeated(20'000, "<field/>"))), kTooMuch);
+}
+
+TEST_F(DocumentReaderTest, ASmallDocumentMayRepeatItsFieldsUpToAMegabyte) {
+  const std::string text(1'000, 'x');
+  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(900, text) + "</instance>"), kTooMuch);
+  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(700, text) + "</instance>"), "700000");
+  EXPECT_EQ(readAllFields(nestedInInstances(1'000, repeated(15, "<field/>") + "<field>x</field>")),
+            "1000");
+  EXPECT_EQ(readAllFields(nestedInInstances(1'000, repeated(17, "<field/>"))), kTooMuch);
+  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(1'000, "x") + "</instance>"), "1000");
+}
+
+// Each instance was walked for its fields, and each field for its text.
+TEST_F(DocumentReaderTest, ManyElementsInNestedOnesTookTimeInTheSquareOfTheirNumber) {
+  constexpr std::size_t kDepth = DocumentReader::kMaximumDepth - 2;
+  EXPECT_EQ(readAllFields(nestedInInstances(kDepth, repeated(200'000, "<event/>"))), "0");
+  EXPECT_EQ(readAllFields("<instance>" + nestedInFields(kDepth, repeated(200'000, "<event/>")) +
+                          "</instance>"),
+            kTooMuch);
 }
 
 TEST_F(DocumentReaderTest, FieldsWithoutNestingMayBeAsManyAsTheyAre) {
@@ -218,7 +275,7 @@ TEST_F(DocumentReaderTest, ReadsHugeValues) {
   const DocumentReader reader("<r n='" + huge + "'>" + huge + "</r>", kEverything);
   const xercesc::DOMElement& root = *reader.elements(u"r").at(0);
   EXPECT_TRUE(attributeOf(root, u"n") == huge);
-  EXPECT_TRUE(narrow(root.getTextContent()) == huge);
+  EXPECT_TRUE(textOf("<r>" + huge + "</r>") == huge);
 }
 
 TEST_F(DocumentReaderTest, FollowsNothingOutOfTheDocument) {

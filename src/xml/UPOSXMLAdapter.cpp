@@ -130,15 +130,14 @@ std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
   if (!errors.empty()) {
     return kErrorAnswer;
   }
-  const Elements instances = document.elements(u"instance");
+  const auto instances = document.elementsWithFields(u"instance");
   UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(instance) length: %d",
                  static_cast<int>(instances.size()));
-  for (const xercesc::DOMElement* instance : instances) {
+  for (const auto& [instance, fields] : instances) {
     const std::string className = attributeOf(*instance, u"name");
     const bool isScannerOrScale =
         contains(className, "UPOS_Scanner") || contains(className, "UPOS_Scale");
     bool keep = false;
-    const Elements fields = elementsBelow(*instance, u"field");
     for (std::size_t number = 0; number < fields.size(); ++number) {
       const Field& field = pendingFields_.emplace_back(document.readField(*fields[number]));
       const std::string& name = field[0];

@@ -63,30 +63,6 @@ public:
   }
 };
 
-std::size_t depthOf(const xercesc::DOMElement& root) {
-  std::size_t deepest = 0;
-  std::size_t depth = 1;
-  for (const xercesc::DOMNode* node = &root; node != nullptr;) {
-    deepest = std::max(deepest, depth);
-    if (node->getFirstChild() != nullptr) {
-      node = node->getFirstChild();
-      depth += node->getNodeType() == xercesc::DOMNode::ELEMENT_NODE ? 1 : 0;
-      continue;
-    }
-    while (node != &root && node->getNextSibling() == nullptr) {
-      depth -= node->getNodeType() == xercesc::DOMNode::ELEMENT_NODE ? 1 : 0;
-      node = node->getParentNode();
-    }
-    if (node == &root) {
-      break;
-    }
-    depth -= node->getNodeType() == xercesc::DOMNode::ELEMENT_NODE ? 1 : 0;
-    node = node->getNextSibling();
-    depth += node->getNodeType() == xercesc::DOMNode::ELEMENT_NODE ? 1 : 0;
-  }
-  return deepest;
-}
-
 std::vector<PlainDocument::Element*> allOf(const xercesc::DOMNodeList& list) {
   std::vector<PlainDocument::Element*> elements;
   for (XMLSize_t i = 0; const xercesc::DOMNode* node = list.item(i); ++i) {
@@ -130,8 +106,7 @@ bool PlainDocument::parse(const std::string& text) {
   }
   document_ = parser_.getDocument();
   return parser_.getErrorCount() == 0 && document_ != nullptr &&
-         document_->getDocumentElement() != nullptr && document_->getDoctype() == nullptr &&
-         depthOf(*document_->getDocumentElement()) <= DocumentReader::kMaximumDepth;
+         document_->getDocumentElement() != nullptr && document_->getDoctype() == nullptr;
 }
 
 std::vector<PlainDocument::Element*> PlainDocument::elements(const XMLCh* name) const {
@@ -148,10 +123,18 @@ Field PlainDocument::field(Element& element) {
           narrow(element.getTextContent())};
 }
 
-bool PlainDocument::isTooMuch(const Instance& fields, std::size_t documentSize) {
-  std::size_t cost = 0;
-  for (const Field& field : fields) {
-    cost += field[0].size() + field[1].size() + field[2].size() + DocumentReader::kFieldCost;
+std::size_t PlainDocument::costOf(Element& element) {
+  std::size_t cost = DocumentReader::kFieldCost;
+  for (const std::string& text : field(element)) {
+    cost += text.size();
   }
-  return cost > DocumentReader::kMostReadPerByte * documentSize;
+  for (const XMLCh* name : protocolVocabulary().elements) {
+    cost += elementsBelow(element, name).size();
+  }
+  return cost;
+}
+
+bool PlainDocument::isTooMuch(std::size_t cost, std::size_t documentSize) {
+  return cost >
+         std::max(DocumentReader::kMostReadPerByte * documentSize, DocumentReader::kLeastRead);
 }

@@ -19,7 +19,7 @@ class PlainDocument {
 public:
   explicit PlainDocument(const std::string& text);
 
-  /// Well-formed, without a document type, and no deeper than the service's readers go.
+  /// Well-formed and without a document type.
   [[nodiscard]] bool acceptable() const { return acceptable_; }
 
   using Element = const xercesc::DOMElement;
@@ -28,8 +28,10 @@ public:
 
   /// An element's attributes "name" and "type" and its text.
   static Field field(Element& element);
-  /// Whether the service's readers refuse fields that cost so much for the size of the document.
-  static bool isTooMuch(const Instance& fields, std::size_t documentSize);
+  /// What a field costs the service's readers, and whether they refuse so much in a document of
+  /// that size.
+  static std::size_t costOf(Element& element);
+  static bool isTooMuch(std::size_t cost, std::size_t documentSize);
 
   /// Starts the library, once; before the first document, and before the first reader.
   static void startLibrary();
