@@ -57,16 +57,9 @@ void openAgain(CommunicationLayer& layer, std::uint16_t port) {
   } while (layer.open(port) != 0);
 }
 
-// Byte by byte, not by code page: what a device server sends as text reaches WMI as Latin-1.
-win::Bstr widenEachCharacter(const std::string& text) {
-  std::wstring wide(text.size(), L'\0');
-  std::transform(text.begin(), text.end(), wide.begin(),
-                 [](char c) { return static_cast<wchar_t>(static_cast<unsigned char>(c)); });
-  return win::Bstr(wide);
-}
-
 HRESULT putText(IWbemClassObject& instance, const wchar_t* property, const std::string& text) {
-  win::Variant value(widenEachCharacter(text));
+  // As a list's texts become wide, so that both name a device alike.
+  win::Variant value(win::Bstr(win::widenInThreadCodePage(text)));
   return instance.Put(property, 0, value.get(), 0);
 }
 
