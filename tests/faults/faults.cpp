@@ -441,6 +441,42 @@ constexpr auto changedVariant = [](int, HRESULT, VARIANTARG* target, const VARIA
   }
 };
 
+// Windows refuses what a code page does not allow, where Wine takes anything: UTF-8, which may be
+// the machine's own, and GB18030 take one flag only, and UTF-8 no replacement character.
+constexpr UINT kGb18030 = 54936;
+decltype(MultiByteToWideChar)* multiByteToWideChar = nullptr;
+decltype(WideCharToMultiByte)* wideCharToMultiByte = nullptr;
+
+UINT resolved(UINT codePage) {
+  return codePage == CP_ACP || codePage == CP_THREAD_ACP ? GetACP() : codePage;
+}
+
+bool isRefused(UINT codePage, DWORD flags, DWORD allowed) {
+  return (codePage == CP_UTF8 || codePage == kGb18030) && (flags & ~allowed) != 0;
+}
+
+int WINAPI strictMultiByteToWideChar(UINT codePage, DWORD flags, LPCCH text, int length,
+                                     LPWSTR wide, int size) {
+  if (isRefused(resolved(codePage), flags, MB_ERR_INVALID_CHARS)) {
+    SetLastError(ERROR_INVALID_FLAGS);
+    return 0;
+  }
+  return multiByteToWideChar(codePage, flags, text, length, wide, size);
+}
+
+int WINAPI strictWideCharToMultiByte(UINT codePage, DWORD flags, LPCWCH wide, int length,
+                                     LPSTR text, int size, LPCCH replacement, LPBOOL wasReplaced) {
+  if (isRefused(resolved(codePage), flags, WC_ERR_INVALID_CHARS)) {
+    SetLastError(ERROR_INVALID_FLAGS);
+    return 0;
+  }
+  if (resolved(codePage) == CP_UTF8 && (replacement != nullptr || wasReplaced != nullptr)) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  return wideCharToMultiByte(codePage, flags, wide, length, text, size, replacement, wasReplaced);
+}
+
 // The signature is that of the function's own declaration.
 #define FAILS(function, failure, error, ...)                                                       \
   Replaced<#function, decltype(function) __VA_OPT__(, ) __VA_ARGS__>::failing(                     \
@@ -470,6 +506,8 @@ void install() {
   FAILS(_beginthreadex, 0U, ERROR_NOT_ENOUGH_MEMORY, nothing, opensThread);
   FAILS(GetModuleFileNameA, 0U, ERROR_NOT_ENOUGH_MEMORY);
   FAILS(GetCurrentDirectoryA, 0U, ERROR_NOT_ENOUGH_MEMORY);
+  replace("MultiByteToWideChar", multiByteToWideChar, strictMultiByteToWideChar);
+  replace("WideCharToMultiByte", wideCharToMultiByte, strictWideCharToMultiByte);
   FAILS(MultiByteToWideChar, 0, ERROR_NO_UNICODE_TRANSLATION);
   FAILS(WideCharToMultiByte, 0, ERROR_NO_UNICODE_TRANSLATION);
 

@@ -40,11 +40,11 @@ def template():
 
 
 @contextlib.contextmanager
-def temporary_machine():
+def temporary_machine(**environment):
     """A machine that is gone afterwards, whatever happened."""
     source = template()
     folder = Path(tempfile.mkdtemp(dir=WINE))
-    machine = Machine.copy_of(source, folder / "prefix")
+    machine = Machine.copy_of(source, folder / "prefix", **environment)
     try:
         yield machine
     finally:
@@ -86,26 +86,26 @@ def windows_path(path):
 
 
 class Machine:
-    def __init__(self, prefix):
+    def __init__(self, prefix, **environment):
         self.prefix = Path(prefix)
         self.c = self.prefix / "drive_c"
         self.home = self.c / "Quillmon"
         self.exe = self.home / "quillmon.exe"
         self.service_path = "C:/Quillmon/quillmon.exe"  # as it is registered
-        self.env = dict(os.environ, QUILLMON_WINEPREFIX=str(self.prefix))
+        self.env = dict(os.environ, QUILLMON_WINEPREFIX=str(self.prefix), **environment)
         self.processes = []
 
     # -- the machine itself
 
     @classmethod
-    def copy_of(cls, template, prefix):
+    def copy_of(cls, template, prefix, **environment):
         """A copy of a prefix at rest. Program files are linked, what the server rewrites is not."""
         prefix = Path(prefix)
         prefix.mkdir(parents=True)
         for entry in Path(template).iterdir():
             flag = "-al" if entry.name == "drive_c" else "-a"
             subprocess.run(["cp", flag, entry, prefix], check=True)
-        machine = cls(prefix)
+        machine = cls(prefix, **environment)
         machine.home.mkdir(exist_ok=True)
         shutil.copy(BUILD / "quillmon.exe", machine.exe)
         # Wine's own services inherit the output of the program that boots the machine, for good.
