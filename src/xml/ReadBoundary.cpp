@@ -17,8 +17,7 @@ constexpr std::string_view kDomLine = "<<XMLAdapter DOM Exception >> : ";
 
 void traceException(std::string_view line, std::string_view message) noexcept {
   UPOSLog::trace(line);
-  // The message is the format itself, as it always was: a doubled percent sign in it is one.
-  UPOSLog::trace(message);
+  UPOSLog::trace("%s", message);
 }
 
 void traceException(std::string_view line, const XMLCh* message) noexcept {

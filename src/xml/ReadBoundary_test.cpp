@@ -94,11 +94,9 @@ TEST_F(ReadBoundary, TracesAnythingElseInOneLineAndOnTheConsole) {
   }
 }
 
-// Kept as it always was: the message is the format of its trace line, so a doubled percent sign in
-// it is one, and any other conversion stands as it is.
-TEST_F(ReadBoundary, AMessagesPercentSignsAreHarmless) {
+TEST_F(ReadBoundary, AMessagesPercentSignsStandAsTheyAre) {
   EXPECT_FALSE(run([] { throw XmlFailure("%s%n%d 100%% %"); }));
-  EXPECT_EQ(recorded_trace::lines(), (Lines{"<<XMLAdapter XML Exception >> : ", "%s%n%d 100% %"}));
+  EXPECT_EQ(recorded_trace::lines(), (Lines{"<<XMLAdapter XML Exception >> : ", "%s%n%d 100%% %"}));
 }
 
 } // namespace
