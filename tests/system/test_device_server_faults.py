@@ -426,6 +426,35 @@ def test_schema_hints_and_inclusions_open_nothing(service, watched):
         assert service.answer(framed(hints)) == SCANNER
 
 
+def nested(tag, depth, content):
+    return f"<{tag}>" * depth + content + f"</{tag}>" * depth
+
+
+FIELDS = ('<field name="DeviceID" type="string">SCANNER1</field>'
+          '<field name="ManufacturerName" type="string">Veltran</field>')
+A, B = (f'<field name="DeviceID" type="string">{name}</field>' for name in "AB")
+MAKER = '<field name="ManufacturerName" type="string">Veltran</field>'
+
+
+@pytest.mark.parametrize("document, rows", [
+    (nested("a", 1000, device()), [["SCANNER1", "(null)"]]),
+    (nested("instance", 1000, FIELDS), [["SCANNER1", "(null)"]] * 1000),
+    (response(device(ModelName=nested("b", 1000, "deep"))), [["SCANNER1", "deep"]]),
+    (response(device(ModelName=nested("field", 1000, "deep"))), [["SCANNER1", "deep"]]),
+    (response(device(ModelName=nested("field", 50, "x" * 1000))), [["SCANNER1", "x" * 1000]]),
+    # The inner device's fields are the outer one's too; the last of a name is what WMI has.
+    (f"<instance>{A}{MAKER}<instance>{B}{MAKER}</instance></instance>",
+     [["B", "(null)"], ["B", "(null)"]]),
+    (f"<instance>{A}<group><instance>{MAKER}</instance></group></instance>",
+     [["A", "(null)"], ["(null)", "(null)"]]),
+    (f"<instance>{A}<instance>{B}</instance>{MAKER}</instance>", [["B", "(null)"]]),
+], ids=["1,000 elements", "1,000 instances", "a value in 1,000 elements", "1,000 fields",
+        "a small document that repeats itself", "a device in a device", "the maker further in",
+        "the inner one is discarded"])
+def test_nested_elements_are_all_read(service, document, rows):
+    assert service.answer(framed(document), "ModelName") == rows
+
+
 @pytest.mark.parametrize("document, expected", [
     ("<a>" * 100000 + "</a>" * 100000, FAILED),
     ("<response>" + device() + "<a>" * 100000 + "</a>" * 100000 + "</response>", FAILED),

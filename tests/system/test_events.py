@@ -111,9 +111,12 @@ MAKER = FIELD.format("ManufacturerName", "Veltran")
     (f'<event type="&lt;a&gt; &amp; &quot;b&quot;">{MAKER}</event>', ("", "", '<a> & "b"', "")),
     (f'<event type="x"><field name="DeviceID"> a <b>c</b><![CDATA[<d>]]></field>{MAKER}</event>',
      ("", " a c<d>", "x", "")),
+    (f'<event type="x"><a><a><a>{"<b>" * 60}{MAKER}{"</b>" * 60}</a></a></a></event>',
+     ("", "", "x", "")),
     (f'<event type="x">{MAKER}</event>\0no XML any more <', ("", "", "x", "")),
 ], ids=["no attributes", "only a type", "other attributes", "names in any case", "the last id",
         "one maker that keeps", "fields below", "the first event", "escapes", "mixed content",
+        "fields far below",
         "up to the NUL"])
 def test_a_document_is_read_for_its_first_event(till, watcher, document, expected):
     assert published(till, watcher, document) == [expected]

@@ -238,7 +238,7 @@ def test_documents_without_a_start_marker_are_cut_at_the_end_marker(server, watc
 @pytest.mark.parametrize("garbage", [
     "no document at all</event>", "<event type=</event>",
     START + "<!DOCTYPE event [<!ENTITY e 'x'>]><event type=\"addInstance\">&e;</event>",
-    START + "<event>" + "<a>" * 1000 + "</a>" * 1000 + "</event>"],
+    START + "<event>" + "<a>" * 10_000 + "</a>" * 10_000 + "</event>"],
     ids=["no document", "not well-formed", "a document type", "too deep"])
 def test_garbage_costs_nothing_but_itself(server, watcher, garbage):
     server.send(garbage)
