@@ -45,7 +45,7 @@ const Vocabulary& protocolVocabulary() noexcept;
 class DocumentReader {
 public:
   /// Far beyond the protocol's documents (3). Nothing recurses, so the stack sets no limit; the
-  /// library keeps some 130 bytes for each level that was ever open, for three of the document.
+  /// library keeps some 150 bytes for each level that was ever open, for three of the document.
   static constexpr std::size_t kMaximumDepth = 10'000;
   /// Nested fields are read once for each element around them, which must not make much of little:
   /// for each byte of the document so many bytes of fields are read, each field counted as its
