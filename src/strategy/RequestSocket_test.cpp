@@ -48,6 +48,14 @@ int WSAAPI refusedSend(SOCKET socket, const char* bytes, int size, int flags) {
   return SOCKET_ERROR;
 }
 
+int shutdowns = 0;
+decltype(shutdown)* realShutdown = nullptr;
+
+int WSAAPI observedShutdown(SOCKET socket, int how) {
+  shutdowns += GetCurrentThreadId() == exchangeThread ? 1 : 0;
+  return realShutdown(socket, how);
+}
+
 int pieceSize = 1024;
 std::function<void()> afterReceiving;
 decltype(recv)* realRecv = nullptr;
@@ -121,6 +129,7 @@ protected:
     UPOSConnector::streamReady = 0;
     exchangeThread = GetCurrentThreadId();
     sends.clear();
+    shutdowns = 0;
     starts.clear();
     timers.clear();
     startFails = false;
@@ -203,15 +212,21 @@ TEST_F(ExchangeRequest, SendsTheFramedRequestInOneSendAndNothingElse) {
   EXPECT_EQ(UPOSConnector::streamReady, 1U);
 }
 
-TEST_F(ExchangeRequest, ARefusedSendLeftBothSidesWaitingForEachOther) {
+TEST_F(ExchangeRequest, ARefusedSendIsNotLookedAtAndTheAnswerIsWaitedFor) {
   const PatchedImport<decltype(send)> patch("send", refusedSend);
   realSend = patch.original();
-  std::string received = "nothing yet";
-  TestPeer peer([&received](SOCKET connection) { received = receiveRest(connection); });
+  const PatchedImport<decltype(shutdown)> shutdownPatch("shutdown", observedShutdown);
+  realShutdown = shutdownPatch.original();
+  std::string heard = "nothing yet";
+  TestPeer peer([&heard](SOCKET connection) {
+    sendText(connection, framed("<response/>"));
+    heard = receiveRest(connection);
+  });
   configure(peer.port());
-  EXPECT_EQ(exchangeRequest("<request/>"), "");
+  EXPECT_EQ(exchangeRequest("<request/>"), "<response/>");
   peer.stop();
-  EXPECT_EQ(received, "");
+  EXPECT_EQ(heard, "");
+  EXPECT_EQ(shutdowns, 0);
 }
 
 TEST_F(ExchangeRequest, TracesEachStepOfTheFirstExchangeAndFewerLater) {

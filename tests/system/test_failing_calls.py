@@ -680,7 +680,7 @@ UNWALKED = {
     "the service control manager's, which ends a service that cannot report its state":
         "RegisterServiceCtrlHandlerA SetServiceStatus",
     "gives the default instead of failing": "GetPrivateProfileIntA GetPrivateProfileStringA",
-    "called after a send that was refused, or by tests alone": "shutdown getsockname",
+    "called by tests alone": "getsockname",
     "where code is loaded from: unchecked, a refusal leaves it as it was":
         "SetDefaultDllDirectories SetProcessMitigationPolicy",
     "tells the time": """
