@@ -26,8 +26,10 @@ struct FrameArea {
 /// as nothing more arrives. Bytes that were not received are never looked at.
 ///
 /// `receive(char* area, int size)` gives the number of bytes it wrote, 0 or less for no more.
-/// `onAreaUsedUp(out)` is called before each receive, so before the very first one too;
-/// `onEndMark(out)` when the message is complete. Exceptions of the callables and of `out` pass.
+/// `onAreaUsedUp(out)` is called before each receive, so before the very first one too; taking
+/// bytes out of `out` drops the message: what is left of it is not the next one, which begins at an
+/// ESC. `onEndMark(out)` when the message is complete. Exceptions of the callables and of `out`
+/// pass.
 template <class Receive, class OnAreaUsedUp, class OnEndMark>
 void readFrame(FrameArea& frame, ByteBuffer& out, Receive receive, OnAreaUsedUp onAreaUsedUp,
                OnEndMark onEndMark) {
@@ -50,7 +52,9 @@ void readFrame(FrameArea& frame, ByteBuffer& out, Receive receive, OnAreaUsedUp 
         return;
       }
     }
+    const std::uint32_t collected = out.size();
     onAreaUsedUp(out);
+    inMessage = inMessage && out.size() == collected;
     frame.position = 0;
     frame.count = 0; // stays so when nothing is received: the next call starts afresh
     const int received = receive(area, kFrameAreaSize);

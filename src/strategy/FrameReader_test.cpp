@@ -217,6 +217,29 @@ TEST(FrameReader, ReportsNothingUsedUpWhileTheAreaHoldsMore) {
   EXPECT_THAT(reader.calls, ElementsAre("end mark:two"));
 }
 
+TEST(FrameReader, WhatIsLeftOfADroppedMessageIsNotTheNextOne) {
+  std::deque<std::string> pieces = {"\x1B"
+                                    "ab",
+                                    "cd", "ef", "gh\x08ij\x08", "k\x1Bl\x1Bm\x08"};
+  FrameArea frame;
+  ByteBuffer out(1024, 1.5F);
+  readFrame(
+      frame, out,
+      [&](char* area, int) {
+        const std::string piece = pieces.front();
+        pieces.pop_front();
+        return static_cast<int>(piece.copy(area, piece.size()));
+      },
+      [](ByteBuffer& collected) {
+        if (collected.size() > 3) {
+          collected.clear();
+        }
+      },
+      [](const ByteBuffer&) {});
+  EXPECT_STREQ(out.text(), "l\x1Bm");
+  EXPECT_TRUE(pieces.empty());
+}
+
 TEST(FrameReader, AppendsToWhatTheBufferHolds) {
   Reader reader({"\x1B"
                  "abc\x08"});

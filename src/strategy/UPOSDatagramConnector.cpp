@@ -49,8 +49,8 @@ void UPOSDatagramConnector::Receive(ByteBuffer* out) {
   }
   readFrame(
       frame, *out, [this](char* area, int size) { return receiveDatagram(area, size); },
-      [](ByteBuffer& collected) {
-        if (collected.size() > kMaxMessage) {
+      [this](ByteBuffer& collected) {
+        if (collected.size() > maxMessage) {
           UPOSLog::trace("Dropping a message without an end mark after %d bytes", collected.size());
           collected.clear();
         }

@@ -14,20 +14,18 @@
 /// Owner and only user: the event thread. Destroying it leaves the socket open. The order of the
 /// fields is fixed.
 struct UPOSDatagramConnector {
-  /// What is kept of a message whose end mark does not come. Anybody who reaches the port could
-  /// otherwise have the service collect datagrams until the machine's memory is used up.
-  static constexpr std::uint32_t kMaxMessage = 1024 * 1024;
-
   SOCKET socket = 0;
   sockaddr_in local{};
   FrameArea frame; ///< persists between messages: one datagram may hold several
+  /// What is kept of a message whose end mark does not come. Anybody who reaches the port could
+  /// otherwise have the service collect datagrams until the machine's memory is used up.
+  std::uint32_t maxMessage = 64 * 1024 * 1024;
 
   /// 0 when bound now or before, 0xFFFFFFFF on failure.
   std::uint32_t Bind(std::uint16_t port);
   /// Blocks until one message has been appended to `out`; leaves `out` alone when nothing is bound.
   /// An empty datagram is nothing, one longer than 1024 bytes is lost, and a failing socket is
-  /// asked again once a second. Beyond kMaxMessage what was collected is dropped with a trace line;
-  /// the message then is what comes after that.
+  /// asked again once a second. A message longer than maxMessage is dropped with a trace line.
   void Receive(ByteBuffer* out);
   /// Closes the socket if it is bound: closesocket's result, 0 when nothing was bound.
   int Close();

@@ -73,6 +73,35 @@ std::vector<Message> read(const std::vector<std::string_view>& pieces, int end) 
   return messages;
 }
 
+/// With a limit a message that is dropped leaves nothing behind: what is found next began at a
+/// mark.
+void checkDropping(std::string_view stream, const std::vector<std::string_view>& pieces) {
+  constexpr std::uint32_t kLimit = 100;
+  const auto frame = std::make_unique<FrameArea>();
+  std::size_t next = 0;
+  bool complete = true;
+  while (complete) {
+    ByteBuffer out(1, 1.5F);
+    complete = false;
+    readFrame(
+        *frame, out,
+        [&](char* area, int) {
+          return next == pieces.size() ? 0 : static_cast<int>(pieces[next++].copy(area, 1024));
+        },
+        [](ByteBuffer& collected) {
+          if (collected.size() > kLimit) {
+            collected.clear();
+          }
+        },
+        [&](const ByteBuffer&) { complete = true; });
+    require(out.size() <= kLimit + kFrameAreaSize, "no message is longer than its limit");
+    const std::string framed = kFrameBegin + std::string(out.text(), out.size()) +
+                               (complete ? std::string(1, kFrameEnd) : "");
+    require((!complete && out.size() == 0) || stream.find(framed) != std::string_view::npos,
+            "a message is what lies behind a begin mark");
+  }
+}
+
 /// What the exchange frames, its reader finds again, as far as no byte of it is a mark.
 void checkRoundTrip(const std::string& text, std::string_view lengths) {
   ByteBuffer framed(-1, 0.0F);
@@ -100,6 +129,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           "the messages do not depend on the pieces");
   require(read(fuzzing::piecesOf(stream, ""), -1) == expected,
           "the messages of full areas and of a failing socket are the same");
+  checkDropping(stream, fuzzing::piecesOf(stream, lengths));
   std::string text(stream.substr(0, stream.find('\0')));
   std::erase(text, kFrameEnd);
   checkRoundTrip(text, lengths);
