@@ -22,20 +22,19 @@ CIMContainer::Reference CIMContainer::find(const CIMDevice& device) const {
   return found != index_.end() ? found->second->device : nullptr;
 }
 
+// The writer is one, so that what it has looked up stays until it makes the change.
 void CIMContainer::add(const CIMDevice& device) {
-  Records added;
-  added.push_back({device.getDeviceId(), std::make_shared<const CIMDevice>(device)});
-  {
-    std::scoped_lock lock(mutex_);
-    if (index_.contains(added.front().id)) {
-      return;
-    }
-    std::size_t& count = countOfClass_[device.getClassName()];
-    index_.try_emplace(added.front().id, added.begin());
-    ++count;
-    records_.splice(records_.end(), added);
+  if (find(device)) {
+    return;
   }
   UPOSLog::trace("Adding CIMDevice: %s", device.getDeviceId());
+  Records added;
+  added.push_back({device.getDeviceId(), std::make_shared<const CIMDevice>(device)});
+  std::scoped_lock lock(mutex_);
+  std::size_t& count = countOfClass_[device.getClassName()];
+  index_.try_emplace(added.front().id, added.begin());
+  ++count;
+  records_.splice(records_.end(), added);
 }
 
 void CIMContainer::replace(const CIMDevice& device) {
@@ -48,23 +47,21 @@ void CIMContainer::replace(const CIMDevice& device) {
 }
 
 void CIMContainer::remove(const CIMDevice& device) {
-  const std::string id = device.getDeviceId();
-  Records removed; // destroyed after the lock is left
-  {
-    std::scoped_lock lock(mutex_);
-    const auto found = index_.find(id);
-    if (found == index_.end()) {
-      return;
-    }
-    const auto record = found->second;
-    const auto count = countOfClass_.find(record->device->getClassName());
-    if (--count->second == 0) {
-      countOfClass_.erase(count);
-    }
-    index_.erase(found);
-    removed.splice(removed.end(), records_, record);
+  if (!find(device)) {
+    return;
   }
+  const std::string id = device.getDeviceId();
   UPOSLog::trace("Removing CIMDevice: %s", id);
+  Records removed; // destroyed after the lock is left
+  std::scoped_lock lock(mutex_);
+  const auto found = index_.find(id);
+  const auto record = found->second;
+  const auto count = countOfClass_.find(record->device->getClassName());
+  if (--count->second == 0) {
+    countOfClass_.erase(count);
+  }
+  index_.erase(found);
+  removed.splice(removed.end(), records_, record);
 }
 
 std::vector<CIMContainer::Reference>

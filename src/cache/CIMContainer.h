@@ -18,9 +18,9 @@
 /// long as it holds them, while devices are changed and removed; it sees each device as it was
 /// before or after an event, never in between.
 ///
-/// Threads: any, at the same time. A change made of several calls (find, then replace) is one
-/// writer's: the event thread is the only one. The lock is held for a look-up or for the walk over
-/// the list, never while a line is traced or a device copied.
+/// Threads: add, replace and remove are one thread's, the event thread's; the rest is for any, at
+/// the same time. The lock is held for a look-up or for the walk over the list, never while a line
+/// is traced or a device copied.
 /// Costs: find, add, replace, remove and a selection by id from all devices do not depend on the
 /// number of devices. Errors: std::bad_alloc only; the container is then unchanged.
 class CIMContainer {

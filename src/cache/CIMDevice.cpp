@@ -52,10 +52,10 @@ void CIMDevice::addRecordField(const Field& field) {
 }
 
 void CIMDevice::addInstance(const std::string& className) {
+  UPOSLog::trace("Instance count before adding %s is %d", deviceId_, count(instances_));
+  UPOSLog::trace("Adding instance %s with ID %s", className, deviceId_);
   // Also when it is listed already, on purpose: each publication needs a withdrawal of its own.
   instances_.push_back(className);
-  UPOSLog::trace("Instance count before adding %s is %d", deviceId_, count(instances_) - 1);
-  UPOSLog::trace("Adding instance %s with ID %s", className, deviceId_);
   UPOSLog::trace("Instance count after adding %s is %d", deviceId_, count(instances_));
 }
 
