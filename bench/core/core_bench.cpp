@@ -137,8 +137,7 @@ void splitStream(benchmark::State& state) {
     EventSplitter splitter;
     std::size_t documents = 0;
     for (std::string_view rest = stream; !rest.empty();) {
-      std::string_view piece = rest.substr(0, 1023);
-      piece.remove_suffix(EventSplitter::begunStartMarker(piece));
+      const std::string_view piece = rest.substr(0, 1023);
       documents += splitter.split(piece).size();
       rest.remove_prefix(piece.size());
     }
@@ -146,6 +145,19 @@ void splitStream(benchmark::State& state) {
   }
 }
 BENCHMARK(splitStream)->RangeMultiplier(10)->Range(10, 1000);
+
+/// One document of that many pieces of 1,023 bytes.
+void splitLongDocument(benchmark::State& state) {
+  const std::string piece = std::string(1017, '<') + "</even";
+  for (auto round : state) {
+    EventSplitter splitter;
+    for (std::size_t i = 0; i < sizeOf(state); ++i) {
+      splitter.split(piece);
+    }
+    benchmark::DoNotOptimize(splitter.split(EventSplitter::kEndMarker));
+  }
+}
+BENCHMARK(splitLongDocument)->RangeMultiplier(10)->Range(10, 10000);
 
 // -- the cache
 
@@ -172,6 +184,19 @@ void processEvent(benchmark::State& state) {
   }
 }
 BENCHMARK(processEvent)->RangeMultiplier(10)->Range(1, 10000);
+
+/// A device that comes and goes, beside that many others.
+void addAndRemove(benchmark::State& state) {
+  CIMContainer container;
+  fill(container, sizeOf(state));
+  const DeviceEvent add = eventOf("addInstance", sizeOf(state));
+  const DeviceEvent remove = eventOf("delInstance", sizeOf(state));
+  for (auto round : state) {
+    benchmark::DoNotOptimize(CIMDeviceUtil::processEvent(add, container));
+    benchmark::DoNotOptimize(CIMDeviceUtil::processEvent(remove, container));
+  }
+}
+BENCHMARK(addAndRemove)->RangeMultiplier(10)->Range(1, 10000);
 
 void listDevices(benchmark::State& state) {
   CIMContainer container;

@@ -6,9 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <ctime>
-#include <limits>
 #include <string>
 #include <vector>
 
@@ -352,29 +349,6 @@ TEST_F(FromXml, EachLineTestsTheTracesSwitch) {
   const int asked = recorded_trace::timesAsked() - before;
   recorded_trace::setSwitchedOn(true);
   EXPECT_EQ(asked, static_cast<int>(lines));
-}
-
-TEST_F(FromXml, TheTimeGrowsWithTheNumberOfInstancesOnly) {
-  recorded_trace::setSwitchedOn(false);
-  const auto timeOf = [](std::size_t count) {
-    const std::string document =
-        response(repeated(count, instance("UPOS_Scanner", repeated(7, field("A", "a value")) +
-                                                              field("ManufacturerName", "ORVEX"))));
-    std::clock_t best = std::numeric_limits<std::clock_t>::max();
-    for (int round = 0; round < 2; ++round) {
-      UPOSXMLAdapter adapter;
-      const std::clock_t start = std::clock();
-      EXPECT_EQ(adapter.fromXML(document), 0U);
-      best = std::min(best, std::clock() - start);
-      EXPECT_EQ(adapter.getInstances().size(), count);
-    }
-    return static_cast<double>(best) / CLOCKS_PER_SEC;
-  };
-  // Eight times the instances: eight times the time when it is linear, 64 times when it is not.
-  const double few = timeOf(1'250);
-  const double many = timeOf(10'000);
-  recorded_trace::setSwitchedOn(true);
-  EXPECT_LT(many, 24 * few);
 }
 
 } // namespace
