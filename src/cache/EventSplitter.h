@@ -15,28 +15,28 @@
 ///   it, also what follows the marker, is one document.
 /// No character is lost or added: the documents and what is pending are the received texts, joined.
 ///
-/// So a document may arrive in any number of pieces, with one exception: a start marker that is cut
-/// in two is not seen, and where the end of the document before it came in the same text, without
-/// that document's start marker, the two are cut in the wrong place. Whoever receives therefore
-/// ends no text within a start marker (`begunStartMarker`).
+/// So a document may arrive in any number of pieces. A text that ends within what may be a start
+/// marker is taken without that beginning, which goes in front of the next text: a marker is seen
+/// wherever the connection cut it. Where none comes of it the documents are the same, but for one
+/// that the text completed without a start marker of its own: it ends before that beginning.
 ///
-/// Owner: one connection's thread. Time: linear in the text received. Errors: std::bad_alloc only.
+/// Owner: one connection's thread. Time: linear in the text received. Errors: std::bad_alloc only,
+/// after which the connection's text is lost.
 class EventSplitter {
 public:
   static constexpr std::string_view kStartMarker =
       "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>";
   static constexpr std::string_view kEndMarker = "</event>";
 
-  /// How many characters at the end of `received` are the beginning of a start marker that is not
-  /// complete: they belong to the text received next.
-  static std::size_t begunStartMarker(std::string_view received) noexcept;
-
   /// The documents that `received` completes, in order.
   std::vector<std::string> split(std::string_view received);
 
   /// Bytes of the document that is not yet complete.
-  std::size_t pendingSize() const noexcept { return pending_.size(); }
+  std::size_t pendingSize() const noexcept { return pending_.size() + begun_.size(); }
 
 private:
+  std::vector<std::string> splitWhole(std::string_view text);
+
   std::string pending_; // never holds the end marker
+  std::string begun_;   // behind it: less than a start marker
 };

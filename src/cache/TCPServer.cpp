@@ -7,7 +7,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
+#include <iterator>
+#include <numeric>
 #include <system_error>
 #include <utility>
 
@@ -52,8 +53,9 @@ TCPServer::Winsock::~Winsock() {
   }
 }
 
-TCPServer::Client::Client(win::Socket accepted)
-    : socket(std::move(accepted)), readable(manualResetEvent(false)) {
+TCPServer::Client::Client(win::Socket accepted, std::shared_ptr<const Winsock> started)
+    : winsock(std::move(started)), socket(std::move(accepted)), readable(manualResetEvent(false)),
+      ended(manualResetEvent(false)) {
   // Non-blocking, so that neither a send nor the end of the server waits for a client.
   if (WSAEventSelect(socket.get(), readable.get(), FD_READ | FD_CLOSE) != 0) {
     throw std::system_error(WSAGetLastError(), std::system_category());
@@ -65,17 +67,17 @@ void TCPServer::ClientList::append(ClientPointer client) {
   clients_.push_back(std::move(client));
 }
 
-TCPServer::ClientPointer TCPServer::ClientList::remove(SOCKET socket) noexcept {
+TCPServer::ClientPointer TCPServer::ClientList::find(SOCKET socket) const noexcept {
   std::scoped_lock lock(mutex_);
   const auto found = std::find_if(clients_.begin(), clients_.end(), [socket](const auto& client) {
     return client->socket.get() == socket;
   });
-  if (found == clients_.end()) {
-    return nullptr;
-  }
-  ClientPointer removed = std::move(*found);
-  clients_.erase(found);
-  return removed;
+  return found != clients_.end() ? *found : nullptr;
+}
+
+void TCPServer::ClientList::remove(const ClientPointer& client) noexcept {
+  std::scoped_lock lock(mutex_);
+  std::erase(clients_, client);
 }
 
 std::vector<TCPServer::ClientPointer> TCPServer::ClientList::copy() const {
@@ -83,9 +85,11 @@ std::vector<TCPServer::ClientPointer> TCPServer::ClientList::copy() const {
   return clients_;
 }
 
-std::size_t TCPServer::ClientList::size() const {
+void TCPServer::ClientList::endAll() const noexcept {
   std::scoped_lock lock(mutex_);
-  return clients_.size();
+  for (const ClientPointer& client : clients_) {
+    SetEvent(client->ended.get());
+  }
 }
 
 TCPServer& TCPServer::instance() {
@@ -93,7 +97,7 @@ TCPServer& TCPServer::instance() {
   return *server;
 }
 
-TCPServer::TCPServer() : stopping_(manualResetEvent(true)) {}
+TCPServer::TCPServer(PendingLimits limits) : stopping_(manualResetEvent(true)), pending_(limits) {}
 
 TCPServer::~TCPServer() {
   if (listening_) {
@@ -145,7 +149,8 @@ bool TCPServer::startAccepting(Listening& listening) noexcept {
   }
   ResetEvent(stopping_.get());
   try {
-    listening.acceptThread = std::thread([this, listener] { acceptClients(listener); });
+    listening.acceptThread = std::thread(
+        [this, listener, winsock = listening.winsock] { acceptClients(listener, winsock); });
     return true;
   } catch (...) { // no thread to be had
     SetEvent(stopping_.get());
@@ -160,7 +165,8 @@ int TCPServer::stop() {
   }
   SetEvent(stopping_.get());
   const int result = closesocket(listening_->listener.release());
-  listening_->acceptThread.join();
+  listening_->acceptThread.join(); // no client comes any more
+  clients_.endAll();
   receivers_->waitUntilGone();
   listening_.reset();
   return result;
@@ -176,8 +182,8 @@ std::uint16_t TCPServer::port() const noexcept {
   return ntohs(address.sin_port);
 }
 
-bool TCPServer::put(std::string document) noexcept {
-  return handOff_.put(std::move(document), stopping_.get());
+bool TCPServer::put(std::string document, const Client& client) noexcept {
+  return handOff_.put(std::move(document), client.ended.get());
 }
 
 // Takes none of the two critical sections of the list: it must not wait for a client that comes or
@@ -198,16 +204,18 @@ void TCPServer::addClient(ClientPointer client) {
 
 void TCPServer::deleteClient(SOCKET socket) {
   std::scoped_lock lock(deleting_);
-  if (const ClientPointer client = clients_.remove(socket)) {
+  if (const ClientPointer client = clients_.find(socket)) {
     UPOSLog::trace("Deleting client: %p", client.get());
     client->text.clear();
+    clients_.remove(client);
   }
 }
 
-void TCPServer::acceptClients(SOCKET listener) noexcept {
+void TCPServer::acceptClients(SOCKET listener,
+                              const std::shared_ptr<const Winsock>& winsock) noexcept {
   while (win::Socket accepted = accept(listener)) {
     try {
-      welcome(std::move(accepted));
+      welcome(std::make_shared<Client>(std::move(accepted), winsock));
     } catch (...) { // without memory or threads this client is closed; others may fare better
     }
   }
@@ -230,20 +238,31 @@ win::Socket TCPServer::accept(SOCKET listener) noexcept {
   return win::Socket();
 }
 
-void TCPServer::welcome(win::Socket accepted) {
-  auto client = std::make_shared<Client>(std::move(accepted));
-  // Added before its thread starts: a client that has gone by then would never be deleted.
-  addClient(client);
+void TCPServer::welcome(const ClientPointer& client) {
+  std::scoped_lock lock(welcoming_);
+  startReceiving(client);
+  try {
+    addClient(client);
+  } catch (...) {
+    SetEvent(client->ended.get());
+    throw;
+  }
+}
+
+/// Its thread starts here, and begins to receive when the client is in the list: one that has gone
+/// again by then would otherwise never be deleted.
+void TCPServer::startReceiving(const ClientPointer& client) {
   receivers_->begin();
   try {
-    std::thread([this, client, receivers = receivers_]() mutable {
+    std::thread([this, client = ClientPointer(client), receivers = receivers_]() mutable {
+      { std::scoped_lock added(welcoming_); }
       serve(client);
       client.reset();
       receivers->end();
     }).detach();
   } catch (...) {
     receivers_->end();
-    deleteClient(client->socket.get());
+    throw;
   }
 }
 
@@ -257,64 +276,54 @@ void TCPServer::serve(const ClientPointer& client) noexcept {
 
 void TCPServer::receiveDocuments(Client& client) {
   EventSplitter splitter;
-  char buffer[kMostReceived + 1];
-  std::size_t held = 0; // the beginning of a start marker, not complete when it was received
-  for (;;) {
-    const int count = receive(client, buffer + held, kMostReceived - static_cast<int>(held));
-    if (count <= 0) {
-      return;
-    }
-    const std::string_view received(buffer, held + static_cast<std::size_t>(count));
-    const std::size_t zero = received.find('\0');
-    held = zero == std::string_view::npos ? EventSplitter::begunStartMarker(received) : 0;
-    const std::size_t whole = std::min(zero, received.size() - held);
-    if (whole != 0 || held == 0) {
-      client.text = received.substr(0, whole);
-      UPOSLog::trace("Data received from socket: %s", client.text);
-      for (std::string& document : splitter.split(client.text)) {
-        if (!put(std::move(document))) {
-          return;
-        }
-      }
-    }
-    if (splitter.pendingSize() > kLeastPending && splitter.pendingSize() > shareOfPending()) {
+  PendingTexts::Connection held(pending_, [&client] { SetEvent(client.ended.get()); });
+  char buffer[kMostReceived + 1] = {};
+  while (receive(client, buffer, kMostReceived) > 0) {
+    client.text = buffer; // up to the first zero byte
+    UPOSLog::trace("Data received from socket: %s", client.text);
+    std::vector<std::string> documents = splitter.split(client.text);
+    if (splitter.pendingSize() > pending_.limits().ofOne) {
       UPOSLog::trace("Dropping client %p: document without an end after %d bytes", &client,
                      static_cast<int>(splitter.pendingSize()));
       return;
     }
-    std::memmove(buffer, received.data() + received.size() - held, held);
+    held.hold(std::accumulate(
+        documents.begin(), documents.end(), splitter.pendingSize(),
+        [](std::size_t sum, const std::string& document) { return sum + document.size(); }));
+    for (std::string& document : documents) {
+      if (put(std::move(document), client)) {
+        held.delivered();
+      }
+    }
+    held.hold(splitter.pendingSize());
+    std::fill(std::begin(buffer), std::end(buffer), '\0');
+  }
+  if (held.isDropped()) {
+    UPOSLog::trace("Dropping client %p: the clients' unfinished documents are too long together",
+                   &client);
   }
 }
 
-/// As recv on a blocking socket, but 0 when the server is stopping.
+/// As recv on a blocking socket, but 0 when the client's thread is to end.
 int TCPServer::receive(const Client& client, char* buffer, int size) noexcept {
   const SOCKET socket = client.socket.get();
-  while (!isStopping()) {
+  while (WaitForSingleObject(client.ended.get(), 0) != WAIT_OBJECT_0) {
     const int count = recv(socket, buffer, size, 0);
     if (count >= 0 || WSAGetLastError() != WSAEWOULDBLOCK) {
       return count;
     }
-    if (!waitUntilReadable(client)) {
-      return 0;
-    }
+    waitUntilReadable(client);
   }
   return 0;
 }
 
-/// False when the server is stopping.
-bool TCPServer::waitUntilReadable(const Client& client) noexcept {
-  const HANDLE both[] = {stopping_.get(), client.readable.get()};
-  if (WaitForMultipleObjects(2, both, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) {
-    return false;
+/// Ends also when the client's thread is to end.
+void TCPServer::waitUntilReadable(const Client& client) noexcept {
+  const HANDLE both[] = {client.ended.get(), client.readable.get()};
+  if (WaitForMultipleObjects(2, both, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) {
+    WSANETWORKEVENTS events; // taken note of, which arms the event again
+    WSAEnumNetworkEvents(client.socket.get(), client.readable.get(), &events);
   }
-  WSANETWORKEVENTS events; // taken note of, which arms the event again
-  WSAEnumNetworkEvents(client.socket.get(), client.readable.get(), &events);
-  return true;
-}
-
-/// Any local process may connect, as often as it likes: what the clients keep is bounded together.
-std::size_t TCPServer::shareOfPending() const {
-  return kMaxPending / std::max<std::size_t>(clients_.size(), 1);
 }
 
 bool TCPServer::isStopping() const noexcept {

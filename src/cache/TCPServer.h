@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cache/DocumentHandOff.h"
+#include "cache/PendingTexts.h"
 #include "win/Handles.h"
 
 #include <condition_variable>
@@ -19,16 +20,16 @@
 /// Threads: startListening, stop, take and release belong to the consumer, the event thread; the
 /// rest is for any thread. One thread accepts, one per client receives; `stop` ends them all. A
 /// consumer that waits in `take` stays there across stop and a new start.
-/// Limits: the clients share kMaxPending bytes for unfinished documents (in buffers of up to twice
-/// that). One that wants more than its equal share, which is never less than kLeastPending, is
-/// dropped with a trace line. What comes faster than the consumer takes it stays in the connection.
+/// Limits: a client whose unfinished document has become too long is dropped with a trace line; so
+/// is one that PendingTexts chooses when all of them hold too much together (their buffers may have
+/// twice that). What comes faster than the consumer takes it stays in the connection.
 /// Errors: traced where the lines say so; results of sockets are not reported otherwise.
 class TCPServer {
 public:
-  static constexpr std::size_t kMaxPending = 16 * 1024 * 1024;
-  static constexpr std::size_t kLeastPending = 64 * 1024;
-
-  /// Winsock, started for as long as this lives: the last one to go closes all sockets.
+  /// Winsock, started for as long as this lives: the last one to go closes all sockets. One for
+  /// each period of listening, not for each client: Wine 8 counts the starts without a lock, and
+  /// once in some ten thousand clients that came and went on threads of their own it lost one and
+  /// closed the listening socket under us.
   class Winsock {
   public:
     Winsock() noexcept;
@@ -43,11 +44,12 @@ public:
   /// A connected device server. Its socket is closed when the last one lets go of the record.
   struct Client {
     /// Takes the socket over and makes it non-blocking; throws std::system_error.
-    explicit Client(win::Socket accepted);
+    Client(win::Socket accepted, std::shared_ptr<const Winsock> started);
 
-    Winsock winsock;
+    const std::shared_ptr<const Winsock> winsock; ///< for whoever lets go of the socket last
     win::Socket socket;
     win::Handle readable; ///< something has come, or the peer has closed
+    win::Handle ended;    ///< set: whatever its receive thread waits for, it ends
     std::string text;     ///< what was received last; the receive thread's
   };
   using ClientPointer = std::shared_ptr<Client>;
@@ -56,7 +58,7 @@ public:
   static TCPServer& instance();
 
   /// Throws std::system_error when the platform has no more events.
-  TCPServer();
+  explicit TCPServer(PendingLimits limits = {});
   TCPServer(const TCPServer&) = delete;
   TCPServer& operator=(const TCPServer&) = delete;
   /// Stops first; for tests, the process's server lives on.
@@ -71,8 +73,9 @@ public:
   /// The port listened on; 0 when not listening.
   std::uint16_t port() const noexcept;
 
-  /// Waits until the consumer takes the document; false when the server is stopped meanwhile.
-  bool put(std::string document) noexcept;
+  /// A client's document: waits until the consumer takes it; false when the client's thread is to
+  /// end meanwhile.
+  bool put(std::string document, const Client& client) noexcept;
   std::string take() { return handOff_.take(); }
   void release() noexcept { handOff_.release(); }
 
@@ -89,10 +92,11 @@ private:
   class ClientList {
   public:
     void append(ClientPointer client);
-    /// The removed client, or null.
-    ClientPointer remove(SOCKET socket) noexcept;
+    /// Null for an unknown socket.
+    ClientPointer find(SOCKET socket) const noexcept;
+    void remove(const ClientPointer& client) noexcept;
     std::vector<ClientPointer> copy() const;
-    std::size_t size() const;
+    void endAll() const noexcept;
 
   private:
     mutable std::mutex mutex_;
@@ -101,7 +105,7 @@ private:
 
   /// One period of listening.
   struct Listening {
-    Winsock winsock;
+    const std::shared_ptr<const Winsock> winsock = std::make_shared<const Winsock>();
     win::Socket listener;
     std::thread acceptThread;
   };
@@ -122,20 +126,22 @@ private:
 
   std::unique_ptr<Listening> open(std::uint16_t port);
   bool startAccepting(Listening& listening) noexcept;
-  void acceptClients(SOCKET listener) noexcept;
+  void acceptClients(SOCKET listener, const std::shared_ptr<const Winsock>& winsock) noexcept;
   win::Socket accept(SOCKET listener) noexcept;
-  void welcome(win::Socket accepted);
+  void welcome(const ClientPointer& client);
+  void startReceiving(const ClientPointer& client);
   void serve(const ClientPointer& client) noexcept;
   void receiveDocuments(Client& client);
-  int receive(const Client& client, char* buffer, int size) noexcept;
-  bool waitUntilReadable(const Client& client) noexcept;
+  static int receive(const Client& client, char* buffer, int size) noexcept;
+  static void waitUntilReadable(const Client& client) noexcept;
   bool isStopping() const noexcept;
-  std::size_t shareOfPending() const;
 
   DocumentHandOff handOff_;
-  win::Handle stopping_; // set while stopped; ends every wait of the threads
+  win::Handle stopping_; // set while stopped; ends the accept thread's waits
+  std::mutex welcoming_; // the accept thread's, from a client's thread to its place in the list
   std::mutex adding_;    // addClient's
   std::mutex deleting_;  // deleteClient's
+  PendingTexts pending_;
   ClientList clients_;
   std::unique_ptr<Listening> listening_; // the consumer's
   const std::shared_ptr<Receivers> receivers_ = std::make_shared<Receivers>();

@@ -4,6 +4,7 @@
 #include "cache/EventSplitter.h"
 
 #include <algorithm>
+#include <iterator>
 
 using fuzzing::require;
 
@@ -50,20 +51,51 @@ void append(Documents& documents, Documents more) {
   std::move(more.begin(), more.end(), std::back_inserter(documents));
 }
 
-/// Any texts at all: as the rules say, and nothing lost or added.
+/// How much of a start marker has begun at the end of the text.
+std::size_t begunStartMarker(std::string_view text) {
+  std::size_t begun = EventSplitter::kStartMarker.size() - 1;
+  while (!text.ends_with(EventSplitter::kStartMarker.substr(0, begun))) {
+    --begun;
+  }
+  return begun;
+}
+
+/// Any texts at all: as the rules say for texts that end outside a start marker, and nothing lost
+/// or added.
 void splitAnything(const std::vector<std::string_view>& texts) {
   EventSplitter splitter;
   Documents documents;
   Documents expected;
   std::string pending;
+  std::string held;
   std::string received;
   for (const std::string_view text : texts) {
     received += text;
     append(documents, splitter.split(text));
-    split(std::string(text), pending, expected);
+    held += text;
+    const std::size_t whole = held.size() - begunStartMarker(held);
+    split(held.substr(0, whole), pending, expected);
+    held.erase(0, whole);
     require(documents == expected, "the documents are those of the rules");
-    require(splitter.pendingSize() == pending.size(), "what is pending is what the rules leave");
-    require(joined(documents) + pending == received, "no character is lost or added");
+    require(splitter.pendingSize() == pending.size() + held.size(),
+            "what is pending is what the rules leave");
+    require(joined(documents) + pending + held == received, "no character is lost or added");
+  }
+}
+
+/// As if no marker could be cut: the same documents as long as none is.
+void splitUncut(const std::vector<std::string_view>& texts) {
+  EventSplitter splitter;
+  Documents documents;
+  Documents expected;
+  std::string pending;
+  for (const std::string_view text : texts) {
+    if (begunStartMarker(text) != 0) {
+      return;
+    }
+    append(documents, splitter.split(text));
+    split(std::string(text), pending, expected);
+    require(documents == expected, "without a begun marker the rules hold to the letter");
   }
 }
 
@@ -97,23 +129,15 @@ Documents properDocuments(std::string_view text) {
   return starts == documents.size() ? documents : Documents();
 }
 
-/// Proper documents arrive whole and in order, however the connection cuts them, as long as no
-/// text ends within a start marker.
+/// Proper documents arrive whole and in order, however the connection cuts them.
 void splitProperDocuments(const Documents& documents, std::string_view lengths) {
   EventSplitter splitter;
   Documents found;
-  std::string held;
   const std::string all = joined(documents);
   for (const std::string_view piece : fuzzing::piecesOf(all, lengths)) {
-    held += piece;
-    const std::size_t begun = EventSplitter::begunStartMarker(held);
-    require(begun < EventSplitter::kStartMarker.size() &&
-                held.ends_with(EventSplitter::kStartMarker.substr(0, begun)),
-            "what is held back is the beginning of a marker");
-    append(found, splitter.split(std::string_view(held).substr(0, held.size() - begun)));
-    held.erase(0, held.size() - begun);
+    append(found, splitter.split(piece));
   }
-  require(held.empty() && splitter.pendingSize() == 0, "nothing is left over");
+  require(splitter.pendingSize() == 0, "nothing is left over");
   require(found == documents, "the documents do not depend on the pieces");
 }
 
@@ -124,6 +148,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string_view stream = fuzzing::textOf(data, size);
   const std::string_view lengths = fuzzing::cutFront(stream, '\n');
   splitAnything(fuzzing::piecesOf(stream, lengths));
+  splitUncut(fuzzing::piecesOf(stream, lengths));
   splitProperDocuments(properDocuments(stream), lengths);
   return 0;
 }

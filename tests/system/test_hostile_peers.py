@@ -78,16 +78,18 @@ def test_each_of_ten_thousand_datagrams_at_once_is_published_or_counted_as_dropp
     assert published(service, watcher, event("AFTER")) == [plain("AFTER")]
 
 
-def test_a_message_that_never_ended_took_all_memory(service, watcher):
+def test_a_message_of_two_mebibytes_is_taken(service, watcher):
+    large = event("LARGE").replace(FIELD, f"<!--{'x' * 2 * 2**20}-->" + FIELD)
+    send_without_loss(service.event_port, framed(large))
+    assert published(service, watcher, event("AFTER")) == [plain("LARGE"), plain("AFTER")]
+
+
+def test_a_message_of_more_than_64_mebibytes_is_dropped_and_its_rest_is_not_the_next_one(
+        service, watcher):
     peak = service.memory_peak()
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
-        sender.sendto(ESC, ("127.0.0.1", service.event_port))
-        for _ in range(200):
-            for _ in range(100):
-                sender.sendto(b"x" * 1024, ("127.0.0.1", service.event_port))
-            wait_until(lambda: event_socket(service.event_port)[0] == 0, "them to be read")
-    assert service.memory_peak() - peak < 10
-    send(service.event_port, BS)
+    send_without_loss(service.event_port, ESC + b"x" * (65 * 2**20))
+    assert service.memory_peak() - peak < 200
+    send(service.event_port, event("REST").encode() + BS)
     assert published(service, watcher, event("AFTER")) == [plain("AFTER")]
 
 
@@ -328,6 +330,7 @@ def test_thousands_of_connections_come_and_go_and_leave_nothing_behind(
 def test_two_hundred_connections_at_once_keep_no_event_and_no_request_waiting(
         proxy, server, stream_watcher):
     assert published_in_stream(server, stream_watcher) == []  # so it is connected
+    assert names(proxy, "UPOS_LogicalDevice")[1] == OK  # so the threads of COM's calls are there
     threads = proxy.service_status("Threads")
     crowd = [socket.create_connection(("127.0.0.1", proxy.event_port)) for _ in range(200)]
     wait_until(lambda: proxy.service_status("Threads") >= threads + 200, "them to be accepted", 60)
@@ -343,28 +346,36 @@ def test_two_hundred_connections_at_once_keep_no_event_and_no_request_waiting(
     wait_until(lambda: proxy.service_status("Threads") <= threads, "their threads to end", 60)
 
 
-def test_connections_that_never_end_their_document_took_sixteen_megabytes_each(
+def test_beside_three_hundred_idle_connections_an_event_of_300_kilobytes_is_taken(
+        proxy, server, stream_watcher):
+    assert published_in_stream(server, stream_watcher) == []  # so it is connected
+    threads = proxy.service_status("Threads")
+    idle = []
+    for number in range(1, 301):
+        idle.append(socket.create_connection(("127.0.0.1", proxy.event_port)))
+        if number % 5 == 0:  # half of what may wait to be accepted
+            wait_until(lambda: proxy.service_status("Threads") >= threads + number, "them to be in")
+    large = document("LARGE").replace("<field", f"<!--{'x' * 300_000}--><field", 1)
+    assert published_in_stream(server, stream_watcher, large, document("LARGE", "delInstance")) == [
+        ("LARGE", "addInstance", ""), ("LARGE", "delInstance", "")]
+    for connection in idle:
+        connection.close()
+    wait_until(lambda: proxy.service_status("Threads") <= threads, "their threads to end", 60)
+
+
+def test_a_connection_that_never_ends_its_document_takes_64_mebibytes_and_is_dropped(
         proxy, server, stream_watcher):
     assert published_in_stream(server, stream_watcher) == []  # so it is connected
     peak = proxy.service_memory_peak()
-    crowd = [socket.create_connection(("127.0.0.1", proxy.event_port)) for _ in range(20)]
-    threads = proxy.service_status("Threads")
-
-    def send_much(connection):
-        try:
-            connection.sendall(b"x" * 17_000_000)
-        except OSError:  # dropped
-            pass
-
-    senders = [threading.Thread(target=send_much, args=(connection,)) for connection in crowd]
-    for sender in senders:
-        sender.start()
-    for sender in senders:
-        sender.join()
-    wait_until(lambda: proxy.service_status("Threads") < threads, "one to be dropped")
-    assert proxy.service_memory_peak() - peak < 100
-    for connection in crowd:
-        connection.close()
+    with DeviceServer(proxy.event_port) as endless:
+        endless.connection.settimeout(120)
+        sent = 0
+        with pytest.raises(OSError):  # reset by the service
+            while True:
+                endless.send("x" * 1_000_000)
+                sent += 1_000_000
+    assert sent > 63_000_000
+    assert proxy.service_memory_peak() - peak < 220
     assert published_in_stream(server, stream_watcher, document("ON"),
                                document("ON", "delInstance"))[0][0] == "ON"
 

@@ -246,6 +246,13 @@ def test_garbage_costs_nothing_but_itself(server, watcher, garbage):
         ("AFTER", "addInstance", ""), ("AFTER", "delInstance", "")]
 
 
+def test_a_document_of_twenty_mebibytes_is_taken(server, watcher):
+    server.connection.settimeout(120)
+    server.send(document("LARGE").replace("<field", f"<!--{'x' * 20 * 2**20}--><field", 1))
+    assert published(server, watcher, document("LARGE", "delInstance")) == [
+        ("LARGE", "addInstance", ""), ("LARGE", "delInstance", "")]
+
+
 def test_a_client_that_resets_or_stalls_in_a_document_hurts_only_itself(port, server, watcher):
     with DeviceServer(port) as stalling:
         stalling.send(document("NEVER")[:60])
@@ -258,7 +265,7 @@ def test_a_client_that_resets_or_stalls_in_a_document_hurts_only_itself(port, se
 def test_a_document_without_an_end_is_dropped_with_its_connection(port, server, watcher):
     with DeviceServer(port) as endless:
         with pytest.raises(OSError):  # reset by the service
-            for _ in range(64):
+            for _ in range(80):
                 endless.send("x" * 1_000_000)
     assert published(server, watcher, document("ON"), document("ON", "delInstance")) == [
         ("ON", "addInstance", ""), ("ON", "delInstance", "")]

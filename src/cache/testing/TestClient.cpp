@@ -15,20 +15,18 @@ void require(bool done, const char* operation) {
 } // namespace
 
 TestClient::TestClient(std::uint16_t port) {
-  require(connectTo(port) || (WSAGetLastError() == WSAECONNREFUSED && connectTo(port)), "connect");
-  const int noDelay = 1;
-  require(setsockopt(socket(), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&noDelay),
-                     sizeof noDelay) == 0,
-          "setsockopt");
-}
-
-bool TestClient::connectTo(std::uint16_t port) {
+  static const TCPServer::Winsock winsock; // of all clients, as it is counted without a lock
   socket_.reset(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = inet_addr("127.0.0.1");
   address.sin_port = htons(port);
-  return connect(socket(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  require(connect(socket(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
+          "connect");
+  const int noDelay = 1;
+  require(setsockopt(socket(), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&noDelay),
+                     sizeof noDelay) == 0,
+          "setsockopt");
 }
 
 void TestClient::send(const std::string& text) {

@@ -10,8 +10,6 @@
 /// throws std::system_error.
 class TestClient {
 public:
-  /// A refusal is asked about once more: under Wine one of some ten thousand connections has been
-  /// refused while the server listened. A server that does not listen refuses both.
   explicit TestClient(std::uint16_t port);
 
   /// One send, without delay, so that it travels by itself as a rule.
@@ -29,8 +27,5 @@ public:
   SOCKET socket() const noexcept { return socket_.get(); }
 
 private:
-  bool connectTo(std::uint16_t port);
-
-  TCPServer::Winsock winsock_;
   win::Socket socket_;
 };
