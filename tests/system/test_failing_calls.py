@@ -101,10 +101,17 @@ def configure_trace(machine, settings):
 
 @pytest.fixture
 def peer(machine):
-    """A device server with two scanners, for the configuration that the program finds."""
-    with Peer(answer=framed(response(
-            device("S1", GoodScanCount=("uint32", "3")),
-            device("S2")))) as peer:
+    """A device server with two scanners, for the configuration that the program finds. It answers
+    whoever connects: a request whose send fails is not looked at, and would wait with it."""
+    answer = framed(response(device("S1", GoodScanCount=("uint32", "3")), device("S2")))
+
+    def answer_unasked(connection):
+        connection.sendall(answer)
+        while connection.recv(65536):
+            pass
+
+    with Peer() as peer:
+        peer.on_connect = answer_unasked
         machine.configure(
             upos__requestSocket__Port=peer.port, upos__requestSocket__retryTimeout=100,
             provider__eventSocket__Port=machine.events)
