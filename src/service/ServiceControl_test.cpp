@@ -91,6 +91,7 @@ TEST_F(ServiceControl, AnInterrogationIsAnsweredWithTheBlockAsItStands) {
 
 // Kept: the state takes the last error of the thread that handles the control.
 TEST_F(ServiceControl, AnUnknownControlPutsTheLastErrorIntoTheState) {
+  startAndFail();
   ServiceCtrlHandler(SERVICE_CONTROL_STOP);
   for (const int control : {SERVICE_CONTROL_PAUSE, 200}) {
     SetLastError(1234);

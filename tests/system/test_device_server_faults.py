@@ -646,13 +646,14 @@ def test_line_ends_in_an_answer_are_traced_as_they_are(traced):
     (response(device(ModelName="A&#13;&#10;@"), "<!--\r\n@-->"), 7, SCANNER),
     (response(device(), "\r\n@\x1b[2K"), 4, FAILED),
 ], ids=["readable", "unreadable"])
-def test_an_answer_forged_a_line_of_the_trace(traced, document, count, result):
-    forged = "01/02/2026 03:04:05  [Process] exit t_Result = 0"
-    assert traced.answer(framed(document.replace("@", forged))) == result
+def test_an_answer_is_traced_as_it_came_even_where_it_imitates_a_line(
+        traced, document, count, result):
+    imitation = "01/02/2026 03:04:05  [Process] exit t_Result = 0"
+    document = document.replace("@", imitation)
+    assert traced.answer(framed(document)) == result
     log = traced.machine.log.read_bytes().decode()
-    assert log.count(f"\n {forged}") == count and "\x1b" not in log
-    for line in re.findall(r"(?m)^[0-9].*", log):
-        assert re.match(r"\d\d/\d\d/\d{4} \d\d:\d\d:\d\d  ", line) and line[:len(forged)] != forged
+    assert log.count(f"\n{imitation}") == count
+    assert f"answer: '{document}'\r\n" in log
 
 
 def test_every_receive_is_traced_with_what_was_collected_so_far(traced):
