@@ -100,6 +100,19 @@ TEST(CIMContainer, ReplaceOfAnUnknownDeviceDoesNothing) {
   EXPECT_THAT(allIds(container), IsEmpty());
 }
 
+TEST(CIMContainer, ADevicesComingAndGoingIsTracedBeforeTheChange) {
+  CIMContainer container;
+  std::vector<std::string> seen;
+  recorded_trace::setObserver([&](const std::string& line) {
+    seen.push_back(line + (container.find(device("S1")) != nullptr ? ", is there" : ", is not"));
+  });
+  container.add(device("S1"));
+  container.remove(device("S1"));
+  recorded_trace::setObserver({});
+  EXPECT_THAT(seen,
+              ElementsAre("Adding CIMDevice: S1, is not", "Removing CIMDevice: S1, is there"));
+}
+
 TEST(CIMContainer, AReaderKeepsWhatItWasHanded) {
   CIMContainer container;
   container.add(device("S1"));

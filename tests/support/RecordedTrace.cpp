@@ -4,10 +4,12 @@
 
 #include <atomic>
 #include <mutex>
+#include <utility>
 
 namespace {
 std::mutex mutex;
 std::vector<std::string> recorded;
+std::function<void(const std::string&)> observer;
 std::atomic<bool> switchedOn = true;
 std::atomic<bool> echo = false;
 std::atomic<int> asked = 0;
@@ -31,6 +33,10 @@ int timesAsked() {
 bool consoleEcho() {
   return echo;
 }
+void setObserver(std::function<void(const std::string&)> wanted) {
+  std::scoped_lock lock(mutex);
+  observer = std::move(wanted);
+}
 } // namespace recorded_trace
 
 bool UPOSLog::isSwitchedOn() noexcept {
@@ -44,5 +50,9 @@ void UPOSLog::setConsoleEcho() noexcept {
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {
   std::scoped_lock lock(mutex);
-  recorded.push_back(formatPrintf(format, arguments));
+  std::string line = formatPrintf(format, arguments);
+  if (observer) {
+    observer(line);
+  }
+  recorded.push_back(std::move(line));
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,4 +14,6 @@ void setSwitchedOn(bool on);
 /// How many lines were traced, switched on or not: the real log looks its event up for each.
 int timesAsked();
 bool consoleEcho();
+/// Called with each line before it is recorded; for what must hold at that moment. Empty: nothing.
+void setObserver(std::function<void(const std::string& line)> observer);
 } // namespace recorded_trace
