@@ -21,6 +21,10 @@ else()
     -Wold-style-cast -Woverloaded-virtual -Wimplicit-fallthrough -Wextra-semi -Werror
     -fstack-protector-strong)
   target_link_options(quillmon_flags INTERFACE -fstack-protector-strong)
+  if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    # A precompiled header's content, not its age, decides; a compiler cache needs that.
+    target_compile_options(quillmon_flags INTERFACE "SHELL:-Xclang -fno-pch-timestamp")
+  endif()
   target_compile_definitions(quillmon_flags INTERFACE _GLIBCXX_ASSERTIONS)
 endif()
 

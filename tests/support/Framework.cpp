@@ -1,0 +1,1 @@
+// The test framework has headers and libraries; this file has them precompiled.
