@@ -36,9 +36,13 @@ install_packages() {
     as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
+# What the library is cross-built with, what the programs are built of and run on, and the rest.
+cross_packages=(ca-certificates cmake ninja-build g++-mingw-w64-x86-64-posix dpkg-dev xz-utils)
+program_packages=(
+  wine64 googletest libfmt-dev libasio-dev libcli11-dev nlohmann-json3-dev python3
+)
 build_packages=(
-  ca-certificates g++ make cmake ninja-build g++-mingw-w64-x86-64-posix dpkg-dev xz-utils wine64
-  googletest libfmt-dev libasio-dev libcli11-dev nlohmann-json3-dev libxerces-c-dev python3
+  "${cross_packages[@]}" "${program_packages[@]}" g++ make ccache libxerces-c-dev
 )
 test_packages=(
   clang-14 clang-format-14 clang-tidy-14 libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
@@ -91,12 +95,11 @@ cross_build_xerces() {
     quietly "$cache/log/xerces-patch.log" patch -d "$source" -p1 -i "$patch"
   done
   rm -rf "$xerces_prefix"
+  sed -i '/add_subdirectory(\(doc\|tests\|samples\))/d' "$source/CMakeLists.txt"
   quietly "$cache/log/xerces-configure.log" cmake -G Ninja -S "$source" -B "$work/build" \
     -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64.cmake" -DCMAKE_INSTALL_PREFIX="$xerces_prefix" \
     "${xerces_options[@]}" -DCMAKE_CXX_FLAGS="${xerces_flags//@WORK@/$work}"
-  quietly "$cache/log/xerces-build.log" cmake --build "$work/build" --target xerces-c
-  sed -i '/add_subdirectory(\(doc\|tests\|samples\))/d' "$source/CMakeLists.txt"
-  quietly "$cache/log/xerces-reconfigure.log" cmake "$work/build"
+  quietly "$cache/log/xerces-build.log" cmake --build "$work/build"
   quietly "$cache/log/xerces-install.log" cmake --install "$work/build"
   # For the packages' papers: its licence, where it came from, and what was changed.
   local papers=$xerces_prefix/share/doc/xerces-c
@@ -125,6 +128,15 @@ fetch_xerces_source() {
   quietly "$cache/log/xerces-source-update.log" apt-get "${options[@]}" update
   (cd "$work" && quietly "$cache/log/xerces-source.log" apt-get "${options[@]}" source --download-only xerces-c)
   (cd "$work" && quietly "$cache/log/xerces-unpack.log" dpkg-source -x xerces-c_*.dsc)
+}
+
+# prepare PACKAGE...: installs what the library is built with, and the packages while it is built.
+prepare() {
+  install_packages "${cross_packages[@]}"
+  install_packages "$@" &
+  local rest=$!
+  build_xerces
+  wait $rest
 }
 
 # build PRESET [TARGET...]: configures and builds one flavour.
