@@ -37,16 +37,15 @@ constexpr std::string_view kOwnMessages[] = {
     "<<XMLAdapter>>: Creating socket",
     "<<XMLAdapter>>: Just recently Java failed, I will skip it for now...",
     "<<XMLAdapter>>: Receiving data",
-    "<<XMLAdapter>>: Unable to connect to socket! aborting (Reason: #)... Will reject requests for "
-    "the "
-    "next # milliseconds...",
+    ("<<XMLAdapter>>: Unable to connect to socket! aborting (Reason: #)... Will reject "
+     "requests for the next # milliseconds..."),
     "<<configureTimers>>: CreateTimerQueue() succeeded!!",
     "<<configureTimers>>: Creating Timer queue...",
     "<<configureTimers>>: Loading timeout for the retry when java drivers are out...",
     "<<configureTimers>>: Timeout is # milliseconds.",
     "<<fromXML>> Discarding NON-ORVEX device",
-    "<<signalServerIsOfflineFor5Seconds>>: Java server is down, will avoid attempts for # "
-    "milliseconds...",
+    ("<<signalServerIsOfflineFor5Seconds>>: Java server is down, will avoid attempts for # "
+     "milliseconds..."),
     "Adding client #",
     "Deleting client: #",
     "GetIntanceByPath: Number of Keys: #",
