@@ -151,5 +151,5 @@ build() {
 
 # stop_wine PREFIX: ends every Windows program of that prefix.
 stop_wine() {
-  WINEPREFIX=$(realpath -m "$1") /usr/lib/wine/wineserver -k 2>/dev/null || true
+  QUILLMON_WINEPREFIX=$(realpath -m "$1") "$root/tests/wine" --end
 }
