@@ -10,7 +10,6 @@ import os
 import re
 import select
 import sys
-import tempfile
 import time
 from pathlib import Path
 
@@ -18,10 +17,10 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tests" / "system"))
 
 import machine as machines  # noqa: E402
+from ports import reserve_port  # noqa: E402
 
 BUILD = machines.BUILD
 DISTRIBUTED = ROOT / "build" / "windows-distributed"  # linked with the XML library as distributed
-WINE = ROOT / "build" / "wine"
 SECONDS = 120
 
 
@@ -74,13 +73,20 @@ class Side:
 
     def __init__(self, kind, strategy):
         self.kind, self.strategy = kind, strategy
-        self.folder = Path(tempfile.mkdtemp(dir=WINE))
-        self.machine = machines.Machine.copy_of(machines.template(), self.folder / "prefix")
-        if kind == "distributed":
+        self.machine = machines.Machine()
+        try:
+            self._start()
+        except BaseException:
+            self.close()
+            raise
+
+    def _start(self):
+        self.machine.boot()
+        if self.kind == "distributed":
             self.machine.exe.write_bytes((DISTRIBUTED / "quillmon.exe").read_bytes())
         self.machine.set_wmi("Quiet", 1)
-        self.events = machines.free_port()
-        self.requests = machines.free_port()
+        self.events = reserve_port()
+        self.requests = reserve_port()
         self.client = Program(self.machine, BUILD / "bench_client.exe", self.requests)
         self.client.expect("ready")
         self.provider = None
@@ -144,7 +150,6 @@ class Side:
 
     def close(self):
         self.machine.shut_down()
-        self.folder.rmdir()
 
 
 def processor_time(pid):

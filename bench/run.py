@@ -187,7 +187,7 @@ class Run:
     def skipped(self, sides):
         for side in sides:
             side.end_provider()
-            side.start_provider(requests=rig.machines.free_port() if side.kind == "product" else 0)
+            side.start_provider(requests=rig.reserve_port() if side.kind == "product" else 0)
         for side in sides:
             self.wait_until_refused(side)
         self.add("request skipped during back-off", self.turns(sides, ["refused", 20], 20))

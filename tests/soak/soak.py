@@ -28,9 +28,10 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "system"))
 
 from clients import EVENT, FAILED, OK, counters, status_of, table  # noqa: E402
-from machine import (BUILD, ROOT, SERVICE, Till, WmiClient, bound_datagram_ports, free_port,  # noqa: E402
+from machine import (BUILD, ROOT, SERVICE, Till, WmiClient, bound_datagram_ports,  # noqa: E402
                      temporary_machine, wait_until)
 from peer import framed, reset  # noqa: E402
+from ports import reserve_port  # noqa: E402
 
 REGISTRY = "HKLM\\SOFTWARE\\Veltran\\Veltran Kestrune"
 LOG_SIZE, LOG_BACKUPS = 1_000_000, 3
@@ -307,7 +308,7 @@ def stranger(strategy, port):
 
 
 def start_service(machine, strategy):
-    requests, events = free_port(), free_port(socket.SOCK_DGRAM)
+    requests, events = reserve_port(), reserve_port()
     machine.configure(
         upos__requestSocket__Port=requests, upos__requestSocket__retryTimeout=int(RETRY_TIMEOUT * 1000),
         provider__eventSocket__Port=events, provider__maxQueryThreads=2,

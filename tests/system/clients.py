@@ -1,5 +1,7 @@
 """The tests' way to list, fetch and watch as a WMI client, and to send device events by hand."""
 
+import contextlib
+import os
 import re
 import socket
 
@@ -72,9 +74,22 @@ def event(device_id, kind="modifyInstance", cls="Scanner", code="", maker="Veltr
         f'<field name="ManufacturerName" type="string">{maker}</field></event>')
 
 
+@contextlib.contextmanager
+def sender_in_order():
+    """A socket whose datagrams arrive in the order in which this thread sends them: from one
+    processor, since each has a queue of its own for what the machine sends to itself."""
+    processors = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, {min(processors)})
+    try:
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            yield sender
+    finally:
+        os.sched_setaffinity(0, processors)
+
+
 def send(port, *datagrams):
     """Sends datagrams to the event port, in order; an event document is given as text."""
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+    with sender_in_order() as sender:
         for datagram in datagrams:
             sender.sendto(framed(datagram) if isinstance(datagram, str) else datagram,
                           ("127.0.0.1", port))

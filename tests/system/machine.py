@@ -9,70 +9,104 @@ import os
 import re
 import select
 import shutil
-import socket
+import signal
 import subprocess
 import tempfile
 import time
 from pathlib import Path
 
+from ports import reserve_port
+
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("QUILLMON_BUILD", ROOT / "build" / "windows"))
 SERVICE = "QuillmonServ"
 WMI_HOST = "HKLM\\SOFTWARE\\QuillmonTest\\WmiHost"
-WINESERVER = "/usr/lib/wine/wineserver"
+TESTS_WINE = ROOT / "tests" / "wine"
 WINE = ROOT / "build" / "wine"
+MACHINES = WINE / "machines"  # a folder each, whose file "owner" is locked as long as its test runs
+
+
+def wine(prefix, *command, **options):
+    """Runs a program to its end in a prefix, or one of the options of tests/wine."""
+    return subprocess.run([TESTS_WINE, *command], check=True, stdin=subprocess.DEVNULL,
+                          env=dict(os.environ, QUILLMON_WINEPREFIX=str(prefix)), **options)
 
 
 def template():
-    """A prefix at rest that machines are copied from; made once, kept in the build folder."""
+    """A prefix at rest that machines are copied from, with the WMI stand-in registered; kept in the
+    build folder, and made again when the stand-in is another one."""
     prefix = WINE / "template"
+    library = BUILD / "wmi_host.dll"
+    wanted = f"{library} {library.stat().st_mtime_ns}"
+    stamp = prefix / ".registered"
     WINE.mkdir(parents=True, exist_ok=True)
     with open(WINE / "template.making", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
-        if not (prefix / ".complete").exists():
-            shutil.rmtree(prefix, ignore_errors=True)
-            env = dict(os.environ, QUILLMON_WINEPREFIX=str(prefix), WINEPREFIX=str(prefix))
-            subprocess.run([ROOT / "tests" / "wine", "cmd", "/c", "exit"], env=env, check=True)
-            subprocess.run([WINESERVER, "-k"], env=env)
-            subprocess.run([WINESERVER, "-w"], env=env)
-            (prefix / ".complete").touch()
+        if not stamp.exists() or stamp.read_text() != wanted:
+            try:
+                remove_prefix(prefix)
+                wine(prefix, "regsvr32", "/s", library, stdout=subprocess.DEVNULL)
+                wine(prefix, "reg", "add", WMI_HOST, "/v", "Mof", "/d", MOF, "/f",
+                     stdout=subprocess.DEVNULL)
+                wine(prefix, "--end")
+                stamp.write_text(wanted)
+            except BaseException:
+                remove_prefix(prefix)
+                raise
     return prefix
+
+
+def processes_of(prefix):
+    """The ids of the prefix's processes on the host, its server among them."""
+    mark, found = f"WINEPREFIX={prefix}".encode(), []
+    for folder in Path("/proc").iterdir():
+        with contextlib.suppress(OSError):  # ended meanwhile, or somebody else's
+            if (folder.name.isdigit()
+                    and mark in (folder / "environ").read_bytes().split(b"\0")):
+                found.append(int(folder.name))
+    return found
+
+
+def kill_processes_of(prefix, but="\0"):
+    for process in processes_of(prefix):
+        with contextlib.suppress(OSError):  # ended meanwhile
+            if not Path(f"/proc/{process}/comm").read_text().startswith(but):
+                os.kill(process, signal.SIGKILL)
+
+
+def remove_prefix(prefix):
+    """The prefix with all that belongs to it: programs, server, files."""
+    kill_processes_of(prefix, but="wineserver")  # which would ask them to end, and wait
+    wine(prefix, "--end", stderr=subprocess.DEVNULL)
+    kill_processes_of(prefix)  # a server whose files are gone
+    wait_until(lambda: not processes_of(prefix), f"the programs of {prefix} to end")
+    if Path(prefix).exists():
+        shutil.rmtree(prefix)
+    Path(f"{prefix}.lock").unlink(missing_ok=True)
 
 
 @contextlib.contextmanager
 def temporary_machine(**environment):
     """A machine that is gone afterwards, whatever happened."""
-    source = template()
-    folder = Path(tempfile.mkdtemp(dir=WINE))
-    machine = Machine.copy_of(source, folder / "prefix", **environment)
+    machine = Machine(**environment)
     try:
+        machine.boot()
         yield machine
     finally:
         machine.shut_down()
-        folder.rmdir()
 
 
-# Wine's own words when, once in a thousand programs on a busy machine, it does not get one started;
-# the program itself has not run then.
-NOT_STARTED = b"Application could not be started"
-
-
-def wait_until(condition, what, seconds=20.0):
+def wait_until(condition, what, seconds=20.0, longest_pause=0.02):
     """Polls until condition() is true and returns its value; fails the test with `what`."""
-    deadline = time.monotonic() + seconds
+    deadline, pause = time.monotonic() + seconds, 0.001
     while True:
         value = condition()
         if value:
             return value
         if time.monotonic() > deadline:
             raise AssertionError(f"waited {seconds:.0f} s in vain for {what}")
-        time.sleep(0.02)
-
-
-def free_port(kind=socket.SOCK_STREAM):
-    with socket.socket(socket.AF_INET, kind) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+        time.sleep(pause)
+        pause = min(2 * pause, longest_pause)
 
 
 def bound_datagram_ports():
@@ -85,9 +119,16 @@ def windows_path(path):
     return "Z:" + str(Path(path).resolve()).replace("/", "\\")
 
 
+MOF = windows_path(ROOT / "mof" / "quillmon.mof")
+
+
 class Machine:
-    def __init__(self, prefix, **environment):
-        self.prefix = Path(prefix)
+    def __init__(self, **environment):
+        MACHINES.mkdir(parents=True, exist_ok=True)
+        self.folder = Path(tempfile.mkdtemp(dir=MACHINES))
+        self.owner = open(self.folder / "owner", "w")
+        fcntl.flock(self.owner, fcntl.LOCK_EX)
+        self.prefix = self.folder / "prefix"
         self.c = self.prefix / "drive_c"
         self.home = self.c / "Quillmon"
         self.exe = self.home / "quillmon.exe"
@@ -97,45 +138,36 @@ class Machine:
 
     # -- the machine itself
 
-    @classmethod
-    def copy_of(cls, template, prefix, **environment):
-        """A copy of a prefix at rest. Program files are linked, what the server rewrites is not."""
-        prefix = Path(prefix)
-        prefix.mkdir(parents=True)
-        for entry in Path(template).iterdir():
+    def boot(self):
+        """Copies the template, whose program files are linked and whose other files are the
+        server's, and starts the copy; returns once a program has run in it and found a setting."""
+        self.prefix.mkdir()
+        for entry in template().iterdir():
             flag = "-al" if entry.name == "drive_c" else "-a"
-            subprocess.run(["cp", flag, entry, prefix], check=True)
-        machine = cls(prefix, **environment)
-        machine.home.mkdir(exist_ok=True)
-        shutil.copy(BUILD / "quillmon.exe", machine.exe)
-        # Wine's own services inherit the output of the program that boots the machine, for good.
-        subprocess.run(
-            [ROOT / "tests" / "wine", "regsvr32", "/s", BUILD / "wmi_host.dll"], env=machine.env,
-            check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL)
-        machine.set_wmi("Mof", windows_path(ROOT / "mof" / "quillmon.mof"))
-        return machine
+            subprocess.run(["cp", flag, entry, self.prefix], check=True)
+        self.home.mkdir(exist_ok=True)
+        shutil.copy(BUILD / "quillmon.exe", self.exe)
+        subprocess.run([TESTS_WINE, "--start"], env=self.env, check=True, stdin=subprocess.DEVNULL)
+        booted = self.query_registry(WMI_HOST, "Mof")
+        assert booted == MOF, f"a new machine does not work: {booted}"
 
     def shut_down(self):
         for process in self.processes:
             if process.poll() is None:
                 process.kill()
             process.wait()
-        subprocess.run([WINESERVER, "-k"], env=dict(self.env, WINEPREFIX=str(self.prefix)))
-        shutil.rmtree(self.prefix, ignore_errors=True)
-        Path(f"{self.prefix}.lock").unlink(missing_ok=True)
+        remove_prefix(self.prefix)
+        shutil.rmtree(self.folder)
+        self.owner.close()
 
     # -- programs
 
     def run(self, program, *arguments, cwd=None, timeout=60):
         """Runs a Windows program to its end; its output with plain line ends."""
-        for _ in range(3):
-            done = subprocess.run(
-                [ROOT / "tests" / "wine", program, *map(str, arguments)],
-                env=self.env, cwd=cwd or self.home, timeout=timeout,
-                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-            if NOT_STARTED not in done.stdout + done.stderr:
-                break
+        done = subprocess.run(
+            [TESTS_WINE, program, *map(str, arguments)],
+            env=self.env, cwd=cwd or self.home, timeout=timeout,
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         done.out = done.stdout.decode("latin-1").replace("\r\n", "\n")
         done.err = done.stderr.decode("latin-1").replace("\r\n", "\n")
         return done
@@ -143,8 +175,8 @@ class Machine:
     def start(self, program, *arguments, cwd=None, **options):
         """Starts a Windows program and returns its Popen; it is killed with the machine."""
         process = subprocess.Popen(
-            [ROOT / "tests" / "wine", program, *map(str, arguments)], env=self.env,
-            cwd=cwd or self.home, stdin=options.get("stdin", subprocess.PIPE),
+            [TESTS_WINE, program, *map(str, arguments)], env=self.env, cwd=cwd or self.home,
+            stdin=options.get("stdin", subprocess.PIPE),
             stdout=options.get("stdout", subprocess.PIPE), stderr=subprocess.STDOUT)
         self.processes.append(process)
         return process
@@ -167,17 +199,9 @@ class Machine:
         folder.mkdir(parents=True, exist_ok=True)
         (folder / "quillmon.properties").write_bytes(text.encode("latin-1"))
 
-    def administer(self, *command):
-        """Runs one of Windows' own programs until it succeeds: on a busy machine Wine now and then
-        does not get one started, and does not always say so."""
-        for _ in range(3):
-            done = self.run(*command)
-            if done.returncode == 0:
-                return
-        raise AssertionError(f"{command}: {done.returncode} {done.out} {done.err}")
-
     def set_registry(self, key, name, value, kind="REG_SZ"):
-        self.administer("reg", "add", key, "/v", name, "/t", kind, "/d", value, "/f")
+        done = self.run("reg", "add", key, "/v", name, "/t", kind, "/d", value, "/f")
+        assert done.returncode == 0, done.out + done.err
 
     def delete_registry(self, key, name):
         self.run("reg", "delete", key, "/v", name, "/f")
@@ -203,7 +227,7 @@ class Machine:
     def start_till(self, *arguments, inventory=ROOT / "samples" / "till.xml"):
         """Starts the simulated device server on ports of this machine's own, and configures the
         service for them."""
-        requests, events = free_port(), free_port(socket.SOCK_DGRAM)
+        requests, events = reserve_port(), reserve_port()
         self.configure(upos__requestSocket__Port=requests, provider__eventSocket__Port=events)
         return Till(self, requests, events, inventory, arguments)
 
@@ -265,22 +289,29 @@ class Machine:
         assert "Quillmon Services has been started." in done.out, done.out + done.err
 
     def stop_service(self):
+        """Returns once the service's process has ended, too: until then it could not be started."""
         self.run("net", "stop", SERVICE)
         wait_until(lambda: self.service_state() == "STOPPED", "the service to stop")
+        wait_until(lambda: self.service_process() is None, "the service's process to end")
 
     def service_process(self):
         """The id of the service's process on the host; what it uses is best seen from there."""
-        program, prefix = f"{self.service_path}\0".encode(), f"WINEPREFIX={self.prefix}".encode()
-        for folder in Path("/proc").iterdir():
-            if not folder.name.isdigit():
-                continue
-            try:
-                if ((folder / "cmdline").read_bytes().startswith(program)
-                        and prefix in (folder / "environ").read_bytes().split(b"\0")):
-                    return int(folder.name)
-            except OSError:
-                pass  # ended meanwhile
+        program = f"{self.service_path}\0".encode()
+        for process in processes_of(self.prefix):
+            with contextlib.suppress(OSError):  # ended meanwhile
+                if Path(f"/proc/{process}/cmdline").read_bytes().startswith(program):
+                    return process
         return None
+
+    def service_datagram_ports(self):
+        """The UDP ports that the service has open."""
+        inodes = set()
+        for link in Path(f"/proc/{self.service_process()}/fd").iterdir():
+            with contextlib.suppress(OSError):  # closed meanwhile
+                inodes.add(os.readlink(link))
+        lines = [line.split() for line in Path("/proc/net/udp").read_text().splitlines()[1:]]
+        return {int(words[1].rpartition(":")[2], 16) for words in lines
+                if f"socket:[{words[9]}]" in inodes}
 
     def service_status(self, name):
         """A number that the host knows of the service's process: VmHWM in KiB, Threads, ..."""
@@ -288,6 +319,11 @@ class Machine:
             if line.startswith(name + ":"):
                 return int(line.split()[1])
         raise KeyError(name)
+
+    def service_time(self):
+        """Seconds of processor time that the service's process has used."""
+        fields = Path(f"/proc/{self.service_process()}/stat").read_text().rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
     def service_memory_peak(self):
         """The most memory that the service's process ever held, in MiB."""

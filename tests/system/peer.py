@@ -6,6 +6,8 @@ import struct
 import threading
 import time
 
+from ports import reserve_port
+
 ESC, BS = b"\x1b", b"\x08"
 
 
@@ -43,16 +45,16 @@ class Peer:
     `requests` holds the bytes of each request, marks included, as they came.
     """
 
-    def __init__(self, port=0, answer=NORMAL):
+    def __init__(self, port=None, answer=NORMAL):
         self.answer = answer
         self.on_connect = None  # a function that takes the connection before its request is read
         self.requests = []
         self.connections = []
+        self.port = port or reserve_port()
         self.listener = socket.socket()
         self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.listener.bind(("127.0.0.1", port))
+        self.listener.bind(("127.0.0.1", self.port))
         self.listener.listen(128)
-        self.port = self.listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
 
     def _accept(self):

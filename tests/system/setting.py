@@ -1,11 +1,10 @@
 """The installed service in the adapter strategy, with a scripted device server and a client."""
 
 import contextlib
-import os
-import socket
 
-from machine import BUILD, bound_datagram_ports, free_port, wait_until
+from machine import BUILD, bound_datagram_ports, wait_until
 from peer import NORMAL, Peer
+from ports import reserve_port
 
 SCANNER = [["SCANNER1"]]
 
@@ -21,7 +20,7 @@ class Setting:
     def __init__(self, machine):
         self.machine = machine
         self.peer = Peer()
-        self.event_port = free_port(socket.SOCK_DGRAM)
+        self.event_port = reserve_port()
         self.configure()
         machine.install_service()
         wait_until(lambda: self.event_port in bound_datagram_ports(), "the service to start")
@@ -57,12 +56,6 @@ class Setting:
 
     def start_list(self, class_name):
         return self.machine.start(str(BUILD / "wmi_client.exe"), "list", class_name, "DeviceID")
-
-    def process_time(self):
-        """Seconds of processor time that the service's process has used."""
-        with open(f"/proc/{self.machine.service_process()}/stat") as stat:
-            fields = stat.read().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
     def memory_peak(self):
         return self.machine.service_memory_peak()

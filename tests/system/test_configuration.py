@@ -2,16 +2,14 @@
 private-profile reader finds in it."""
 
 import contextlib
-import errno
-import os
 import socket
 import time
-from pathlib import Path
 
 import pytest
 
-from machine import BUILD, SERVICE, free_port, wait_until
+from machine import BUILD, SERVICE, wait_until
 from peer import Peer
+from ports import reserve_port, reserve_this_port
 
 FAILED = "0x80041001"
 REQUEST_PORT, EVENT_PORT = 42115, 42114  # where nothing else is configured
@@ -34,7 +32,7 @@ class Configured:
         self.file = self.folder / "quillmon.properties"
         self.folder.mkdir(parents=True)
         self.peer = Peer()
-        self.events = free_port(socket.SOCK_DGRAM)
+        self.events = reserve_port()
         machine.switch_trace_on()
         machine.install_service()
         self.client = machine.start_wmi_client()
@@ -61,14 +59,7 @@ class Configured:
             "the event port to be opened or refused")
 
     def open_ports(self):
-        """The UDP ports that the service has open."""
-        inodes = set()
-        for link in Path(f"/proc/{self.machine.service_process()}/fd").iterdir():
-            with contextlib.suppress(OSError):  # closed meanwhile
-                inodes.add(os.readlink(link))
-        lines = [line.split() for line in Path("/proc/net/udp").read_text().splitlines()[1:]]
-        return {int(words[1].rpartition(":")[2], 16) for words in lines
-                if f"socket:[{words[9]}]" in inodes}
+        return self.machine.service_datagram_ports()
 
     def list(self):
         """Whether the device server was asked and its answer arrived."""
@@ -86,18 +77,6 @@ class Configured:
         """What follows `beginning` in the one message that begins so."""
         (message,) = [message for message in self.machine.trace() if message.startswith(beginning)]
         return message[len(beginning):]
-
-
-def peer_at(port):
-    """A device server at a port that other test runs on this host may use for a moment."""
-    deadline = time.monotonic() + 60
-    while True:
-        try:
-            return Peer(port)
-        except OSError as failure:
-            if failure.errno != errno.EADDRINUSE or time.monotonic() > deadline:
-                raise
-        time.sleep(0.1)
 
 
 @pytest.fixture(scope="module")
@@ -162,6 +141,7 @@ def test_a_request_port_that_reads_as_0_reaches_nobody(running, text):
     assert not running.list()
     assert len(running.peer.connections) == asked
     assert running.traced("<<XMLAdapter>>: Unable to connect to socket! aborting (Reason: ")
+    running.machine.wait_for_trace(EXPIRED)  # until then the next request would be skipped
 
 
 def test_a_request_port_that_is_changed_counts_for_the_next_request(running):
@@ -210,7 +190,8 @@ def test_the_key_is_found_in_utf_16(running):
 @pytest.fixture(scope="module")
 def at_default(installed):
     """A device server at the port that holds where none is configured."""
-    with peer_at(REQUEST_PORT) as peer:
+    reserve_this_port(REQUEST_PORT)
+    with Peer(REQUEST_PORT) as peer:
         yield peer
 
 
@@ -246,10 +227,10 @@ def test_the_default_request_port_holds(running, at_default, content):
 
 @contextlib.contextmanager
 def occupied(port):
-    """A UDP port that is taken: by this test, or else by another test run on this host."""
+    """A UDP port that is taken by this test."""
+    reserve_this_port(port)
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
-        with contextlib.suppress(OSError):
-            holder.bind(("0.0.0.0", port))
+        holder.bind(("0.0.0.0", port))
         yield
 
 
@@ -315,7 +296,7 @@ def test_threads_that_read_as_0_admit_nobody(configured, threads):
 
 
 def test_a_retry_timeout_of_0_tries_each_request(configured):
-    configured.keys(**{RETRY: "0", REQUESTS: free_port()})
+    configured.keys(**{RETRY: "0", REQUESTS: reserve_port()})
     configured.start()
     for count in (1, 2, 3):
         assert not configured.list()
@@ -326,7 +307,7 @@ def test_a_retry_timeout_of_0_tries_each_request(configured):
 
 @pytest.mark.parametrize("retry", ["-1", "2147483648"])
 def test_a_retry_timeout_below_0_is_a_pause_of_weeks(configured, retry):
-    configured.keys(**{RETRY: retry, REQUESTS: free_port()})
+    configured.keys(**{RETRY: retry, REQUESTS: reserve_port()})
     configured.start()
     assert not configured.list()
     configured.keys()  # the device server is back
@@ -370,7 +351,7 @@ def test_an_event_port_that_is_changed_counts_from_the_next_start(configured):
     configured.keys()
     configured.start()
     wait_until(lambda: configured.open_ports() == {configured.events}, "the event port")
-    other = free_port(socket.SOCK_DGRAM)
+    other = reserve_port()
     configured.keys(**{EVENTS: other})
     assert configured.list()
     assert configured.open_ports() == {configured.events}

@@ -155,7 +155,11 @@ def test_a_reset_fails_the_request(service, head):
 
 
 def test_a_reset_before_the_request_is_read_fails_it(service):
-    service.peer.on_connect = reset
+    def reset_unread(connection):
+        connection.recv(1, socket.MSG_PEEK)  # before, the service might not even have connected
+        reset(connection)
+
+    service.peer.on_connect = reset_unread
     try:
         assert service.list() == FAILED
     finally:
@@ -207,9 +211,9 @@ def stalled(service, head):
 def test_a_stall_holds_its_own_request_only_and_costs_nothing(service, head, expected):
     with stalled(service, head) as client:
         assert service.list() == SCANNER
-        used = service.process_time()
+        used = service.machine.service_time()
         time.sleep(0.5)  # what is measured: half a second of waiting takes no processor time
-        assert service.process_time() - used < 0.1
+        assert service.machine.service_time() - used < 0.1
         assert client.poll() is None
     out, _ = client.communicate(timeout=30)
     if expected:
@@ -387,9 +391,9 @@ def test_thousands_of_unknown_type_words(service):
 ], ids=["a billion laughs", "a few", "of parameters", "quadratic", "endless", "empty subset",
         "no subset", "endless name", "many declarations", "deep content model"])
 def test_a_document_type_is_refused_at_once(service, document):
-    peak, since = service.memory_peak(), time.monotonic()
+    peak, used = service.memory_peak(), service.machine.service_time()
     assert service.answer(framed(document)) == FAILED
-    assert time.monotonic() - since < 10
+    assert service.machine.service_time() - used < 10
     assert service.memory_peak() - peak < 20
 
 
@@ -470,9 +474,9 @@ def test_nested_elements_are_all_read(service, document, rows):
         "a value in pieces", "attributes", "a long name", "fields",
         "discarded devices whose fields stay pending"])
 def test_a_document_without_measure(service, document, expected):
-    since = time.monotonic()
+    used = service.machine.service_time()
     assert service.answer(framed(document)) == expected
-    assert time.monotonic() - since < 20
+    assert service.machine.service_time() - used < 20
 
 
 # -- the simulated device server
@@ -551,7 +555,6 @@ def test_a_device_server_that_is_down_is_left_alone_for_the_retry_timeout(traced
     traced.peer.close()
     before = time.monotonic()
     assert traced.list() == FAILED
-    failed = time.monotonic()
     assert exchange_lines(machine) == [
         "<<configureTimers>>: Loading timeout for the retry when java drivers are out...",
         "<<configureTimers>>: Timeout is 3000 milliseconds.",
@@ -564,9 +567,7 @@ def test_a_device_server_that_is_down_is_left_alone_for_the_retry_timeout(traced
     assert traced.list() == FAILED
     assert traced.peer.connections == []
     machine.wait_for_trace(EXPIRED)
-    expired = time.monotonic()
-    assert expired - before >= 2.9
-    assert expired - failed < 3 + 10
+    assert time.monotonic() - before >= 2.9
     assert exchange_lines(machine)[-2:] == [SKIPPED, EXPIRED]
     assert traced.list() == SCANNER
     assert len(traced.peer.requests) == 1
@@ -659,22 +660,20 @@ def test_an_answer_is_traced_as_it_came_even_where_it_imitates_a_line(
 def test_every_receive_is_traced_with_what_was_collected_so_far(traced):
     document = response(device())
     pieces = ["<resp", document[5:40], document[40:]]
+    label = "<<UPOSConnector::Receive2()>> Calling clone"
     received = threading.Event()
 
     def answer(connection, _):
-        connection.sendall(ESC)
-        for number, piece in enumerate(pieces):
-            sent = "".join(pieces[:number])
-            wait_until(lambda: traced.machine.trace()[-1] == sent, f"{sent!r} to be traced")
-            connection.sendall(piece.encode())
-        wait_until(lambda: traced.machine.trace()[-1] == document, "the whole to be traced")
-        connection.sendall(BS)
+        # Each receive is traced before it waits: one more than there are pieces so far.
+        for number, piece in enumerate([ESC, *(piece.encode() for piece in pieces), BS]):
+            wait_until(lambda: traced.machine.trace().count(label) == number + 1,
+                       f"receive {number} to be traced")
+            connection.sendall(piece)
         received.set()
 
     assert traced.answer(answer) == SCANNER
     assert received.is_set()
     trace = traced.machine.trace()
-    label = "<<UPOSConnector::Receive2()>> Calling clone"
     start = trace.index(label)
     assert trace[start:start + 12] == [
         label, "", label, "", label, pieces[0], label, pieces[0] + pieces[1], label, document,

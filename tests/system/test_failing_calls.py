@@ -17,8 +17,9 @@ import pytest
 from clients import (ACCESS_DENIED, EVENT, FAILED, OK, PROVIDER_LOAD_FAILURE, event, fetched, names,
                      send)
 from faults import MEMORY, Faults
-from machine import BUILD, SERVICE, bound_datagram_ports, free_port, wait_until
+from machine import BUILD, SERVICE, bound_datagram_ports, wait_until
 from peer import Peer, device, framed, response
+from ports import reserve_port
 from test_binary import Image
 from test_proxy import DeviceServer, document
 
@@ -79,7 +80,7 @@ def shared(shared_machine):
     machine.set_registry(KESTRUNE, "INSTALLDIR", "C:\\POS\\")
     log_folder(machine).mkdir(parents=True)
     machine.switch_trace_on()
-    machine.events = free_port(socket.SOCK_DGRAM)
+    machine.events = reserve_port()
     machine.faults = Faults(machine)
     yield machine
     print("\nfailed:", {name: count for name, count in machine.faults.failures().items() if count})

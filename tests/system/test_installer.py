@@ -8,6 +8,7 @@ from types import SimpleNamespace
 import pytest
 
 from machine import BUILD, ROOT, SERVICE, wait_until, windows_path
+from ports import reserve_this_port
 
 UNINSTALL_KEY = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Quillmon"
 SERVICE_KEY = f"HKLM\\SYSTEM\\CurrentControlSet\\Services\\{SERVICE}"
@@ -33,6 +34,8 @@ class Computer:
     """A machine on which nothing of the product is installed."""
 
     def __init__(self, machine):
+        for port in (42114, 42115):  # what is installed is not configured
+            reserve_this_port(port)
         self.machine = machine
         self.folder = machine.c / "Quillmon"
         shutil.rmtree(self.folder)

@@ -9,7 +9,8 @@ import zipfile
 
 import pytest
 
-from machine import BUILD, ROOT, SERVICE, free_port, wait_until, windows_path
+from machine import BUILD, ROOT, SERVICE, wait_until, windows_path
+from ports import reserve_port
 
 EXE = "C:\\Quillmon\\quillmonctl.exe"
 KEY = f"HKLM\\SYSTEM\\CurrentControlSet\\Services\\{SERVICE}"
@@ -33,6 +34,7 @@ class Tool:
         self.configuration = machine.c / "POS" / "JavaPOS" / "Config" / "quillmon.properties"
         self.normal = self.configuration.read_bytes()
         self.is_installed = False
+        self.traces = False  # as a service does until its end
 
     def put_compiler(self, content):
         self.compiler.unlink(missing_ok=True)  # it is linked to the template's
@@ -85,10 +87,13 @@ def bare(tool):
 
 
 @pytest.fixture
-def installed(tool):
+def installed(tool, request):
     """A machine with the service, as a test before may have left it running."""
     if not tool.is_installed:
         tool.install()
+    if tool.traces and "tracing" not in request.fixturenames:
+        tool.run("repair")
+        tool.traces = False
     yield tool
     if tool.configuration.read_bytes() != tool.normal:
         tool.configuration.write_bytes(tool.normal)
@@ -347,7 +352,7 @@ def test_nonsense_is_flagged_with_what_the_service_makes_of_it(installed):
 
 
 def test_a_device_server_that_is_down_is_named_with_its_port(installed):
-    port = free_port()
+    port = reserve_port()
     installed.run("config", "set", "upos.requestSocket.Port", port)
     text = installed.text("devices", code=1)
     assert "failed: listing UPOS_LogicalDevice through WMI\n  error 0x80041001: " in text
@@ -500,10 +505,10 @@ def tracing(installed):
     (folder / "zontrace.cfg").write_bytes(b"BackupCount=5\r\nFileSize=100000\r\n")
     installed.machine.set_registry(INSTALLDIR, "INSTALLDIR", "C:\\Veltran\\")
     installed.run("repair")
+    installed.traces = True
     installed.folder = folder
     yield installed
     installed.machine.run("reg", "delete", INSTALLDIR, "/f")
-    installed.run("repair")
     shutil.rmtree(folder)
 
 
@@ -640,7 +645,7 @@ def test_an_archive_that_cannot_be_written_is_named(installed):
 
 def test_simulate_is_the_simulated_device_server(tool):
     process = tool.start("simulate", windows_path(ROOT / "samples" / "till.xml"), "--request-port",
-                         "0", "--event-port", free_port())
+                         "0", "--event-port", reserve_port())
     assert process.stdout.readline().startswith(b"quillmon-till: ready: requests on 127.0.0.1:")
     process.stdin.write(b"quit\n")
     process.stdin.close()

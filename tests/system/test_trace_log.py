@@ -2,14 +2,14 @@
 
 import re
 import shutil
-import socket
 import threading
 import time
 
 import pytest
 
-from machine import WmiClient, bound_datagram_ports, free_port, wait_until
+from machine import WmiClient, bound_datagram_ports, wait_until
 from peer import NORMAL, Peer, device, framed, response
+from ports import reserve_port
 
 KEY = "HKLM\\SOFTWARE\\Veltran\\Veltran Kestrune"
 LINE = re.compile(rb"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d)  (.*?)\r\n", re.DOTALL)
@@ -25,7 +25,7 @@ class Tracing:
     def __init__(self, machine):
         self.machine = machine
         self.peer = Peer()
-        self.event_port = free_port(socket.SOCK_DGRAM)
+        self.event_port = reserve_port()
         machine.configure(upos__requestSocket__Port=self.peer.port,
                           provider__eventSocket__Port=self.event_port,
                           provider__maxQueryThreads=4)
