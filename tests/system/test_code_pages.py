@@ -1,6 +1,5 @@
 """The same device has the same name wherever it comes up, whatever the machine's code page is."""
 
-import socket
 from collections import namedtuple
 
 import pytest
@@ -8,8 +7,9 @@ import pytest
 from clients import OK, event, fetched, listing, plain
 from clients import published as published_datagrams
 from faults import Faults
-from machine import BUILD, bound_datagram_ports, free_port, temporary_machine, wait_until
+from machine import BUILD, bound_datagram_ports, temporary_machine, wait_until
 from peer import Peer, device, framed, response
+from ports import reserve_port
 from test_proxy import DeviceServer, document, published
 
 Page = namedtuple("Page", "locale codec text")
@@ -55,7 +55,7 @@ def adapter(machine, page, program):
     """The adapter strategy, which traces, with its device server."""
     machine.switch_trace_on()
     with Peer(answer=framed(response(device(page.text, ModelName=page.text)))) as peer:
-        events = free_port(socket.SOCK_DGRAM)
+        events = reserve_port()
         machine.configure(
             upos__requestSocket__Port=peer.port, provider__eventSocket__Port=events)
         program("-d")
@@ -107,7 +107,7 @@ def test_a_declared_encoding_is_read(adapter, page):
 @pytest.fixture(scope="module")
 def port(machine, program):
     """The proxy strategy's event port."""
-    port = free_port()
+    port = reserve_port()
     machine.configure(provider__eventSocket__Port=port)
     program("-O")
     return port

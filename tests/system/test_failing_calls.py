@@ -86,6 +86,13 @@ def shared(shared_machine):
     print("\nfailed:", {name: count for name, count in machine.faults.failures().items() if count})
 
 
+def kill(machine):
+    """Ends the program; returns once its event port, which the next one will have, is closed."""
+    machine.faults.kill()
+    if machine.service_process() is None:  # which would have it open
+        wait_until(lambda: not listening(machine), "the event port to be closed")
+
+
 @pytest.fixture
 def machine(shared):
     """A fresh trace that is never rotated, and no program."""
@@ -93,7 +100,7 @@ def machine(shared):
         file.unlink()
     configure_trace(shared, "FileSize=10000000\n")
     yield shared
-    shared.faults.kill()
+    kill(shared)
 
 
 def configure_trace(machine, settings):
@@ -272,7 +279,7 @@ def test_the_first_request(machine, peer):
             log_folder(machine) / "Quillmon.log")
         assert traced or failed != "CreateTimerQueue"
         wait_until(lambda: names(machine, "UPOS_Scanner") == (SCANNERS, OK), f"a list after {what}")
-        faults.kill()
+        kill(machine)
         if failed is None:
             assert outcome == (SCANNERS, OK)
             return
@@ -473,7 +480,7 @@ def walk_starts(machine, *options):
             if failed not in MEMORY_FUNCTIONS:  # whose first exception sets the runtime up
                 held[f"{failed} in {faults.way()}"] = faults.settled()
         if faults.exit_code() is None:
-            faults.kill()
+            kill(machine)
         if failed is None:
             undisturbed = faults.held()
             for what, holds in held.items():
@@ -540,7 +547,7 @@ def test_writing_and_rotating_the_trace(machine, known_main):
         faults.disarm()
         failed = faults.failed()
         outcomes[failed][outcome] += 1
-        faults.kill()
+        kill(machine)
         if failed is None:
             break
         if outcome == "runs":
