@@ -92,8 +92,7 @@ CIMContainer::Selection CIMContainer::select(const std::string& className,
     std::unique_lock lock(mutex_);
     if (!countOfClass_.contains(className)) { // so no device has a line of its own
       const auto found = index_.find(id);
-      const Selection selection{records_.size(),
-                                found != index_.end() ? found->second->device : nullptr};
+      Selection selection{records_.size(), found != index_.end() ? found->second->device : nullptr};
       lock.unlock();
       UPOSLog::trace(kAskedFor, className);
       return selection;

@@ -342,7 +342,9 @@ def test_two_hundred_connections_at_once_keep_no_event_and_no_request_waiting(
     assert published_in_stream(server, stream_watcher, document("ON"),
                                document("ON", "delInstance"))[0][0] == "ON"
     assert names(proxy, "UPOS_LogicalDevice")[1] == OK
-    assert proxy.service_memory_peak() - peak < 20
+    # Each holds its text, up to three times while it grows, and what its thread's first document
+    # touches of stack and heap: less than a quarter of a MiB.
+    assert proxy.service_memory_peak() - peak < len(crowd) / 4
     for connection in crowd:
         connection.close()
     wait_until(lambda: proxy.service_status("Threads") <= threads, "their threads to end", 60)
