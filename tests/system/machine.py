@@ -115,6 +115,13 @@ def bound_datagram_ports():
     return {int(line.split()[1].rpartition(":")[2], 16) for line in lines}
 
 
+def listening_ports():
+    """The TCP ports that are listened on on this host, by whatever process."""
+    lines = Path("/proc/net/tcp").read_text().splitlines()[1:]
+    return {int(line.split()[1].rpartition(":")[2], 16)
+            for line in lines if line.split()[3] == "0A"}
+
+
 def windows_path(path):
     return "Z:" + str(Path(path).resolve()).replace("/", "\\")
 

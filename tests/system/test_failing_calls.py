@@ -17,7 +17,7 @@ import pytest
 from clients import (ACCESS_DENIED, EVENT, FAILED, OK, PROVIDER_LOAD_FAILURE, event, fetched, names,
                      send)
 from faults import MEMORY, Faults
-from machine import BUILD, SERVICE, bound_datagram_ports, wait_until
+from machine import BUILD, SERVICE, bound_datagram_ports, listening_ports, wait_until
 from peer import Peer, device, framed, response
 from ports import reserve_port
 from test_binary import Image
@@ -400,12 +400,6 @@ def test_receiving_events_from_a_connected_device_server(machine, peer):
 
 def listening(machine):
     return machine.events in bound_datagram_ports() | listening_ports()
-
-
-def listening_ports():
-    with open("/proc/net/tcp", encoding="ascii") as file:
-        rows = [line.split() for line in file][1:]
-    return {int(row[1].rpartition(":")[2], 16) for row in rows if row[3] == "0A"}
 
 
 def started(machine, *options):

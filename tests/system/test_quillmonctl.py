@@ -9,7 +9,8 @@ import zipfile
 
 import pytest
 
-from machine import BUILD, ROOT, SERVICE, wait_until, windows_path
+from machine import (BUILD, ROOT, SERVICE, bound_datagram_ports, listening_ports, wait_until,
+                     windows_path)
 from ports import reserve_port
 
 EXE = "C:\\Quillmon\\quillmonctl.exe"
@@ -65,7 +66,13 @@ class Tool:
     def install(self, *arguments):
         text = self.text("install", *arguments)
         self.is_installed = True
+        self.wait_until_open()
         return text
+
+    def wait_until_open(self):
+        """The service says that it runs before it has begun; its event port is its last step."""
+        wait_until(lambda: self.till.events in bound_datagram_ports() | listening_ports(),
+                   "the event port to be opened")
 
     def uninstall(self):
         self.run("uninstall")
@@ -93,6 +100,7 @@ def installed(tool, request):
         tool.install()
     if tool.traces and "tracing" not in request.fixturenames:
         tool.run("repair")
+        tool.wait_until_open()
         tool.traces = False
     yield tool
     if tool.configuration.read_bytes() != tool.normal:
