@@ -45,10 +45,10 @@ build_packages=(
   "${cross_packages[@]}" "${program_packages[@]}" g++ make ccache libxerces-c-dev
 )
 test_packages=(
-  clang-14 clang-format-14 clang-tidy-14 libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
+  clang-14 clang-format-14 clang-tidy-14 git libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
   python3-pytest
 )
-package_packages=(nsis osslsigncode)
+package_packages=(git nsis osslsigncode)
 soak_packages=(gnuplot-nox python3)
 
 # The one version of the XML library that the product is linked with. Its mutexes are the platform's
