@@ -13,8 +13,10 @@ from machine import BUILD, ROOT
 
 
 def pack(folder, **environment):
+    # The time of the last commit is the default: one may be made between two packings.
+    environment = {**os.environ, "SOURCE_DATE_EPOCH": "1767225600", **environment}
     subprocess.run([ROOT / "packaging" / "pack", BUILD, folder], check=True,
-                   stdout=subprocess.DEVNULL, env=dict(os.environ, **environment))
+                   stdout=subprocess.DEVNULL, env=environment)
     return folder
 
 
