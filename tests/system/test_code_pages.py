@@ -7,7 +7,7 @@ import pytest
 from clients import OK, event, fetched, listing, plain
 from clients import published as published_datagrams
 from faults import Faults
-from machine import BUILD, bound_datagram_ports, temporary_machine, wait_until
+from machine import BUILD, bound_datagram_ports, listening_ports, temporary_machine, wait_until
 from peer import Peer, device, framed, response
 from ports import reserve_port
 from test_proxy import DeviceServer, document, published
@@ -110,6 +110,8 @@ def port(machine, program):
     port = reserve_port()
     machine.configure(provider__eventSocket__Port=port)
     program("-O")
+    # A subscription that is made before the program has registered misses its first events.
+    wait_until(lambda: port in listening_ports(), "the event port to be opened")
     return port
 
 
