@@ -6,6 +6,7 @@ import shutil
 import socket
 import threading
 import zipfile
+from pathlib import Path
 
 import pytest
 
@@ -44,9 +45,15 @@ class Tool:
 
     def run(self, *arguments, code=0, **options):
         """Its result; the text of a failure and of a report is in out."""
+        restarts = code == 0 and (arguments == ("repair",) or "--restart" in arguments)
+        before = self.machine.service_process() if restarts else None
         done = self.machine.run(EXE, *arguments, **options)
         done.out += done.err
         assert done.returncode == code, (arguments, done.returncode, done.out)
+        if restarts:
+            wait_until(lambda: not before or not Path(f"/proc/{before}").exists(),
+                       "the old process to end")
+            self.wait_until_open()
         if "--json" not in arguments:
             for line in done.out.splitlines():
                 assert len(line) <= MAX_WIDTH, line
@@ -100,7 +107,6 @@ def installed(tool, request):
         tool.install()
     if tool.traces and "tracing" not in request.fixturenames:
         tool.run("repair")
-        tool.wait_until_open()
         tool.traces = False
     yield tool
     if tool.configuration.read_bytes() != tool.normal:
