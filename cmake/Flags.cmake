@@ -9,7 +9,6 @@
 # MSVC only, MinGW has none of them: control flow guard, shadow stacks (/CETCOMPAT), and the loader's
 # flag that has what is imported come from the system's folder.
 add_library(quillmon_flags INTERFACE)
-target_include_directories(quillmon_flags INTERFACE ${PROJECT_SOURCE_DIR}/src)
 
 if(MSVC)
   target_compile_options(quillmon_flags INTERFACE /W4 /WX /permissive- /utf-8 /sdl /guard:cf)

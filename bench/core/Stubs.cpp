@@ -1,7 +1,5 @@
 // What the plain core asks of Windows: nobody has switched the trace on, nothing is configured.
 
-#include "cache/SendToClients.h"
-#include "strategy/RequestSocket.h"
 #include "trace/UPOSLog.h"
 #include "win/Configuration.h"
 
@@ -9,11 +7,6 @@ bool UPOSLog::isSwitchedOn() noexcept {
   return false;
 }
 void UPOSLog::emit(std::string_view, std::initializer_list<TraceArgument>) noexcept {}
-
-std::string exchangeRequest(const std::string&) {
-  return {};
-}
-void sendToClients(const std::string&) {}
 
 namespace configuration {
 unsigned readInt(const char*, int defaultValue, const char*) noexcept {

@@ -2,14 +2,14 @@
 // the floor's name begins with "bare_".
 
 #include "Documents.h"
-#include "cache/CIMContainer.h"
-#include "cache/CIMDeviceUtil.h"
-#include "cache/EventSplitter.h"
+#include "adapter/FrameReader.h"
+#include "adapter/UPOSXMLAdapter.h"
 #include "floor/BareXml.h"
-#include "strategy/FrameReader.h"
+#include "proxy/CIMContainer.h"
+#include "proxy/CIMDeviceUtil.h"
+#include "proxy/EventSplitter.h"
+#include "proxy/ProxyImpXmlAdapter.h"
 #include "trace/PrintfFormat.h"
-#include "xml/ProxyImpXmlAdapter.h"
-#include "xml/UPOSXMLAdapter.h"
 #include "xml/XmlLibrary.h"
 
 #include <benchmark/benchmark.h>

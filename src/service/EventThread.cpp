@@ -1,7 +1,7 @@
 #include "service/EventThread.h"
 
-#include "strategy/CommunicationLayer.h"
-#include "strategy/IUPOSXmlAdapter.h"
+#include "model/CommunicationLayer.h"
+#include "model/IUPOSXmlAdapter.h"
 #include "strategy/StrategyFactory.h"
 #include "trace/UPOSLog.h"
 #include "win/Automation.h"

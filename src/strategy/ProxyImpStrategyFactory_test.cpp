@@ -1,7 +1,7 @@
-#include "cache/ProxyImpCommunicationLayer.h"
+#include "proxy/ProxyImpCommunicationLayer.h"
+#include "proxy/ProxyImpXmlAdapter.h"
 #include "strategy/ProxyImpStrategyFactory.h"
 #include "strategy/StrategyFactory.h"
-#include "xml/ProxyImpXmlAdapter.h"
 
 #include <gtest/gtest.h>
 

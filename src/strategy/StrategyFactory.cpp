@@ -1,11 +1,11 @@
 #include "strategy/StrategyFactory.h"
 
-#include "cache/ProxyImpCommunicationLayer.h"
-#include "strategy/AdapterImpCommunicationLayer.h"
+#include "adapter/AdapterImpCommunicationLayer.h"
+#include "adapter/UPOSXMLAdapter.h"
+#include "proxy/ProxyImpCommunicationLayer.h"
+#include "proxy/ProxyImpXmlAdapter.h"
 #include "strategy/AdapterImpStrategyFactory.h"
 #include "strategy/ProxyImpStrategyFactory.h"
-#include "xml/ProxyImpXmlAdapter.h"
-#include "xml/UPOSXMLAdapter.h"
 
 #include <atomic>
 #include <mutex>

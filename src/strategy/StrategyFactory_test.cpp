@@ -1,8 +1,8 @@
 #include "StartSignal.h"
-#include "strategy/AdapterImpCommunicationLayer.h"
+#include "adapter/AdapterImpCommunicationLayer.h"
+#include "adapter/UPOSXMLAdapter.h"
 #include "strategy/AdapterImpStrategyFactory.h"
 #include "strategy/StrategyFactory.h"
-#include "xml/UPOSXMLAdapter.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "strategy/UPOSAdapter.h"
 
-#include "strategy/IUPOSXmlAdapter.h"
-#include "strategy/RequestVocabulary.h"
+#include "model/IUPOSXmlAdapter.h"
+#include "model/RequestVocabulary.h"
 #include "strategy/StrategyFactory.h"
 #include "trace/UPOSLog.h"
 

@@ -1,8 +1,8 @@
+#include "CountedAllocations.h"
 #include "RecordedTrace.h"
-#include "strategy/IUPOSXmlAdapter.h"
+#include "model/IUPOSXmlAdapter.h"
 #include "strategy/StrategyFactory.h"
 #include "strategy/UPOSAdapter.h"
-#include "strategy/testing/CountedAllocations.h"
 #include "trace/PrintfFormat.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "strategy/InstanceList.h"
+#include "model/InstanceList.h"
 
 #include <xercesc/dom/DOM.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>

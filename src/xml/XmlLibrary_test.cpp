@@ -1,13 +1,10 @@
 #include "xml/DocumentReader.h"
-#include "xml/UPOSXMLAdapter.h"
 #include "xml/XmlLibrary.h"
 #include "xml/XmlText.h"
 
 #include <gtest/gtest.h>
 #include <xercesc/util/PlatformUtils.hpp>
 
-#include <chrono>
-#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,46 +57,10 @@ TEST(XmlLibrary, SessionsOnSeveralThreadsNeedNoXmlLock) {
   EXPECT_FALSE(libraryIsRunning()) << "every start had its end";
 }
 
-TEST(XmlLibrary, IsNeverHeldAcrossCalls) {
-  UPOSXMLAdapter adapter;
-  std::string request;
-  adapter.toXML("UPOS_Scanner", "request", "enumerateInstances", "", request);
-  EXPECT_FALSE(libraryIsRunning());
-  adapter.toXML("UPOS_Scanner", "not a name", "enumerateInstances", "", request);
-  EXPECT_FALSE(libraryIsRunning());
-  adapter.fromXML("<response/>");
-  EXPECT_FALSE(libraryIsRunning());
-  adapter.fromXML("<response");
-  EXPECT_FALSE(libraryIsRunning());
-  adapter.fromXMLEvent("<event/>");
-  EXPECT_FALSE(libraryIsRunning());
-  adapter.fromXMLEvent("<event");
-  EXPECT_FALSE(libraryIsRunning());
-}
-
 TEST(XmlLock, IsOneForTheProcess) {
   std::mutex* elsewhere = nullptr;
   std::thread([&] { elsewhere = &xmlLock(); }).join();
   EXPECT_EQ(&xmlLock(), elsewhere);
-}
-
-TEST(XmlLockThreads, EveryReadingAndBuildingWaitsForIt) {
-  std::vector<std::future<void>> calls;
-  {
-    const std::scoped_lock lock(xmlLock());
-    calls.push_back(std::async(std::launch::async, [] { UPOSXMLAdapter().fromXML("<r/>"); }));
-    calls.push_back(std::async(std::launch::async, [] { UPOSXMLAdapter().fromXMLEvent("<r/>"); }));
-    calls.push_back(std::async(std::launch::async, [] {
-      std::string out;
-      UPOSXMLAdapter().toXML("C", "request", "getInstance", "", out);
-    }));
-    for (const std::future<void>& call : calls) {
-      EXPECT_EQ(call.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-    }
-  }
-  for (std::future<void>& call : calls) {
-    call.get();
-  }
 }
 
 TEST(XmlText, KeepsAsciiAndEmptyTextAsTheyAre) {

@@ -1,7 +1,5 @@
 #include "Fuzzing.h"
 
-#include "cache/SendToClients.h"
-#include "strategy/RequestSocket.h"
 #include "trace/UPOSLog.h"
 
 #include <algorithm>
@@ -49,8 +47,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   return 0;
 }
 
-// What the plain core meets at its edges: a trace that is switched on, whose lines are made and
-// then forgotten, and nobody to talk to.
+// A trace that is switched on, whose lines are made and then forgotten.
 
 bool UPOSLog::isSwitchedOn() noexcept {
   return true;
@@ -61,9 +58,3 @@ void UPOSLog::emit(std::string_view format,
   const std::string line = formatPrintf(format, arguments);
   formatPrintf(line, {}); // the console's echo shows a line as a format
 }
-
-std::string exchangeRequest(const std::string&) {
-  return {};
-}
-
-void sendToClients(const std::string&) {}

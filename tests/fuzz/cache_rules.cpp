@@ -2,8 +2,8 @@
 // type;device id;class name;code;provider;name,type,value;name,type,value...
 
 #include "Fuzzing.h"
-#include "cache/CIMContainer.h"
-#include "cache/CIMDeviceUtil.h"
+#include "proxy/CIMContainer.h"
+#include "proxy/CIMDeviceUtil.h"
 
 #include <algorithm>
 #include <cerrno>

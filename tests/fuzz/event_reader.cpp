@@ -2,8 +2,8 @@
 
 #include "Fuzzing.h"
 #include "PlainDocument.h"
-#include "xml/ProxyImpXmlAdapter.h"
-#include "xml/UPOSXMLAdapter.h"
+#include "adapter/UPOSXMLAdapter.h"
+#include "proxy/ProxyImpXmlAdapter.h"
 #include "xml/XmlText.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // Any text on a device server's connection, in pieces of any length.
 
 #include "Fuzzing.h"
-#include "cache/EventSplitter.h"
+#include "proxy/EventSplitter.h"
 
 #include <algorithm>
 #include <iterator>

@@ -1,7 +1,7 @@
 // Any bytes on the request socket or the event port, in pieces of any length.
 
 #include "Fuzzing.h"
-#include "strategy/FrameReader.h"
+#include "adapter/FrameReader.h"
 
 #include <memory>
 #include <optional>

@@ -2,7 +2,7 @@
 
 #include "Fuzzing.h"
 #include "PlainDocument.h"
-#include "xml/UPOSXMLAdapter.h"
+#include "adapter/UPOSXMLAdapter.h"
 #include "xml/XmlText.h"
 
 #include <algorithm>

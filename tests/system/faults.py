@@ -11,7 +11,7 @@ ANY, PLATFORM, MEMORY = 0, 1, 2
 
 MEMORY_OF = {"malloc", "calloc", "realloc"}  # counted in bytes
 
-# What runs out in the XML library is the unit tests' (xml/OutOfMemory_test.cpp). Where the
+# What runs out in the XML library is the unit tests' (adapter/OutOfMemory_test.cpp). Where the
 # compiler's runtime has no memory for a "once" or for what belongs to a thread it ends the program.
 SKIPPED = ["xercesc_3_2::", "pthread_once", "enterOnceObject", "__cxa_guard_acquire",
            "__emutls_get_address"]

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "strategy/IUPOSXmlAdapter.h"
-#include "strategy/InstanceList.h"
+#include "model/IUPOSXmlAdapter.h"
+#include "model/InstanceList.h"
 #include "win/Boundary.h"
 
 #include <windows.h>

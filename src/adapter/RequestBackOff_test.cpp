@@ -1,0 +1,78 @@
+#include "RecordedTrace.h"
+#include "adapter/RequestBackOff.h"
+#include "win/TimerQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+std::atomic<int> queues = 0;
+std::atomic<int> fired = 0;
+std::mutex starting;
+std::vector<std::thread> timers; // guarded by starting
+
+/// A request thread that meets a device server which is down, as the exchange meets it, until there
+/// have been so many pauses.
+void failRequests(int pauses) {
+  while (fired < pauses) {
+    if (requestBackOff.serverOffline == 0) {
+      configureTimers();
+      signalServerIsOfflineFor5Seconds();
+    }
+  }
+}
+
+// The trace is off: its lock would order the threads and hide a race from ThreadSanitizer.
+TEST(RequestBackOffThreads, FailingRequestsAndTheirTimersMakeOneQueueAndEndThePause) {
+  recorded_trace::setSwitchedOn(false);
+  std::vector<std::thread> requests;
+  for (int thread = 0; thread < 4; ++thread) {
+    requests.emplace_back([] { failRequests(100); });
+  }
+  for (std::thread& request : requests) {
+    request.join();
+  }
+  const std::size_t started = timers.size();
+  for (std::thread& timer : timers) {
+    timer.join();
+  }
+  recorded_trace::setSwitchedOn(true);
+
+  EXPECT_EQ(queues, 1);
+  EXPECT_GE(started, 100U);
+  EXPECT_EQ(fired, static_cast<int>(started));
+  EXPECT_EQ(requestBackOff.retryTimeout, 10000U);
+  // Each timer ends the pause; the last one to fire finds nobody who starts another.
+  EXPECT_EQ(requestBackOff.serverOffline, 0);
+}
+
+} // namespace
+
+// In place of the platform's: each timer is a thread that fires at once.
+namespace win {
+
+Error createTimerQueue(void*& queue) noexcept {
+  ++queues;
+  std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the others come meanwhile
+  queue = &queues;
+  return 0;
+}
+
+Error startTimer(void*& timer, void* queue, TimerCallback callback, std::uint32_t) noexcept {
+  EXPECT_EQ(queue, &queues);
+  timer = queue;
+  const std::scoped_lock lock(starting);
+  timers.emplace_back([callback] {
+    callback(nullptr, 1);
+    ++fired;
+  });
+  return 0;
+}
+
+} // namespace win

@@ -1,0 +1,105 @@
+#include "proxy/CIMContainer.h"
+
+#include "trace/UPOSLog.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+constexpr std::string_view kAllDevices = "UPOS_LogicalDevice";
+constexpr std::string_view kAskedFor = "CIMContainer::getInstances(%s)";
+} // namespace
+
+CIMContainer& CIMContainer::getInstance() {
+  static auto* const container = new CIMContainer; // no thread is joined at the end
+  return *container;
+}
+
+CIMContainer::Reference CIMContainer::find(const CIMDevice& device) const {
+  const std::string id = device.getDeviceId();
+  std::scoped_lock lock(mutex_);
+  const auto found = index_.find(id);
+  return found != index_.end() ? found->second->device : nullptr;
+}
+
+// The writer is one, so that what it has looked up stays until it makes the change.
+void CIMContainer::add(const CIMDevice& device) {
+  if (find(device)) {
+    return;
+  }
+  UPOSLog::trace("Adding CIMDevice: %s", device.getDeviceId());
+  Records added;
+  added.push_back({device.getDeviceId(), std::make_shared<const CIMDevice>(device)});
+  std::scoped_lock lock(mutex_);
+  std::size_t& count = countOfClass_[device.getClassName()];
+  index_.try_emplace(added.front().id, added.begin());
+  ++count;
+  records_.splice(records_.end(), added);
+}
+
+void CIMContainer::replace(const CIMDevice& device) {
+  const std::string id = device.getDeviceId();
+  Reference changed = std::make_shared<const CIMDevice>(device);
+  std::scoped_lock lock(mutex_);
+  if (const auto found = index_.find(id); found != index_.end()) {
+    found->second->device.swap(changed);
+  }
+}
+
+void CIMContainer::remove(const CIMDevice& device) {
+  if (!find(device)) {
+    return;
+  }
+  const std::string id = device.getDeviceId();
+  UPOSLog::trace("Removing CIMDevice: %s", id);
+  Records removed; // destroyed after the lock is left
+  std::scoped_lock lock(mutex_);
+  const auto found = index_.find(id);
+  const auto record = found->second;
+  const auto count = countOfClass_.find(record->device->getClassName());
+  if (--count->second == 0) {
+    countOfClass_.erase(count);
+  }
+  index_.erase(found);
+  removed.splice(removed.end(), records_, record);
+}
+
+std::vector<CIMContainer::Reference>
+CIMContainer::getInstances(const std::string& className) const {
+  UPOSLog::trace(kAskedFor, className);
+  const bool all = className == kAllDevices;
+  std::vector<Reference> devices;
+  {
+    std::scoped_lock lock(mutex_);
+    devices.reserve(all ? records_.size() : 0);
+    for (const Record& record : records_) {
+      if (all || record.device->isOfClass(className)) {
+        devices.push_back(record.device);
+      }
+    }
+  }
+  for (const Reference& device : devices) {
+    if (device->isOfClass(className)) {
+      UPOSLog::trace("CIMContainer::adding instance (id=%s)", device->getDeviceId());
+    }
+  }
+  return devices;
+}
+
+CIMContainer::Selection CIMContainer::select(const std::string& className,
+                                             const std::string& id) const {
+  if (className == kAllDevices) {
+    std::unique_lock lock(mutex_);
+    if (!countOfClass_.contains(className)) { // so no device has a line of its own
+      const auto found = index_.find(id);
+      Selection selection{records_.size(), found != index_.end() ? found->second->device : nullptr};
+      lock.unlock();
+      UPOSLog::trace(kAskedFor, className);
+      return selection;
+    }
+  }
+  const std::vector<Reference> devices = getInstances(className);
+  const auto found =
+      std::ranges::find_if(devices, [&](const Reference& device) { return device->hasId(id); });
+  return {devices.size(), found != devices.end() ? *found : nullptr};
+}

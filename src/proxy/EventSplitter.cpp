@@ -1,0 +1,51 @@
+#include "proxy/EventSplitter.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+/// How many characters at the end of `text` are the beginning of a start marker that is not
+/// complete.
+std::size_t begunStartMarker(std::string_view text) noexcept {
+  std::size_t begun = std::min(text.size(), EventSplitter::kStartMarker.size() - 1);
+  while (!text.ends_with(EventSplitter::kStartMarker.substr(0, begun))) {
+    --begun; // ends at 0: everything ends with the empty text
+  }
+  return begun;
+}
+
+} // namespace
+
+std::vector<std::string> EventSplitter::split(std::string_view received) {
+  const std::string text = begun_.append(received);
+  const std::size_t whole = text.size() - begunStartMarker(text);
+  begun_ = text.substr(whole);
+  return splitWhole(std::string_view(text).substr(0, whole));
+}
+
+std::vector<std::string> EventSplitter::splitWhole(std::string_view text) {
+  std::vector<std::string> documents;
+  const std::size_t start = text.find(kStartMarker);
+  if (start == std::string_view::npos) {
+    // Of what was pending only a beginning of the end marker is searched again.
+    const std::size_t searched = pending_.size() - std::min(pending_.size(), kEndMarker.size() - 1);
+    pending_.append(text);
+    if (pending_.find(kEndMarker, searched) != std::string::npos) {
+      documents.push_back(std::exchange(pending_, {}));
+    }
+    return documents;
+  }
+  pending_.append(text.substr(0, start));
+  text.remove_prefix(start);
+  if (!pending_.empty()) {
+    documents.push_back(std::exchange(pending_, {}));
+  }
+  for (std::size_t end; (end = text.find(kEndMarker)) != std::string_view::npos;) {
+    end += kEndMarker.size();
+    documents.emplace_back(text.substr(0, end));
+    text.remove_prefix(end);
+  }
+  pending_ = text;
+  return documents;
+}

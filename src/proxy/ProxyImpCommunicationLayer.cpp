@@ -1,0 +1,57 @@
+#include "proxy/ProxyImpCommunicationLayer.h"
+
+#include "model/IUPOSXmlAdapter.h"
+#include "proxy/CIMDeviceUtil.h"
+#include "proxy/Poller.h"
+#include "proxy/TCPServer.h"
+#include "trace/UPOSLog.h"
+
+namespace com::orvex {
+
+namespace {
+
+/// A document taken and not released would keep every later one waiting.
+class Released {
+public:
+  explicit Released(TCPServer& server) noexcept : server_(server) {}
+  Released(const Released&) = delete;
+  Released& operator=(const Released&) = delete;
+  ~Released() { server_.release(); }
+
+private:
+  TCPServer& server_;
+};
+
+} // namespace
+
+DeviceEvent ProxyImpCommunicationLayer::receiveEvent(IUPOSXmlAdapter* adapter) {
+  TCPServer& server = TCPServer::instance();
+  const std::string document = server.take();
+  DeviceEvent event;
+  {
+    const Released released(server);
+    UPOSLog::trace("Event received: %s", document);
+    event = adapter->fromXMLEvent(document);
+  }
+  return CIMDeviceUtil::processEvent(event);
+}
+
+std::uint32_t ProxyImpCommunicationLayer::open(std::uint16_t port) {
+  const std::uint32_t result = TCPServer::instance().startListening(port);
+  Poller::instance();
+  return result;
+}
+
+std::uint32_t ProxyImpCommunicationLayer::close() {
+  return static_cast<std::uint32_t>(TCPServer::instance().stop());
+}
+
+std::string ProxyImpCommunicationLayer::getPortKey() {
+  return "provider.eventSocket.Port";
+}
+
+std::uint32_t ProxyImpCommunicationLayer::getDefaultPort() {
+  return 42114;
+}
+
+} // namespace com::orvex

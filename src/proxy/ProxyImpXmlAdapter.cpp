@@ -1,0 +1,113 @@
+#include "proxy/ProxyImpXmlAdapter.h"
+
+#include "model/RequestVocabulary.h"
+#include "proxy/CIMContainer.h"
+#include "proxy/Poller.h"
+#include "proxy/SendToClients.h"
+#include "trace/UPOSLog.h"
+#include "xml/DocumentReader.h"
+#include "xml/XmlLibrary.h"
+
+#include <utility>
+#include <vector>
+
+namespace com::orvex {
+
+namespace {
+
+constexpr const char* kUpdateRequest = "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>"
+                                       "<request><type>updateInstances</type></request>";
+
+Instance instanceOf(const CIMDevice& device) {
+  Instance instance;
+  instance.reserve(device.fields().size());
+  for (const auto& [name, value] : device.fields()) {
+    instance.push_back(makeField(name, value.type, value.value));
+  }
+  return instance;
+}
+
+void readProviderAndFields(const std::string& message, DeviceEvent& event) {
+  DocumentReader document(message);
+  const Elements events = document.elements(u"event");
+  if (events.empty()) {
+    return;
+  }
+  const xercesc::DOMElement& first = *events.front();
+  event.provider = attributeOf(first, u"provider");
+  const Elements fields = elementsBelow(first, u"field");
+  UPOSLog::trace("<<ProxyImpXmlAdapter>>     provider=%s fieldlist_length=%d", event.provider,
+                 static_cast<int>(fields.size()));
+  for (const xercesc::DOMElement* element : fields) {
+    const Field& field = event.fields.emplace_back(document.readField(*element));
+    UPOSLog::trace("<<ProxyImpXmlAdapter>>         name=%s type=%s value=%s", field[0], field[1],
+                   field[2]);
+  }
+}
+
+} // namespace
+
+std::uint32_t ProxyImpXmlAdapter::toXML(std::string className, std::string type, std::string cmd,
+                                        std::string id, std::string& out) {
+  out = kUpdateRequest;
+  UPOSLog::trace("<<ProxyImpXmlAdapter>> toXML className=%s type=%s cmd=%s id=%s", className, type,
+                 cmd, id);
+  updateInstances(className, cmd, id);
+  UPOSLog::trace("<<ProxyImpXmlAdapter>> toXML className=%s type=%s cmd=%s id=%s returning '%s'",
+                 className, type, cmd, id, out);
+  return 0;
+}
+
+void ProxyImpXmlAdapter::updateInstances(const std::string& className, const std::string& cmd,
+                                         const std::string& id) {
+  const CIMContainer& cache = CIMContainer::getInstance();
+  const auto traceSize = [&](std::size_t size) {
+    UPOSLog::trace("<<ProxyImpXmlAdapter>> updateInstances className=%s id=%s device list size=%d",
+                   className, id, static_cast<int>(size));
+  };
+  if (cmd == request_vocabulary::kGetInstance) {
+    const CIMContainer::Selection selection = cache.select(className, id);
+    traceSize(selection.count);
+    instances_.clear();
+    if (selection.device != nullptr) {
+      instances_.push_back(instanceOf(*selection.device));
+    }
+    return;
+  }
+  const std::vector<CIMContainer::Reference> devices = cache.getInstances(className);
+  traceSize(devices.size());
+  instances_.clear();
+  for (const auto& device : devices) {
+    instances_.push_back(instanceOf(*device));
+  }
+}
+
+std::uint32_t ProxyImpXmlAdapter::fromXML(std::string) {
+  return 0;
+}
+
+std::string ProxyImpXmlAdapter::sendRequest(std::string request) {
+  UPOSLog::trace("<<ProxyImpXmlAdapter>> sendRequest() isPollingTime()=%d",
+                 Poller::instance().isPollingTime());
+  // Asked twice on purpose: the traced answer begins a period, so a request goes out only when the
+  // configured frequency is 0, or when a period ends between the two questions.
+  if (Poller::instance().isPollingTime()) {
+    sendToClients(request);
+  }
+  return {};
+}
+
+DeviceEvent ProxyImpXmlAdapter::fromXMLEvent(std::string message) {
+  UPOSLog::trace("<<ProxyImpXmlAdapter>> fromXMLEvent(event='%s')", message);
+  DeviceEvent event = UPOSXMLAdapter::fromXMLEvent(message);
+  // Read a second time, outside the XML lock: no request waits for an event with many fields.
+  const XmlLibrary library;
+  try {
+    library.require();
+    readProviderAndFields(message, event);
+  } catch (...) { // untraced: the first reading has traced it
+  }
+  return event;
+}
+
+} // namespace com::orvex
