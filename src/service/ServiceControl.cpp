@@ -6,6 +6,7 @@
 #include "win/Handles.h"
 
 #include <atomic>
+#include <mutex>
 
 namespace {
 
@@ -22,6 +23,10 @@ struct StatusBlock {
 };
 constinit StatusBlock status;
 constinit std::atomic<SERVICE_STATUS_HANDLE> statusHandle = nullptr;
+/// Held while a stop is reported. Windows calls the handler on the dispatcher's thread; where it has
+/// a thread of its own, the process would end between the two reports, and the control manager would
+/// take the late one for a report of the next instance.
+std::mutex reportingStop;
 
 /// Tells the block as it stands.
 void report() {
@@ -84,7 +89,9 @@ bool IsServiceRunning() {
 
 bool runServiceDispatcher() {
   const SERVICE_TABLE_ENTRYA table[] = {{serviceName, ServiceMain}, {nullptr, nullptr}};
-  return StartServiceCtrlDispatcherA(table) != FALSE;
+  const bool wasService = StartServiceCtrlDispatcherA(table) != FALSE;
+  const std::scoped_lock reported(reportingStop);
+  return wasService;
 }
 
 void WINAPI ServiceMain(DWORD, LPSTR*) noexcept {
@@ -107,11 +114,13 @@ void WINAPI ServiceMain(DWORD, LPSTR*) noexcept {
 void WINAPI ServiceCtrlHandler(DWORD control) noexcept {
   switch (control) {
   case SERVICE_CONTROL_STOP:
-  case SERVICE_CONTROL_SHUTDOWN:
+  case SERVICE_CONTROL_SHUTDOWN: {
     // Nothing is torn down: the service control manager ends the process. Reported twice, as ever.
+    const std::scoped_lock reporting(reportingStop);
     report(SERVICE_STOPPED, NO_ERROR);
     report();
     break;
+  }
   case SERVICE_CONTROL_INTERROGATE:
     report();
     break;
