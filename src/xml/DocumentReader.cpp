@@ -24,16 +24,19 @@ constexpr std::array<const XMLCh*, 5> kAttributes = {u"name", u"type", u"classna
                                                      u"modifyInstanceCode", u"provider"};
 
 /// Calls `enter` for each node below `scope`, in document order, and `leave` for each behind what
-/// is in it. Without recursion: a document decides how deep it goes, not the thread's stack.
+/// is in it. Without recursion: a document decides how deep it goes, not the thread's stack. The
+/// way back up is kept here: the library's getParentNode costs more than the rest of a step.
 template <class Enter, class Leave>
 void walkBelow(const DOMNode& scope, const Enter& enter, const Leave& leave) {
+  std::vector<const DOMNode*> open;
   const DOMNode* node = &scope;
   for (;;) {
     if (const DOMNode* const child = node->getFirstChild()) {
+      open.push_back(node);
       node = child;
     } else {
       for (;;) {
-        if (node == &scope) {
+        if (open.empty()) {
           return;
         }
         leave(*node);
@@ -41,7 +44,8 @@ void walkBelow(const DOMNode& scope, const Enter& enter, const Leave& leave) {
           node = sibling;
           break;
         }
-        node = node->getParentNode();
+        node = open.back();
+        open.pop_back();
       }
     }
     enter(*node);
@@ -211,27 +215,37 @@ Elements DocumentReader::elements(const XMLCh* name) const {
 }
 
 std::vector<DocumentReader::WithFields> DocumentReader::elementsWithFields(const XMLCh* name) {
-  fields_ = elements(u"field");
-  std::vector<WithFields> found;
-  std::vector<std::size_t> open; // the places in `found` of those that the walk is in
-  std::size_t passed = 0;        // the fields that the walk has come by
+  struct Place {
+    const DOMElement* element;
+    std::size_t begin; // of its fields in fields_
+    std::size_t end;
+  };
+  std::vector<Place> places;
+  std::vector<std::size_t> open; // the places of those that the walk is in
+  fields_.clear();
   walkBelow(
       *parser_->getDocument(),
       [&](const DOMNode& node) {
-        passed += std::size_t{isElement(node, u"field")};
+        if (isElement(node, u"field")) {
+          fields_.push_back(static_cast<const DOMElement*>(&node));
+        }
         if (isElement(node, name)) {
-          open.push_back(found.size());
-          found.push_back(
-              {static_cast<const DOMElement*>(&node), std::span(fields_).subspan(passed)});
+          open.push_back(places.size());
+          places.push_back({static_cast<const DOMElement*>(&node), fields_.size(), 0});
         }
       },
       [&](const DOMNode& node) {
-        if (!open.empty() && found[open.back()].element == &node) {
-          std::span<const DOMElement* const>& fields = found[open.back()].fields;
-          fields = fields.first(fields.size() - (fields_.size() - passed));
+        if (!open.empty() && places[open.back()].element == &node) {
+          places[open.back()].end = fields_.size();
           open.pop_back();
         }
       });
+  std::vector<WithFields> found;
+  found.reserve(places.size());
+  for (const Place& place : places) {
+    found.push_back({place.element, std::span<const DOMElement* const>(fields_).subspan(
+                                        place.begin, place.end - place.begin)});
+  }
   return found;
 }
 
@@ -247,8 +261,7 @@ Field DocumentReader::readField(const DOMElement& element) {
         }
       },
       pass);
-  Field field =
-      makeField(attributeOf(element, u"name"), attributeOf(element, u"type"), narrow(text.c_str()));
+  Field field{attributeOf(element, u"name"), attributeOf(element, u"type"), narrow(text.c_str())};
   spend(kFieldCost + field[0].size() + field[1].size() + field[2].size());
   return field;
 }

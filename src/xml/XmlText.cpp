@@ -3,6 +3,7 @@
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLString.hpp>
 
+#include <algorithm>
 #include <memory>
 
 namespace {
@@ -12,11 +13,24 @@ struct Release {
   void operator()(XMLCh* text) const { xercesc::XMLString::release(&text); }
 };
 
+/// Every ANSI code page of Windows, and every locale of the native builds, has ASCII as it is: such
+/// a text, nearly every one, is copied without asking the platform.
+constexpr XMLCh kEndOfAscii = 0x80;
+
 } // namespace
 
 std::string narrow(const XMLCh* text) {
   if (text == nullptr) {
     return {};
+  }
+  const XMLCh* end = text;
+  while (*end != 0 && *end < kEndOfAscii) {
+    ++end;
+  }
+  if (*end == 0) {
+    std::string bytes(static_cast<std::size_t>(end - text), '\0');
+    std::copy(text, end, bytes.begin());
+    return bytes;
   }
   const std::unique_ptr<char, Release> converted(xercesc::XMLString::transcode(text));
   return converted.get();
