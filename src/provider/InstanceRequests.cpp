@@ -68,16 +68,17 @@ HRESULT spawnInstance(IWbemClassObject* classObject, ComPtr<IWbemClassObject>& i
 /// that WMI refuses is skipped silently; the others are traced as `traceFormat`.
 void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount,
                IWbemClassObject* instance, std::string_view traceFormat) {
+  std::string name; // these keep their storage from field to field
+  std::string type;
+  std::string text;
+  std::wstring wideName;
   for (std::int32_t field = 0; field < fieldCount; ++field) {
-    std::string name;
-    std::string type;
-    std::string text;
     adapter.getPropertyItem(&name, index, field, 0);
     adapter.getPropertyItem(&type, index, field, 1);
     adapter.getPropertyItem(&text, index, field, 2);
-    win::Variant value(win::Bstr(win::widenInThreadCodePage(text)));
+    win::Variant value(win::bstrInThreadCodePage(text));
     provider::convertProperty(providerState().propertyTypes.typeOf(type), value);
-    const std::wstring wideName = win::widenInThreadCodePage(name);
+    win::widenInThreadCodePage(name, wideName);
     if (SUCCEEDED(instance->Put(wideName.c_str(), 0, value.get(), 0))) {
       UPOSLog::trace(traceFormat, name, type, text);
     }
@@ -247,7 +248,7 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
     if (namesInstance(names.className)) {
       return wbemResult(WBEM_E_FAILED);
     }
-    const win::Bstr className(win::widenInThreadCodePage(names.className));
+    const win::Bstr className = win::bstrInThreadCodePage(names.className);
     ComPtr<IWbemClassObject> classObject;
     const HRESULT found = fetchClass(className.get(), context, classObject);
     if (classObject == nullptr) {

@@ -459,8 +459,7 @@ TEST_F(InstanceRequests, SkipAPropertyThatWmiRefusesWithoutALine) {
 TEST_F(InstanceRequests, WidenTextInTheThreadsCodePage) {
   script_.instances = {{{"ModelName", "string", "Caf\xE9 100%s"}}};
   EXPECT_EQ(enumerate(), WBEM_S_NO_ERROR);
-  EXPECT_EQ(sink_.indicated,
-            (std::vector<Puts>{{L"ModelName:8=" + win::widenInThreadCodePage("Caf\xE9 100%s")}}));
+  EXPECT_EQ(sink_.indicated, (std::vector<Puts>{{L"ModelName:8=" + win::widen("Caf\xE9 100%s")}}));
 }
 
 TEST_F(InstanceRequests, SurviveFieldsWithoutTheirThreeStrings) {

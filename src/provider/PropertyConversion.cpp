@@ -21,6 +21,9 @@ void convertProperty(PropertyType type, win::Variant& value) noexcept {
   case kNoType:
     return; // stays text
   }
+  if (value.value().vt == target) {
+    return; // the platform would copy the text three times and change nothing
+  }
   // Unchecked on purpose: what does not convert is put as it then is.
   VariantChangeType(value.get(), value.get(), 0, target);
 }

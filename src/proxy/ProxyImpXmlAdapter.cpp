@@ -22,7 +22,7 @@ Instance instanceOf(const CIMDevice& device) {
   Instance instance;
   instance.reserve(device.fields().size());
   for (const auto& [name, value] : device.fields()) {
-    instance.push_back(makeField(name, value.type, value.value));
+    instance.push_back({name, value.type, value.value});
   }
   return instance;
 }

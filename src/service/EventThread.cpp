@@ -59,7 +59,7 @@ void openAgain(CommunicationLayer& layer, std::uint16_t port) {
 
 HRESULT putText(IWbemClassObject& instance, const wchar_t* property, const std::string& text) {
   // As a list's texts become wide, so that both name a device alike.
-  win::Variant value(win::Bstr(win::widenInThreadCodePage(text)));
+  win::Variant value(win::bstrInThreadCodePage(text));
   return instance.Put(property, 0, value.get(), 0);
 }
 

@@ -90,9 +90,11 @@ void UPOSAdapter::getInstance(std::string className, std::string key) {
 }
 
 void UPOSAdapter::setInstances(InstanceList instances) {
+  if (currentProperty_ != nullptr) {
+    lastName_ = currentProperty_->front();
+    currentProperty_ = nullptr;
+  }
   instances_ = std::move(instances);
-  selectedInstance_ = kNone;
-  selectedProperty_ = kNone;
 }
 
 std::int32_t UPOSAdapter::getInstanceCount() const noexcept {
@@ -100,41 +102,15 @@ std::int32_t UPOSAdapter::getInstanceCount() const noexcept {
 }
 
 std::int32_t UPOSAdapter::selectInstance(std::int32_t index) {
-  return select(index) ? static_cast<std::int32_t>(currentInstance_.size()) : 0;
-}
-
-bool UPOSAdapter::select(std::int32_t instanceIndex) {
-  if (!has(instances_, instanceIndex)) {
-    return false;
-  }
-  if (instanceIndex != selectedInstance_) {
-    selectedInstance_ = kNone; // until the copy is complete
-    selectedProperty_ = kNone;
-    currentInstance_ = at(instances_, instanceIndex);
-    selectedInstance_ = instanceIndex;
-  }
-  return true;
-}
-
-bool UPOSAdapter::select(std::int32_t instanceIndex, std::int32_t propertyIndex) {
-  if (!select(instanceIndex) || !has(currentInstance_, propertyIndex)) {
-    return false;
-  }
-  if (propertyIndex != selectedProperty_) {
-    selectedProperty_ = kNone;
-    currentProperty_ = at(currentInstance_, propertyIndex);
-    selectedProperty_ = propertyIndex;
-  }
-  return true;
+  return has(instances_, index) ? static_cast<std::int32_t>(at(instances_, index).size()) : 0;
 }
 
 void UPOSAdapter::getPropertyItem(std::string* out, std::int32_t instanceIndex,
                                   std::int32_t propertyIndex, std::int32_t item) {
-  if (select(instanceIndex, propertyIndex) && has(currentProperty_, item)) {
-    *out = at(currentProperty_, item);
-  } else if (!currentProperty_.empty()) {
-    *out = currentProperty_.front();
+  if (has(instances_, instanceIndex) && has(at(instances_, instanceIndex), propertyIndex)) {
+    currentProperty_ = &at(at(instances_, instanceIndex), propertyIndex);
+    *out = has(*currentProperty_, item) ? at(*currentProperty_, item) : currentProperty_->front();
   } else {
-    out->clear();
+    *out = currentProperty_ != nullptr ? currentProperty_->front() : lastName_;
   }
 }

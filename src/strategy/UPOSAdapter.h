@@ -31,19 +31,12 @@ public:
                        std::int32_t item);
 
 private:
-  static constexpr std::int32_t kNone = -1;
-
   void setInstances(InstanceList instances);
-  bool select(std::int32_t instanceIndex);
-  bool select(std::int32_t instanceIndex, std::int32_t propertyIndex);
 
   // Unused, always empty; kept because the order of the fields is fixed.
   std::string unused1_;
   std::string unused2_;
   InstanceList instances_;
-  Instance currentInstance_;
-  Field currentProperty_;
-  // What the two copies above were made of, so that they are made once and not for each string.
-  std::int32_t selectedInstance_ = kNone;
-  std::int32_t selectedProperty_ = kNone;
+  const Field* currentProperty_ = nullptr; ///< the property that was read last, in instances_
+  std::string lastName_; ///< what such a property was called whose list has been replaced
 };

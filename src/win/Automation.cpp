@@ -2,6 +2,7 @@
 
 #include <climits>
 
+#include <algorithm>
 #include <new>
 #include <stdexcept>
 #include <system_error>
@@ -27,15 +28,21 @@ std::size_t checkedResult(int result) {
   return static_cast<std::size_t>(result);
 }
 
-std::wstring widenIn(UINT codePage, std::string_view text) {
-  const int length = checkedLength(text.size());
-  std::wstring wide;
-  if (length != 0) {
-    wide.resize(checkedResult(MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0)));
-    checkedResult(MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(),
-                                      static_cast<int>(wide.size())));
+/// Every ANSI code page of Windows has ASCII as it is: such a text, nearly every one, is widened
+/// without asking the platform.
+bool isAscii(std::string_view text) noexcept {
+  return std::all_of(text.begin(), text.end(), [](char each) { return (each & 0x80) == 0; });
+}
+
+void widenIn(UINT codePage, std::string_view text, std::wstring& wide) {
+  if (isAscii(text)) {
+    wide.assign(text.begin(), text.end());
+    return;
   }
-  return wide;
+  const int length = checkedLength(text.size());
+  wide.resize(checkedResult(MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0)));
+  checkedResult(MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(),
+                                    static_cast<int>(wide.size())));
 }
 
 } // namespace
@@ -62,11 +69,28 @@ std::string narrow(std::wstring_view text) {
 }
 
 std::wstring widen(std::string_view text) {
-  return widenIn(CP_ACP, text);
+  std::wstring wide;
+  widenIn(CP_ACP, text, wide);
+  return wide;
 }
 
-std::wstring widenInThreadCodePage(std::string_view text) {
-  return widenIn(CP_THREAD_ACP, text);
+void widenInThreadCodePage(std::string_view text, std::wstring& wide) {
+  widenIn(CP_THREAD_ACP, text, wide);
+}
+
+Bstr bstrInThreadCodePage(std::string_view text) {
+  if (isAscii(text)) {
+    Bstr bstr;
+    bstr.reset(SysAllocStringLen(nullptr, static_cast<UINT>(checkedLength(text.size()))));
+    if (!bstr) {
+      throw std::bad_alloc();
+    }
+    std::copy(text.begin(), text.end(), bstr.get());
+    return bstr;
+  }
+  std::wstring wide;
+  widenInThreadCodePage(text, wide);
+  return Bstr(std::wstring_view(wide));
 }
 
 } // namespace win

@@ -64,7 +64,8 @@ private:
 /// WideCharToMultiByte / MultiByteToWideChar in the system's ANSI code page.
 std::string narrow(std::wstring_view text);
 std::wstring widen(std::string_view text);
-/// As widen, in the calling thread's ANSI code page (CP_THREAD_ACP).
-std::wstring widenInThreadCodePage(std::string_view text);
+/// As widen, in the calling thread's ANSI code page (CP_THREAD_ACP); `wide` keeps its storage.
+void widenInThreadCodePage(std::string_view text, std::wstring& wide);
+Bstr bstrInThreadCodePage(std::string_view text);
 
 } // namespace win

@@ -33,20 +33,43 @@ TEST(Automation, TextSurvivesTheWayThereAndBack) {
   EXPECT_EQ(win::narrow(win::widen("caf\xE9")), "caf\xE9");
 }
 
-TEST(Automation, ARefusedConversionWasTakenForAnotherText) {
+TEST(Automation, ARefusedConversionThrowsAndGivesNoOtherText) {
   const PatchedImport<decltype(WideCharToMultiByte)> narrowing("WideCharToMultiByte",
                                                                failingNarrow);
   const PatchedImport<decltype(MultiByteToWideChar)> widening("MultiByteToWideChar", failingWiden);
   realNarrow = narrowing.original();
   realWiden = widening.original();
+  std::wstring wide;
   for (int granted = 0; granted < 2; ++granted) {
     callsBeforeFailure = granted;
-    EXPECT_THROW(win::narrow(L"SCANNER1"), std::system_error);
+    EXPECT_THROW(win::narrow(L"caf\xE9"), std::system_error);
     callsBeforeFailure = granted;
-    EXPECT_THROW(win::widen("SCANNER1"), std::system_error);
+    EXPECT_THROW(win::widen("caf\xE9"), std::system_error);
     callsBeforeFailure = granted;
-    EXPECT_THROW(win::widenInThreadCodePage("SCANNER1"), std::system_error);
+    EXPECT_THROW(win::widenInThreadCodePage("caf\xE9", wide), std::system_error);
+    callsBeforeFailure = granted;
+    EXPECT_THROW(win::bstrInThreadCodePage("caf\xE9"), std::system_error);
   }
+}
+
+// What lets an ASCII text be widened without asking the platform.
+TEST(Automation, EveryAnsiCodePageHasAsciiAsItIs) {
+  std::string ascii;
+  for (char each = 0; each >= 0 && each < 0x7F; ++each) {
+    ascii += each;
+  }
+  ascii += '\x7F';
+  for (const UINT page : {874U, 932U, 936U, 949U, 950U, 1250U, 1251U, 1252U, 1253U, 1254U, 1255U,
+                          1256U, 1257U, 1258U, 65001U}) {
+    std::wstring wide(ascii.size(), L'?');
+    ASSERT_EQ(MultiByteToWideChar(page, 0, ascii.data(), static_cast<int>(ascii.size()),
+                                  wide.data(), static_cast<int>(wide.size())),
+              static_cast<int>(ascii.size()))
+        << page;
+    EXPECT_EQ(wide, std::wstring(ascii.begin(), ascii.end())) << page;
+  }
+  EXPECT_EQ(win::widen(ascii), std::wstring(ascii.begin(), ascii.end()));
+  EXPECT_EQ(win::bstrInThreadCodePage(ascii).text(), std::wstring(ascii.begin(), ascii.end()));
 }
 
 TEST(Automation, ANullBstrReadsAsEmpty) {
