@@ -67,7 +67,8 @@ HRESULT spawnInstance(IWbemClassObject* classObject, ComPtr<IWbemClassObject>& i
 /// Puts the fields of one of the adapter's instances, each converted by its type word. A property
 /// that WMI refuses is skipped silently; the others are traced as `traceFormat`.
 void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount,
-               IWbemClassObject* instance, std::string_view traceFormat) {
+               provider::RequestTypes& types, IWbemClassObject* instance,
+               std::string_view traceFormat) {
   std::string name; // these keep their storage from field to field
   std::string type;
   std::string text;
@@ -77,7 +78,7 @@ void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount
     adapter.getPropertyItem(&type, index, field, 1);
     adapter.getPropertyItem(&text, index, field, 2);
     win::Variant value(win::bstrInThreadCodePage(text));
-    provider::convertProperty(providerState().propertyTypes.typeOf(type), value);
+    provider::convertProperty(types.typeOf(type), value);
     win::widenInThreadCodePage(name, wideName);
     if (SUCCEEDED(instance->Put(wideName.c_str(), 0, value.get(), 0))) {
       UPOSLog::trace(traceFormat, name, type, text);
@@ -89,13 +90,14 @@ void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount
 HRESULT indicateInstances(UPOSAdapter& adapter, IWbemClassObject* classObject, HRESULT status,
                           IWbemObjectSink* responseHandler) {
   const std::int32_t count = adapter.getInstanceCount();
+  provider::RequestTypes types(providerState().propertyTypes);
   for (std::int32_t index = 0; index < count; ++index) {
     ComPtr<IWbemClassObject> instance;
     status = spawnInstance(classObject, instance);
     if (FAILED(status)) {
       break;
     }
-    putFields(adapter, index, adapter.selectInstance(index), instance.Get(),
+    putFields(adapter, index, adapter.selectInstance(index), types, instance.Get(),
               "\tPutField - Name: %s, Type: %s, Value: %s");
     IWbemClassObject* object = instance.Get();
     status = responseHandler->Indicate(1, &object);
@@ -261,7 +263,8 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
     }
     const std::int32_t fieldCount = adapter.selectInstance(0);
     UPOSLog::trace("GetIntanceByPath: Number of Props In Instance: %d", fieldCount);
-    putFields(adapter, 0, fieldCount, spawned.Get(),
+    provider::RequestTypes types(providerState().propertyTypes);
+    putFields(adapter, 0, fieldCount, types, spawned.Get(),
               "<<Put Field >> Name: %s, Type: %s, Value: %s");
     *instance = spawned.Detach();
     return wbemResult(fieldCount < 1 ? WBEM_E_FAILED : WBEM_S_NO_ERROR);

@@ -18,4 +18,18 @@ PropertyType PropertyTypes::typeOf(const std::string& word) {
   return types_[word];
 }
 
+PropertyType RequestTypes::typeOf(const std::string& word) {
+  for (std::size_t i = 0; i < count_; ++i) {
+    if (known_[i].word == word) {
+      return known_[i].type;
+    }
+  }
+  const PropertyType type = table_.typeOf(word);
+  if (count_ < known_.size()) {
+    known_[count_] = {word, type};
+    ++count_;
+  }
+  return type;
+}
+
 } // namespace provider

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <map>
 #include <mutex>
 #include <string>
@@ -32,6 +34,25 @@ public:
 private:
   std::mutex mutex_;
   std::map<std::string, PropertyType> types_;
+};
+
+/// The table as one request sees it: the first words that it meets are looked up once.
+///
+/// Owner: one request, on its stack. Errors: as the table's.
+class RequestTypes {
+public:
+  explicit RequestTypes(PropertyTypes& table) : table_(table) {}
+  PropertyType typeOf(const std::string& word);
+
+private:
+  struct Known {
+    std::string word;
+    PropertyType type;
+  };
+
+  PropertyTypes& table_;
+  std::array<Known, 8> known_; // the table's seven, and one more
+  std::size_t count_ = 0;
 };
 
 } // namespace provider

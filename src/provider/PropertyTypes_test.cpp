@@ -11,6 +11,7 @@
 namespace {
 
 using provider::PropertyTypes;
+using provider::RequestTypes;
 
 struct Row {
   const char* word;
@@ -40,6 +41,21 @@ TEST(PropertyTypes, BeforeItIsFilledEveryWordIsUnknownAndFillingMendsIt) {
   EXPECT_EQ(types.typeOf("uint32"), 0);
   types.fill();
   EXPECT_EQ(types.typeOf("uint32"), 2);
+}
+
+TEST(RequestTypes, AnswerAsTheTableDoesHoweverManyWordsThereAre) {
+  PropertyTypes table;
+  table.fill();
+  RequestTypes types(table);
+  for (int round = 0; round < 2; ++round) {
+    for (int unknown = 0; unknown < 20; ++unknown) {
+      EXPECT_EQ(types.typeOf("word" + std::to_string(unknown)), 0);
+    }
+    for (const char* word : {"string", "uint32", "uint64", "boolean", "ArrayInt32", "datetime"}) {
+      EXPECT_EQ(types.typeOf(word), table.typeOf(word)) << word;
+    }
+    EXPECT_EQ(types.typeOf("uint32"), 2);
+  }
 }
 
 // Unguarded, a word entered by one thread is lost to another's: the sanitizers report the leak.

@@ -21,16 +21,6 @@ std::unique_ptr<IUPOSXmlAdapter> createXmlAdapter() {
                                                              : nullptr);
 }
 
-template <class List>
-bool has(const List& list, std::int32_t index) {
-  return index >= 0 && static_cast<std::size_t>(index) < list.size();
-}
-
-template <class List>
-auto& at(List& list, std::int32_t index) {
-  return list[static_cast<std::size_t>(index)];
-}
-
 } // namespace
 
 UPOSAdapter::UPOSAdapter() {
@@ -102,15 +92,7 @@ std::int32_t UPOSAdapter::getInstanceCount() const noexcept {
 }
 
 std::int32_t UPOSAdapter::selectInstance(std::int32_t index) {
-  return has(instances_, index) ? static_cast<std::int32_t>(at(instances_, index).size()) : 0;
-}
-
-void UPOSAdapter::getPropertyItem(std::string* out, std::int32_t instanceIndex,
-                                  std::int32_t propertyIndex, std::int32_t item) {
-  if (has(instances_, instanceIndex) && has(at(instances_, instanceIndex), propertyIndex)) {
-    currentProperty_ = &at(at(instances_, instanceIndex), propertyIndex);
-    *out = has(*currentProperty_, item) ? at(*currentProperty_, item) : currentProperty_->front();
-  } else {
-    *out = currentProperty_ != nullptr ? currentProperty_->front() : lastName_;
-  }
+  return has(instances_, index)
+             ? static_cast<std::int32_t>(instances_[static_cast<std::size_t>(index)].size())
+             : 0;
 }

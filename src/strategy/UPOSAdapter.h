@@ -27,10 +27,26 @@ public:
   std::int32_t selectInstance(std::int32_t index);
   /// One string of one property of one instance: item 0 name, 1 type word, 2 value. Where an index
   /// is out of range: the first string of the property that was read last, empty without one.
+  /// Inline: it is called three times for each field of an answer.
   void getPropertyItem(std::string* out, std::int32_t instanceIndex, std::int32_t propertyIndex,
-                       std::int32_t item);
+                       std::int32_t item) {
+    if (has(instances_, instanceIndex)) {
+      const Instance& instance = instances_[static_cast<std::size_t>(instanceIndex)];
+      if (has(instance, propertyIndex)) {
+        currentProperty_ = &instance[static_cast<std::size_t>(propertyIndex)];
+        *out =
+            (*currentProperty_)[has(*currentProperty_, item) ? static_cast<std::size_t>(item) : 0];
+        return;
+      }
+    }
+    *out = currentProperty_ != nullptr ? currentProperty_->front() : lastName_;
+  }
 
 private:
+  template <class List>
+  static bool has(const List& list, std::int32_t index) noexcept {
+    return static_cast<std::uint32_t>(index) < list.size(); // a negative index is far above
+  }
   void setInstances(InstanceList instances);
 
   // Unused, always empty; kept because the order of the fields is fixed.
