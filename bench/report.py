@@ -4,6 +4,8 @@ import json
 import math
 from pathlib import Path
 
+import instructions
+
 PARTS = {
     "wmi": "WMI's round trip",
     "exchange": "the exchange over the request socket",
@@ -84,6 +86,10 @@ def tables(results):
     core = rows(["Benchmark", "size", "ns", "exponent"], [
         [c["name"], f"{c['size']:,}" if c["size"] else "", number(c["ns"]),
          "" if c["exponent"] is None else f"{c['exponent']:.2f}"] for c in results["core"]])
+    counts = rows(["What", "instructions"],
+                  [[name, number(count)] for name, count in results["instructions"].items()] +
+                  [[f"{name}, product ÷ bare", f"{results['instructions'][name] / results['instructions'][bare]:.2f} "
+                    f"(at most {most})"] for name, bare, most in instructions.RATIOS])
     kept = results["kept"]
     return f"""\
 Measured {results['when']}, at {results['commit']}, on {results['machine']}, {results['rounds']} rounds, \
@@ -109,7 +115,10 @@ more after one of {kept['size']:,} devices, {number(kept['again'])} KiB more aft
 
 ## The plain core, natively (Google Benchmark, processor time)
 
-{core}"""
+{core}
+## Instructions of the plain core (callgrind)
+
+{counts}"""
 
 
 def share(size, part):
@@ -150,6 +159,9 @@ def comparison(earlier, later):
         better = (now["median"] > was["median"]) == figure["at_least"]
         lines.append([title(figure), spread(was), spread(now),
                       ("better" if better else "**worse**") if apart else ""])
+    before = earlier.get("instructions", {})
+    lines += [[name, number(before[name]), number(count), ""]
+              for name, count in later["instructions"].items() if before.get(name, count) != count]
     return (f"## Compared with {earlier['when']} ({earlier['commit']})\n\n" +
             rows(["What", "ratio then", "ratio now", "beyond the spread"], lines))
 

@@ -18,6 +18,7 @@ from datetime import datetime, timezone
 from pathlib import Path
 
 sys.dont_write_bytecode = True
+import instructions  # noqa: E402
 import report  # noqa: E402
 import rig  # noqa: E402
 
@@ -366,6 +367,7 @@ class Run:
         self.memory()
         self.trace()
         core = self.core()
+        self.say("the instructions of the plain core")
         return {
             "when": datetime.now(timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
             "commit": subprocess.run(["git", "-C", rig.ROOT, "describe", "--always", "--dirty"],
@@ -374,6 +376,7 @@ class Run:
             "load": os.getloadavg()[2],
             "figures": self.figures, "growth": self.growth, "breakdown": self.breakdown,
             "goals": self.goals, "kept": self.kept, "core": core,
+            "instructions": instructions.count(),
         }
 
 

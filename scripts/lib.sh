@@ -46,7 +46,7 @@ build_packages=(
 )
 test_packages=(
   clang-14 clang-format-14 clang-tidy-14 git libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
-  python3-pytest
+  python3-pytest valgrind
 )
 package_packages=(git nsis osslsigncode)
 soak_packages=(gnuplot-nox python3)

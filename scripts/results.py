@@ -114,7 +114,7 @@ def main():
     print()
     for part in parts:
         skipped = f", {part.skipped} skipped" if part.skipped else ""
-        print(f"{part.name:<10} {part.passed:4} passed, {len(part.failed)} failed{skipped}")
+        print(f"{part.name:<12} {part.passed:4} passed, {len(part.failed)} failed{skipped}")
     failed = [f"{part.name}: {each}" for part in parts for each in part.failed]
     if failed:
         print("\nFailed:", *failed, sep="\n  ")
