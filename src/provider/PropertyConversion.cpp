@@ -1,6 +1,28 @@
 #include "provider/PropertyConversion.h"
 
+#include <algorithm>
+#include <optional>
+#include <string_view>
+
 namespace provider {
+
+namespace {
+
+/// The number that one to nine digits are in every locale; nearly every number is such a text, and
+/// the platform looks the locale up for it.
+std::optional<LONG> plainNumber(std::wstring_view text) noexcept {
+  const auto isDigit = [](wchar_t each) { return each >= L'0' && each <= L'9'; };
+  if (text.empty() || text.size() > 9 || !std::all_of(text.begin(), text.end(), isDigit)) {
+    return std::nullopt;
+  }
+  LONG number = 0;
+  for (const wchar_t digit : text) {
+    number = number * 10 + (digit - L'0');
+  }
+  return number;
+}
+
+} // namespace
 
 void convertProperty(PropertyType type, win::Variant& value) noexcept {
   VARTYPE target = VT_EMPTY;
@@ -23,6 +45,15 @@ void convertProperty(PropertyType type, win::Variant& value) noexcept {
   }
   if (value.value().vt == target) {
     return; // the platform would copy the text three times and change nothing
+  }
+  if (target == VT_I4) {
+    const BSTR text = value.value().bstrVal;
+    if (const auto number = plainNumber({text, SysStringLen(text)})) {
+      VariantClear(value.get());
+      value.get()->vt = VT_I4;
+      value.get()->lVal = *number;
+      return;
+    }
   }
   // Unchecked on purpose: what does not convert is put as it then is.
   VariantChangeType(value.get(), value.get(), 0, target);

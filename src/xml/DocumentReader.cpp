@@ -25,10 +25,11 @@ constexpr std::array<const XMLCh*, 5> kAttributes = {u"name", u"type", u"classna
 
 /// Calls `enter` for each node below `scope`, in document order, and `leave` for each behind what
 /// is in it. Without recursion: a document decides how deep it goes, not the thread's stack. The
-/// way back up is kept here: the library's getParentNode costs more than the rest of a step.
+/// way back up is kept in `open`: the library's getParentNode costs more than the rest of a step.
 template <class Enter, class Leave>
-void walkBelow(const DOMNode& scope, const Enter& enter, const Leave& leave) {
-  std::vector<const DOMNode*> open;
+void walkBelow(const DOMNode& scope, std::vector<const DOMNode*>& open, const Enter& enter,
+               const Leave& leave) {
+  open.clear();
   const DOMNode* node = &scope;
   for (;;) {
     if (const DOMNode* const child = node->getFirstChild()) {
@@ -64,8 +65,9 @@ constexpr auto pass = [](const DOMNode&) {};
 
 Elements elementsIn(const DOMNode& scope, const XMLCh* name) {
   Elements found;
+  std::vector<const DOMNode*> open;
   walkBelow(
-      scope,
+      scope, open,
       [&](const DOMNode& node) {
         if (isElement(node, name)) {
           found.push_back(static_cast<const DOMElement*>(&node));
@@ -151,14 +153,14 @@ public:
     const Open& opened = open_.emplace_back(Open{kept, holds(vocabulary_.texts, name)});
     textDepth_ += std::size_t{opened.hasText};
     if (kept) {
-      Attributes wanted(vocabulary_.attributes.size(), false); // owns none of them
+      wanted_.removeAllElements();
       for (XMLSize_t i = 0; i < attributeCount; ++i) {
         const xercesc::XMLAttr* const attribute = attributes.elementAt(i);
         if (holds(vocabulary_.attributes, attribute->getName())) {
-          wanted.addElement(const_cast<xercesc::XMLAttr*>(attribute)); // only read by the library
+          wanted_.addElement(const_cast<xercesc::XMLAttr*>(attribute)); // only read by the library
         }
       }
-      XercesDOMParser::startElement(declaration, uri, prefix, wanted, wanted.size(), isEmpty,
+      XercesDOMParser::startElement(declaration, uri, prefix, wanted_, wanted_.size(), isEmpty,
                                     isRoot);
     } else if (isEmpty) {
       endElement(declaration, uri, isRoot, prefix);
@@ -192,8 +194,9 @@ private:
   };
 
   const Vocabulary& vocabulary_;
-  std::vector<Open> open_;    ///< the elements that are open, the root first
-  std::size_t textDepth_ = 0; ///< how many of them have text
+  Attributes wanted_{5, false}; ///< of the element that begins; owns none of them
+  std::vector<Open> open_;      ///< the elements that are open, the root first
+  std::size_t textDepth_ = 0;   ///< how many of them have text
   std::string firstError_;
 };
 
@@ -224,7 +227,7 @@ std::vector<DocumentReader::WithFields> DocumentReader::elementsWithFields(const
   std::vector<std::size_t> open; // the places of those that the walk is in
   fields_.clear();
   walkBelow(
-      *parser_->getDocument(),
+      *parser_->getDocument(), path_,
       [&](const DOMNode& node) {
         if (isElement(node, u"field")) {
           fields_.push_back(static_cast<const DOMElement*>(&node));
@@ -250,18 +253,18 @@ std::vector<DocumentReader::WithFields> DocumentReader::elementsWithFields(const
 }
 
 Field DocumentReader::readField(const DOMElement& element) {
-  std::basic_string<XMLCh> text;
+  text_.clear();
   walkBelow(
-      element,
+      element, path_,
       [&](const DOMNode& node) {
         if (isElement(node)) {
           spend(1);
         } else {
-          text += node.getNodeValue();
+          text_ += node.getNodeValue();
         }
       },
       pass);
-  Field field{attributeOf(element, u"name"), attributeOf(element, u"type"), narrow(text.c_str())};
+  Field field{attributeOf(element, u"name"), attributeOf(element, u"type"), narrow(text_.c_str())};
   spend(kFieldCost + field[0].size() + field[1].size() + field[2].size());
   return field;
 }

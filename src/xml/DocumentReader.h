@@ -87,4 +87,6 @@ private:
   xercesc::MemBufInputSource source_;
   std::unique_ptr<Parser> parser_;
   Elements fields_;
+  std::vector<const xercesc::DOMNode*> path_; ///< these two keep their storage from field to field
+  std::basic_string<XMLCh> text_;
 };
