@@ -1,5 +1,5 @@
-# Run by CPack between staging and packing: signs the programs when that was asked for, and gives
-# every file the time of SOURCE_DATE_EPOCH, so that the same content makes the same package.
+# CPack runs this between staging and packing. It signs the programs if signing is requested, and sets
+# the time of every file to SOURCE_DATE_EPOCH, so that the same content gives the same package.
 set(stage ${CPACK_TEMPORARY_DIRECTORY})
 file(GLOB_RECURSE files ${stage}/*)
 if(CPACK_QUILLMON_SIGN)

@@ -1,10 +1,10 @@
-"""The papers of the packages, from what was really built and linked.
+"""Writes the papers of the packages from what was really built and linked.
 
     papers.py notices BUILD         writes BUILD/THIRD-PARTY-NOTICES.txt
     papers.py materials BUILD OUT   writes OUT/quillmon-VERSION.spdx.json for the packages in OUT
 
-Which library is in which program is read from the build's own record of inputs; versions come from
-the headers, libraries and packages that were used. Only the licences are written down here.
+The build's own record of inputs says which library is in which program. The headers, libraries and
+packages that were used give the versions. Only the licences are written down here.
 """
 
 import hashlib

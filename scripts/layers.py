@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""scripts/layers.py: whether each component of src/ includes only itself and those below it.
+"""scripts/layers.py: checks that each component of src/ includes only itself and those below it.
 
 The order is the list `components` in CMakeLists.txt, from the lowest to the highest.
 """

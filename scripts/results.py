@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""scripts/results.py PART...: what the parts of scripts/test did, from what their runners wrote.
+"""scripts/results.py PART...: summarises the parts of scripts/test from their runners' reports.
 
-A part is NAME=FILE. FILE is ctest's report (for each of its tests the cases are counted by the
-report that the test itself wrote: PROGRAM.report.xml in the build folder), gtest's report, or lines
-"ok NAME" and "failed NAME COMMAND". Ends with one line "N passed, N failed".
+A part is NAME=FILE. FILE is ctest's report, gtest's report, or lines "ok NAME" and "failed NAME
+COMMAND". For a test in ctest's report, the cases are counted from the report that the test itself
+wrote (PROGRAM.report.xml in the build folder). Ends with one line "N passed, N failed".
 """
 
 import re

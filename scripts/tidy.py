@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""scripts/tidy.py FILE...: clang-tidy over the FILEs that build/host compiles, two at a time.
+"""scripts/tidy.py FILE...: runs clang-tidy over the FILEs that build/host compiles, two at a time.
 
-A file is analysed again only after a change of itself, of a header that it includes, of its compile
-command, of .clang-tidy or of the tool: build/lint keeps what was found clean.
+build/lint records the files that were clean. A file is analysed again only after a change to itself,
+to a header that it includes, to its compile command, to .clang-tidy or to the tool.
 """
 
 import concurrent.futures

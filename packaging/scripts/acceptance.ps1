@@ -1,9 +1,9 @@
-# Proves on a real Windows what Wine cannot: installs, compiles, lists, watches, upgrades, removes.
-# Stops at the first thing that is not as docs\install.md says. NOT RUN YET by anybody.
+# Checks on a real Windows what Wine cannot show: installs, compiles, lists, watches, upgrades,
+# removes. Stops at the first deviation from docs\install.md. NOT RUN YET.
 #
 #   powershell -ExecutionPolicy Bypass -File acceptance.ps1 -Installer quillmon-VERSION-win64.exe
 #
-# Elevated, on a machine without Quillmon. Leaves a report beside the installer.
+# Run it elevated, on a machine without Quillmon. It writes a report beside the installer.
 param([Parameter(Mandatory)][string]$Installer)
 
 Set-StrictMode -Version Latest
