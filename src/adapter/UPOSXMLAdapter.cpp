@@ -117,13 +117,14 @@ std::uint32_t UPOSXMLAdapter::fromXML(std::string response) {
   std::uint32_t status = kUnreadable;
   readWithin("<< Unknown Exception in XMLAdapter >> : ", [&] {
     library.require();
-    status = readResponse(response);
+    status = readResponse(std::move(response));
   });
   return status;
 }
 
-std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
+std::uint32_t UPOSXMLAdapter::readResponse(std::string response) {
   DocumentReader document(response);
+  std::string().swap(response); // a large answer is not held beside its tree and its list
   const Elements errors = document.elements(u"error");
   UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",
                  static_cast<int>(errors.size()));
@@ -138,6 +139,7 @@ std::uint32_t UPOSXMLAdapter::readResponse(const std::string& response) {
     const bool isScannerOrScale =
         contains(className, "UPOS_Scanner") || contains(className, "UPOS_Scale");
     bool keep = false;
+    pendingFields_.reserve(pendingFields_.size() + fields.size());
     for (std::size_t number = 0; number < fields.size(); ++number) {
       const Field& field = pendingFields_.emplace_back(document.readField(*fields[number]));
       const std::string& name = field[0];

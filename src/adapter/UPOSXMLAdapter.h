@@ -34,5 +34,5 @@ protected:
   Instance pendingFields_;
 
 private:
-  std::uint32_t readResponse(const std::string& response);
+  std::uint32_t readResponse(std::string response);
 };
