@@ -106,6 +106,18 @@ class Side:
         mode = {"adapter": "-d", "proxy": "-O"}[self.strategy]
         self.provider = Program(self.machine, "C:\\Quillmon\\quillmon.exe", mode)
 
+    def trace(self, configuration=None):
+        """The program that traces; `configuration` is the log's, none where it has none."""
+        if configuration:
+            folder = self.machine.c / "Log"
+            (folder / "Log").mkdir(parents=True)
+            (folder / "zontrace.cfg").write_bytes(configuration.read_bytes())
+            self.machine.set_registry("HKLM\\SOFTWARE\\Veltran\\Veltran Kestrune", "INSTALLDIR",
+                                      "C:\\Log\\")
+        program = Program(self.machine, BUILD / "bench_trace.exe")
+        program.expect("ready")
+        return program
+
     def end_provider(self):
         self.provider.end()
 

@@ -102,7 +102,7 @@ class Run:
                 prepare(side, size)
             times = self.times(size)
             samples = self.turns(sides, ["enumerate", size, times], times)
-            figures.append(self.add(name, samples, size=size, goal=1.2))
+            figures.append(self.add(name, samples, size=size, goal=1.08))
             then(size)
         self.note_growth(name, figures)
 
@@ -130,7 +130,7 @@ class Run:
                 side.watch()
             self.enumerate("adapter enumeration", sides,
                            lambda side, size: side.client.ask("devices", size))
-            self.add("adapter retrieval", self.turns(sides, ["get", "DEV1", 20], 20), goal=1.2)
+            self.add("adapter retrieval", self.turns(sides, ["get", "DEV1", 20], 20), goal=1.08)
             self.events("datagram", sides)
             self.stages(*sides)
             self.clients(sides)
@@ -211,7 +211,7 @@ class Run:
                 side.client.ask("until", 1)
                 if number >= 0:
                     taken.append([(time.perf_counter() - before) * 1e6])
-        self.add("start to first answer", samples, unit="us elapsed")
+        self.add("start to first answer", samples, unit="us elapsed", goal=1.1)
 
     def proxy(self):
         self.say("the proxy strategy: product and floor side by side")
@@ -232,7 +232,7 @@ class Run:
 
             def then(size):
                 self.add("proxy retrieval",
-                         self.turns(sides, ["get", f"DEV{size - 1}", 20], 20), size=size, goal=1.2)
+                         self.turns(sides, ["get", f"DEV{size - 1}", 20], 20), size=size, goal=1.08)
                 if size == 100:
                     self.events("stream", sides)
 
@@ -323,7 +323,7 @@ class Run:
                 trees.append([memory.peak() - before])
                 bare.end()
             self.add("peak memory of an enumeration", [peaks, trees], size=size, unit="KiB",
-                     goal=1.5)
+                     goal=1.15)
             self.kept = {"before": statistics.median(steady), "after": statistics.median(kept),
                          "again": self.again, "size": size}
         finally:
@@ -333,16 +333,19 @@ class Run:
         self.say("the trace")
         side = rig.Side("floor", "adapter")
         try:
-            program = rig.Program(side.machine, rig.BUILD / "bench_trace.exe")
-            program.expect("ready")
-            for name, ours, floor, times in (
-                    ("trace line, switched off", "disabled", "look", 500),
-                    ("trace line, switched on", "enabled", "append", 50)):
+            def lines(program, name, ours, floor, times, goal=None):
                 samples = [[], []]
                 for _ in range(self.rounds):
                     for command, taken in zip((ours, floor), samples):
                         taken.append([float(program.ask(command, times))])
-                self.add(name, samples, unit="us elapsed")
+                self.add(name, samples, unit="us elapsed", goal=goal)
+
+            program = side.trace()
+            lines(program, "trace line, switched off", "disabled", "look", 500)
+            lines(program, "trace line, without a limit of size", "enabled", "thread", 50, goal=1.15)
+            program.end()
+            program = side.trace(configuration=rig.ROOT / "packaging" / "config" / "zontrace.cfg")
+            lines(program, "trace line, as shipped", "enabled", "steps", 50, goal=1.15)
         finally:
             side.close()
 

@@ -5,7 +5,8 @@
 //   disabled     a trace line while nobody has switched the trace on
 //   look         the look for the switch alone
 //   enabled      a trace line that is written
-//   append       the same line appended to a file alone
+//   steps        the system calls that a written line has by design, with a log of its own
+//   thread       the same, and the thread that a log without a limit of size starts for each line
 
 #include "trace/UPOSLog.h"
 #include "win/Handles.h"
@@ -29,12 +30,40 @@ void look() {
   const win::Handle event(OpenEventW(SYNCHRONIZE, FALSE, kSwitch));
 }
 
-void append() {
+void takeTurnAndAppend(bool startsThread) {
   constexpr char kLine[] =
       "11/21/2026 12:00:00  <<XMLAdapter>>: a line of the usual length about device 'SCANNER1'\r\n";
-  std::FILE* const file = std::fopen("append.log", "ab");
+  constexpr char kLog[] = "steps.log";
+  static const win::Handle turn(CreateEventA(nullptr, FALSE, TRUE, "Write of the steps"));
+  for (int i = 0; i < 2; ++i) { // the caller's test and the writer's
+    const win::Handle event(OpenEventW(SYNCHRONIZE, FALSE, kSwitch));
+    WaitForSingleObject(event.get(), 0);
+  }
+  WaitForSingleObject(turn.get(), INFINITE);
+  WIN32_FILE_ATTRIBUTE_DATA status;
+  GetFileAttributesExA(kLog, GetFileExInfoStandard, &status);
+  if (startsThread) {
+    const win::Handle done(CreateEventA(nullptr, FALSE, FALSE, "BackUp of the steps"));
+    const auto run = [](void* event) -> DWORD {
+      SetEvent(event);
+      return 0;
+    };
+    const win::Handle thread(CreateThread(nullptr, 0, run, done.get(), 0, nullptr));
+    WaitForSingleObject(done.get(), INFINITE);
+    WaitForSingleObject(thread.get(), INFINITE);
+  }
+  std::FILE* const file = std::fopen(kLog, "ab+");
   std::fwrite(kLine, 1, sizeof kLine - 1, file);
   std::fclose(file);
+  SetEvent(turn.get());
+}
+
+void steps() {
+  takeTurnAndAppend(false);
+}
+
+void thread() {
+  takeTurnAndAppend(true);
 }
 
 template <class Action>
@@ -66,8 +95,10 @@ int main() {
       result = each(times, trace);
     } else if (command == "look") {
       result = each(times, look);
-    } else if (command == "append") {
-      result = each(times, append);
+    } else if (command == "steps") {
+      result = each(times, steps);
+    } else if (command == "thread") {
+      result = each(times, thread);
     } else {
       std::cout << "unknown" << std::endl;
       continue;
