@@ -1,12 +1,15 @@
 #include "PatchedImport.h"
 #include "RecordedTrace.h"
+#include "StartSignal.h"
 #include "service/Process.h"
 #include "service/ServiceControl.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -32,6 +35,30 @@ BOOL WINAPI recordStatus(SERVICE_STATUS_HANDLE, SERVICE_STATUS* status) {
                      status->dwWin32ExitCode});
   return TRUE;
 }
+
+/// A control manager that calls the handler on a thread of its own, and returns after the first
+/// report of a stop.
+namespace eager_manager {
+StartSignal stopReported;
+std::thread handler;
+
+BOOL WINAPI recordSlowly(SERVICE_STATUS_HANDLE handle, SERVICE_STATUS* status) {
+  if (!reports.empty()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // an overtaking return would show
+  }
+  recordStatus(handle, status);
+  if (reports.size() == 1) {
+    stopReported.give();
+  }
+  return TRUE;
+}
+
+BOOL WINAPI dispatch(const SERVICE_TABLE_ENTRYA*) {
+  handler = std::thread([] { ServiceCtrlHandler(SERVICE_CONTROL_STOP); });
+  stopReported.wait();
+  return TRUE;
+}
+} // namespace eager_manager
 
 constexpr HRESULT kProcessFailed = E_ACCESSDENIED;
 
@@ -72,6 +99,16 @@ TEST_F(ServiceControl, AFailedStartIsReportedStoppedWithItsCode) {
   EXPECT_THAT(recorded_trace::lines(),
               ElementsAre("[ServiceDispatch]Failed to start process with error : " +
                           std::to_string(kProcessFailed)));
+}
+
+TEST_F(ServiceControl, TheProcessEndsOnlyWhenBothStopsAreReported) {
+  const PatchedImport<decltype(SetServiceStatus)> slow("SetServiceStatus",
+                                                       eager_manager::recordSlowly);
+  const PatchedImport<decltype(StartServiceCtrlDispatcherA)> eager("StartServiceCtrlDispatcherA",
+                                                                   eager_manager::dispatch);
+  EXPECT_TRUE(runServiceDispatcher());
+  EXPECT_EQ(reports.size(), 2U);
+  eager_manager::handler.join();
 }
 
 // Kept: the same report twice.
