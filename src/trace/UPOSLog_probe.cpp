@@ -20,6 +20,7 @@
 //   shortage             traces again and again, each time with another allocation failing
 //   atexit               traces from a static destructor, while a thread traces too
 
+#include "PatchedImport.h"
 #include "StartSignal.h"
 #include "trace/UPOSLog.h"
 
@@ -64,12 +65,6 @@ void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 
-// The entries of this program's import table through which the log calls the system.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
-extern "C" decltype(&CreateThread) __imp_CreateThread;
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
-extern "C" decltype(&CreateEventA) __imp_CreateEventA;
-
 namespace {
 
 HANDLE WINAPI countedCreateThread(SECURITY_ATTRIBUTES* attributes, SIZE_T stack,
@@ -97,17 +92,6 @@ HANDLE WINAPI slowCreateEvent(SECURITY_ATTRIBUTES* attributes, BOOL manual, BOOL
     }
   }
   return event;
-}
-
-template <class Function>
-bool replaceImport(Function& entry, Function& system, Function ours) {
-  DWORD protection = 0;
-  if (!VirtualProtect(&entry, sizeof entry, PAGE_READWRITE, &protection)) {
-    return false;
-  }
-  system = entry;
-  entry = ours;
-  return true;
 }
 
 struct TracesAtExit {
@@ -260,11 +244,10 @@ bool perform(std::string_view command, const char* first, const char* second, in
 } // namespace
 
 int main(int argc, char** argv) {
-  if (!replaceImport(__imp_CreateThread, systemCreateThread, &countedCreateThread) ||
-      !replaceImport(__imp_CreateEventA, systemCreateEvent, &slowCreateEvent)) {
-    std::puts("the import table cannot be changed");
-    return 2;
-  }
+  const PatchedImport<decltype(CreateThread)> threads("CreateThread", &countedCreateThread);
+  const PatchedImport<decltype(CreateEventA)> events("CreateEventA", &slowCreateEvent);
+  systemCreateThread = threads.original();
+  systemCreateEvent = events.original();
   for (int i = 1; i < argc; ++i) {
     const char* first = i + 1 < argc ? argv[i + 1] : nullptr;
     const char* second = i + 2 < argc ? argv[i + 2] : nullptr;

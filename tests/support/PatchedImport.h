@@ -3,9 +3,35 @@
 #include <windows.h>
 
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+
+/// The entry of this program's import address table, also when a DLL in it asks; null when the
+/// program imports no such function.
+inline std::uintptr_t* importSlot(std::string_view name) {
+  const auto base = reinterpret_cast<std::uintptr_t>(GetModuleHandleA(nullptr));
+  const auto at = [base](ULONGLONG offset) { return base + static_cast<std::uintptr_t>(offset); };
+  const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+  const auto* headers =
+      reinterpret_cast<const IMAGE_NT_HEADERS64*>(at(static_cast<ULONGLONG>(dos->e_lfanew)));
+  const IMAGE_DATA_DIRECTORY& imports =
+      headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+  for (auto* dll = reinterpret_cast<const IMAGE_IMPORT_DESCRIPTOR*>(at(imports.VirtualAddress));
+       dll->Name != 0; ++dll) {
+    const auto* entry = reinterpret_cast<const IMAGE_THUNK_DATA64*>(at(dll->OriginalFirstThunk));
+    auto* address = reinterpret_cast<std::uintptr_t*>(at(dll->FirstThunk));
+    for (; entry->u1.AddressOfData != 0; ++entry, ++address) {
+      const bool byNumber = (entry->u1.Ordinal & IMAGE_ORDINAL_FLAG64) != 0;
+      const auto* byName =
+          reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(at(entry->u1.AddressOfData));
+      if (!byNumber && name == byName->Name) {
+        return address;
+      }
+    }
+  }
+  return nullptr;
+}
 
 /// Puts a function of the test's own in place of one that this program imports from a system DLL,
 /// until destruction: so a call of the platform can be watched, or made to fail. Calls that the
@@ -16,7 +42,7 @@
 template <class Function>
 class PatchedImport {
 public:
-  PatchedImport(const char* name, Function* replacement) : slot_(find(name)), original_(*slot_) {
+  PatchedImport(const char* name, Function* replacement) : slot_(slotOf(name)), original_(*slot_) {
     set(reinterpret_cast<std::uintptr_t>(replacement));
   }
   PatchedImport(const PatchedImport&) = delete;
@@ -33,29 +59,9 @@ private:
     VirtualProtect(slot_, sizeof *slot_, protection, &protection);
   }
 
-  template <class Type>
-  static Type* inModule(std::uint64_t offset) {
-    const auto base = reinterpret_cast<std::uintptr_t>(GetModuleHandleA(nullptr));
-    return reinterpret_cast<Type*>(base + static_cast<std::uintptr_t>(offset));
-  }
-
-  /// The entry of this program's import address table; throws when it imports no such function.
-  static std::uintptr_t* find(const char* name) {
-    const auto* dos = inModule<IMAGE_DOS_HEADER>(0);
-    const auto* headers = inModule<IMAGE_NT_HEADERS64>(static_cast<std::uint64_t>(dos->e_lfanew));
-    const IMAGE_DATA_DIRECTORY& imports =
-        headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-    for (auto* dll = inModule<IMAGE_IMPORT_DESCRIPTOR>(imports.VirtualAddress); dll->Name != 0;
-         ++dll) {
-      const auto* names = inModule<IMAGE_THUNK_DATA64>(dll->OriginalFirstThunk);
-      auto* addresses = inModule<std::uintptr_t>(dll->FirstThunk);
-      for (; names->u1.AddressOfData != 0; ++names, ++addresses) {
-        const bool byNumber = (names->u1.Ordinal & IMAGE_ORDINAL_FLAG64) != 0;
-        if (!byNumber &&
-            std::strcmp(inModule<IMAGE_IMPORT_BY_NAME>(names->u1.AddressOfData)->Name, name) == 0) {
-          return addresses;
-        }
-      }
+  static std::uintptr_t* slotOf(const char* name) {
+    if (std::uintptr_t* const slot = importSlot(name)) {
+      return slot;
     }
     throw std::runtime_error(std::string("not imported: ") + name);
   }
