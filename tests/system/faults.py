@@ -1,39 +1,74 @@
-"""Quillmon with its calls of the system failing one after the other (tests/faults)."""
+"""Quillmon with a call of the system failing, another one in each run (tests/faults)."""
 
 import bisect
+import ctypes
 import functools
-import json
+import mmap
 import subprocess
 
-from machine import BUILD, wait_until
+import pytest
 
-ANY, PLATFORM, MEMORY = 0, 1, 2
+from machine import BUILD, bound_datagram_ports, listening_ports, wait_until
+from peer import Peer, device, framed, response
+from ports import reserve_port
 
-MEMORY_OF = {"malloc", "calloc", "realloc"}  # counted in bytes
+MEMORY_FUNCTIONS = {"malloc", "calloc", "SysAllocString", "SysAllocStringLen"}
+KESTRUNE = "HKLM\\SOFTWARE\\Veltran\\Veltran Kestrune"
 
-# What runs out in the XML library is the unit tests' (adapter/OutOfMemory_test.cpp). Where the
-# compiler's runtime has no memory for a "once" or for what belongs to a thread it ends the program.
-SKIPPED = ["xercesc_3_2::", "pthread_once", "enterOnceObject", "__cxa_guard_acquire",
-           "__emutls_get_address"]
+# Nothing fails that these call. What runs out in the XML library is the unit tests'
+# (adapter/OutOfMemory_test.cpp). Where the compiler's runtime has no memory for a "once" or for
+# what belongs to a thread it ends the program.
+LIBRARIES = ("xercesc_3_2::", "pthread_once", "enterOnceObject", "__cxa_guard_acquire",
+             "__emutls_get_address")
+TRACE = "UPOSLog::"  # has a walk of its own
 
-NM = "x86_64-w64-mingw32-nm"
-IMAGE_BASE = 0x140000000
+
+# -- what the DLL in the program shares, as tests/faults/faults.cpp declares it
+
+class Function(ctypes.Structure):
+    _fields_ = [("name", ctypes.c_char * 56), ("held", ctypes.c_int64)]
+
+
+class Call(ctypes.Structure):
+    _fields_ = [("id", ctypes.c_uint64), ("function", ctypes.c_int32), ("run", ctypes.c_int32),
+                ("frames", ctypes.c_uint64 * 24)]
+
+
+class Shared(ctypes.Structure):
+    _fields_ = [*((name, ctypes.c_int32) for name in ("armed", "run", "depth", "chosen")),
+                ("mutexes", ctypes.c_uint64 * 2),
+                *((name, ctypes.c_int32) for name in (
+                    "failed", "turn_kept", "without_events", "function_count", "call_count")),
+                ("functions", Function * 128), ("calls", Call * (1 << 14))]
+
+
+# -- the program's code
+
+def nm(*arguments):
+    return subprocess.run(["x86_64-w64-mingw32-nm", *arguments], check=True, capture_output=True,
+                          text=True).stdout.splitlines()
 
 
 @functools.lru_cache(maxsize=1)
-def functions():
+def symbols():
     """The program's functions: (offset, name), in order."""
-    lines = subprocess.run([NM, "-C", BUILD / "quillmon.exe"], check=True, capture_output=True,
-                           text=True).stdout.splitlines()
-    found = [line.split(" ", 2) for line in lines]
+    found = [line.split(" ", 2) for line in nm("-C", BUILD / "quillmon.exe")]
     assert len(found) > 1000, "the program has no symbols"
-    return sorted((int(address, 16) - IMAGE_BASE, name) for address, kind, name in found
-                  if address and kind in "tT")
+    return sorted((int(address, 16) - 0x140000000, name) for address, kind, name in found
+                  if address and kind in "tT" and not name.startswith("."))
 
 
+@functools.lru_cache(maxsize=None)
 def function_at(offset):
-    number = bisect.bisect(functions(), (offset, chr(0x10FFFF))) - 1
-    return functions()[number][1]
+    return symbols()[bisect.bisect(symbols(), (offset, chr(0x10FFFF))) - 1][1]
+
+
+def own_imports():
+    """The functions that the program imports from the system and its own components call."""
+    called = {line.split()[-1].removeprefix("__imp_")
+              for line in nm("-u", *BUILD.glob("src/*/libquillmon_*.a")) if line}
+    imported = {line.split()[-1] for line in nm(BUILD / "quillmon.exe")}
+    return {name for name in called if f"__imp_{name}" in imported}
 
 
 class Faults:
@@ -41,82 +76,125 @@ class Faults:
 
     def __init__(self, machine):
         self.machine = machine
+        file = machine.c / "faults.bin"
+        file.write_bytes(bytes(ctypes.sizeof(Shared)))
+        with file.open("r+b") as opened:
+            self.shared = Shared.from_buffer(mmap.mmap(opened.fileno(), 0))
+        mutexes = [offset for offset, name in symbols() if name.startswith("pthread_mutex")]
+        self.shared.mutexes[:] = mutexes[0], mutexes[-1]
+        self.shared.depth, self.shared.chosen = 12, -1
+        self.walked = set()  # the functions that failed in a walk of this test
         self.process = machine.start(str(BUILD / "fault_shell.exe"))
-        assert self.process.stdout.readline().strip() == b"ready"
-        self.name_ranges("mutexes", ["pthread_mutex_"])
 
     def tell(self, *words):
-        self.process.stdin.write("\t".join(map(str, words)).encode() + b"\n")
+        """A command of the fault shell; the program's exit code, or None while it runs."""
+        self.process.stdin.write(" ".join(map(str, words)).encode() + b"\n")
         self.process.stdin.flush()
-        return self.process.stdout.readline().decode().strip()
+        answer = self.process.stdout.readline().decode().strip()
+        return None if answer == "running" else int(answer)
 
-    def do(self, *words):
-        answer = self.tell(*words)
-        assert answer == "ok", answer
-
-    def walk(self, kind=ANY, depth=12, only="", skip=("UPOSLog::",), below=()):
-        """What is to be failed from now on: nothing that is called from functions whose names begin
-        with one of `skip`, and only what is called from those of `below`, if any. Two ways to a
-        function are two if they differ within `depth` return addresses."""
-        skip = [*skip, *SKIPPED]
-        self.do("walk", kind, depth, only)
-        self.name_ranges("skip", skip)
-        self.name_ranges("below", below)
-
-    def name_ranges(self, verb, prefixes):
-        ends = [offset for offset, _ in functions()][1:] + [1 << 32]
-        (self.machine.c / "ranges").write_text("".join(
-            f"{offset} {end}\n" for (offset, name), end in zip(functions(), ends)
-            if name.startswith(tuple(prefixes))))
-        self.do(verb, r"C:\ranges")
+    # -- the program
 
     def start(self, *options, armed=False, program=r"C:\Quillmon\quillmon.exe"):
-        self.do("start", int(armed), " ".join([program, *options]))
-
-    def arm(self):
-        self.do("arm")
-
-    def disarm(self):
-        self.do("disarm")
-
-    def report(self):
-        return json.loads(self.tell("report"))
-
-    def failed(self):
-        """The function that failed since the last arming, or None."""
-        return self.report()["failed"]
-
-    def held(self):
-        """What the program holds: {function that made it: how many}; memory as its bytes."""
-        return {name: size if name in MEMORY_OF else number
-                for name, (number, size, _) in self.report()["functions"].items() if number}
-
-    def failures(self):
-        """How often each function has been failed so far."""
-        return {name: failures
-                for name, (_, _, failures) in self.report()["functions"].items()}
+        self.shared.without_events = self.shared.turn_kept = self.shared.function_count = 0
+        for function in self.shared.functions:
+            function.held = 0
+        self.arm() if armed else self.disarm()
+        self.tell("start", program, *options)
 
     def exit_code(self, milliseconds=0):
         """The program's, or None while it runs."""
-        answer = self.tell("wait", milliseconds)
-        return None if answer == "running" else int(answer)
+        return self.tell("wait", milliseconds)
 
     def quit(self):
         """Ends the program's message loop."""
-        self.do("quit")
+        self.tell("quit")
 
     def kill(self):
-        self.do("kill")
+        self.tell("kill")
+        assert self.shared.function_count, "faults.dll was not loaded"
 
     @property
     def output(self):
         """What the program has written to its console."""
         return (self.machine.c / "faults.out").read_bytes().decode("latin-1").replace("\r\n", "\n")
 
-    def way(self):
-        """Where the failed call was made: the program's functions, the innermost first."""
-        frames = [int(frame, 16) for frame in self.report()["stack"]]
-        return " < ".join(function_at(frame - 1) for frame in frames if frame)
+    # -- the call that fails
+
+    def walk(self, what=lambda function, way: TRACE not in way, beyond=(), depth=12):
+        """Yields once a run, in which the loop's body arms and disarms around what is walked: first
+        a run in which nothing fails, then one for each call that was made, until none is new.
+
+        Walked are the calls that `what` accepts and that are not among `beyond`. Two ways to a
+        function are two if they differ within `depth` return addresses."""
+        self.shared.depth = depth
+        done = set(beyond)
+        while True:
+            self.shared.chosen = -1
+            yield
+            due = [call for call in sorted(self.made() - done)
+                   if self.is_ours(call) and what(self.function(call), self.way(call))]
+            for self.shared.chosen in due:
+                yield
+                if self.failed:
+                    done.add(self.shared.chosen)
+                    self.walked.add(self.failed)
+            if done.isdisjoint(due):
+                self.shared.chosen = -1
+                return
+
+    def learn(self, action):
+        """The calls that the action makes."""
+        self.shared.chosen = -1
+        self.arm()
+        action()
+        self.disarm()
+        return self.made()
+
+    def arm(self):
+        self.shared.failed = 0
+        self.shared.run += 1
+        self.shared.armed = 1
+
+    def disarm(self):
+        self.shared.armed = 0
+
+    def made(self):
+        """The calls that were made in this run, in which none failed."""
+        shared = self.shared
+        return {i for i in range(shared.call_count) if shared.calls[i].run == shared.run}
+
+    def function(self, call):
+        return self.shared.functions[self.shared.calls[call].function].name.decode()
+
+    def frames(self, call):
+        """The program's functions that led to the call, the innermost first."""
+        return [function_at(frame - 1) for frame in self.shared.calls[call].frames if frame]
+
+    def way(self, call):
+        return " < ".join(self.frames(call))
+
+    def is_ours(self, call):
+        """Not what the libraries call for themselves, nor the compiler's start before main."""
+        frames = self.frames(call)
+        return not any(frame.startswith(LIBRARIES) for frame in frames) and (
+            "main" in frames or not frames[-1].endswith("CRTStartup"))
+
+    @property
+    def failed(self):
+        """The function that has failed in this run, or None."""
+        return self.function(self.shared.chosen) if self.shared.failed else None
+
+    def __str__(self):
+        chosen = self.shared.chosen
+        return "nothing failed" if chosen < 0 else f"{self.failed} failed in {self.way(chosen)}"
+
+    # -- what the program holds
+
+    def held(self):
+        """What the program holds: {function that made it: how many}; memory as its bytes."""
+        return {function.name.decode(): function.held
+                for function in self.shared.functions if function.held}
 
     def settled(self):
         """What the program holds once it has come to rest."""
@@ -136,3 +214,96 @@ class Faults:
         if more():
             self.settled()
         return more()
+
+
+# -- what all walks need
+
+WALKED = set()
+
+
+def walks(functions):
+    """Marks a test: in it these functions fail, besides those of memory."""
+    functions = set(functions.split())
+    WALKED.update(functions)
+
+    def decorate(test):
+        @functools.wraps(test)
+        def checked(machine):
+            machine.faults.walked.clear()
+            test(machine)
+            missing = functions - machine.faults.walked
+            assert not missing, f"did not fail: {missing}"
+        return checked
+    return decorate
+
+
+def log_folder(machine):
+    return machine.c / "POS" / "Log"
+
+
+def traced(machine):
+    return machine.trace(log_folder(machine) / "Quillmon.log")
+
+
+def configure_trace(machine, settings):
+    (machine.c / "POS" / "zontrace.cfg").write_text(settings)
+
+
+def listening(machine):
+    return machine.events in bound_datagram_ports() | listening_ports()
+
+
+def kill(machine):
+    """Ends the program; returns once its event port, which the next one will have, is closed."""
+    machine.faults.kill()
+    if machine.service_process() is None:  # which would have it open
+        wait_until(lambda: not listening(machine), "the event port to be closed")
+
+
+def start(machine, *options):
+    """The program, ready for whatever comes."""
+    machine.faults.start(*options)
+    wait_until(lambda: listening(machine), "the event port to be opened")
+
+
+@pytest.fixture(scope="module")
+def shared(shared_machine):
+    """The machine of all walks of a file."""
+    machine = shared_machine
+    machine.set_registry(KESTRUNE, "INSTALLDIR", "C:\\POS\\")
+    log_folder(machine).mkdir(parents=True)
+    machine.switch_trace_on()
+    machine.events = reserve_port()
+    machine.faults = Faults(machine)
+    return machine
+
+
+@pytest.fixture
+def machine(shared):
+    """No program, a fresh trace that is never rotated, and a device server with two scanners. It
+    answers whoever connects: a request whose send fails is not looked at, and would wait with it."""
+    for file in log_folder(shared).iterdir():
+        file.unlink()
+    configure_trace(shared, "FileSize=10000000\n")
+    answer = framed(response(  # with what the platform converts: text that is not ASCII, a boolean
+        device("S1", ModelName="Ä", CapUpdateStatistics=("boolean", "true")), device("S2")))
+
+    def answer_unasked(connection):
+        connection.sendall(answer)
+        while connection.recv(65536):
+            pass
+
+    with Peer() as shared.peer:
+        shared.peer.on_connect = answer_unasked
+        shared.configure(
+            upos__requestSocket__Port=shared.peer.port, upos__requestSocket__retryTimeout=100,
+            provider__eventSocket__Port=shared.events)
+        yield shared
+        kill(shared)
+
+
+def is_setup(more):
+    """The compiler's runtime sets itself up at a thread's first exception, for as long as the
+    thread lives."""
+    return {"calloc"} <= more.keys() <= {
+        "malloc", "calloc", "realloc", "CreateEventA", "CreateSemaphoreA", "DuplicateHandle"}
