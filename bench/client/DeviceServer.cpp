@@ -6,7 +6,10 @@
 #include <stdexcept>
 #include <thread>
 
+namespace bench {
 namespace {
+
+using test_support::loopback;
 
 std::string framed(const std::string& document) {
   return '\x1B' + document + '\x08';
@@ -87,3 +90,5 @@ bool EventChannel::send(const std::string& type, std::size_t device) {
   const std::string document = documents::event(type, device);
   return sendAll(socket_.get(), isStream_ ? document : framed(document));
 }
+
+} // namespace bench

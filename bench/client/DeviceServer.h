@@ -8,6 +8,8 @@
 #include <mutex>
 #include <string>
 
+namespace bench {
+
 /// The device server of what is measured: answers requests on a thread of its own and sends events,
 /// all from documents that are made beforehand.
 class DeviceServer {
@@ -37,3 +39,5 @@ private:
   const bool isStream_;
   win::Socket socket_;
 };
+
+} // namespace bench

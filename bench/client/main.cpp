@@ -15,38 +15,27 @@
 //   latency TYPE COUNT      sends COUNT events, each when the one before has arrived; the
 //                           microseconds of each
 
+#include "Commands.h"
 #include "DeviceServer.h"
 #include "Documents.h"
-#include "Wmi.h"
+#include "WmiClient.h"
 
 #include <atomic>
 #include <cstdlib>
-#include <iostream>
-#include <memory>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+namespace bench {
 namespace {
 
-double now() {
-  LARGE_INTEGER ticks;
-  LARGE_INTEGER frequency;
-  QueryPerformanceCounter(&ticks);
-  QueryPerformanceFrequency(&frequency);
-  return static_cast<double>(ticks.QuadPart) * 1e6 / static_cast<double>(frequency.QuadPart);
-}
+using test_support::WmiClient;
 
 template <class Action>
 std::string timed(const Action& action, std::size_t times = 1) {
-  const double begin = now();
-  for (std::size_t i = 0; i < times; ++i) {
-    action();
-  }
-  return std::to_string(now() - begin);
+  return std::to_string(microseconds(times, action));
 }
 
 void require(bool condition, const char* reason) {
@@ -59,16 +48,14 @@ class Bench {
 public:
   explicit Bench(std::uint16_t requestPort) : server_(requestPort) {}
 
-  std::string run(std::istringstream& words) {
-    std::string command;
-    words >> command;
+  std::string run(const std::string& command, std::istringstream& words) {
     if (command == "devices") {
       server_.setCount(number(words));
       return "ok";
     }
     if (command == "enumerate") {
       const std::size_t count = number(words);
-      return timed([&] { require(wmi_.enumerate(class_) == count, "another number of instances"); },
+      return timed([&] { require(enumerate() == count, "a different number of instances"); },
                    number(words));
     }
     if (command == "refused") {
@@ -79,8 +66,7 @@ public:
       return timed([&] { waitFor(count); });
     }
     if (command == "get") {
-      std::string id;
-      words >> id;
+      const std::string id = word(words);
       const std::wstring path =
           class_ + L".DeviceID=\"" + std::wstring(id.begin(), id.end()) + L"\"";
       return timed([&] { wmi_.get(path); }, number(words));
@@ -92,22 +78,19 @@ public:
       return timed([&] { enumerateFrom(clients, rounds, count); });
     }
     if (command == "watch") {
-      std::string kind;
-      words >> kind;
-      wmi_.watch();
+      const std::string kind = word(words);
+      events_ = wmi_.events(L"SELECT * FROM QuillmonEvent");
       channel_.emplace(static_cast<std::uint16_t>(number(words)), kind == "tcp");
       return "ok";
     }
     if (command == "events") {
-      std::string type;
-      words >> type;
+      const std::string type = word(words);
       const std::size_t first = number(words);
       const std::size_t count = number(words);
       return timed([&] { sendEvents(type, first, count); });
     }
     if (command == "latency") {
-      std::string type;
-      words >> type;
+      const std::string type = word(words);
       const std::size_t count = number(words);
       std::string all;
       for (std::size_t i = 0; i < count; ++i) {
@@ -119,16 +102,19 @@ public:
   }
 
 private:
-  static std::size_t number(std::istringstream& words) {
-    std::size_t value = 0;
-    words >> value;
-    require(!words.fail(), "a number is missing");
-    return value;
+  /// The number of instances. Any thread.
+  std::size_t enumerate() const {
+    const WmiClient::Objects objects = wmi_.instances(class_);
+    std::size_t count = 0;
+    while (WmiClient::next(objects)) {
+      ++count;
+    }
+    return count;
   }
 
   bool enumerates() {
     try {
-      wmi_.enumerate(class_);
+      enumerate();
       return true;
     } catch (const std::runtime_error&) {
       return false;
@@ -136,15 +122,16 @@ private:
   }
 
   void waitFor(std::size_t count) {
-    const double begin = now();
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + std::chrono::minutes(1);
     for (;;) {
       try {
-        if (wmi_.enumerate(class_) == count) {
+        if (enumerate() == count) {
           return;
         }
       } catch (const std::runtime_error&) { // nobody has registered yet
       }
-      require(now() - begin < 60e6, "no such enumeration within a minute");
+      require(Clock::now() < end, "no such enumeration within a minute");
       Sleep(2);
     }
   }
@@ -157,7 +144,7 @@ private:
         CoInitializeEx(nullptr, COINIT_MULTITHREADED);
         try {
           for (std::size_t round = 0; round < rounds; ++round) {
-            require(wmi_.enumerate(class_) == count, "another number of instances");
+            require(enumerate() == count, "a different number of instances");
           }
         } catch (const std::runtime_error&) {
           allRight = false;
@@ -179,17 +166,19 @@ private:
       for (; sent < count && sent - received < kUnderWay; ++sent) {
         require(channel_->send(type, first + sent), "an event that could not be sent");
       }
-      require(wmi_.nextEvent(), "an event that did not arrive");
+      require(WmiClient::next(events_, 10000), "an event that did not arrive");
     }
   }
 
   const std::wstring class_{documents::kClass, documents::kClass + sizeof documents::kClass - 1};
   DeviceServer server_;
-  Wmi wmi_;
+  WmiClient wmi_;
+  WmiClient::Objects events_;
   std::optional<EventChannel> channel_;
 };
 
 } // namespace
+} // namespace bench
 
 int main(int argc, char* argv[]) {
   if (argc != 2) {
@@ -201,16 +190,10 @@ int main(int argc, char* argv[]) {
   CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
                        RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
   try {
-    Bench bench(static_cast<std::uint16_t>(std::atoi(argv[1])));
-    std::cout << "ready" << std::endl;
-    for (std::string line; std::getline(std::cin, line);) {
-      std::istringstream words(line);
-      try {
-        std::cout << bench.run(words) << std::endl;
-      } catch (const std::exception& error) {
-        std::cout << "failed: " << error.what() << std::endl;
-      }
-    }
+    bench::Bench bench(static_cast<std::uint16_t>(std::atoi(argv[1])));
+    bench::answerCommands([&](const std::string& command, std::istringstream& words) {
+      return bench.run(command, words);
+    });
   } catch (const std::exception& error) {
     std::cout << "failed: " << error.what() << std::endl;
   }

@@ -11,6 +11,7 @@
 
 using Microsoft::WRL::ComPtr;
 
+namespace bench::floor {
 namespace {
 
 struct Event {
@@ -20,10 +21,6 @@ struct Event {
 /// The lines of an event of the stream by design, besides those of each receive and field; an event
 /// of a datagram has none.
 constexpr std::size_t kLinesOfStreamEvent = 5;
-
-const wchar_t* wide(const char16_t* text) {
-  return reinterpret_cast<const wchar_t*>(text);
-}
 
 /// Everything of an event that is published.
 Event read(std::string_view document) {
@@ -62,14 +59,12 @@ void put(IWbemClassObject& instance, const wchar_t* name, const std::wstring& te
 }
 
 void publish(IWbemClassObject& type, IWbemObjectSink& sink, const Event& event) {
-  ComPtr<IWbemClassObject> instance;
-  type.SpawnInstance(0, &instance);
-  put(*instance.Get(), L"classname", event.className);
-  put(*instance.Get(), L"deviceid", event.id);
-  put(*instance.Get(), L"eventtype", event.type);
-  put(*instance.Get(), L"codename", event.code);
-  IWbemClassObject* object = instance.Get();
-  sink.Indicate(1, &object);
+  indicate(type, sink, [&](IWbemClassObject& instance) {
+    put(instance, L"classname", event.className);
+    put(instance, L"deviceid", event.id);
+    put(instance, L"eventtype", event.type);
+    put(instance, L"codename", event.code);
+  });
 }
 
 /// One document at a time, as the design has it: whoever puts waits for the one who takes.
@@ -98,7 +93,7 @@ private:
 /// One connection after the other.
 [[noreturn]] void receiveStreams(std::uint16_t port, HandOver& handOver) {
   constexpr std::string_view kEnd = "</event>";
-  const win::Socket listener = floor_sockets::bindTo(port, SOCK_STREAM);
+  const win::Socket listener = bindTo(port, SOCK_STREAM);
   for (;;) {
     const win::Socket connection(accept(listener.get(), nullptr, nullptr));
     std::string pending;
@@ -126,7 +121,7 @@ ComPtr<IWbemClassObject> eventClass(IWbemServices& services) {
 } // namespace
 
 void forwardDatagrams(std::uint16_t port, IWbemServices& services, IWbemObjectSink& sink) {
-  const win::Socket socket = floor_sockets::bindTo(port, SOCK_DGRAM);
+  const win::Socket socket = bindTo(port, SOCK_DGRAM);
   const ComPtr<IWbemClassObject> type = eventClass(services);
   char datagram[1024];
   for (;;) {
@@ -153,3 +148,5 @@ void forwardStream(std::uint16_t port, IWbemServices& services, IWbemObjectSink&
     publish(*type.Get(), sink, event);
   }
 }
+
+} // namespace bench::floor

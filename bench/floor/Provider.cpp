@@ -15,6 +15,7 @@
 
 using Microsoft::WRL::ComPtr;
 
+namespace bench::floor {
 namespace {
 
 constexpr const char* kMayEnumerate =
@@ -23,21 +24,6 @@ constexpr const char* kMayEnumerate =
 
 std::u16string utf16(const std::wstring& text) {
   return {text.begin(), text.end()};
-}
-
-const wchar_t* wide(const char16_t* text) {
-  return reinterpret_cast<const wchar_t*>(text); // both are UTF-16 here
-}
-
-HRESULT indicate(IWbemClassObject& type, IWbemObjectSink& sink, const auto& fill) {
-  ComPtr<IWbemClassObject> instance;
-  HRESULT result = type.SpawnInstance(0, &instance);
-  if (SUCCEEDED(result)) {
-    fill(*instance.Get());
-    IWbemClassObject* object = instance.Get();
-    result = sink.Indicate(1, &object);
-  }
-  return result;
 }
 
 /// The lines of a request by design, besides those of each receive, device and field.
@@ -63,7 +49,7 @@ HRESULT indicateDevice(IWbemClassObject& type, IWbemObjectSink& sink,
 
 /// What WMI's security asks of a provider that screens its callers: impersonation and, for an
 /// enumeration, one access check.
-bool isCallerWelcome(bool isChecked) {
+bool isCallerAllowed(bool isChecked) {
   if (FAILED(CoImpersonateClient())) {
     return false;
   }
@@ -73,16 +59,16 @@ bool isCallerWelcome(bool isChecked) {
   BYTE privileges[256];
   DWORD size = sizeof privileges;
   DWORD granted = 0;
-  BOOL isWelcome = !isChecked;
+  BOOL isAllowed = !isChecked;
   if (isChecked &&
       ConvertStringSecurityDescriptorToSecurityDescriptorA(kMayEnumerate, SDDL_REVISION_1,
                                                            descriptor.put(), nullptr) &&
       OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put())) {
     AccessCheck(descriptor.get(), token.get(), 1, &mapping,
-                reinterpret_cast<PRIVILEGE_SET*>(privileges), &size, &granted, &isWelcome);
+                reinterpret_cast<PRIVILEGE_SET*>(privileges), &size, &granted, &isAllowed);
   }
   CoRevertToSelf();
-  return isWelcome != FALSE;
+  return isAllowed != FALSE;
 }
 
 } // namespace
@@ -126,37 +112,25 @@ void PreparedDevices::forEach(const std::function<void(PreparedDevice&)>& use) {
   }
 }
 
-HRESULT FloorProvider::QueryInterface(REFIID iid, void** result) noexcept {
-  if (iid == IID_IUnknown || iid == IID_IWbemServices) {
-    *result = static_cast<IWbemServices*>(this);
-  } else if (iid == IID_IWbemProviderInit) {
-    *result = static_cast<IWbemProviderInit*>(this);
-  } else {
-    *result = nullptr;
-    return E_NOINTERFACE;
-  }
-  return S_OK;
-}
-
-HRESULT FloorProvider::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServices* services,
-                                  IWbemContext*, IWbemProviderInitSink* sink) noexcept {
+HRESULT Provider::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServices* services, IWbemContext*,
+                             IWbemProviderInitSink* sink) noexcept {
   services_ = services;
   return sink->SetStatus(WBEM_S_INITIALIZED, 0);
 }
 
-HRESULT FloorProvider::CreateInstanceEnumAsync(const BSTR className, LONG, IWbemContext*,
-                                               IWbemObjectSink* sink) noexcept {
+HRESULT Provider::CreateInstanceEnumAsync(const BSTR className, LONG, IWbemContext*,
+                                          IWbemObjectSink* sink) noexcept {
   return win::comBoundary([&] {
-    return isCallerWelcome(true) ? answer(u"enumerateInstances", className, {}, *sink)
-                                 : static_cast<HRESULT>(WBEM_E_ACCESS_DENIED);
+    return isCallerAllowed(true) ? answer(u"enumerateInstances", className, {}, *sink)
+                                 : win::wbemResult(WBEM_E_ACCESS_DENIED);
   });
 }
 
-HRESULT FloorProvider::GetObjectAsync(const BSTR path, LONG, IWbemContext*,
-                                      IWbemObjectSink* sink) noexcept {
+HRESULT Provider::GetObjectAsync(const BSTR path, LONG, IWbemContext*,
+                                 IWbemObjectSink* sink) noexcept {
   return win::comBoundary([&]() -> HRESULT {
-    if (!isCallerWelcome(false)) {
-      return static_cast<HRESULT>(WBEM_E_ACCESS_DENIED);
+    if (!isCallerAllowed(false)) {
+      return win::wbemResult(WBEM_E_ACCESS_DENIED);
     }
     const std::wstring text(path);
     const std::size_t begin = text.find(L'"') + 1;
@@ -165,22 +139,22 @@ HRESULT FloorProvider::GetObjectAsync(const BSTR path, LONG, IWbemContext*,
   });
 }
 
-void FloorProvider::traceLines(std::size_t count) const {
+void Provider::traceLines(std::size_t count) const {
   if (stage_ >= Stage::lines) {
     lookForTraceSwitch(count);
   }
 }
 
-HRESULT FloorProvider::answer(const char16_t* command, const std::wstring& className,
-                              const std::wstring& id, IWbemObjectSink& sink) {
+HRESULT Provider::answer(const char16_t* command, const std::wstring& className,
+                         const std::wstring& id, IWbemObjectSink& sink) {
   HRESULT result = isProxy_ ? answerFromDevices(className, id, sink)
                             : answerFromServer(command, className, id, sink);
   sink.SetStatus(WBEM_STATUS_COMPLETE, result, nullptr, nullptr);
   return result;
 }
 
-HRESULT FloorProvider::answerFromServer(const char16_t* command, const std::wstring& className,
-                                        const std::wstring& id, IWbemObjectSink& sink) {
+HRESULT Provider::answerFromServer(const char16_t* command, const std::wstring& className,
+                                   const std::wstring& id, IWbemObjectSink& sink) {
   static std::mutex xml; // by design one document at a time in the process
   const Stage stage = stage_;
   if (stage < Stage::exchange) {
@@ -197,14 +171,14 @@ HRESULT FloorProvider::answerFromServer(const char16_t* command, const std::wstr
     }
   }
   std::size_t receives = 0;
-  const std::string text = floor_sockets::exchange(requestPort_, request, receives);
+  const std::string text = exchange(requestPort_, request, receives);
   if (stage < Stage::library) {
     return S_OK;
   }
   const std::scoped_lock turn(xml);
   const bare_xml::Library library;
   if (stage < Stage::documents || text.empty()) {
-    return text.empty() ? static_cast<HRESULT>(WBEM_E_FAILED) : S_OK;
+    return text.empty() ? win::wbemResult(WBEM_E_FAILED) : S_OK;
   }
   bare_xml::Tree tree(text);
   if (stage < Stage::objects) {
@@ -222,8 +196,8 @@ HRESULT FloorProvider::answerFromServer(const char16_t* command, const std::wstr
   return result;
 }
 
-HRESULT FloorProvider::answerFromDevices(const std::wstring& className, const std::wstring& id,
-                                         IWbemObjectSink& sink) {
+HRESULT Provider::answerFromDevices(const std::wstring& className, const std::wstring& id,
+                                    IWbemObjectSink& sink) {
   if (stage_ < Stage::objects) {
     return S_OK;
   }
@@ -245,3 +219,5 @@ HRESULT FloorProvider::answerFromDevices(const std::wstring& className, const st
   traceLines(lines);
   return result;
 }
+
+} // namespace bench::floor

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "RefusingServices.h"
+#include "ComObject.h"
+#include "RefusingObjects.h"
 #include "win/Automation.h"
 
 #include <wbemcli.h>
@@ -16,9 +17,11 @@
 #include <string>
 #include <vector>
 
-/// How much of a request is done: each stage does what the one before it does, and more. What the
-/// stages differ by is what an enumeration's time is made of. The last one looks for the trace's
-/// switch as often as an enumeration or a retrieval has lines by design.
+namespace bench::floor {
+
+/// How much of a request is done: each stage does what the one before it does, and more. The
+/// differences between the stages are the parts of an enumeration's time. The last stage looks for
+/// the trace's switch once for each line that the design gives an enumeration or a retrieval.
 enum class Stage { wmi, exchange, library, documents, objects, lines };
 
 /// One property as it is handed to WMI.
@@ -28,8 +31,24 @@ struct PreparedField {
 };
 using PreparedDevice = std::list<PreparedField>;
 
-/// A field's text as a property's value, told by the type word's first letter.
+inline const wchar_t* wide(const char16_t* text) {
+  return reinterpret_cast<const wchar_t*>(text); // both are UTF-16 here
+}
+
+/// A field's text as a property's value; the type word's first letter tells its type.
 void setValue(win::Variant& value, const wchar_t* type, const wchar_t* text);
+
+/// Spawns an instance of `type`, has it filled by `fill`, and hands it to the sink.
+HRESULT indicate(IWbemClassObject& type, IWbemObjectSink& sink, const auto& fill) {
+  Microsoft::WRL::ComPtr<IWbemClassObject> instance;
+  HRESULT result = type.SpawnInstance(0, &instance);
+  if (SUCCEEDED(result)) {
+    fill(*instance.Get());
+    IWbemClassObject* object = instance.Get();
+    result = sink.Indicate(1, &object);
+  }
+  return result;
+}
 
 /// The proxy strategy's devices, ready to be handed over. Any thread.
 class PreparedDevices {
@@ -45,17 +64,15 @@ private:
 };
 
 /// An enumeration and a retrieval with nothing but sockets, XML library and WMI. Everything else is
-/// refused. Lives as long as the process.
-class FloorProvider final : public RefusingServices, public IWbemProviderInit {
+/// refused.
+class Provider final : public test_support::RefusingServices<
+                           test_support::ComObject<IWbemServices, IWbemProviderInit>> {
 public:
-  FloorProvider(bool isProxy, std::uint16_t requestPort, PreparedDevices& devices)
+  Provider(bool isProxy, std::uint16_t requestPort, PreparedDevices& devices)
       : isProxy_(isProxy), requestPort_(requestPort), devices_(devices) {}
 
   void setStage(Stage stage) { stage_ = stage; }
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** result) noexcept override;
-  ULONG STDMETHODCALLTYPE AddRef() noexcept override { return 2; }
-  ULONG STDMETHODCALLTYPE Release() noexcept override { return 1; }
   HRESULT STDMETHODCALLTYPE Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServices* services,
                                        IWbemContext*,
                                        IWbemProviderInitSink* sink) noexcept override;
@@ -65,6 +82,8 @@ public:
                                            IWbemObjectSink* sink) noexcept override;
 
 private:
+  ~Provider() override = default;
+
   HRESULT answer(const char16_t* command, const std::wstring& className, const std::wstring& id,
                  IWbemObjectSink& sink);
   HRESULT answerFromServer(const char16_t* command, const std::wstring& className,
@@ -80,3 +99,5 @@ private:
   std::atomic<Stage> stage_ = Stage::lines;
   Microsoft::WRL::ComPtr<IWbemServices> services_;
 };
+
+} // namespace bench::floor

@@ -4,16 +4,9 @@
 
 #include <cstring>
 
-namespace floor_sockets {
+namespace bench::floor {
 
-win::Socket connectTo(std::uint16_t port) {
-  win::Socket connection(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-  const sockaddr_in address = loopback(port);
-  if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    connection.reset();
-  }
-  return connection;
-}
+using test_support::loopback;
 
 win::Socket bindTo(std::uint16_t port, int type) {
   win::Socket bound(socket(AF_INET, type, 0));
@@ -26,8 +19,9 @@ win::Socket bindTo(std::uint16_t port, int type) {
 }
 
 std::string exchange(std::uint16_t port, const std::string& request, std::size_t& receives) {
-  const win::Socket connection = connectTo(port);
-  if (!connection) {
+  const win::Socket connection(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  const sockaddr_in address = loopback(port);
+  if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return {};
   }
   const std::string framed = '\x1B' + request + '\x08';
@@ -50,4 +44,4 @@ std::string exchange(std::uint16_t port, const std::string& request, std::size_t
   }
 }
 
-} // namespace floor_sockets
+} // namespace bench::floor

@@ -7,10 +7,8 @@
 #include <string>
 
 /// The product's sockets with nothing around them: the same bytes in the same pieces.
-namespace floor_sockets {
+namespace bench::floor {
 
-/// A connection to 127.0.0.1, or nothing.
-win::Socket connectTo(std::uint16_t port);
 /// A socket bound to that port of 127.0.0.1; SOCK_STREAM ones listen.
 win::Socket bindTo(std::uint16_t port, int type);
 
@@ -19,4 +17,4 @@ win::Socket bindTo(std::uint16_t port, int type);
 /// bytes a receive at most.
 std::string exchange(std::uint16_t port, const std::string& request, std::size_t& receives);
 
-} // namespace floor_sockets
+} // namespace bench::floor

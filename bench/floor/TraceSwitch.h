@@ -2,6 +2,8 @@
 
 #include "win/Handles.h"
 
+namespace bench::floor {
+
 /// Looks for the event that switches the trace on, once for each of so many lines: the design has
 /// every line of a trace that is off do that, and nothing else.
 inline void lookForTraceSwitch(std::size_t lines) {
@@ -12,3 +14,5 @@ inline void lookForTraceSwitch(std::size_t lines) {
     }
   }
 }
+
+} // namespace bench::floor

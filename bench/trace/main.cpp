@@ -1,23 +1,22 @@
 // bench_trace: a line of the product's trace, and what it cannot do without. Reads commands
 // "NAME TIMES", one a line, and answers each with the microseconds of one. The first "enabled"
-// switches the trace on, for good.
+// switches the trace on until the program ends.
 //
 //   disabled     a trace line while nobody has switched the trace on
-//   look         the look for the switch alone
+//   look         the look-up of the switch alone
 //   enabled      a trace line that is written
 //   steps        the system calls that a written line has by design, with a log of its own
 //   thread       the same, and the thread that a log without a limit of size starts for each line
 
+#include "Commands.h"
 #include "trace/UPOSLog.h"
 #include "win/Handles.h"
 
-#include <chrono>
-#include <cstddef>
 #include <cstdio>
-#include <iostream>
-#include <sstream>
+#include <map>
 #include <string>
 
+namespace bench {
 namespace {
 
 constexpr wchar_t kSwitch[] = L"Global\\TRC_QUILLMON";
@@ -66,43 +65,25 @@ void thread() {
   takeTurnAndAppend(true);
 }
 
-template <class Action>
-double each(std::size_t times, const Action& action) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point begin = Clock::now();
-  for (std::size_t i = 0; i < times; ++i) {
-    action();
-  }
-  return std::chrono::duration<double, std::micro>(Clock::now() - begin).count() /
-         static_cast<double>(times);
-}
-
-} // namespace
-
-int main() {
+void run() {
+  const std::map<std::string, void (*)()> actions = {{"disabled", trace},
+                                                     {"enabled", trace},
+                                                     {"look", look},
+                                                     {"steps", steps},
+                                                     {"thread", thread}};
   win::Handle switchedOn;
-  std::cout << "ready" << std::endl;
-  for (std::string line; std::getline(std::cin, line);) {
-    std::istringstream words(line);
-    std::string command;
-    std::size_t times = 0;
-    words >> command >> times;
+  answerCommands([&](const std::string& command, std::istringstream& words) {
+    const std::size_t times = number(words);
     if (command == "enabled" && !switchedOn) {
       switchedOn.reset(CreateEventW(nullptr, TRUE, TRUE, kSwitch));
     }
-    double result = 0;
-    if (command == "disabled" || command == "enabled") {
-      result = each(times, trace);
-    } else if (command == "look") {
-      result = each(times, look);
-    } else if (command == "steps") {
-      result = each(times, steps);
-    } else if (command == "thread") {
-      result = each(times, thread);
-    } else {
-      std::cout << "unknown" << std::endl;
-      continue;
-    }
-    std::cout << result << std::endl;
-  }
+    return std::to_string(microseconds(times, actions.at(command)) / static_cast<double>(times));
+  });
+}
+
+} // namespace
+} // namespace bench
+
+int main() {
+  bench::run();
 }

@@ -1,7 +1,7 @@
 #include "CallContext.h"
 
+#include "LiveCounts.h"
 #include "ProviderHost.h"
-#include "Results.h"
 #include "Settings.h"
 #include "win/Handles.h"
 
@@ -10,28 +10,21 @@
 namespace wmi_host {
 namespace {
 
-/// This process's own token without any of its groups and without its user: an access check that
-/// grants something to somebody in particular denies it.
+/// The token without any of its groups and without its user: an access check that grants something
+/// to somebody in particular denies it.
 win::Handle withoutRights(HANDLE token) {
-  std::vector<SID_AND_ATTRIBUTES> denied;
-  std::vector<std::vector<BYTE>> buffers;
-  for (TOKEN_INFORMATION_CLASS kind : {TokenUser, TokenGroups}) {
-    DWORD size = 0;
-    GetTokenInformation(token, kind, nullptr, 0, &size);
-    std::vector<BYTE>& buffer = buffers.emplace_back(size);
-    if (!GetTokenInformation(token, kind, buffer.data(), size, &size)) {
-      return {};
-    }
-    if (kind == TokenUser) {
-      denied.push_back({reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid, 0});
-      continue;
-    }
-    auto* groups = reinterpret_cast<TOKEN_GROUPS*>(buffer.data());
-    for (DWORD i = 0; i < groups->GroupCount; ++i) {
-      denied.push_back({groups->Groups[i].Sid, 0});
-    }
-  }
+  alignas(TOKEN_USER) BYTE user[256];
+  std::vector<BYTE> groups(4096);
+  DWORD size = 0;
   win::Handle result;
+  if (!GetTokenInformation(token, TokenUser, user, sizeof user, &size) ||
+      !GetTokenInformation(token, TokenGroups, groups.data(), static_cast<DWORD>(groups.size()),
+                           &size)) {
+    return result;
+  }
+  std::vector<SID_AND_ATTRIBUTES> denied = {{reinterpret_cast<TOKEN_USER*>(user)->User.Sid, 0}};
+  const auto* list = reinterpret_cast<const TOKEN_GROUPS*>(groups.data());
+  denied.insert(denied.end(), list->Groups, list->Groups + list->GroupCount);
   CreateRestrictedToken(token, DISABLE_MAX_PRIVILEGE, static_cast<DWORD>(denied.size()),
                         denied.data(), 0, nullptr, 0, nullptr, result.put());
   return result;
@@ -43,13 +36,9 @@ HRESULT lastError() {
 
 class ServerSecurity final : public ComObject<IServerSecurity> {
 public:
-  ServerSecurity() : ComObject(liveCounts.others) {}
-
-  HRESULT STDMETHODCALLTYPE QueryBlanket(DWORD* authentication, DWORD* authorization,
-                                         OLECHAR** principal, DWORD* level, DWORD* impersonation,
-                                         void** privileges, DWORD* capabilities) noexcept override {
-    return blanket::query(authentication, authorization, principal, level, impersonation,
-                          privileges, capabilities);
+  HRESULT STDMETHODCALLTYPE QueryBlanket(DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*, void**,
+                                         DWORD*) noexcept override {
+    return E_NOTIMPL;
   }
   HRESULT STDMETHODCALLTYPE ImpersonateClient() noexcept override {
     if (HRESULT failed = settings::failure(L"Impersonate"); FAILED(failed)) {
@@ -99,7 +88,7 @@ CallScope::~CallScope() {
   win::Handle token;
   if (OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put())) {
     SetThreadToken(nullptr, nullptr);
-    counters::countViolation(L"a call that returned while it impersonated its client");
+    counters::addViolation(L"a call that returned while it impersonated its client");
   }
   IUnknown* ours = nullptr;
   CoSwitchCallContext(previous_, &ours);

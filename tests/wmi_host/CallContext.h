@@ -1,7 +1,5 @@
 #pragma once
 
-#include "ComObject.h"
-
 #include <objidl.h>
 
 namespace wmi_host {

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cwchar>
-#include <limits>
 #include <stdexcept>
 #include <type_traits>
+#include <utility>
 
 namespace wmi_host {
 namespace {
@@ -36,40 +36,22 @@ std::string narrowAscii(std::wstring_view text) {
   return result;
 }
 
-std::optional<Scalar> fitSigned(const Scalar& value, std::int64_t low, std::int64_t high) {
-  std::int64_t number = 0;
-  if (const auto* plain = std::get_if<std::int64_t>(&value)) {
-    number = *plain;
+/// An integer as the kind that Scalar holds for `Number`.
+template <class Number>
+std::optional<Scalar> fitInteger(const Scalar& value) {
+  using Held = std::conditional_t<std::is_signed_v<Number>, std::int64_t, std::uint64_t>;
+  std::optional<Scalar> result;
+  const auto take = [&result](auto number) {
+    if (std::in_range<Number>(number)) {
+      result = static_cast<Held>(number);
+    }
+  };
+  if (const auto* number = std::get_if<std::int64_t>(&value)) {
+    take(*number);
   } else if (const auto* positive = std::get_if<std::uint64_t>(&value)) {
-    if (*positive > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-      return std::nullopt;
-    }
-    number = static_cast<std::int64_t>(*positive);
-  } else {
-    return std::nullopt;
+    take(*positive);
   }
-  if (number < low || number > high) {
-    return std::nullopt;
-  }
-  return number;
-}
-
-std::optional<Scalar> fitUnsigned(const Scalar& value, std::uint64_t high) {
-  std::uint64_t number = 0;
-  if (const auto* plain = std::get_if<std::uint64_t>(&value)) {
-    number = *plain;
-  } else if (const auto* maybeNegative = std::get_if<std::int64_t>(&value)) {
-    if (*maybeNegative < 0) {
-      return std::nullopt;
-    }
-    number = static_cast<std::uint64_t>(*maybeNegative);
-  } else {
-    return std::nullopt;
-  }
-  if (number > high) {
-    return std::nullopt;
-  }
-  return number;
+  return result;
 }
 
 std::optional<Scalar> fitReal(const Scalar& value) {
@@ -102,34 +84,6 @@ bool isDateTime(std::wstring_view text) {
   return true;
 }
 
-std::wstring valueText(const Value& value) {
-  if (value.isNull()) {
-    return L"NULL";
-  }
-  if (!value.isArray) {
-    return literal(value.items.front());
-  }
-  std::wstring text = L"{";
-  for (const Scalar& item : value.items) {
-    text += (text.size() > 1 ? L", " : L"") + literal(item);
-  }
-  return text + L"}";
-}
-
-std::wstring qualifierText(const std::vector<Qualifier>& qualifiers) {
-  std::wstring text;
-  for (const Qualifier& qualifier : qualifiers) {
-    text += text.empty() ? L"[" : L", ";
-    text += qualifier.name;
-    if (qualifier.value.isArray) {
-      text += valueText(qualifier.value);
-    } else if (qualifier.value != Value(true)) {
-      text += L"(" + valueText(qualifier.value) + L")";
-    }
-  }
-  return text.empty() ? text : text + L"]\n";
-}
-
 } // namespace
 
 std::wstring_view typeName(CimType type) {
@@ -153,22 +107,22 @@ std::optional<CimType> typeFromName(std::wstring_view name) {
 std::optional<Scalar> fit(CimType type, const Scalar& value) {
   switch (type) {
   case CimType::sint8:
-    return fitSigned(value, INT8_MIN, INT8_MAX);
+    return fitInteger<std::int8_t>(value);
   case CimType::sint16:
-    return fitSigned(value, INT16_MIN, INT16_MAX);
+    return fitInteger<std::int16_t>(value);
   case CimType::sint32:
-    return fitSigned(value, INT32_MIN, INT32_MAX);
+    return fitInteger<std::int32_t>(value);
   case CimType::sint64:
-    return fitSigned(value, INT64_MIN, INT64_MAX);
+    return fitInteger<std::int64_t>(value);
   case CimType::uint8:
-    return fitUnsigned(value, UINT8_MAX);
+    return fitInteger<std::uint8_t>(value);
   case CimType::uint16:
   case CimType::char16:
-    return fitUnsigned(value, UINT16_MAX);
+    return fitInteger<std::uint16_t>(value);
   case CimType::uint32:
-    return fitUnsigned(value, UINT32_MAX);
+    return fitInteger<std::uint32_t>(value);
   case CimType::uint64:
-    return fitUnsigned(value, UINT64_MAX);
+    return fitInteger<std::uint64_t>(value);
   case CimType::real32:
   case CimType::real64:
     return fitReal(value);
@@ -308,9 +262,6 @@ std::optional<std::wstring> Object::relativePath() const {
   if (!isInstance) {
     return type->name;
   }
-  if (type->flag(L"singleton")) {
-    return type->name + L"=@";
-  }
   std::wstring path = type->name;
   wchar_t separator = L'.';
   for (std::size_t i = 0; i < values.size(); ++i) {
@@ -327,94 +278,19 @@ std::optional<std::wstring> Object::relativePath() const {
   return separator == L',' ? std::optional(path) : std::nullopt;
 }
 
-std::wstring Object::mof() const {
-  if (isInstance) {
-    std::wstring text = L"instance of " + type->name + L"\n{\n";
-    for (std::size_t i = 0; i < values.size(); ++i) {
-      if (!values[i].isNull()) {
-        text += L"\t" + type->properties[i].name + L" = " + valueText(values[i]) + L";\n";
-      }
-    }
-    return text + L"};\n";
-  }
-  std::wstring text = qualifierText(type->qualifiers) + L"class " + type->name;
-  if (type->superclass) {
-    text += L" : " + type->superclass->name;
-  }
-  text += L"\n{\n";
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    const Property& property = type->properties[i];
-    if (!sameName(property.origin, type->name)) {
-      continue;
-    }
-    bool isReference = property.type == CimType::reference;
-    text += qualifierText(property.qualifiers) + L"\t" +
-            (isReference ? property.cimType.substr(4) + L" ref"
-                         : std::wstring(typeName(property.type))) +
-            L" " + property.name + (property.isArray ? L"[]" : L"");
-    if (!values[i].isNull()) {
-      text += L" = " + valueText(values[i]);
-    }
-    text += L";\n";
-  }
-  return text + L"};\n";
-}
-
-const std::vector<std::pair<std::wstring, CimType>>& systemProperties() {
-  static const std::vector<std::pair<std::wstring, CimType>> names = {
-      {L"__GENUS", CimType::sint32},      {L"__CLASS", CimType::string},
-      {L"__SUPERCLASS", CimType::string}, {L"__DYNASTY", CimType::string},
-      {L"__RELPATH", CimType::string},    {L"__PROPERTY_COUNT", CimType::sint32},
-      {L"__DERIVATION", CimType::string}, {L"__SERVER", CimType::string},
-      {L"__NAMESPACE", CimType::string},  {L"__PATH", CimType::string},
-  };
-  return names;
-}
-
 std::optional<Value> systemProperty(const Object& object, std::wstring_view name) {
-  const Class& type = *object.type;
-  auto is = [name](std::wstring_view other) { return sameName(name, other); };
-  if (is(L"__GENUS")) {
-    return Value(std::int64_t{object.isInstance ? 2 : 1});
+  if (sameName(name, L"__CLASS")) {
+    return Value(object.type->name);
   }
-  if (is(L"__CLASS")) {
-    return Value(type.name);
+  const bool isWholePath = sameName(name, L"__PATH");
+  if (!isWholePath && !sameName(name, L"__RELPATH")) {
+    return std::nullopt;
   }
-  if (is(L"__SUPERCLASS")) {
-    return type.superclass ? Value(type.superclass->name) : Value();
+  const std::optional<std::wstring> path = object.relativePath();
+  if (!path) {
+    return Value();
   }
-  if (is(L"__DYNASTY")) {
-    const Class* top = &type;
-    while (top->superclass) {
-      top = top->superclass.get();
-    }
-    return Value(top->name);
-  }
-  if (is(L"__RELPATH") || is(L"__PATH")) {
-    std::optional<std::wstring> path = object.relativePath();
-    if (!path) {
-      return Value();
-    }
-    return Value(is(L"__PATH") ? L"\\\\.\\root\\cimv2:" + *path : *path);
-  }
-  if (is(L"__PROPERTY_COUNT")) {
-    return Value(static_cast<std::int64_t>(type.properties.size()));
-  }
-  if (is(L"__DERIVATION")) {
-    Value derivation;
-    derivation.isArray = true;
-    for (ClassPointer above = type.superclass; above; above = above->superclass) {
-      derivation.items.emplace_back(above->name);
-    }
-    return derivation;
-  }
-  if (is(L"__SERVER")) {
-    return Value(std::wstring(L"."));
-  }
-  if (is(L"__NAMESPACE")) {
-    return Value(std::wstring(L"root\\cimv2"));
-  }
-  return std::nullopt;
+  return Value(isWholePath ? L"\\\\.\\root\\cimv2:" + *path : *path);
 }
 
 bool sameName(std::wstring_view one, std::wstring_view other) {
@@ -437,23 +313,16 @@ const Qualifier* findQualifier(const std::vector<Qualifier>& qualifiers, std::ws
   return nullptr;
 }
 
-std::wstring quoted(std::wstring_view text) {
-  std::wstring result = L"\"";
-  for (wchar_t c : text) {
-    if (c == L'"' || c == L'\\') {
-      result += L'\\';
-    }
-    result += c;
-  }
-  return result + L"\"";
-}
-
 std::wstring literal(const Scalar& value) {
   return std::visit(
       [](const auto& held) -> std::wstring {
         using Held = std::decay_t<decltype(held)>;
         if constexpr (std::is_same_v<Held, std::wstring>) {
-          return quoted(held);
+          std::wstring text = L"\"";
+          for (wchar_t c : held) {
+            text += c == L'"' || c == L'\\' ? std::wstring{L'\\', c} : std::wstring(1, c);
+          }
+          return text + L"\"";
         } else if constexpr (std::is_same_v<Held, bool>) {
           return held ? L"TRUE" : L"FALSE";
         } else if constexpr (std::is_same_v<Held, double>) {

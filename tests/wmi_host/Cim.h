@@ -116,22 +116,16 @@ struct Object {
   bool truth(std::wstring_view property) const;
   /// Null for an instance whose keys are not all set, or of a class without keys.
   std::optional<std::wstring> relativePath() const;
-  /// As MOF text.
-  std::wstring mof() const;
 };
 
-/// The documented system properties, in the order in which they are enumerated.
-const std::vector<std::pair<std::wstring, CimType>>& systemProperties();
-/// Nothing without such a system property.
+/// __CLASS, __RELPATH and __PATH, which are texts; nothing for other names.
 std::optional<Value> systemProperty(const Object& object, std::wstring_view name);
 
 /// Class, property and qualifier names are compared without regard to (ASCII) case.
 bool sameName(std::wstring_view one, std::wstring_view other);
 std::wstring lower(std::wstring_view text);
 const Qualifier* findQualifier(const std::vector<Qualifier>& qualifiers, std::wstring_view name);
-/// With `\` before `"` and `\`, in double quotes.
-std::wstring quoted(std::wstring_view text);
-/// As a path or MOF writes it.
+/// The notation of object paths and MOF: a text in double quotes, with `\` before `"` and `\`.
 std::wstring literal(const Scalar& value);
 
 struct ObjectPath;

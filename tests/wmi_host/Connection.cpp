@@ -1,5 +1,7 @@
 #include "Connection.h"
 
+#include "Loopback.h"
+
 #include <stdexcept>
 
 namespace wmi_host {
@@ -34,11 +36,8 @@ std::shared_ptr<Connection> Connection::toProvider() {
   startSockets();
   SOCKET socket = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
   auto connection = std::make_shared<Connection>(socket);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<u_short>(server.port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+  const sockaddr_in address = test_support::loopback(static_cast<std::uint16_t>(server.port));
+  if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return nullptr;
   }
   // The process may be dead and its port another's by now: only the right greeting counts.

@@ -3,12 +3,8 @@
 #include "Registrar.h"
 #include "Services.h"
 #include "Settings.h"
-#include "win/Handles.h"
 
 #include <winreg.h>
-
-#include <array>
-#include <new>
 
 namespace {
 
@@ -16,40 +12,28 @@ using namespace wmi_host;
 
 HMODULE module = nullptr;
 
-IUnknown* newRegistrar() {
-  return new Registrar;
-}
-IUnknown* newEventRegistrar() {
-  return new EventRegistrar;
-}
-IUnknown* newLocator() {
-  return static_cast<IWbemLocator*>(new Locator);
-}
-
+/// One of the class ids that this DLL plays.
 struct Served {
-  GUID id;
-  const wchar_t* server; // its registry key below HKEY_CLASSES_ROOT
-  const wchar_t* parent; // removed with it
+  CLSID id;
+  bool isNew; // removed with the registration; otherwise the platform's own, which is given back
   IUnknown* (*create)();
+
+  std::wstring key() const {
+    wchar_t text[40] = {};
+    StringFromGUID2(id, text, 40);
+    return L"CLSID\\" + std::wstring(text);
+  }
+  std::wstring serverKey() const { return key() + L"\\InprocServer32"; }
 };
-const std::array<Served, 3> kServed = {{
-    {{0x4cfc7932, 0x0f9d, 0x4bef, {0x9c, 0x32, 0x8e, 0xa2, 0xa6, 0xb5, 0x6f, 0xcb}},
-     L"CLSID\\{4CFC7932-0F9D-4BEF-9C32-8EA2A6B56FCB}\\InprocServer32",
-     L"CLSID\\{4CFC7932-0F9D-4BEF-9C32-8EA2A6B56FCB}",
-     newRegistrar},
-    {{0xf5f75737, 0x2843, 0x4f22, {0x93, 0x3d, 0xc7, 0x6a, 0x97, 0xcd, 0xa6, 0x2f}},
-     L"CLSID\\{F5F75737-2843-4F22-933D-C76A97CDA62F}\\InprocServer32",
-     L"CLSID\\{F5F75737-2843-4F22-933D-C76A97CDA62F}",
-     newEventRegistrar},
-    {{0x4590f811, 0x1d3a, 0x11d0, {0x89, 0x1f, 0x00, 0xaa, 0x00, 0x4b, 0x2e, 0x24}},
-     L"CLSID\\{4590F811-1D3A-11D0-891F-00AA004B2E24}\\InprocServer32",
-     nullptr, // the platform's own: given back, not removed
-     newLocator},
-}};
+const Served kServed[] = {
+    {CLSID_WbemDecoupledRegistrar, true, []() -> IUnknown* { return new Registrar; }},
+    {CLSID_WbemDecoupledBasicEventProvider, true, []() -> IUnknown* { return new EventRegistrar; }},
+    {CLSID_WbemLocator, false, []() -> IUnknown* { return new Locator; }},
+};
 
 class Factory final : public ComObject<IClassFactory> {
 public:
-  explicit Factory(IUnknown* (*create)()) : ComObject(liveCounts.others), create_(create) {}
+  explicit Factory(IUnknown* (*create)()) : create_(create) {}
 
   HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid,
                                            void** result) noexcept override {
@@ -60,7 +44,7 @@ public:
     if (outer != nullptr) {
       return CLASS_E_NOAGGREGATION;
     }
-    return win::comBoundary([&] {
+    return comBoundary([&] {
       IUnknown* created = create_();
       HRESULT found = created->QueryInterface(iid, result);
       created->Release();
@@ -74,16 +58,15 @@ private:
   IUnknown* (*create_)();
 };
 
-HRESULT setText(const wchar_t* key, const wchar_t* name, const std::wstring& text) {
-  LSTATUS status = RegSetKeyValueW(HKEY_CLASSES_ROOT, key, name, REG_SZ, text.c_str(),
-                                   static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
-  return status == ERROR_SUCCESS ? S_OK : E_FAIL;
+bool setText(const std::wstring& key, const wchar_t* name, const std::wstring& text) {
+  return RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), name, REG_SZ, text.c_str(),
+                         static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))) == ERROR_SUCCESS;
 }
 
-std::wstring getText(const wchar_t* key) {
+std::wstring getText(const std::wstring& key) {
   wchar_t text[MAX_PATH] = {};
   DWORD size = sizeof text;
-  RegGetValueW(HKEY_CLASSES_ROOT, key, nullptr, RRF_RT_REG_SZ, nullptr, text, &size);
+  RegGetValueW(HKEY_CLASSES_ROOT, key.c_str(), nullptr, RRF_RT_REG_SZ, nullptr, text, &size);
   return text;
 }
 
@@ -113,7 +96,7 @@ STDAPI DllGetClassObject(REFCLSID id, REFIID iid, void** result) {
                      reinterpret_cast<LPCWSTR>(&DllGetClassObject), &pinned);
   for (const Served& served : kServed) {
     if (served.id == id) {
-      return win::comBoundary([&] {
+      return comBoundary([&] {
         auto* factory = new Factory(served.create);
         HRESULT found = factory->QueryInterface(iid, result);
         factory->Release();
@@ -128,11 +111,11 @@ STDAPI DllRegisterServer() {
   wchar_t path[MAX_PATH] = {};
   GetModuleFileNameW(module, path, MAX_PATH);
   for (const Served& served : kServed) {
-    if (served.parent == nullptr && settings::previousLocator().empty()) {
-      settings::storePreviousLocator(getText(served.server));
+    if (!served.isNew && settings::previousLocator().empty()) {
+      settings::storePreviousLocator(getText(served.serverKey()));
     }
-    if (FAILED(setText(served.server, nullptr, path)) ||
-        FAILED(setText(served.server, L"ThreadingModel", L"Both"))) {
+    if (!setText(served.serverKey(), nullptr, path) ||
+        !setText(served.serverKey(), L"ThreadingModel", L"Both")) {
       return E_FAIL;
     }
   }
@@ -141,10 +124,10 @@ STDAPI DllRegisterServer() {
 
 STDAPI DllUnregisterServer() {
   for (const Served& served : kServed) {
-    if (served.parent != nullptr) {
-      RegDeleteTreeW(HKEY_CLASSES_ROOT, served.parent);
+    if (served.isNew) {
+      RegDeleteTreeW(HKEY_CLASSES_ROOT, served.key().c_str());
     } else if (std::wstring previous = settings::previousLocator(); !previous.empty()) {
-      if (FAILED(setText(served.server, nullptr, previous))) {
+      if (!setText(served.serverKey(), nullptr, previous)) {
         return E_FAIL;
       }
       settings::storePreviousLocator({});

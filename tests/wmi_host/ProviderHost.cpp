@@ -2,31 +2,27 @@
 
 #include "CallContext.h"
 #include "ClassObject.h"
+#include "Loopback.h"
 #include "PlatformLock.h"
 #include "Services.h"
 #include "Settings.h"
 #include "Threads.h"
+#include "Wql.h"
 #include "win/Automation.h"
-#include "win/Handles.h"
 
 #include <objbase.h>
 
-#include <chrono>
+#include <algorithm>
 #include <future>
 #include <thread>
 
 namespace wmi_host {
 
 using Microsoft::WRL::ComPtr;
-using win::comBoundary;
 
 namespace {
 
-constexpr auto kInitialisationTimeout = std::chrono::seconds(60);
-
-std::atomic<DWORD> initializeCount = 0;
-std::atomic<DWORD> requestCount = 0;
-std::atomic<DWORD> violationCount = 0;
+std::atomic<DWORD> violations = 0;
 
 std::wstring newIdentity() {
   GUID identity{};
@@ -36,33 +32,22 @@ std::wstring newIdentity() {
   return text;
 }
 
-/// A provider's answer to Initialize: the sink may be called after the call returned.
-struct Initialisation {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::optional<LONG> status;
-};
-
+/// Takes a provider's answer to Initialize, which has to come within the call.
 class InitSink final : public ComObject<IWbemProviderInitSink> {
 public:
-  explicit InitSink(std::shared_ptr<Initialisation> state)
-      : ComObject(liveCounts.sinks), state_(std::move(state)) {}
-
-  HRESULT STDMETHODCALLTYPE SetStatus(LONG status, LONG flags) noexcept override {
-    return comBoundary([&] {
-      if (flags != 0) {
-        return wbemResult(WBEM_E_INVALID_PARAMETER);
-      }
-      std::scoped_lock lock(state_->mutex);
-      state_->status = status;
-      state_->changed.notify_all();
-      return wbemResult(WBEM_S_NO_ERROR);
-    });
+  HRESULT STDMETHODCALLTYPE SetStatus(LONG given, LONG flags) noexcept override {
+    if (flags != 0) {
+      return wbemResult(WBEM_E_INVALID_PARAMETER);
+    }
+    status = given;
+    return wbemResult(WBEM_S_NO_ERROR);
   }
+
+  std::atomic<LONG> status = WBEM_S_PENDING;
 
 private:
   ~InitSink() override = default;
-  std::shared_ptr<Initialisation> state_;
+  const LiveCount live_{liveCounts.sinks};
 };
 
 /// Runs `body` as a call of a client.
@@ -76,24 +61,16 @@ HRESULT onClientCall(Body body) {
 
 } // namespace
 
-void counters::countInitialize() {
-  ++initializeCount;
-}
-void counters::countRequest() {
-  ++requestCount;
-}
-void counters::countViolation(const std::wstring& what) {
-  ++violationCount;
+void counters::addViolation(const std::wstring& what) {
+  ++violations;
   settings::storeCounter(L"LastViolation", what);
   store();
 }
-void counters::storeProviderReferences(ULONG left) {
-  settings::storeCounter(L"ProviderReferences", left);
-}
+
 void counters::store() {
-  settings::storeCounter(L"Initialize", initializeCount);
-  settings::storeCounter(L"Requests", requestCount);
-  settings::storeCounter(L"Violations", violationCount);
+  settings::storeCounter(L"Initialize", initializations);
+  settings::storeCounter(L"Requests", requests);
+  settings::storeCounter(L"Violations", violations);
   settings::storeCounter(L"LiveObjects", static_cast<DWORD>(liveCounts.objects.load()));
   settings::storeCounter(L"LiveServices", static_cast<DWORD>(liveCounts.services.load()));
   settings::storeCounter(L"LiveSinks", static_cast<DWORD>(liveCounts.sinks.load()));
@@ -146,8 +123,7 @@ namespace {
 template <class Request>
 class ResponseSink final : public ComObject<IWbemObjectSink> {
 public:
-  explicit ResponseSink(std::shared_ptr<Request> request)
-      : ComObject(liveCounts.sinks), request_(std::move(request)) {}
+  explicit ResponseSink(std::shared_ptr<Request> request) : request_(std::move(request)) {}
 
   HRESULT STDMETHODCALLTYPE Indicate(LONG count, IWbemClassObject** objects) noexcept override {
     return comBoundary([&] {
@@ -186,7 +162,7 @@ private:
   ~ResponseSink() override { request_->finish(wbemResult(WBEM_E_PROVIDER_FAILURE)); }
 
   static HRESULT violation(const wchar_t* what, HRESULT result) {
-    counters::countViolation(what);
+    counters::addViolation(what);
     return result;
   }
 
@@ -227,7 +203,8 @@ private:
     return wbemResult(WBEM_S_NO_ERROR);
   }
 
-  std::shared_ptr<Request> request_;
+  const LiveCount live_{liveCounts.sinks};
+  const std::shared_ptr<Request> request_;
   std::atomic<bool> isComplete_ = false;
 };
 
@@ -238,16 +215,15 @@ ProviderHost& ProviderHost::instance() {
   return *host;
 }
 
-HRESULT ProviderHost::registerProvider(const std::wstring& name, IUnknown* unknown,
-                                       std::shared_ptr<const Repository> repository) {
+HRESULT ProviderHost::registerProvider(const std::shared_ptr<const Registration>& registration,
+                                       IUnknown* unknown) {
   std::scoped_lock lock(mutex_);
   if (provider_) {
     return wbemResult(WBEM_E_PROVIDER_ALREADY_REGISTERED);
   }
   provider_ = std::make_shared<Provider>();
-  provider_->name = name;
+  provider_->registration = registration;
   provider_->unknown = unknown;
-  provider_->repository = std::move(repository);
   startListening();
   counters::store();
   return wbemResult(WBEM_S_NO_ERROR);
@@ -260,7 +236,7 @@ void ProviderHost::unregisterProvider() {
     // A request that still runs holds the provider, and lets go of it at its end.
     if (leaving.use_count() == 1) {
       leaving->services.Reset();
-      counters::storeProviderReferences(leaving->unknown.Reset());
+      settings::storeCounter(L"ProviderReferences", leaving->unknown.Reset());
     }
     stopListeningIfUnused();
     counters::store();
@@ -301,9 +277,7 @@ void ProviderHost::startListening() {
   settings::clearCounters();
   startSockets();
   listener_ = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address = test_support::loopback(0);
   int size = sizeof address;
   auto* generic = reinterpret_cast<sockaddr*>(&address);
   bind(listener_, generic, size);
@@ -408,24 +382,20 @@ void ProviderHost::answer(const std::shared_ptr<Request>& request) {
     provider = provider_;
   }
   HRESULT status = comBoundary([&] {
-    counters::countRequest();
-    ClassPointer type =
-        provider ? provider->repository->findClass(request->className) : ClassPointer();
-    if (!type || type->text(L"provider") != provider->name) {
+    ++counters::requests;
+    ClassPointer type = provider ? provider->registration->repository->findClass(request->className)
+                                 : ClassPointer();
+    if (!type || type->text(L"provider") != provider->registration->name) {
       return wbemResult(WBEM_E_PROVIDER_LOAD_FAILURE);
     }
-    bool isGet = request->kind == wire::Kind::get;
-    bool isCapable = false;
-    for (const Object& entry : provider->repository->instances()) {
-      std::optional<ObjectPath> target = parsePath(entry.text(L"provider"));
-      isCapable |= sameName(entry.type->name, L"__InstanceProviderRegistration") && target &&
-                   target->keys.size() == 1 && target->keys[0].second == Scalar(provider->name) &&
-                   entry.truth(isGet ? L"SupportsGet" : L"SupportsEnumeration");
-    }
-    if (!isCapable) {
+    const wchar_t* const capability =
+        request->kind == wire::Kind::get ? L"SupportsGet" : L"SupportsEnumeration";
+    const std::vector<const Object*> entries = provider->registration->entries();
+    if (std::none_of(entries.begin(), entries.end(),
+                     [&](const Object* entry) { return entry->truth(capability); })) {
       return wbemResult(WBEM_E_PROVIDER_NOT_CAPABLE);
     }
-    HRESULT result = initialise(*provider);
+    HRESULT result = initialize(*provider);
     return FAILED(result) ? result : call(*provider, request);
   });
   provider.reset();
@@ -438,31 +408,27 @@ void ProviderHost::answer(const std::shared_ptr<Request>& request) {
 }
 
 /// Once for a registration; after a failure the next request tries again.
-HRESULT ProviderHost::initialise(Provider& provider) {
-  std::scoped_lock lock(provider.initialising);
+HRESULT ProviderHost::initialize(Provider& provider) {
+  std::scoped_lock lock(provider.initializing);
   if (provider.services) {
     return wbemResult(WBEM_S_NO_ERROR);
   }
   ComPtr<IWbemServices> services;
-  ComPtr<IWbemProviderInit> initialiser;
-  if (FAILED(provider.unknown.As(&services)) || FAILED(provider.unknown.As(&initialiser))) {
+  ComPtr<IWbemProviderInit> initializer;
+  if (FAILED(provider.unknown.As(&services)) || FAILED(provider.unknown.As(&initializer))) {
     return wbemResult(WBEM_E_PROVIDER_LOAD_FAILURE);
   }
-  auto state = std::make_shared<Initialisation>();
-  counters::countInitialize();
+  ComPtr<InitSink> sink = adopt(new InitSink);
+  ++counters::initializations;
   HRESULT result = onClientCall([&] {
-    ComPtr<IWbemServices> ours = adopt<IWbemServices>(new Services(provider.repository));
-    ComPtr<IWbemProviderInitSink> sink = adopt<IWbemProviderInitSink>(new InitSink(state));
+    ComPtr<IWbemServices> ours =
+        adopt<IWbemServices>(new Services(provider.registration->repository));
     std::wstring nameSpace = L"root\\cimv2";
     std::wstring locale = L"MS_409";
-    return initialiser->Initialize(nullptr, 0, nameSpace.data(), locale.data(), ours.Get(), nullptr,
+    return initializer->Initialize(nullptr, 0, nameSpace.data(), locale.data(), ours.Get(), nullptr,
                                    sink.Get());
   });
-  std::unique_lock wait(state->mutex);
-  if (FAILED(result) ||
-      !state->changed.wait_for(wait, kInitialisationTimeout,
-                               [&] { return state->status.has_value(); }) ||
-      *state->status != WBEM_S_INITIALIZED) {
+  if (FAILED(result) || sink->status != WBEM_S_INITIALIZED) {
     return wbemResult(WBEM_E_PROVIDER_LOAD_FAILURE);
   }
   provider.services = services;
@@ -480,14 +446,10 @@ HRESULT ProviderHost::call(Provider& provider, const std::shared_ptr<Request>& r
   }
   ComPtr<IWbemObjectSink> sink = request->sink;
   HRESULT returned = onClientCall([&] {
-    Sleep(settings::number(L"DelayBefore"));
     win::Bstr argument(request->argument);
-    HRESULT result =
-        request->kind == wire::Kind::get
-            ? provider.services->GetObjectAsync(argument.get(), 0, nullptr, sink.Get())
-            : provider.services->CreateInstanceEnumAsync(argument.get(), 0, nullptr, sink.Get());
-    Sleep(settings::number(L"DelayAfter"));
-    return result;
+    return request->kind == wire::Kind::get
+               ? provider.services->GetObjectAsync(argument.get(), 0, nullptr, sink.Get())
+               : provider.services->CreateInstanceEnumAsync(argument.get(), 0, nullptr, sink.Get());
   });
   if (FAILED(returned)) {
     request->finish(returned);

@@ -1,13 +1,12 @@
 #pragma once
 
-#include "Cim.h"
 #include "Connection.h"
+#include "Registrar.h"
 
 #include <wbemcli.h>
 #include <wbemprov.h>
 #include <wrl/client.h>
 
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -15,14 +14,13 @@
 
 namespace wmi_host {
 
-/// Counts of what a provider's process did, for tests: kept in the registry, below Counters.
+/// What a provider's process did, for tests: kept in the registry, below Counters.
 namespace counters {
-void countInitialize();
-void countRequest();
+inline std::atomic<DWORD> initializations = 0;
+inline std::atomic<DWORD> requests = 0;
 /// Something that WMI does not allow a provider to do.
-void countViolation(const std::wstring& what);
-void storeProviderReferences(ULONG left);
-/// Writes the numbers of live objects too.
+void addViolation(const std::wstring& what);
+/// With the numbers of live objects.
 void store();
 } // namespace counters
 
@@ -33,8 +31,8 @@ public:
   static ProviderHost& instance();
 
   /// WBEM_E_PROVIDER_ALREADY_REGISTERED while another is registered.
-  HRESULT registerProvider(const std::wstring& name, IUnknown* provider,
-                           std::shared_ptr<const Repository> repository);
+  HRESULT registerProvider(const std::shared_ptr<const Registration>& registration,
+                           IUnknown* provider);
   void unregisterProvider();
   void registerEvents();
   void unregisterEvents();
@@ -42,10 +40,9 @@ public:
 
 private:
   struct Provider {
-    std::wstring name;
-    std::shared_ptr<const Repository> repository;
+    std::shared_ptr<const Registration> registration;
     Microsoft::WRL::ComPtr<IUnknown> unknown;
-    std::mutex initialising;
+    std::mutex initializing;
     Microsoft::WRL::ComPtr<IWbemServices> services; // after Initialize
   };
   struct Request;
@@ -57,7 +54,7 @@ private:
   void serve(const std::shared_ptr<Connection>& connection);
   void subscribe(const std::shared_ptr<Connection>& connection);
   void answer(const std::shared_ptr<Request>& request);
-  static HRESULT initialise(Provider& provider);
+  static HRESULT initialize(Provider& provider);
   static HRESULT call(Provider& provider, const std::shared_ptr<Request>& request);
 
   std::mutex mutex_; // guards what follows

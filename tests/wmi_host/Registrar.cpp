@@ -3,17 +3,13 @@
 #include "ClassObject.h"
 #include "ProviderHost.h"
 #include "Services.h"
-#include "Settings.h"
+#include "Wql.h"
 #include "win/Handles.h"
 
 #include <sddl.h>
 
-#include <vector>
-
 namespace wmi_host {
 namespace {
-
-using win::comBoundary;
 
 /// Whether this process may register: the provider's SecurityDescriptor has to grant the right 1.
 bool mayRegister(const std::wstring& descriptorText) {
@@ -30,23 +26,20 @@ bool mayRegister(const std::wstring& descriptorText) {
     return false;
   }
   GENERIC_MAPPING mapping{0, 0, 0x000F0001, 0x000F0001};
-  std::vector<BYTE> privileges(1024);
-  auto size = static_cast<DWORD>(privileges.size());
+  BYTE privileges[256];
+  DWORD size = sizeof privileges;
   DWORD granted = 0;
   BOOL allowed = FALSE;
   return AccessCheck(descriptor.get(), token.get(), 1, &mapping,
-                     reinterpret_cast<PRIVILEGE_SET*>(privileges.data()), &size, &granted,
-                     &allowed) &&
+                     reinterpret_cast<PRIVILEGE_SET*>(privileges), &size, &granted, &allowed) &&
          allowed;
 }
 
 /// Whether an event provider registration of this provider names the class or one above it.
-bool mayPublish(const EventRegistrar::Registration& registration, const Class& type) {
-  for (const Object& entry : registration.repository->instances()) {
-    std::optional<ObjectPath> target = parsePath(entry.text(L"provider"));
-    const Value* queries = entry.find(L"EventQueryList");
-    if (queries == nullptr || !target || target->keys.size() != 1 ||
-        target->keys[0].second != Scalar(registration.name)) {
+bool mayPublish(const Registration& registration, const Class& type) {
+  for (const Object* entry : registration.entries()) {
+    const Value* queries = entry->find(L"EventQueryList");
+    if (queries == nullptr) {
       continue;
     }
     for (const Scalar& text : queries->items) {
@@ -59,17 +52,10 @@ bool mayPublish(const EventRegistrar::Registration& registration, const Class& t
   return false;
 }
 
-/// 100-nanosecond intervals since 1601.
-std::uint64_t now() {
-  FILETIME time{};
-  GetSystemTimeAsFileTime(&time);
-  return (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
-}
-
 class EventSink final : public ComObject<IWbemObjectSink> {
 public:
-  explicit EventSink(std::shared_ptr<EventRegistrar::Registration> registration)
-      : ComObject(liveCounts.sinks), registration_(std::move(registration)) {}
+  explicit EventSink(std::shared_ptr<Registration> registration)
+      : registration_(std::move(registration)) {}
 
   HRESULT STDMETHODCALLTYPE Indicate(LONG count, IWbemClassObject** objects) noexcept override {
     return comBoundary([&] {
@@ -80,22 +66,17 @@ public:
         return failed;
       }
       if (count <= 0 || objects == nullptr) {
-        counters::countViolation(L"Indicate without events");
+        counters::addViolation(L"Indicate without events");
         return wbemResult(WBEM_E_INVALID_PARAMETER);
       }
       for (LONG i = 0; i < count; ++i) {
         const ClassObject* known = ClassObject::from(objects[i]);
         if (known == nullptr || !known->object().isInstance ||
             !mayPublish(*registration_, *known->object().type)) {
-          counters::countViolation(L"Indicate of something that is no registered event");
+          counters::addViolation(L"Indicate of something that is no registered event");
           return wbemResult(WBEM_E_INVALID_OBJECT);
         }
-        Object event = known->object();
-        if (std::optional<std::size_t> index = event.type->find(L"TIME_CREATED");
-            index && event.values[*index].isNull()) {
-          event.values[*index] = Value(now());
-        }
-        ProviderHost::instance().publishEvent(event);
+        ProviderHost::instance().publishEvent(known->object());
       }
       return wbemResult(WBEM_S_NO_ERROR);
     });
@@ -106,86 +87,61 @@ public:
 
 private:
   ~EventSink() override = default;
-  std::shared_ptr<EventRegistrar::Registration> registration_;
+  const LiveCount live_{liveCounts.sinks};
+  const std::shared_ptr<Registration> registration_;
 };
 
 } // namespace
 
-HRESULT checkRegistration(LONG flags, LPCWSTR scope, LPCWSTR registration,
-                          std::shared_ptr<const Repository>& repository) {
-  if (flags != 0 || scope == nullptr || registration == nullptr) {
+std::vector<const Object*> Registration::entries() const {
+  std::vector<const Object*> found;
+  for (const Object& entry : repository->instances()) {
+    std::optional<ObjectPath> provider = parsePath(entry.text(L"provider"));
+    if (provider && provider->keys.size() == 1 && provider->keys[0].second == Scalar(name)) {
+      found.push_back(&entry);
+    }
+  }
+  return found;
+}
+
+HRESULT makeRegistration(LONG flags, LPCWSTR scope, LPCWSTR name,
+                         std::shared_ptr<Registration>& result) {
+  if (flags != 0 || scope == nullptr || name == nullptr) {
     return wbemResult(WBEM_E_INVALID_PARAMETER);
   }
   if (!isServedNamespace(scope)) {
     return wbemResult(WBEM_E_INVALID_NAMESPACE);
   }
-  repository = tryLoadRepository();
+  std::shared_ptr<const Repository> repository = loadRepository();
   if (!repository) {
     return wbemResult(WBEM_E_CRITICAL_ERROR);
   }
   for (const Object& instance : repository->instances()) {
     if (!sameName(instance.type->name, L"__Win32Provider") ||
-        !sameName(instance.text(L"Name"), registration)) {
+        !sameName(instance.text(L"Name"), name)) {
       continue;
     }
-    if (!sameName(instance.text(L"HostingModel").substr(0, 13), L"Decoupled:Com")) {
+    if (!instance.text(L"HostingModel").starts_with(L"Decoupled:Com")) {
       return wbemResult(WBEM_E_INVALID_PROVIDER_REGISTRATION);
     }
-    return mayRegister(instance.text(L"SecurityDescriptor")) ? wbemResult(WBEM_S_NO_ERROR)
-                                                             : wbemResult(WBEM_E_ACCESS_DENIED);
+    if (!mayRegister(instance.text(L"SecurityDescriptor"))) {
+      return wbemResult(WBEM_E_ACCESS_DENIED);
+    }
+    result = std::make_shared<Registration>();
+    result->name = name;
+    result->repository = std::move(repository);
+    return wbemResult(WBEM_S_NO_ERROR);
   }
   return wbemResult(WBEM_E_PROVIDER_NOT_FOUND);
 }
 
-Registrar::Registrar() : ComObject(liveCounts.others) {
-  settings::setProviderProcess();
+HRESULT Registrar::enter(const std::shared_ptr<Registration>& registration, IUnknown* provider) {
+  return provider != nullptr ? ProviderHost::instance().registerProvider(registration, provider)
+                             : wbemResult(WBEM_E_INVALID_PARAMETER);
 }
 
-Registrar::~Registrar() {
-  UnRegister();
-}
-
-HRESULT Registrar::Register(LONG flags, IWbemContext*, LPCWSTR, LPCWSTR, LPCWSTR scope,
-                            LPCWSTR registration, IUnknown* provider) noexcept {
-  return comBoundary([&] {
-    std::scoped_lock lock(mutex_);
-    if (isRegistered_) {
-      return wbemResult(WBEM_E_PROVIDER_ALREADY_REGISTERED);
-    }
-    if (provider == nullptr) {
-      return wbemResult(WBEM_E_INVALID_PARAMETER);
-    }
-    if (HRESULT failed = settings::failure(L"RegisterProvider"); FAILED(failed)) {
-      return failed;
-    }
-    std::shared_ptr<const Repository> repository;
-    HRESULT result = checkRegistration(flags, scope, registration, repository);
-    if (SUCCEEDED(result)) {
-      result =
-          ProviderHost::instance().registerProvider(registration, provider, std::move(repository));
-      isRegistered_ = SUCCEEDED(result);
-    }
-    return result;
-  });
-}
-
-HRESULT Registrar::UnRegister() noexcept {
-  return comBoundary([&] {
-    std::scoped_lock lock(mutex_);
-    if (!std::exchange(isRegistered_, false)) {
-      return wbemResult(WBEM_E_PROVIDER_NOT_REGISTERED);
-    }
-    ProviderHost::instance().unregisterProvider();
-    return wbemResult(WBEM_S_NO_ERROR);
-  });
-}
-
-EventRegistrar::EventRegistrar() : ComObject(liveCounts.others) {
-  settings::setProviderProcess();
-}
-
-EventRegistrar::~EventRegistrar() {
-  UnRegister();
+void Registrar::leave() {
+  ProviderHost::instance().unregisterProvider();
 }
 
 void* EventRegistrar::findOther(REFIID iid) noexcept {
@@ -193,75 +149,42 @@ void* EventRegistrar::findOther(REFIID iid) noexcept {
                                                   : nullptr;
 }
 
-HRESULT EventRegistrar::Register(LONG flags, IWbemContext*, LPCWSTR, LPCWSTR, LPCWSTR scope,
-                                 LPCWSTR registration, IUnknown*) noexcept {
-  return comBoundary([&] {
-    std::scoped_lock lock(mutex_);
-    if (registration_) {
-      return wbemResult(WBEM_E_PROVIDER_ALREADY_REGISTERED);
-    }
-    if (HRESULT failed = settings::failure(L"RegisterEvents"); FAILED(failed)) {
-      return failed;
-    }
-    std::shared_ptr<const Repository> repository;
-    HRESULT result = checkRegistration(flags, scope, registration, repository);
-    if (SUCCEEDED(result)) {
-      registration_ = std::make_shared<Registration>();
-      registration_->name = registration;
-      registration_->repository = std::move(repository);
-      ProviderHost::instance().registerEvents();
-    }
-    return result;
-  });
+HRESULT EventRegistrar::enter(const std::shared_ptr<Registration>&, IUnknown*) {
+  ProviderHost::instance().registerEvents();
+  return wbemResult(WBEM_S_NO_ERROR);
 }
 
-HRESULT EventRegistrar::UnRegister() noexcept {
+void EventRegistrar::leave() {
+  ProviderHost::instance().unregisterEvents();
+}
+
+template <class Interface, class Make>
+HRESULT EventRegistrar::give(const wchar_t* failureSwitch, LONG flags, Interface** result,
+                             Make make) {
   return comBoundary([&] {
-    std::scoped_lock lock(mutex_);
+    if (flags != 0 || result == nullptr) {
+      return wbemResult(WBEM_E_INVALID_PARAMETER);
+    }
+    *result = nullptr;
+    if (HRESULT failed = settings::failure(failureSwitch); FAILED(failed)) {
+      return failed;
+    }
+    const std::scoped_lock lock(mutex_);
     if (!registration_) {
       return wbemResult(WBEM_E_PROVIDER_NOT_REGISTERED);
     }
-    registration_->isActive = false;
-    registration_.reset();
-    ProviderHost::instance().unregisterEvents();
+    *result = make();
     return wbemResult(WBEM_S_NO_ERROR);
   });
 }
 
 HRESULT EventRegistrar::GetSink(LONG flags, IWbemContext*, IWbemObjectSink** sink) noexcept {
-  return comBoundary([&] {
-    if (flags != 0 || sink == nullptr) {
-      return wbemResult(WBEM_E_INVALID_PARAMETER);
-    }
-    *sink = nullptr;
-    if (HRESULT failed = settings::failure(L"GetSink"); FAILED(failed)) {
-      return failed;
-    }
-    std::scoped_lock lock(mutex_);
-    if (!registration_) {
-      return wbemResult(WBEM_E_PROVIDER_NOT_REGISTERED);
-    }
-    *sink = new EventSink(registration_);
-    return wbemResult(WBEM_S_NO_ERROR);
-  });
+  return give(L"GetSink", flags, sink, [&] { return new EventSink(registration_); });
 }
 
 HRESULT EventRegistrar::GetService(LONG flags, IWbemContext*, IWbemServices** service) noexcept {
-  return comBoundary([&] {
-    if (flags != 0 || service == nullptr) {
-      return wbemResult(WBEM_E_INVALID_PARAMETER);
-    }
-    *service = nullptr;
-    if (HRESULT failed = settings::failure(L"GetService"); FAILED(failed)) {
-      return failed;
-    }
-    std::scoped_lock lock(mutex_);
-    if (!registration_) {
-      return wbemResult(WBEM_E_PROVIDER_NOT_REGISTERED);
-    }
-    *service = new Services(registration_->repository);
-    return wbemResult(WBEM_S_NO_ERROR);
-  });
+  return give(L"GetService", flags, service,
+              [&] { return new Services(registration_->repository); });
 }
 
 } // namespace wmi_host

@@ -1,61 +1,117 @@
 #pragma once
 
 #include "Cim.h"
-#include "ComObject.h"
+#include "LiveCounts.h"
+#include "Settings.h"
 
 #include <wbemprov.h>
-#include <wrl/client.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace wmi_host {
 
-/// What both registrations check before anything is registered; sets the repository.
-HRESULT checkRegistration(LONG flags, LPCWSTR scope, LPCWSTR registration,
-                          std::shared_ptr<const Repository>& repository);
+/// A provider's name with the repository that it was found in. Shared with what depends on it.
+struct Registration {
+  std::wstring name;
+  std::shared_ptr<const Repository> repository;
+  std::atomic<bool> isActive = true;
 
-/// The decoupled registrar. Any thread.
-class Registrar final : public ComObject<IWbemDecoupledRegistrar> {
-public:
-  Registrar();
-  HRESULT STDMETHODCALLTYPE Register(LONG flags, IWbemContext* context, LPCWSTR user,
-                                     LPCWSTR locale, LPCWSTR scope, LPCWSTR registration,
-                                     IUnknown* provider) noexcept override;
-  HRESULT STDMETHODCALLTYPE UnRegister() noexcept override;
-
-private:
-  ~Registrar() override;
-  std::mutex mutex_;
-  bool isRegistered_ = false;
+  /// The instances that register the provider for instances or events.
+  std::vector<const Object*> entries() const;
 };
 
-/// The decoupled basic event provider. Any thread. Its sink may outlive it and then takes nothing.
-class EventRegistrar final : public ComObject<IWbemDecoupledBasicEventProvider> {
+/// What both registrars check before anything is registered.
+HRESULT makeRegistration(LONG flags, LPCWSTR scope, LPCWSTR name,
+                         std::shared_ptr<Registration>& result);
+
+/// Register and UnRegister, as both registrars have them. Any thread.
+template <class Interface>
+class RegistrarBase : public ComObject<Interface> {
 public:
-  EventRegistrar();
-  HRESULT STDMETHODCALLTYPE Register(LONG flags, IWbemContext* context, LPCWSTR user,
-                                     LPCWSTR locale, LPCWSTR scope, LPCWSTR registration,
-                                     IUnknown* provider) noexcept override;
-  HRESULT STDMETHODCALLTYPE UnRegister() noexcept override;
+  HRESULT STDMETHODCALLTYPE Register(LONG flags, IWbemContext*, LPCWSTR, LPCWSTR, LPCWSTR scope,
+                                     LPCWSTR name, IUnknown* provider) noexcept final {
+    return comBoundary([&] {
+      const std::scoped_lock lock(mutex_);
+      if (registration_) {
+        return wbemResult(WBEM_E_PROVIDER_ALREADY_REGISTERED);
+      }
+      if (HRESULT failed = settings::failure(failureSwitch_); FAILED(failed)) {
+        return failed;
+      }
+      std::shared_ptr<Registration> made;
+      HRESULT result = makeRegistration(flags, scope, name, made);
+      if (SUCCEEDED(result)) {
+        result = enter(made, provider);
+      }
+      if (SUCCEEDED(result)) {
+        registration_ = std::move(made);
+      }
+      return result;
+    });
+  }
+
+  HRESULT STDMETHODCALLTYPE UnRegister() noexcept final {
+    return comBoundary([&] {
+      const std::scoped_lock lock(mutex_);
+      if (!registration_) {
+        return wbemResult(WBEM_E_PROVIDER_NOT_REGISTERED);
+      }
+      registration_->isActive = false;
+      registration_.reset();
+      leave();
+      return wbemResult(WBEM_S_NO_ERROR);
+    });
+  }
+
+protected:
+  explicit RegistrarBase(const wchar_t* failureSwitch) : failureSwitch_(failureSwitch) {
+    settings::setProviderProcess();
+  }
+  virtual HRESULT enter(const std::shared_ptr<Registration>& registration, IUnknown* provider) = 0;
+  virtual void leave() = 0;
+
+  std::mutex mutex_;
+  std::shared_ptr<Registration> registration_; // null while unregistered
+
+private:
+  const wchar_t* const failureSwitch_;
+};
+
+/// The decoupled registrar.
+class Registrar final : public RegistrarBase<IWbemDecoupledRegistrar> {
+public:
+  Registrar() : RegistrarBase(L"RegisterProvider") {}
+
+private:
+  ~Registrar() override { UnRegister(); }
+  HRESULT enter(const std::shared_ptr<Registration>& registration, IUnknown* provider) override;
+  void leave() override;
+};
+
+/// The decoupled basic event provider. Its sink may outlive it and then takes nothing.
+class EventRegistrar final : public RegistrarBase<IWbemDecoupledBasicEventProvider> {
+public:
+  EventRegistrar() : RegistrarBase(L"RegisterEvents") {}
+
   HRESULT STDMETHODCALLTYPE GetSink(LONG flags, IWbemContext* context,
                                     IWbemObjectSink** sink) noexcept override;
   HRESULT STDMETHODCALLTYPE GetService(LONG flags, IWbemContext* context,
                                        IWbemServices** service) noexcept override;
 
-  /// Shared with the sinks handed out.
-  struct Registration {
-    std::wstring name;
-    std::shared_ptr<const Repository> repository;
-    std::atomic<bool> isActive = true;
-  };
-
 private:
-  ~EventRegistrar() override;
+  ~EventRegistrar() override { UnRegister(); }
   void* findOther(REFIID iid) noexcept override;
-  std::mutex mutex_;
-  std::shared_ptr<Registration> registration_; // null while unregistered
+  HRESULT enter(const std::shared_ptr<Registration>& registration, IUnknown* provider) override;
+  void leave() override;
+
+  /// GetSink and GetService: `make` with a registration.
+  template <class Interface, class Make>
+  HRESULT give(const wchar_t* failureSwitch, LONG flags, Interface** result, Make make);
 };
 
 } // namespace wmi_host

@@ -2,13 +2,9 @@
 
 #include "ClassObject.h"
 
-#include <rpcdce.h>
-
 #include <chrono>
 
 namespace wmi_host {
-
-using win::comBoundary;
 
 void Results::add(Object object) {
   std::scoped_lock lock(mutex_);
@@ -70,7 +66,7 @@ HRESULT Results::waitForStatus() {
   return status_;
 }
 
-void Results::forget(std::size_t index) {
+void Results::release(std::size_t index) {
   std::scoped_lock lock(mutex_);
   objects_[index].reset();
 }
@@ -95,11 +91,11 @@ HRESULT Enumerator::Next(LONG timeout, ULONG count, IWbemClassObject** objects,
     HRESULT result = wbemResult(WBEM_S_NO_ERROR);
     while (*returned < count && result == wbemResult(WBEM_S_NO_ERROR)) {
       std::shared_ptr<const Object> object;
-      result = reading_->results->wait(next_, timeout, object);
+      result = results_->wait(next_, timeout, object);
       if (result == wbemResult(WBEM_S_NO_ERROR)) {
         objects[(*returned)++] = new ClassObject(*object);
         if (isForwardOnly_) {
-          reading_->results->forget(next_);
+          results_->release(next_);
         }
         ++next_;
       }
@@ -121,75 +117,18 @@ HRESULT Enumerator::Clone(IEnumWbemClassObject** copy) noexcept {
       return wbemResult(WBEM_E_INVALID_OPERATION);
     }
     std::scoped_lock lock(mutex_);
-    *copy = new Enumerator(reading_, isForwardOnly_, next_);
+    *copy = new Enumerator(results_, isForwardOnly_, next_);
     return wbemResult(WBEM_S_NO_ERROR);
   });
 }
 
-HRESULT Enumerator::Skip(LONG timeout, ULONG count) noexcept {
-  return comBoundary([&] {
-    if (timeout < kForever) {
-      return wbemResult(WBEM_E_INVALID_PARAMETER);
-    }
-    std::scoped_lock lock(mutex_);
-    HRESULT result = wbemResult(WBEM_S_NO_ERROR);
-    for (ULONG i = 0; i < count && result == wbemResult(WBEM_S_NO_ERROR); ++i) {
-      std::shared_ptr<const Object> object;
-      result = reading_->results->wait(next_, timeout, object);
-      next_ += result == wbemResult(WBEM_S_NO_ERROR) ? 1u : 0u;
-    }
-    return result;
-  });
+HRESULT Enumerator::Skip(LONG, ULONG) noexcept {
+  return wbemResult(WBEM_E_NOT_SUPPORTED);
 }
 
-HRESULT Enumerator::QueryBlanket(IUnknown*, DWORD* authentication, DWORD* authorization,
-                                 OLECHAR** principal, DWORD* level, DWORD* impersonation,
-                                 void** identity, DWORD* capabilities) noexcept {
-  return blanket::query(authentication, authorization, principal, level, impersonation, identity,
-                        capabilities);
-}
-HRESULT Enumerator::SetBlanket(IUnknown*, DWORD, DWORD, OLECHAR*, DWORD, DWORD, void*,
-                               DWORD) noexcept {
-  return S_OK;
-}
-HRESULT Enumerator::CopyProxy(IUnknown* proxy, IUnknown** copy) noexcept {
-  return blanket::copy(proxy, copy);
-}
-
-HRESULT blanket::query(DWORD* authentication, DWORD* authorization, OLECHAR** principal,
-                       DWORD* level, DWORD* impersonation, void** identity,
-                       DWORD* capabilities) noexcept {
-  if (authentication != nullptr) {
-    *authentication = RPC_C_AUTHN_WINNT;
-  }
-  if (authorization != nullptr) {
-    *authorization = RPC_C_AUTHZ_NONE;
-  }
-  if (principal != nullptr) {
-    *principal = nullptr;
-  }
-  if (level != nullptr) {
-    *level = RPC_C_AUTHN_LEVEL_PKT_PRIVACY;
-  }
-  if (impersonation != nullptr) {
-    *impersonation = RPC_C_IMP_LEVEL_IMPERSONATE;
-  }
-  if (identity != nullptr) {
-    *identity = nullptr;
-  }
-  if (capabilities != nullptr) {
-    *capabilities = EOAC_NONE;
-  }
-  return S_OK;
-}
-
-HRESULT blanket::copy(IUnknown* proxy, IUnknown** result) noexcept {
-  if (proxy == nullptr || result == nullptr) {
-    return E_INVALIDARG;
-  }
-  proxy->AddRef();
-  *result = proxy;
-  return S_OK;
+std::shared_ptr<Results> owner(std::shared_ptr<Results> results) {
+  Results* const address = results.get();
+  return {address, [held = std::move(results)](Results* ended) { ended->cancel(); }};
 }
 
 } // namespace wmi_host

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "Cim.h"
-#include "ComObject.h"
 #include "Connection.h"
+#include "LiveCounts.h"
 
 #include <wbemcli.h>
 
@@ -34,8 +34,8 @@ public:
   HRESULT wait(std::size_t index, LONG timeout, std::shared_ptr<const Object>& object);
   /// Waits for the end.
   HRESULT waitForStatus();
-  /// A reader that never goes back has no use for this object any more.
-  void forget(std::size_t index);
+  /// A forward-only reader does not need this object any more.
+  void release(std::size_t index);
 
 private:
   mutable std::mutex mutex_;
@@ -45,22 +45,12 @@ private:
   std::shared_ptr<Connection> connection_;
 };
 
-/// What an enumerator and its clones share: the operation is cancelled with the last of them.
-class Reading {
+/// The client's view of Results. An enumerator and its clones share the Results' owner, which
+/// cancels the operation when the last of them goes.
+class Enumerator final : public ComObject<IEnumWbemClassObject> {
 public:
-  explicit Reading(std::shared_ptr<Results> from) noexcept : results(std::move(from)) {}
-  Reading(const Reading&) = delete;
-  Reading& operator=(const Reading&) = delete;
-  ~Reading() { results->cancel(); }
-  const std::shared_ptr<Results> results;
-};
-
-/// The client's view of Results.
-class Enumerator final : public ComObject<IEnumWbemClassObject, IClientSecurity> {
-public:
-  Enumerator(std::shared_ptr<Reading> reading, bool isForwardOnly, std::size_t next = 0)
-      : ComObject(liveCounts.services), reading_(std::move(reading)), isForwardOnly_(isForwardOnly),
-        next_(next) {}
+  Enumerator(std::shared_ptr<Results> owner, bool isForwardOnly, std::size_t next = 0)
+      : results_(std::move(owner)), isForwardOnly_(isForwardOnly), next_(next) {}
 
   HRESULT STDMETHODCALLTYPE Reset() noexcept override;
   HRESULT STDMETHODCALLTYPE Next(LONG timeout, ULONG count, IWbemClassObject** objects,
@@ -69,30 +59,17 @@ public:
   HRESULT STDMETHODCALLTYPE Clone(IEnumWbemClassObject** copy) noexcept override;
   HRESULT STDMETHODCALLTYPE Skip(LONG timeout, ULONG count) noexcept override;
 
-  HRESULT STDMETHODCALLTYPE QueryBlanket(IUnknown* proxy, DWORD* authentication,
-                                         DWORD* authorization, OLECHAR** principal, DWORD* level,
-                                         DWORD* impersonation, void** identity,
-                                         DWORD* capabilities) noexcept override;
-  HRESULT STDMETHODCALLTYPE SetBlanket(IUnknown* proxy, DWORD authentication, DWORD authorization,
-                                       OLECHAR* principal, DWORD level, DWORD impersonation,
-                                       void* identity, DWORD capabilities) noexcept override;
-  HRESULT STDMETHODCALLTYPE CopyProxy(IUnknown* proxy, IUnknown** copy) noexcept override;
-
 private:
   ~Enumerator() override = default;
 
-  const std::shared_ptr<Reading> reading_;
+  const LiveCount live_{liveCounts.services};
+  const std::shared_ptr<Results> results_;
   const bool isForwardOnly_;
   std::mutex mutex_;
   std::size_t next_;
 };
 
-/// IClientSecurity as a proxy of WMI answers it: a blanket can be set and read, nothing depends on
-/// it here.
-namespace blanket {
-HRESULT query(DWORD* authentication, DWORD* authorization, OLECHAR** principal, DWORD* level,
-              DWORD* impersonation, void** identity, DWORD* capabilities) noexcept;
-HRESULT copy(IUnknown* proxy, IUnknown** result) noexcept;
-} // namespace blanket
+/// The owner of `results`: a pointer to them whose last copy cancels the operation.
+std::shared_ptr<Results> owner(std::shared_ptr<Results> results);
 
 } // namespace wmi_host

@@ -4,33 +4,24 @@
 #include "MofReader.h"
 #include "Settings.h"
 #include "Threads.h"
-#include "win/Handles.h"
-
-#include <wrl/client.h>
+#include "Wql.h"
+#include "win/Automation.h"
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 namespace wmi_host {
 namespace {
 
-using Microsoft::WRL::ComPtr;
-using win::comBoundary;
-
 constexpr auto kResubscribe = std::chrono::milliseconds(200);
 
 /// Up to the first null character: Wine's wmic hands over BSTRs that are longer than their text.
 std::wstring textOf(const BSTR text) {
   return text != nullptr ? text : L"";
-}
-
-std::string utf8(const std::wstring& text) {
-  int size = WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, nullptr, 0, nullptr, nullptr);
-  std::string result(static_cast<std::size_t>(size), '\0');
-  WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, result.data(), size, nullptr, nullptr);
-  result.resize(result.size() - 1);
-  return result;
 }
 
 /// Hands a request to the provider's process and what comes back to `take`; the final status.
@@ -57,15 +48,17 @@ HRESULT request(Results& results, const Repository& repository, wire::Kind kind,
   return status;
 }
 
+/// The class, and those that derive from it.
+std::vector<ClassPointer> withDerived(const Repository& repository, const ClassPointer& type) {
+  std::vector<ClassPointer> classes = repository.derivedFrom(type->name);
+  classes.insert(classes.begin(), type);
+  return classes;
+}
+
 /// The instances of `top` and of what derives from it; each concrete dynamic class is one request.
 HRESULT collect(Results& results, const Repository& repository, const ClassPointer& top,
-                bool withDerived, const std::function<void(Object)>& take) {
-  std::vector<ClassPointer> classes = {top};
-  if (withDerived) {
-    std::vector<ClassPointer> derived = repository.derivedFrom(top->name);
-    classes.insert(classes.end(), derived.begin(), derived.end());
-  }
-  for (const ClassPointer& type : classes) {
+                const std::function<void(Object)>& take) {
+  for (const ClassPointer& type : withDerived(repository, top)) {
     if (type->isAbstract()) {
       continue;
     }
@@ -106,10 +99,8 @@ HRESULT fetch(Results& results, const Repository& repository, const std::wstring
     return wbemResult(WBEM_S_NO_ERROR);
   }
   // An instance may be of a derived class: every provider in question is asked in turn.
-  std::vector<ClassPointer> classes = repository.derivedFrom(type->name);
-  classes.insert(classes.begin(), type);
   HRESULT status = wbemResult(WBEM_E_NOT_FOUND);
-  for (const ClassPointer& candidate : classes) {
+  for (const ClassPointer& candidate : withDerived(repository, type)) {
     if (candidate->isAbstract() || !candidate->isDynamic()) {
       continue;
     }
@@ -124,42 +115,28 @@ HRESULT fetch(Results& results, const Repository& repository, const std::wstring
 }
 
 /// An exception ends an operation as a failure.
-void run(const std::function<void(Results&)>& operation, Results& results) noexcept {
-  HRESULT failure = comBoundary([&] {
-    operation(results);
-    return S_OK;
-  });
-  if (FAILED(failure)) {
-    results.finish(failure);
-  }
+void run(const std::function<HRESULT(Results&)>& operation, Results& results) noexcept {
+  results.finish(comBoundary([&] { return operation(results); }));
 }
 
 } // namespace
 
-std::shared_ptr<const Repository> loadRepository() {
-  Repository repository = systemRepository();
-  for (const std::wstring& path : settings::list(L"Mof")) {
-    HANDLE raw = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
-                             nullptr);
-    if (raw == INVALID_HANDLE_VALUE) {
-      throw std::runtime_error(utf8(path) + ": cannot be read");
-    }
-    win::Handle file(raw);
-    std::string text(GetFileSize(file.get(), nullptr), '\0');
-    DWORD read = 0;
-    ReadFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &read, nullptr);
-    text.resize(read);
-    readMof(repository, text, utf8(path));
-  }
-  return std::make_shared<const Repository>(std::move(repository));
-}
-
-std::shared_ptr<const Repository> tryLoadRepository() noexcept {
+std::shared_ptr<const Repository> loadRepository() noexcept {
   try {
-    return loadRepository();
+    Repository repository = systemRepository();
+    for (const std::wstring& path : settings::list(L"Mof")) {
+      std::ifstream file(std::filesystem::path(path), std::ios::binary);
+      if (!file) {
+        throw std::runtime_error(win::narrow(path) + ": cannot be read");
+      }
+      std::ostringstream text;
+      text << file.rdbuf();
+      readMof(repository, text.str(), win::narrow(path));
+    }
+    return std::make_shared<const Repository>(std::move(repository));
   } catch (const std::exception& error) {
     std::fprintf(stderr, "wmi_host: %s\n", error.what());
-    std::string text = error.what();
+    const std::string text = error.what();
     settings::storeCounter(L"MofError", std::wstring(text.begin(), text.end()));
     return nullptr;
   }
@@ -179,100 +156,8 @@ HRESULT Services::enumerate(LONG flags, Operation operation, IEnumWbemClassObjec
       return status;
     }
   }
-  *result = new Enumerator(std::make_shared<Reading>(std::move(results)),
-                           (flags & WBEM_FLAG_FORWARD_ONLY) != 0);
+  *result = new Enumerator(owner(std::move(results)), (flags & WBEM_FLAG_FORWARD_ONLY) != 0);
   return wbemResult(WBEM_S_NO_ERROR);
-}
-
-HRESULT Services::deliver(IWbemObjectSink* sink, Operation operation) {
-  if (sink == nullptr) {
-    return wbemResult(WBEM_E_INVALID_PARAMETER);
-  }
-  auto results = std::make_shared<Results>();
-  {
-    std::scoped_lock lock(mutex_);
-    std::erase_if(asynchronous_, [](const auto& entry) { return entry.second.expired(); });
-    asynchronous_.emplace(sink, results);
-  }
-  runOnThread([results, operation = std::move(operation)] { run(operation, *results); });
-  runOnThread([results, held = ComPtr<IWbemObjectSink>(sink)]() mutable {
-    HRESULT status = comBoundary([&] {
-      HRESULT got = wbemResult(WBEM_S_NO_ERROR);
-      for (std::size_t i = 0; got == wbemResult(WBEM_S_NO_ERROR); ++i) {
-        std::shared_ptr<const Object> object;
-        got = results->wait(i, kForever, object);
-        if (got == wbemResult(WBEM_S_NO_ERROR)) {
-          results->forget(i);
-          ComPtr<IWbemClassObject> given = adopt<IWbemClassObject>(new ClassObject(*object));
-          IWbemClassObject* one = given.Get();
-          if (FAILED(held->Indicate(1, &one))) {
-            results->cancel();
-          }
-        }
-      }
-      return got == wbemResult(WBEM_S_FALSE) ? wbemResult(WBEM_S_NO_ERROR) : got;
-    });
-    held->SetStatus(WBEM_STATUS_COMPLETE, status, nullptr, nullptr);
-    held.Reset();
-  });
-  return wbemResult(WBEM_S_NO_ERROR);
-}
-
-Services::Operation Services::getOperation(const BSTR path) const {
-  return [repository = repository_, text = textOf(path)](Results& results) {
-    results.finish(fetch(results, *repository, text));
-  };
-}
-
-Services::Operation Services::instancesOperation(const BSTR className, LONG flags) const {
-  return [repository = repository_, name = textOf(className),
-          withDerived = (flags & WBEM_FLAG_SHALLOW) == 0](Results& results) {
-    ClassPointer type = repository->findClass(name);
-    results.finish(type ? collect(results, *repository, type, withDerived,
-                                  [&](Object object) { results.add(std::move(object)); })
-                        : wbemResult(WBEM_E_INVALID_CLASS));
-  };
-}
-
-Services::Operation Services::classesOperation(const BSTR superclass, LONG flags) const {
-  return [repository = repository_, name = textOf(superclass),
-          isShallow = (flags & WBEM_FLAG_SHALLOW) != 0](Results& results) {
-    if (!name.empty() && !repository->findClass(name)) {
-      results.finish(wbemResult(WBEM_E_INVALID_CLASS));
-      return;
-    }
-    for (const ClassPointer& type : repository->derivedFrom(name)) {
-      std::wstring_view above = type->superclass ? type->superclass->name : std::wstring_view();
-      if (!isShallow || sameName(above, name)) {
-        results.add(Object::ofClass(type));
-      }
-    }
-    results.finish(wbemResult(WBEM_S_NO_ERROR));
-  };
-}
-
-Services::Operation Services::queryOperation(const BSTR language, const BSTR text) const {
-  return [repository = repository_, name = textOf(language),
-          query = parseQuery(textOf(text))](Results& results) {
-    if (!sameName(name, L"WQL")) {
-      results.finish(wbemResult(WBEM_E_INVALID_QUERY_TYPE));
-      return;
-    }
-    if (!query) {
-      results.finish(wbemResult(WBEM_E_INVALID_QUERY));
-      return;
-    }
-    ClassPointer type = repository->findClass(query->className);
-    if (!type || !query->fits(*type)) {
-      results.finish(type ? wbemResult(WBEM_E_INVALID_QUERY) : wbemResult(WBEM_E_INVALID_CLASS));
-      return;
-    }
-    results.finish(collect(results, *repository, type, true, [&](const Object& object) {
-      if (query->matches(object)) {
-        results.add(query->project(object));
-      }
-    }));
-  };
 }
 
 HRESULT Services::subscribe(const BSTR language, const BSTR text, Operation& operation) const {
@@ -323,34 +208,9 @@ HRESULT Services::subscribe(const BSTR language, const BSTR text, Operation& ope
       connection = results.isFinished() ? nullptr : connect();
     }
     results.setConnection(nullptr);
+    return wbemResult(WBEM_S_NO_ERROR);
   };
   return wbemResult(WBEM_S_NO_ERROR);
-}
-
-HRESULT Services::OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
-                                IWbemCallResult**) noexcept {
-  return wbemResult(WBEM_E_INVALID_NAMESPACE); // root\cimv2 has none below it here
-}
-
-HRESULT Services::CancelAsyncCall(IWbemObjectSink* sink) noexcept {
-  return comBoundary([&] {
-    if (sink == nullptr) {
-      return wbemResult(WBEM_E_INVALID_PARAMETER);
-    }
-    std::scoped_lock lock(mutex_);
-    auto [first, last] = asynchronous_.equal_range(sink);
-    for (auto entry = first; entry != last; ++entry) {
-      if (std::shared_ptr<Results> results = entry->second.lock()) {
-        results->cancel();
-      }
-    }
-    asynchronous_.erase(first, last);
-    return wbemResult(WBEM_S_NO_ERROR);
-  });
-}
-
-HRESULT Services::QueryObjectSink(LONG, IWbemObjectSink**) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
 }
 
 HRESULT Services::GetObject(const BSTR path, LONG flags, IWbemContext*, IWbemClassObject** object,
@@ -367,8 +227,7 @@ HRESULT Services::GetObject(const BSTR path, LONG flags, IWbemContext*, IWbemCla
       return failed;
     }
     Results results;
-    run(getOperation(path), results);
-    HRESULT status = results.waitForStatus();
+    HRESULT status = fetch(results, *repository_, textOf(path));
     if (FAILED(status)) {
       return status;
     }
@@ -381,40 +240,43 @@ HRESULT Services::GetObject(const BSTR path, LONG flags, IWbemContext*, IWbemCla
   });
 }
 
-HRESULT Services::GetObjectAsync(const BSTR path, LONG, IWbemContext*,
-                                 IWbemObjectSink* sink) noexcept {
-  return comBoundary([&] { return deliver(sink, getOperation(path)); });
-}
-
-HRESULT Services::CreateClassEnum(const BSTR superclass, LONG flags, IWbemContext*,
-                                  IEnumWbemClassObject** result) noexcept {
-  return comBoundary([&] { return enumerate(flags, classesOperation(superclass, flags), result); });
-}
-
-HRESULT Services::CreateClassEnumAsync(const BSTR superclass, LONG flags, IWbemContext*,
-                                       IWbemObjectSink* sink) noexcept {
-  return comBoundary([&] { return deliver(sink, classesOperation(superclass, flags)); });
-}
-
 HRESULT Services::CreateInstanceEnum(const BSTR className, LONG flags, IWbemContext*,
                                      IEnumWbemClassObject** result) noexcept {
-  return comBoundary(
-      [&] { return enumerate(flags, instancesOperation(className, flags), result); });
-}
-
-HRESULT Services::CreateInstanceEnumAsync(const BSTR className, LONG flags, IWbemContext*,
-                                          IWbemObjectSink* sink) noexcept {
-  return comBoundary([&] { return deliver(sink, instancesOperation(className, flags)); });
+  return comBoundary([&] {
+    return enumerate(
+        flags,
+        [repository = repository_, name = textOf(className)](Results& results) {
+          ClassPointer type = repository->findClass(name);
+          return type ? collect(results, *repository, type,
+                                [&](Object object) { results.add(std::move(object)); })
+                      : wbemResult(WBEM_E_INVALID_CLASS);
+        },
+        result);
+  });
 }
 
 HRESULT Services::ExecQuery(const BSTR language, const BSTR text, LONG flags, IWbemContext*,
                             IEnumWbemClassObject** result) noexcept {
-  return comBoundary([&] { return enumerate(flags, queryOperation(language, text), result); });
-}
-
-HRESULT Services::ExecQueryAsync(const BSTR language, const BSTR text, LONG, IWbemContext*,
-                                 IWbemObjectSink* sink) noexcept {
-  return comBoundary([&] { return deliver(sink, queryOperation(language, text)); });
+  return comBoundary([&] {
+    return enumerate(
+        flags,
+        [repository = repository_, isWql = sameName(textOf(language), L"WQL"),
+         query = parseQuery(textOf(text))](Results& results) {
+          if (!isWql || !query) {
+            return wbemResult(isWql ? WBEM_E_INVALID_QUERY : WBEM_E_INVALID_QUERY_TYPE);
+          }
+          ClassPointer type = repository->findClass(query->className);
+          if (!type || !query->fits(*type)) {
+            return wbemResult(type ? WBEM_E_INVALID_QUERY : WBEM_E_INVALID_CLASS);
+          }
+          return collect(results, *repository, type, [&](const Object& object) {
+            if (query->matches(object)) {
+              results.add(query->project(object));
+            }
+          });
+        },
+        result);
+  });
 }
 
 HRESULT Services::ExecNotificationQuery(const BSTR language, const BSTR text, LONG flags,
@@ -430,64 +292,6 @@ HRESULT Services::ExecNotificationQuery(const BSTR language, const BSTR text, LO
   });
 }
 
-HRESULT Services::ExecNotificationQueryAsync(const BSTR language, const BSTR text, LONG,
-                                             IWbemContext*, IWbemObjectSink* sink) noexcept {
-  return comBoundary([&] {
-    Operation operation;
-    HRESULT status = subscribe(language, text, operation);
-    return FAILED(status) ? status : deliver(sink, std::move(operation));
-  });
-}
-
-// The repository is read from MOF files and never changed through here.
-HRESULT Services::PutClass(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-HRESULT Services::PutClassAsync(IWbemClassObject*, LONG, IWbemContext*, IWbemObjectSink*) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-HRESULT Services::DeleteClass(const BSTR, LONG, IWbemContext*, IWbemCallResult**) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-HRESULT Services::DeleteClassAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-HRESULT Services::PutInstance(IWbemClassObject*, LONG, IWbemContext*, IWbemCallResult**) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-HRESULT Services::PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*,
-                                   IWbemObjectSink*) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-HRESULT Services::DeleteInstance(const BSTR, LONG, IWbemContext*, IWbemCallResult**) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-HRESULT Services::DeleteInstanceAsync(const BSTR, LONG, IWbemContext*, IWbemObjectSink*) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-HRESULT Services::ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
-                             IWbemClassObject**, IWbemCallResult**) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-HRESULT Services::ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*, IWbemClassObject*,
-                                  IWbemObjectSink*) noexcept {
-  return wbemResult(WBEM_E_NOT_SUPPORTED);
-}
-
-HRESULT Services::QueryBlanket(IUnknown*, DWORD* authentication, DWORD* authorization,
-                               OLECHAR** principal, DWORD* level, DWORD* impersonation,
-                               void** identity, DWORD* capabilities) noexcept {
-  return blanket::query(authentication, authorization, principal, level, impersonation, identity,
-                        capabilities);
-}
-HRESULT Services::SetBlanket(IUnknown*, DWORD, DWORD, OLECHAR*, DWORD, DWORD, void*,
-                             DWORD) noexcept {
-  return S_OK;
-}
-HRESULT Services::CopyProxy(IUnknown* proxy, IUnknown** copy) noexcept {
-  return blanket::copy(proxy, copy);
-}
-
 HRESULT Locator::ConnectServer(const BSTR resource, const BSTR, const BSTR, const BSTR, LONG,
                                const BSTR, IWbemContext*, IWbemServices** result) noexcept {
   return comBoundary([&] {
@@ -498,7 +302,7 @@ HRESULT Locator::ConnectServer(const BSTR resource, const BSTR, const BSTR, cons
     if (!isServedNamespace(textOf(resource))) {
       return wbemResult(WBEM_E_INVALID_NAMESPACE);
     }
-    std::shared_ptr<const Repository> repository = tryLoadRepository();
+    std::shared_ptr<const Repository> repository = loadRepository();
     if (!repository) {
       return wbemResult(WBEM_E_CRITICAL_ERROR);
     }

@@ -5,6 +5,7 @@
 
 #include <winreg.h>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -46,23 +47,21 @@ std::wstring textIn(const wchar_t* key, const wchar_t* name) {
   return value;
 }
 
-win::RegistryKey createKey(const wchar_t* path, DWORD options) {
+void store(const wchar_t* path, DWORD options, const wchar_t* name, DWORD type, const void* value,
+           std::size_t size) {
   win::RegistryKey key;
   RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, options, KEY_ALL_ACCESS, nullptr, key.put(),
                   nullptr);
-  return key;
+  RegSetValueExW(key.get(), name, 0, type, static_cast<const BYTE*>(value),
+                 static_cast<DWORD>(size));
 }
 
 void store(const wchar_t* path, DWORD options, const wchar_t* name, DWORD value) {
-  win::RegistryKey key = createKey(path, options);
-  RegSetValueExW(key.get(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
-                 sizeof value);
+  store(path, options, name, REG_DWORD, &value, sizeof value);
 }
 
 void store(const wchar_t* path, DWORD options, const wchar_t* name, const std::wstring& value) {
-  win::RegistryKey key = createKey(path, options);
-  RegSetValueExW(key.get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                 static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+  store(path, options, name, REG_SZ, value.c_str(), (value.size() + 1) * sizeof(wchar_t));
 }
 
 } // namespace
@@ -126,12 +125,9 @@ bool listed(const wchar_t* name, const wchar_t* item) {
   if (!isProviderProcess) {
     return false;
   }
-  for (const std::wstring& entry : list(name)) {
-    if (sameName(entry, item)) {
-      return true;
-    }
-  }
-  return false;
+  const std::vector<std::wstring> entries = list(name);
+  return std::any_of(entries.begin(), entries.end(),
+                     [item](const std::wstring& entry) { return sameName(entry, item); });
 }
 
 Server publishedServer() {
@@ -148,17 +144,15 @@ void withdraw() {
 }
 
 void clearCounters() {
-  if (isQuiet) {
-    return;
+  if (!isQuiet) {
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, kCountersKey);
   }
-  RegDeleteKeyW(HKEY_LOCAL_MACHINE, kCountersKey);
 }
 
 void storeCounter(const wchar_t* name, DWORD value) {
-  if (isQuiet) {
-    return;
+  if (!isQuiet) {
+    store(kCountersKey, REG_OPTION_VOLATILE, name, value);
   }
-  store(kCountersKey, REG_OPTION_VOLATILE, name, value);
 }
 void storeCounter(const wchar_t* name, const std::wstring& value) {
   store(kCountersKey, REG_OPTION_VOLATILE, name, value);

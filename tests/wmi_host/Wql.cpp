@@ -112,9 +112,6 @@ std::optional<Scalar> comparable(CimType type, const Scalar& value) {
 
 std::wstring ObjectPath::relative() const {
   std::wstring text = className;
-  if (isSingleton) {
-    return text + L"=@";
-  }
   for (std::size_t i = 0; i < keys.size(); ++i) {
     if (!keys[i].first.empty()) {
       text += (i == 0 ? L"." : L",") + keys[i].first;
@@ -146,7 +143,7 @@ bool ObjectPath::names(const Object& instance) const {
       return false;
     }
   }
-  return isSingleton ? keyCount == 0 : keyCount == keys.size() && keyCount > 0;
+  return keyCount == keys.size() && keyCount > 0;
 }
 
 std::optional<ObjectPath> parsePath(std::wstring_view text) {
@@ -162,28 +159,22 @@ std::optional<ObjectPath> parsePath(std::wstring_view text) {
   if (path.className.empty()) {
     return std::nullopt;
   }
-  if (scanner.takeChar(L'=')) {
-    if (scanner.takeChar(L'@')) {
-      path.isSingleton = true;
-    } else {
-      std::optional<Scalar> value = scanner.takeValue();
-      if (!value) {
-        return std::nullopt;
-      }
-      path.keys.emplace_back(std::wstring(), *value);
+  const auto takeKey = [&](const std::wstring& name) {
+    std::optional<Scalar> value = scanner.takeChar(L'=') ? scanner.takeValue() : std::nullopt;
+    if (value) {
+      path.keys.emplace_back(name, *value);
     }
-  } else if (scanner.takeChar(L'.')) {
+    return value.has_value();
+  };
+  if (scanner.takeChar(L'.')) {
     do {
       std::wstring name = scanner.takeName();
-      if (name.empty() || !scanner.takeChar(L'=')) {
+      if (name.empty() || !takeKey(name)) {
         return std::nullopt;
       }
-      std::optional<Scalar> value = scanner.takeValue();
-      if (!value) {
-        return std::nullopt;
-      }
-      path.keys.emplace_back(name, *value);
     } while (scanner.takeChar(L','));
+  } else if (!scanner.atEnd() && !takeKey({})) {
+    return std::nullopt;
   }
   return scanner.atEnd() ? std::optional(path) : std::nullopt;
 }

@@ -12,14 +12,13 @@
 /// for what is not understood.
 namespace wmi_host {
 
-/// `[\\server\namespace:]Class[.key=value[,key=value...]]`, `Class=value` or `Class=@`.
+/// `[\\server\namespace:]Class[.key=value[,key=value...]]` or `Class=value`.
 struct ObjectPath {
   std::wstring nameSpace; // as written, without server; empty if the path has none
   std::wstring className;
-  bool isSingleton = false;
   std::vector<std::pair<std::wstring, Scalar>> keys; // the name may be empty: the one key
 
-  bool isClass() const { return keys.empty() && !isSingleton; }
+  bool isClass() const { return keys.empty(); }
   std::wstring relative() const;
   /// Whether the instance has exactly these keys.
   bool names(const Object& instance) const;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <winsock2.h>
+#include <Loopback.h>
 
 #include <atomic>
 #include <cstdint>
@@ -8,6 +9,8 @@
 #include <string>
 #include <thread>
 #include <utility>
+
+using test_support::loopback;
 
 /// Winsock for the length of a test.
 class StartedWinsock {
@@ -39,14 +42,6 @@ public:
 private:
   SOCKET socket_;
 };
-
-inline sockaddr_in loopback(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = inet_addr("127.0.0.1");
-  address.sin_port = htons(port);
-  return address;
-}
 
 inline std::uint16_t portOf(SOCKET socket) {
   sockaddr_in address{};

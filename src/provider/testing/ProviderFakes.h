@@ -6,6 +6,7 @@
 
 #include <windows.h>
 #include <RecordedTrace.h>
+#include <RefusingObjects.h>
 #include <gtest/gtest.h>
 #include <wbemcli.h>
 #include <wbemprov.h>
@@ -82,63 +83,16 @@ inline std::wstring describe(const wchar_t* name, const VARIANT& value) {
   }
 }
 
-/// The methods of a class object that the provider has no business with.
-class ClassObjectBase : public Counted<IWbemClassObject> {
-public:
-  HRESULT STDMETHODCALLTYPE GetQualifierSet(IWbemQualifierSet**) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE Get(LPCWSTR, LONG, VARIANT*, CIMTYPE*, LONG*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE Put(LPCWSTR, LONG, VARIANT*, CIMTYPE) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE Delete(LPCWSTR) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE GetNames(LPCWSTR, LONG, VARIANT*, SAFEARRAY**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE BeginEnumeration(LONG) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE Next(LONG, BSTR*, VARIANT*, CIMTYPE*, LONG*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE EndEnumeration() override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE GetPropertyQualifierSet(LPCWSTR, IWbemQualifierSet**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE Clone(IWbemClassObject**) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE GetObjectText(LONG, BSTR*) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE SpawnDerivedClass(LONG, IWbemClassObject**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE SpawnInstance(LONG, IWbemClassObject**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE CompareTo(LONG, IWbemClassObject*) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE GetPropertyOrigin(LPCWSTR, BSTR*) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE InheritsFrom(LPCWSTR) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE GetMethod(LPCWSTR, LONG, IWbemClassObject**,
-                                      IWbemClassObject**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE PutMethod(LPCWSTR, LONG, IWbemClassObject*,
-                                      IWbemClassObject*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE DeleteMethod(LPCWSTR) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE BeginMethodEnumeration(LONG) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE NextMethod(LONG, BSTR*, IWbemClassObject**,
-                                       IWbemClassObject**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE EndMethodEnumeration() override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE GetMethodQualifierSet(LPCWSTR, IWbemQualifierSet**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE GetMethodOrigin(LPCWSTR, BSTR*) override { return unexpected(); }
-
-private:
-  static HRESULT unexpected() {
+/// Fails the test where the provider calls a method that it has no business with.
+template <class Base>
+class Unexpecting : public Base {
+protected:
+  HRESULT refuse() override {
     ADD_FAILURE() << "a method that the provider has no business with";
-    return win::wbemResult(WBEM_E_NOT_SUPPORTED);
+    return Base::refuse();
   }
 };
+using ClassObjectBase = Unexpecting<test_support::RefusingClassObject<Counted<IWbemClassObject>>>;
 
 class FakeInstance : public ClassObjectBase {
 public:
@@ -203,7 +157,7 @@ private:
   std::mutex mutex_;
 };
 
-class FakeNamespace : public Counted<IWbemServices> {
+class FakeNamespace : public Unexpecting<test_support::RefusingServices<Counted<IWbemServices>>> {
 public:
   HRESULT STDMETHODCALLTYPE GetObject(const BSTR path, LONG flags, IWbemContext* context,
                                       IWbemClassObject** object,
@@ -235,97 +189,7 @@ public:
   std::vector<std::wstring> requested;
   std::vector<IWbemContext*> contexts;
 
-  HRESULT STDMETHODCALLTYPE OpenNamespace(const BSTR, LONG, IWbemContext*, IWbemServices**,
-                                          IWbemCallResult**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE CancelAsyncCall(IWbemObjectSink*) override { return unexpected(); }
-  HRESULT STDMETHODCALLTYPE QueryObjectSink(LONG, IWbemObjectSink**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE GetObjectAsync(const BSTR, LONG, IWbemContext*,
-                                           IWbemObjectSink*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE PutClass(IWbemClassObject*, LONG, IWbemContext*,
-                                     IWbemCallResult**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE PutClassAsync(IWbemClassObject*, LONG, IWbemContext*,
-                                          IWbemObjectSink*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE DeleteClass(const BSTR, LONG, IWbemContext*,
-                                        IWbemCallResult**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE DeleteClassAsync(const BSTR, LONG, IWbemContext*,
-                                             IWbemObjectSink*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE CreateClassEnum(const BSTR, LONG, IWbemContext*,
-                                            IEnumWbemClassObject**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE CreateClassEnumAsync(const BSTR, LONG, IWbemContext*,
-                                                 IWbemObjectSink*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE PutInstance(IWbemClassObject*, LONG, IWbemContext*,
-                                        IWbemCallResult**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE PutInstanceAsync(IWbemClassObject*, LONG, IWbemContext*,
-                                             IWbemObjectSink*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE DeleteInstance(const BSTR, LONG, IWbemContext*,
-                                           IWbemCallResult**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE DeleteInstanceAsync(const BSTR, LONG, IWbemContext*,
-                                                IWbemObjectSink*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE CreateInstanceEnum(const BSTR, LONG, IWbemContext*,
-                                               IEnumWbemClassObject**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE CreateInstanceEnumAsync(const BSTR, LONG, IWbemContext*,
-                                                    IWbemObjectSink*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE ExecQuery(const BSTR, const BSTR, LONG, IWbemContext*,
-                                      IEnumWbemClassObject**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE ExecQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                                           IWbemObjectSink*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE ExecNotificationQuery(const BSTR, const BSTR, LONG, IWbemContext*,
-                                                  IEnumWbemClassObject**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE ExecNotificationQueryAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                                                       IWbemObjectSink*) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE ExecMethod(const BSTR, const BSTR, LONG, IWbemContext*,
-                                       IWbemClassObject*, IWbemClassObject**,
-                                       IWbemCallResult**) override {
-    return unexpected();
-  }
-  HRESULT STDMETHODCALLTYPE ExecMethodAsync(const BSTR, const BSTR, LONG, IWbemContext*,
-                                            IWbemClassObject*, IWbemObjectSink*) override {
-    return unexpected();
-  }
-
 private:
-  static HRESULT unexpected() {
-    ADD_FAILURE() << "a method that the provider has no business with";
-    return win::wbemResult(WBEM_E_NOT_SUPPORTED);
-  }
   std::mutex mutex_;
 };
 

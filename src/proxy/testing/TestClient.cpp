@@ -1,5 +1,7 @@
 #include "proxy/testing/TestClient.h"
 
+#include <Loopback.h>
+
 #include <system_error>
 
 namespace {
@@ -17,10 +19,7 @@ void require(bool done, const char* operation) {
 TestClient::TestClient(std::uint16_t port) {
   static const TCPServer::Winsock winsock; // of all clients, as it is counted without a lock
   socket_.reset(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = inet_addr("127.0.0.1");
-  address.sin_port = htons(port);
+  const sockaddr_in address = test_support::loopback(port);
   require(connect(socket(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
           "connect");
   const int noDelay = 1;

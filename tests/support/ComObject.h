@@ -1,17 +1,11 @@
 #pragma once
 
-#include "win/Boundary.h"
-
-#include <windows.h>
 #include <unknwn.h>
-#include <wbemcli.h>
 #include <wrl/client.h>
 
 #include <atomic>
 
-namespace wmi_host {
-
-using win::wbemResult;
+namespace test_support {
 
 /// Takes over the one reference of a new object. MinGW's ComPtr::Attach would add another.
 template <class Interface>
@@ -20,15 +14,6 @@ Microsoft::WRL::ComPtr<Interface> adopt(Interface* created) noexcept {
   *owner.GetAddressOf() = created;
   return owner;
 }
-
-/// How many objects of this process, by kind, somebody still holds.
-struct LiveCounts {
-  std::atomic<long> objects = 0;  // class objects and qualifier sets
-  std::atomic<long> services = 0; // namespaces and enumerators
-  std::atomic<long> sinks = 0;    // response and event sinks
-  std::atomic<long> others = 0;
-};
-inline LiveCounts liveCounts;
 
 /// Reference counting and QueryInterface for the listed interfaces; IUnknown is the first one's.
 /// Made with new and a count of 1.
@@ -42,7 +27,11 @@ public:
     if (result == nullptr) {
       return E_POINTER;
     }
-    *result = find(iid);
+    *result = iid == IID_IUnknown || iid == __uuidof(First) ? static_cast<First*>(this) : nullptr;
+    ((iid == __uuidof(Rest) ? void(*result = static_cast<Rest*>(this)) : void()), ...);
+    if (*result == nullptr) {
+      *result = findOther(iid);
+    }
     if (*result == nullptr) {
       return E_NOINTERFACE;
     }
@@ -51,7 +40,7 @@ public:
   }
   ULONG STDMETHODCALLTYPE AddRef() noexcept override { return ++references_; }
   ULONG STDMETHODCALLTYPE Release() noexcept override {
-    ULONG left = --references_;
+    const ULONG left = --references_;
     if (left == 0) {
       delete this;
     }
@@ -59,24 +48,14 @@ public:
   }
 
 protected:
-  explicit ComObject(std::atomic<long>& live) noexcept : live_(live) { ++live_; }
-  virtual ~ComObject() { --live_; }
+  ComObject() = default;
+  virtual ~ComObject() = default;
 
-  /// Further interfaces.
+  /// An interface that is not listed, or null.
   virtual void* findOther(REFIID) noexcept { return nullptr; }
 
 private:
-  void* find(REFIID iid) noexcept {
-    void* found = nullptr;
-    if (iid == IID_IUnknown || iid == __uuidof(First)) {
-      found = static_cast<First*>(this);
-    }
-    ((iid == __uuidof(Rest) ? void(found = static_cast<Rest*>(this)) : void()), ...);
-    return found != nullptr ? found : findOther(iid);
-  }
-
   std::atomic<ULONG> references_ = 1;
-  std::atomic<long>& live_;
 };
 
-} // namespace wmi_host
+} // namespace test_support
