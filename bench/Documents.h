@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <string>
 
-/// The documents that everything here is measured with: devices of eight fields each, six texts, a
-/// number and a boolean, of a maker whose devices are published.
+/// The documents of all measurements. A device has eight fields: six texts, a number and a boolean.
+/// Its maker's devices are published.
 namespace documents {
 
 inline constexpr char kClass[] = "UPOS_Scanner";
@@ -17,8 +17,7 @@ std::string fields(std::size_t number);
 std::string answer(std::size_t count);
 /// An answer of one device, with that id.
 std::string answerFor(const std::string& id);
-/// An event about device `number`: all its fields for "addInstance", otherwise the four that any
-/// event needs to be applied and published.
+/// An event about device `number`, with all fields for "addInstance", otherwise with four.
 std::string event(const std::string& type, std::size_t number);
 
 } // namespace documents

@@ -6,6 +6,7 @@ one. All processes, their wineservers among them, share one core, so that a roun
 steps and not a race.
 """
 
+import contextlib
 import os
 import re
 import select
@@ -71,23 +72,14 @@ class Side:
     """One machine; `kind` is "product", "floor" or "distributed" (the product, linked with the XML
     library as it is distributed)."""
 
-    def __init__(self, kind, strategy):
-        self.kind, self.strategy = kind, strategy
-        self.machine = machines.Machine()
-        try:
-            self._start()
-        except BaseException:
-            self.close()
-            raise
-
-    def _start(self):
-        self.machine.boot()
-        if self.kind == "distributed":
-            self.machine.exe.write_bytes((DISTRIBUTED / "quillmon.exe").read_bytes())
-        self.machine.set_wmi("Quiet", 1)
+    def __init__(self, machine, kind, strategy):
+        self.machine, self.kind, self.strategy = machine, kind, strategy
+        if kind == "distributed":
+            machine.exe.write_bytes((DISTRIBUTED / "quillmon.exe").read_bytes())
+        machine.set_wmi("Quiet", 1)
         self.events = reserve_port()
         self.requests = reserve_port()
-        self.client = Program(self.machine, BUILD / "bench_client.exe", self.requests)
+        self.client = Program(machine, BUILD / "bench_client.exe", self.requests)
         self.client.expect("ready")
         self.provider = None
         self.server = None
@@ -150,18 +142,18 @@ class Side:
             self.client.process.pid, self.provider.process.pid, self.server))
 
     def _find_server(self):
-        for folder in Path("/proc").iterdir():
-            try:
-                if ((folder / "comm").read_text().startswith("wineserver")
-                        and f"WINEPREFIX={self.machine.prefix}".encode()
-                        in (folder / "environ").read_bytes().split(b"\0")):
-                    return int(folder.name)
-            except OSError:
-                pass  # ended meanwhile
+        for process in machines.processes_of(self.machine.prefix):
+            if Path(f"/proc/{process}/comm").read_text().startswith("wineserver"):
+                return process
         raise Failed("no wineserver")
 
-    def close(self):
-        self.machine.shut_down()
+
+@contextlib.contextmanager
+def sides(*kinds, strategy="adapter"):
+    """A side of each kind, until the end of the block."""
+    with contextlib.ExitStack() as stack:
+        yield [Side(stack.enter_context(machines.temporary_machine()), kind, strategy)
+               for kind in kinds]
 
 
 def processor_time(pid):

@@ -122,8 +122,7 @@ class Run:
 
     def adapter(self):
         self.say("the adapter strategy: product and floor side by side")
-        sides = [rig.Side(kind, "adapter") for kind in ("product", "floor")]
-        try:
+        with rig.sides("product", "floor", strategy="adapter") as sides:
             for side in sides:
                 side.start_provider()
                 side.client.ask("until", 1)
@@ -136,9 +135,6 @@ class Run:
             self.clients(sides)
             self.skipped(sides)
             self.start(sides)
-        finally:
-            for side in sides:
-                side.close()
 
     def events(self, name, sides):
         count = 100
@@ -215,9 +211,8 @@ class Run:
 
     def proxy(self):
         self.say("the proxy strategy: product and floor side by side")
-        sides = [rig.Side(kind, "proxy") for kind in ("product", "floor")]
         held = {}
-        try:
+        with rig.sides("product", "floor", strategy="proxy") as sides:
             for side in sides:
                 side.start_provider()
                 side.watch()
@@ -240,16 +235,12 @@ class Run:
             last = [[sample for kind, size, sample in adds
                      if kind == side.kind and size == self.sizes[-1]] for side in sides]
             self.add("adding a device by an event, rate", last, size=self.sizes[-1], at_least=True)
-        finally:
-            for side in sides:
-                side.close()
 
     def library(self):
         """What the patches of the XML library and its memory bring: the product as it is, and the
         library as it is distributed."""
         self.say("the XML library as built for the product and as it is distributed")
-        sides = [rig.Side(kind, "adapter") for kind in ("product", "distributed")]
-        try:
+        with rig.sides("product", "distributed") as sides:
             programs = []
             for side in sides:
                 side.start_provider()
@@ -274,9 +265,6 @@ class Run:
                         "library as distributed",
                 "value": 1 / figure["ratio"]["median"],
                 "met": figure["ratio"]["median"] <= 0.2})
-        finally:
-            for side in sides:
-                side.close()
 
     @staticmethod
     def own_time(program, *command):
@@ -290,9 +278,8 @@ class Run:
         self.say("memory")
         size = self.sizes[-1]
         rounds = 2 if self.quick else 5
-        side = rig.Side("product", "adapter")
         peaks, trees, kept, steady = [], [], [], []
-        try:
+        with rig.sides("product") as (side,):
             side.client.ask("devices", 1)
             for _ in range(rounds):
                 side.client.ask("devices", 1)
@@ -326,13 +313,10 @@ class Run:
                      goal=1.15)
             self.kept = {"before": statistics.median(steady), "after": statistics.median(kept),
                          "again": self.again, "size": size}
-        finally:
-            side.close()
 
     def trace(self):
         self.say("the trace")
-        side = rig.Side("floor", "adapter")
-        try:
+        with rig.sides("floor") as (side,):
             def lines(program, name, ours, floor, times, goal=None):
                 samples = [[], []]
                 for _ in range(self.rounds):
@@ -346,8 +330,6 @@ class Run:
             program.end()
             program = side.trace(configuration=rig.ROOT / "packaging" / "config" / "zontrace.cfg")
             lines(program, "trace line, as shipped", "enabled", "steps", 50, goal=1.15)
-        finally:
-            side.close()
 
     def core(self):
         """Google Benchmark's own figures of the plain core, native."""

@@ -10,13 +10,12 @@
 
 namespace bench {
 
-/// The device server of what is measured: answers requests on a thread of its own and sends events,
-/// all from documents that are made beforehand.
+/// The device server: answers requests on a thread of its own, with documents prepared in advance.
 class DeviceServer {
 public:
-  /// Listens on that port of 127.0.0.1; lives as long as the process.
+  /// Listens on 127.0.0.1. Its thread runs until the process ends.
   explicit DeviceServer(std::uint16_t requestPort);
-  /// From now on an enumeration is answered with that many devices.
+  /// Sets the number of devices in the answer to an enumeration.
   void setCount(std::size_t count);
 
 private:
@@ -25,14 +24,14 @@ private:
 
   win::Socket listener_;
   std::mutex mutex_;
-  std::shared_ptr<const std::string> answer_; // with its marks
+  std::shared_ptr<const std::string> answer_; // with its frame
 };
 
-/// Where events are sent to.
+/// Sends events to the service.
 class EventChannel {
 public:
   EventChannel(std::uint16_t port, bool isStream);
-  /// False when the connection does not take it.
+  /// False if sending failed.
   bool send(const std::string& type, std::size_t device);
 
 private:

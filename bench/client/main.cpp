@@ -1,7 +1,6 @@
-// bench_client REQUEST_PORT: both ends of what is measured, a WMI client and the device server, so
-// that one clock sees a request or an event come and go. Reads commands, one a line, and answers
-// each with one line: the microseconds it took, "ok", or "failed" with the reason. Ends with its
-// input.
+// bench_client REQUEST_PORT: the WMI client and the device server in one process, so that one clock
+// measures requests and events from end to end. Reads commands, one a line, and answers each with
+// one line: the microseconds it took, "ok", or "failed" with the reason.
 //
 //   devices N               enumerations are answered with N devices from now on
 //   enumerate N TIMES       that many enumerations, each of which must bring N instances

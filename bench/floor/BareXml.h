@@ -8,10 +8,10 @@
 #include <string>
 #include <string_view>
 
-/// The XML library with nothing around it: what the product's documents cost at the least.
+/// The XML library alone: the minimal cost of the product's documents.
 namespace bare_xml {
 
-/// A start and its stop, as the design has them in each call that uses the library.
+/// Starts and stops the library, as the design requires in each call that uses it.
 class Library {
 public:
   Library() { xercesc::XMLPlatformUtils::Initialize(); }

@@ -18,11 +18,11 @@ struct Event {
   std::wstring type, className, id, code;
 };
 
-/// The lines of an event of the stream by design, besides those of each receive and field; an event
-/// of a datagram has none.
+/// The trace lines of a stream event by design, without those of each receive and field. A datagram
+/// event has none.
 constexpr std::size_t kLinesOfStreamEvent = 5;
 
-/// Everything of an event that is published.
+/// The published part of an event.
 Event read(std::string_view document) {
   const bare_xml::Library library;
   bare_xml::Tree tree(document);
@@ -39,7 +39,7 @@ Event read(std::string_view document) {
   return event;
 }
 
-/// The second reading of the proxy strategy: all fields.
+/// All fields: the proxy strategy reads each document twice.
 PreparedDevice readFields(std::string_view document) {
   const bare_xml::Library library;
   bare_xml::Tree tree(document);
@@ -67,7 +67,7 @@ void publish(IWbemClassObject& type, IWbemObjectSink& sink, const Event& event) 
   });
 }
 
-/// One document at a time, as the design has it: whoever puts waits for the one who takes.
+/// Hands over one document at a time, as the design requires: put() waits for take().
 class HandOver {
 public:
   void put(std::string document) {
@@ -90,7 +90,7 @@ private:
   std::string slot_;
 };
 
-/// One connection after the other.
+/// Serves one connection at a time.
 [[noreturn]] void receiveStreams(std::uint16_t port, HandOver& handOver) {
   constexpr std::string_view kEnd = "</event>";
   const win::Socket listener = bindTo(port, SOCK_STREAM);

@@ -6,9 +6,8 @@
 
 namespace bench::floor {
 
-/// Forwards the events of one strategy to WMI with nothing but sockets, XML library and WMI; those
-/// of the stream also with the hand-over from the receiving thread that is its design. Neither
-/// returns.
+/// Forward the events of one strategy to WMI, with only sockets, the XML library and WMI. A stream
+/// event is also handed over from the receiving thread, as the design requires. They do not return.
 [[noreturn]] void forwardDatagrams(std::uint16_t port, IWbemServices& services,
                                    IWbemObjectSink& sink);
 [[noreturn]] void forwardStream(std::uint16_t port, IWbemServices& services, IWbemObjectSink& sink,

@@ -26,13 +26,14 @@ std::u16string utf16(const std::wstring& text) {
   return {text.begin(), text.end()};
 }
 
-/// The lines of a request by design, besides those of each receive, device and field.
+/// The trace lines of a request by design, without those of each receive, device and field.
 constexpr std::size_t kLinesOfEnumeration = 23;
 constexpr std::size_t kLinesOfRetrieval = 18;
 constexpr std::size_t kLinesOfCachedEnumeration = 20;
 constexpr std::size_t kLinesOfCachedRetrieval = 15;
 constexpr std::size_t kLinesOfReceive = 2;
-constexpr std::size_t kLinesOfField = 2; ///< read, and put; a cached one is only put
+constexpr std::size_t kLinesOfField =
+    2; ///< one to read it, one to put it; a cached field is only put
 
 HRESULT indicateDevice(IWbemClassObject& type, IWbemObjectSink& sink,
                        const xercesc::DOMElement& device, std::size_t& fields) {
@@ -47,8 +48,7 @@ HRESULT indicateDevice(IWbemClassObject& type, IWbemObjectSink& sink,
   });
 }
 
-/// What WMI's security asks of a provider that screens its callers: impersonation and, for an
-/// enumeration, one access check.
+/// The required security checks: impersonation and, for an enumeration, one access check.
 bool isCallerAllowed(bool isChecked) {
   if (FAILED(CoImpersonateClient())) {
     return false;
@@ -155,7 +155,7 @@ HRESULT Provider::answer(const char16_t* command, const std::wstring& className,
 
 HRESULT Provider::answerFromServer(const char16_t* command, const std::wstring& className,
                                    const std::wstring& id, IWbemObjectSink& sink) {
-  static std::mutex xml; // by design one document at a time in the process
+  static std::mutex xml; // by design the process handles one document at a time
   const Stage stage = stage_;
   if (stage < Stage::exchange) {
     return S_OK;

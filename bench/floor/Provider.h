@@ -19,8 +19,8 @@
 
 namespace bench::floor {
 
-/// How much of a request is done: each stage does what the one before it does, and more. The
-/// differences between the stages are the parts of an enumeration's time. The last stage looks for
+/// How much of a request is done: each stage includes the one before it. The differences between
+/// the stages are the parts of an enumeration's time. The last stage looks for
 /// the trace's switch once for each line that the design gives an enumeration or a retrieval.
 enum class Stage { wmi, exchange, library, documents, objects, lines };
 
@@ -50,10 +50,10 @@ HRESULT indicate(IWbemClassObject& type, IWbemObjectSink& sink, const auto& fill
   return result;
 }
 
-/// The proxy strategy's devices, ready to be handed over. Any thread.
+/// The cached devices of the proxy strategy, prepared for WMI. Any thread.
 class PreparedDevices {
 public:
-  /// Adds the device, or takes over the fields of one that is there.
+  /// Adds the device, or replaces fields of the existing one.
   void store(const std::wstring& id, PreparedDevice device);
   void forEach(const std::function<void(PreparedDevice&)>& use);
 
@@ -63,8 +63,7 @@ private:
   std::vector<PreparedDevice> devices_;
 };
 
-/// An enumeration and a retrieval with nothing but sockets, XML library and WMI. Everything else is
-/// refused.
+/// Enumeration and retrieval with only sockets, the XML library and WMI.
 class Provider final : public test_support::RefusingServices<
                            test_support::ComObject<IWbemServices, IWbemProviderInit>> {
 public:

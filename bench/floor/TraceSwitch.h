@@ -4,8 +4,8 @@
 
 namespace bench::floor {
 
-/// Looks for the event that switches the trace on, once for each of so many lines: the design has
-/// every line of a trace that is off do that, and nothing else.
+/// Looks for the event that switches the trace on, once per line. By design that is all that a line
+/// costs while the trace is off.
 inline void lookForTraceSwitch(std::size_t lines) {
   for (; lines != 0; --lines) {
     const win::Handle event(OpenEventW(SYNCHRONIZE, FALSE, L"Global\\TRC_QUILLMON"));

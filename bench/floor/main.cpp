@@ -1,7 +1,6 @@
-// floor_provider adapter|proxy REQUEST_PORT EVENT_PORT: in the product's place towards WMI and the
-// device server, it does what cannot be left out and nothing else. Prints "ready"; then reads lines
-// "stage NAME" (wmi, exchange, library, documents, objects, lines) and answers each with "ok". Ends
-// with its input.
+// floor_provider adapter|proxy REQUEST_PORT EVENT_PORT: takes the product's place between WMI and
+// the device server, and does only what the design makes unavoidable. Reads lines "stage NAME"
+// (wmi, exchange, library, documents, objects, lines) and answers each with "ok".
 
 #include "Commands.h"
 #include "Events.h"

@@ -1,4 +1,4 @@
-// bench_trace: a line of the product's trace, and what it cannot do without. Reads commands
+// bench_trace: a line of the product's trace, and its minimal cost. Reads commands
 // "NAME TIMES", one a line, and answers each with the microseconds of one. The first "enabled"
 // switches the trace on until the program ends.
 //

@@ -7,7 +7,7 @@
 
 namespace test_support {
 
-/// Takes over the one reference of a new object. MinGW's ComPtr::Attach would add another.
+/// Takes ownership of a new object's reference. MinGW's ComPtr::Attach would add another one.
 template <class Interface>
 Microsoft::WRL::ComPtr<Interface> adopt(Interface* created) noexcept {
   Microsoft::WRL::ComPtr<Interface> owner;
@@ -15,8 +15,7 @@ Microsoft::WRL::ComPtr<Interface> adopt(Interface* created) noexcept {
   return owner;
 }
 
-/// Reference counting and QueryInterface for the listed interfaces; IUnknown is the first one's.
-/// Made with new and a count of 1.
+/// Implements IUnknown for an object that is created with new and one reference.
 template <class First, class... Rest>
 class ComObject : public First, public Rest... {
 public:
@@ -51,7 +50,7 @@ protected:
   ComObject() = default;
   virtual ~ComObject() = default;
 
-  /// An interface that is not listed, or null.
+  /// The implementation of an interface that is not listed, or null.
   virtual void* findOther(REFIID) noexcept { return nullptr; }
 
 private:

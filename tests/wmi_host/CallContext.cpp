@@ -10,8 +10,8 @@
 namespace wmi_host {
 namespace {
 
-/// The token without any of its groups and without its user: an access check that grants something
-/// to somebody in particular denies it.
+/// A copy of the token whose user and groups only deny: an access check that grants a right to
+/// particular users or groups fails for it.
 win::Handle withoutRights(HANDLE token) {
   alignas(TOKEN_USER) BYTE user[256];
   std::vector<BYTE> groups(4096);

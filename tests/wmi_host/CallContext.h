@@ -4,18 +4,18 @@
 
 namespace wmi_host {
 
-/// Makes the calling thread serve a call of a client for as long as it lives, so that
-/// CoImpersonateClient works there; the settings say which token the client has.
+/// Gives the calling thread the call context of a client's call, so that CoImpersonateClient works
+/// there. The settings define the client's token.
 class CallScope {
 public:
   CallScope(); // throws std::bad_alloc
   CallScope(const CallScope&) = delete;
   CallScope& operator=(const CallScope&) = delete;
-  /// Ends an impersonation that was left on the thread, and counts it as a violation.
+  /// Counts an impersonation that is still in effect as a violation, and ends it.
   ~CallScope();
 
 private:
-  IServerSecurity* security_; // COM takes no reference of its own
+  IServerSecurity* security_; // COM does not add a reference
   IUnknown* previous_ = nullptr;
 };
 

@@ -36,7 +36,7 @@ std::string narrowAscii(std::wstring_view text) {
   return result;
 }
 
-/// An integer as the kind that Scalar holds for `Number`.
+/// Converts an integer that is in the range of `Number`.
 template <class Number>
 std::optional<Scalar> fitInteger(const Scalar& value) {
   using Held = std::conditional_t<std::is_signed_v<Number>, std::int64_t, std::uint64_t>;
@@ -67,7 +67,8 @@ std::optional<Scalar> fitReal(const Scalar& value) {
       value);
 }
 
-/// yyyymmddHHMMSS.mmmmmmsUUU, or an interval with ':' for the sign; unused digits may be stars.
+/// yyyymmddHHMMSS.mmmmmmsUUU, or an interval with ':' for the sign. A star replaces an unused
+/// digit.
 bool isDateTime(std::wstring_view text) {
   if (text.size() != 25 || text[14] != L'.') {
     return false;
@@ -368,7 +369,7 @@ void Repository::putClass(Class type) {
       throw std::runtime_error("class " + narrowAscii(type.name) +
                                " has derived classes and cannot change");
     }
-    return; // the derived ones keep pointing to it
+    return; // the derived classes refer to the existing object
   }
   place = std::make_shared<const Class>(std::move(type));
 }

@@ -11,8 +11,8 @@
 #include <variant>
 #include <vector>
 
-/// The object model of WMI without Windows: values, classes, instances and the store that holds
-/// them. Values are immutable once shared; a Repository is filled by one thread and then only read.
+/// The object model of WMI without Windows: values, classes, instances and their repository. Shared
+/// values are immutable. One thread fills a Repository; afterwards it is read-only.
 namespace wmi_host {
 
 /// WMI's CIMTYPE numbers.
@@ -41,7 +41,7 @@ std::optional<CimType> typeFromName(std::wstring_view name);
 /// date-times and references std::wstring.
 using Scalar = std::variant<bool, std::int64_t, std::uint64_t, double, std::wstring>;
 
-/// Null is: not an array and no item.
+/// A value that is no array and has no item is NULL.
 struct Value {
   bool isArray = false;
   std::vector<Scalar> items;
@@ -52,7 +52,7 @@ struct Value {
   bool operator==(const Value&) const = default;
 };
 
-/// `value` as this type holds it; nothing if the kind is another or the number is out of range.
+/// `value` as this type holds it. Nothing if it is of a different kind or out of range.
 std::optional<Scalar> fit(CimType type, const Scalar& value);
 std::optional<Value> fit(CimType type, bool isArray, const Value& value);
 /// Decimal, or hexadecimal after 0x; the whole text.
@@ -84,7 +84,7 @@ struct Property {
   bool operator==(const Property&) const = default;
 };
 
-/// Inherited properties stand in it too, the superclass's first.
+/// Its properties include the inherited ones, which come first.
 struct Class {
   std::wstring name;
   std::shared_ptr<const Class> superclass;
@@ -93,11 +93,11 @@ struct Class {
 
   std::optional<std::size_t> find(std::wstring_view property) const;
   bool flag(std::wstring_view qualifier) const;
-  /// The text of a class qualifier; empty without one.
+  /// The text of a class qualifier; empty if the class does not have it.
   std::wstring text(std::wstring_view qualifier) const;
   bool isAbstract() const { return flag(L"abstract"); }
   bool isDynamic() const { return flag(L"dynamic"); }
-  /// The class itself counts.
+  /// True for the class itself, too.
   bool derivesFrom(std::wstring_view ancestor) const;
 };
 using ClassPointer = std::shared_ptr<const Class>;
@@ -110,15 +110,15 @@ struct Object {
 
   static Object ofClass(ClassPointer type);
   static Object instanceOf(ClassPointer type);
-  /// Null without such a property.
+  /// Null if the class does not have the property.
   const Value* find(std::wstring_view property) const;
   std::wstring text(std::wstring_view property) const;
   bool truth(std::wstring_view property) const;
-  /// Null for an instance whose keys are not all set, or of a class without keys.
+  /// Nothing for an instance whose keys are not all set, or whose class has no keys.
   std::optional<std::wstring> relativePath() const;
 };
 
-/// __CLASS, __RELPATH and __PATH, which are texts; nothing for other names.
+/// The system properties __CLASS, __RELPATH and __PATH; nothing for other names.
 std::optional<Value> systemProperty(const Object& object, std::wstring_view name);
 
 /// Class, property and qualifier names are compared without regard to (ASCII) case.
@@ -134,16 +134,16 @@ struct ObjectPath;
 class Repository {
 public:
   ClassPointer findClass(std::wstring_view name) const;
-  /// Every class below `name`, not itself, by name.
+  /// The classes that derive from `name`, sorted by name.
   std::vector<ClassPointer> derivedFrom(std::wstring_view name) const;
   const std::vector<Object>& instances() const { return instances_; }
   const Object* findInstance(const ObjectPath& path) const;
 
-  /// Throw std::runtime_error with the reason. A class may be stored again; with classes below it
-  /// only unchanged.
+  /// Throw std::runtime_error with the reason. A class can be replaced; one with derived classes
+  /// only by an equal one.
   void putClass(Class type);
   void putInstance(Object instance);
-  /// False if there is none. A class goes with what derives from it and with the instances.
+  /// Return false if there is none. With a class its derived classes and instances are removed.
   bool removeClass(std::wstring_view name);
   bool removeInstance(const ObjectPath& path);
 

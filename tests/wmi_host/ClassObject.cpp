@@ -10,7 +10,7 @@
 namespace wmi_host {
 namespace {
 
-// {6D1C35B2-54F4-4C57-9E43-1C0C9F0B7A61}: known to this DLL alone.
+// {6D1C35B2-54F4-4C57-9E43-1C0C9F0B7A61}: used in this DLL only.
 constexpr GUID kClassObjectId = {
     0x6d1c35b2, 0x54f4, 0x4c57, {0x9e, 0x43, 0x1c, 0x0c, 0x9f, 0x0b, 0x7a, 0x61}};
 
@@ -77,7 +77,7 @@ void toVariant(const Scalar& value, CimType type, VARIANT& result) {
   }
 }
 
-/// 32-bit unsigned numbers come as the same bits signed.
+/// VT_I4 holds the bits of an unsigned 32-bit number.
 std::optional<Scalar> fromScalarVariant(const VARIANT& variant, CimType type) {
   switch (variant.vt) {
   case VT_BSTR: {
@@ -139,7 +139,7 @@ void toVariant(const Value& value, CimType type, VARIANT& result) {
   result.parray = array;
 }
 
-/// Nothing if the VARIANT is none that a property of this type takes. No provider puts arrays here.
+/// Nothing on a type mismatch. Arrays are not supported: the product puts none.
 std::optional<Value> fromVariant(const VARIANT& variant, const Property& property) {
   if (variant.vt == VT_NULL) {
     return Value();
@@ -160,7 +160,7 @@ const ClassObject* ClassObject::from(IUnknown* unknown) noexcept {
   if (unknown == nullptr || FAILED(unknown->QueryInterface(kClassObjectId, &found))) {
     return nullptr;
   }
-  unknown->Release(); // the caller's reference keeps it
+  unknown->Release(); // the caller holds a reference
   return static_cast<ClassObject*>(found);
 }
 
@@ -236,8 +236,8 @@ HRESULT ClassObject::BeginEnumeration(LONG flags) noexcept {
   if (flags != 0 && flags != WBEM_FLAG_NONSYSTEM_ONLY && flags != WBEM_FLAG_LOCAL_ONLY) {
     return wbemResult(WBEM_E_NOT_SUPPORTED);
   }
-  // Wine's wmic shows as columns whatever this yields. So 0 gives no system property, as with
-  // Wine's own objects; WMI lists them.
+  // WMI includes the system properties for 0. Wine's wmic would print a column for each of them, so
+  // they are left out, as Wine's own objects do.
   isLocalOnly_ = flags == WBEM_FLAG_LOCAL_ONLY;
   next_ = 0;
   return wbemResult(WBEM_S_NO_ERROR);

@@ -10,13 +10,12 @@
 
 namespace wmi_host {
 
-/// A class or an instance: its properties, and what a class spawns. As with WMI's own, one thread
-/// at a time may change it.
+/// A class or an instance. As with WMI's own objects, only one thread at a time may change it.
 class ClassObject final : public test_support::RefusingClassObject<ComObject<IWbemClassObject>> {
 public:
   explicit ClassObject(Object object) : object_(std::move(object)) {}
 
-  /// The object behind an interface pointer; null if it is not one of this DLL's in this process.
+  /// The implementation of an interface; null if this DLL did not create it in this process.
   static const ClassObject* from(IUnknown* unknown) noexcept;
   const Object& object() const noexcept { return object_; }
 
@@ -29,7 +28,7 @@ public:
                                  LONG* flavor) noexcept override;
   HRESULT STDMETHODCALLTYPE EndEnumeration() noexcept override;
   HRESULT STDMETHODCALLTYPE SpawnInstance(LONG flags, IWbemClassObject** result) noexcept override;
-  // No class here has methods. Wine's script objects enumerate them.
+  // No class has methods, but Wine's scripting objects enumerate them.
   HRESULT STDMETHODCALLTYPE BeginMethodEnumeration(LONG flags) noexcept override;
   HRESULT STDMETHODCALLTYPE NextMethod(LONG flags, BSTR* name, IWbemClassObject** in,
                                        IWbemClassObject** out) noexcept override;

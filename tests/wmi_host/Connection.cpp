@@ -18,7 +18,7 @@ Connection::Connection(SOCKET socket) noexcept : socket_(socket) {
   DWORD timeout = 5000;
   setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&timeout),
              sizeof timeout);
-  // The messages of an answer are small: none waits for the acknowledgement of the one before it.
+  // The messages of an answer are small and must not wait for acknowledgements.
   BOOL atOnce = TRUE;
   setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&atOnce),
              sizeof atOnce);
@@ -40,8 +40,8 @@ std::shared_ptr<Connection> Connection::toProvider() {
   if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return nullptr;
   }
-  // The process may be dead and its port another's by now: only the right greeting counts.
-  connection->setReceiveTimeout(10000); // a busy machine may keep its threads from answering
+  // The process may have ended, and another one may use its port: the greeting identifies it.
+  connection->setReceiveTimeout(10000); // the machine may be busy
   std::optional<wire::Message> hello = connection->receive();
   if (!hello || hello->kind != wire::Kind::hello ||
       hello->payload != wire::fromText(server.identity)) {

@@ -13,9 +13,8 @@
 
 namespace wmi_host {
 
-/// One TCP connection on this machine between a client's and a provider's process. send() may be
-/// called by several threads, receive() by one at a time, close() by any: it ends the others'
-/// waits.
+/// A local TCP connection between a client's and a provider's process. Any thread may call send()
+/// and close(), only one at a time receive(). close() ends pending calls.
 class Connection {
 public:
   explicit Connection(SOCKET socket) noexcept;
@@ -23,12 +22,12 @@ public:
   Connection& operator=(const Connection&) = delete;
   ~Connection();
 
-  /// To the process that published itself; null if there is none (any more).
+  /// To the registered provider's process; null if there is none.
   static std::shared_ptr<Connection> toProvider();
 
-  /// False once the peer is gone or does not take the bytes within five seconds.
+  /// False if the connection is closed or the peer does not receive within five seconds.
   bool send(wire::Kind kind, std::string_view payload);
-  /// Nothing once the peer is gone or has sent something that is no message.
+  /// Nothing if the connection is closed or the data is not a message.
   std::optional<wire::Message> receive();
   void close() noexcept;
 
@@ -40,7 +39,7 @@ private:
   PlatformLock sending_;
 };
 
-/// Winsock for the life of the process.
+/// Starts Winsock until the process ends.
 void startSockets();
 
 } // namespace wmi_host

@@ -1,4 +1,4 @@
-// The DLL's edge: class objects and the registration of the three class ids that it plays.
+// The DLL's exports: class objects, and the registration of the three class ids.
 
 #include "Registrar.h"
 #include "Services.h"
@@ -12,10 +12,10 @@ using namespace wmi_host;
 
 HMODULE module = nullptr;
 
-/// One of the class ids that this DLL plays.
+/// A class id that this DLL implements.
 struct Served {
   CLSID id;
-  bool isNew; // removed with the registration; otherwise the platform's own, which is given back
+  bool isNew; // false: the platform registers it, too, and gets it back
   IUnknown* (*create)();
 
   std::wstring key() const {
@@ -89,8 +89,8 @@ STDAPI DllGetClassObject(REFCLSID id, REFIID iid, void** result) {
     return E_POINTER;
   }
   *result = nullptr;
-  // The DLL's threads run its code until the process ends, and the last CoUninitialize would unload
-  // it whatever DllCanUnloadNow says.
+  // The DLL's threads run until the process ends, but the last CoUninitialize unloads the DLL
+  // regardless of DllCanUnloadNow.
   HMODULE pinned = nullptr;
   GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
                      reinterpret_cast<LPCWSTR>(&DllGetClassObject), &pinned);

@@ -12,7 +12,7 @@ using test_support::ComObject;
 using win::comBoundary;
 using win::wbemResult;
 
-/// The number of objects of this process, by kind, that somebody still holds.
+/// The numbers of existing objects of this process.
 struct LiveCounts {
   std::atomic<long> objects = 0;  // class objects
   std::atomic<long> services = 0; // namespaces and enumerators

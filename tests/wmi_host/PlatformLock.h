@@ -6,8 +6,8 @@
 
 namespace wmi_host {
 
-/// What belongs to one request locks with these: the compiler's std::mutex keeps some memory when
-/// it is destroyed, which would look like growth of the provider whose process this runs in.
+/// The locks of a single request. Each destroyed std::mutex of this compiler leaves some memory
+/// allocated, which would count as a leak of the provider in this process.
 class PlatformLock {
 public:
   PlatformLock() = default;

@@ -1,6 +1,6 @@
-// The stand-in across processes: this program is the client, wmi_host_dummy_provider.exe the
-// provider's process, and COM finds the DLL in the registry, as it does for everybody else. The
-// tests of the product prove the rest of it: lists, events, the failure switches, Wine's clients.
+// The stand-in across processes: this program is the client, wmi_host_dummy_provider.exe is the
+// provider's process, and both load the DLL through COM. The product's system tests cover the rest:
+// lists, events, the failure switches, Wine's clients.
 
 #include "WmiClient.h"
 #include "win/Automation.h"
@@ -31,7 +31,7 @@ std::wstring fullPath(const wchar_t* path) {
   return buffer;
 }
 
-/// Beside this program.
+/// The path of a file in this program's folder.
 std::wstring beside(const wchar_t* name) {
   wchar_t buffer[MAX_PATH] = {};
   GetModuleFileNameW(nullptr, buffer, MAX_PATH);
@@ -51,7 +51,7 @@ DWORD counter(const wchar_t* name) {
   return value;
 }
 
-/// The provider's process, killed at the end.
+/// The provider's process. The destructor kills it.
 class Provider {
 public:
   Provider() {
@@ -93,7 +93,7 @@ private:
   win::Handle process_;
 };
 
-/// The DLL is registered for as long as the suite runs.
+/// Registers the DLL for all tests.
 class RegisteredLibrary : public testing::Environment {
 public:
   void SetUp() override {
@@ -120,7 +120,7 @@ private:
 };
 [[maybe_unused]] const auto* library = testing::AddGlobalTestEnvironment(new RegisteredLibrary);
 
-/// The code of the failure that ends `calls`; S_OK without one.
+/// The code of the first failure in `calls`, or S_OK.
 HRESULT failureOf(const std::function<void(const WmiClient&)>& calls) {
   try {
     calls(WmiClient());
@@ -135,7 +135,7 @@ struct Listed {
   HRESULT status;
 };
 
-/// A list from its start to its end: the DeviceIDs, and the status.
+/// Lists a class: the DeviceIDs, and the final status.
 Listed list(const wchar_t* className) {
   Listed listed{};
   listed.status = failureOf([&](const WmiClient& client) {
@@ -199,7 +199,7 @@ TEST(WmiHostProvider, AMisbehavingProviderIsReported) {
       {L"Test_WithoutStatus", L"", wbemResult(WBEM_E_PROVIDER_FAILURE), 0},
       {L"Test_WrongClass", L"", wbemResult(WBEM_E_INVALID_OBJECT), 1},
       {L"Test_WrongEvent", L"A", wbemResult(WBEM_E_INVALID_OBJECT), 1},
-      {L"Test_LateObject", L"A", S_OK, 2}, // and a second status
+      {L"Test_LateObject", L"A", S_OK, 2}, // with a second status
       {L"Test_Impersonating", L"AB", S_OK, 1},
   };
   for (const MisbehaviorRow& row : rows) {
@@ -212,7 +212,7 @@ TEST(WmiHostProvider, AMisbehavingProviderIsReported) {
   }
 }
 
-/// A list that the provider does not end, once it is under way.
+/// Starts a list that the provider does not end.
 WmiClient::Objects blockedList() {
   const WmiClient::Objects objects = WmiClient().instances(L"Test_Blocking");
   EXPECT_FALSE(WmiClient::next(objects, 300));
@@ -223,7 +223,7 @@ TEST(WmiHostProvider, TheEndOfAClientsInterestCancelsItsRequest) {
   const Provider provider;
   WmiClient::Objects objects = blockedList();
   objects.Reset();
-  // Only CancelAsyncCall ends that request, which then lets go of its sink but not of the events'.
+  // Only CancelAsyncCall ends this request. The remaining sink is the one for events.
   for (int i = 0; i < 400 && (counter(L"Requests") != 1 || counter(L"LiveSinks") != 1); ++i) {
     Sleep(25);
   }

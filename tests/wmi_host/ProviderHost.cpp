@@ -32,7 +32,7 @@ std::wstring newIdentity() {
   return text;
 }
 
-/// Takes a provider's answer to Initialize, which has to come within the call.
+/// Stores the status that a provider sets during its Initialize.
 class InitSink final : public ComObject<IWbemProviderInitSink> {
 public:
   HRESULT STDMETHODCALLTYPE SetStatus(LONG given, LONG flags) noexcept override {
@@ -50,7 +50,7 @@ private:
   const LiveCount live_{liveCounts.sinks};
 };
 
-/// Runs `body` as a call of a client.
+/// Runs `body` in the call context of a client's call.
 template <class Body>
 HRESULT onClientCall(Body body) {
   return comBoundary([&] {
@@ -76,9 +76,9 @@ void counters::store() {
   settings::storeCounter(L"LiveSinks", static_cast<DWORD>(liveCounts.sinks.load()));
 }
 
-/// One request of a client. The provider's sink, the provider's thread and the thread that watches
-/// the client share it.
-struct ProviderHost::Request {
+/// A client's request, shared by the provider's sink, the thread that calls the provider and the
+/// thread that waits for the client.
+struct Request {
   wire::Kind kind = wire::Kind::enumerate;
   std::wstring argument;
   std::wstring className;
@@ -89,7 +89,7 @@ struct ProviderHost::Request {
   std::optional<HRESULT> status;
   bool isCancelled = false;
   DWORD objects = 0;
-  ComPtr<IWbemServices> provider; // while it works on this request
+  ComPtr<IWbemServices> provider; // during the provider's call
   ComPtr<IWbemObjectSink> sink;   // likewise
 
   void finish(HRESULT result) {
@@ -100,7 +100,7 @@ struct ProviderHost::Request {
     }
   }
 
-  /// Tells the provider, which may ignore it.
+  /// Notifies the provider, which may ignore it.
   void cancel() {
     ComPtr<IWbemServices> working;
     ComPtr<IWbemObjectSink> given;
@@ -120,7 +120,6 @@ struct ProviderHost::Request {
 namespace {
 
 /// The response handler that a provider gets for one request.
-template <class Request>
 class ResponseSink final : public ComObject<IWbemObjectSink> {
 public:
   explicit ResponseSink(std::shared_ptr<Request> request) : request_(std::move(request)) {}
@@ -147,7 +146,7 @@ public:
                                       IWbemClassObject*) noexcept override {
     return comBoundary([&] {
       if (flags != WBEM_STATUS_COMPLETE) {
-        return wbemResult(WBEM_S_NO_ERROR); // progress and the like: nobody asked for it
+        return wbemResult(WBEM_S_NO_ERROR); // progress reports are ignored
       }
       if (isComplete_.exchange(true)) {
         return violation(L"SetStatus after the end", wbemResult(WBEM_E_FAILED));
@@ -158,7 +157,7 @@ public:
   }
 
 private:
-  /// The provider let go of a request that it had accepted, without an end.
+  /// Without a status the provider has failed the request.
   ~ResponseSink() override { request_->finish(wbemResult(WBEM_E_PROVIDER_FAILURE)); }
 
   static HRESULT violation(const wchar_t* what, HRESULT result) {
@@ -211,7 +210,8 @@ private:
 } // namespace
 
 ProviderHost& ProviderHost::instance() {
-  static auto* host = new ProviderHost; // its threads live as long as the process
+  static auto* host =
+      new ProviderHost; // never destroyed: its threads use it until the process ends
   return *host;
 }
 
@@ -233,7 +233,7 @@ void ProviderHost::unregisterProvider() {
   std::scoped_lock lock(mutex_);
   if (std::shared_ptr<Provider> leaving = std::move(provider_)) {
     provider_.reset();
-    // A request that still runs holds the provider, and lets go of it at its end.
+    // A pending request holds the provider until it ends.
     if (leaving.use_count() == 1) {
       leaving->services.Reset();
       settings::storeCounter(L"ProviderReferences", leaving->unknown.Reset());
@@ -265,7 +265,8 @@ void ProviderHost::publishEvent(const Object& event) {
     subscribers = subscribers_;
   }
   for (const std::shared_ptr<Connection>& subscriber : subscribers) {
-    subscriber->send(wire::Kind::object, payload); // a dead one's own thread takes it out
+    subscriber->send(wire::Kind::object,
+                     payload); // the connection's own thread removes it after a failure
   }
 }
 
@@ -332,7 +333,7 @@ void ProviderHost::accept(SOCKET listener, const std::wstring& identity) {
   }
 }
 
-/// A connection carries one request; while it is worked on, this thread watches the client.
+/// A connection has one request. Another thread answers it; this one detects the client's end.
 void ProviderHost::serve(const std::shared_ptr<Connection>& connection) {
   std::optional<wire::Message> message = connection->receive();
   if (!message) {
@@ -353,7 +354,7 @@ void ProviderHost::serve(const std::shared_ptr<Connection>& connection) {
     answer(request);
     answered->set_value();
   });
-  connection->receive(); // clients send nothing more: this is the end of the client's interest
+  connection->receive(); // a client sends nothing more, so this returns when it closes
   bool isOver = false;
   {
     std::scoped_lock lock(request->mutex);
@@ -374,7 +375,7 @@ void ProviderHost::subscribe(const std::shared_ptr<Connection>& connection) {
   connection->receive();
 }
 
-/// Serves one request from its first to its last message; on a thread of its own.
+/// Answers one request completely.
 void ProviderHost::answer(const std::shared_ptr<Request>& request) {
   std::shared_ptr<Provider> provider;
   {
@@ -407,7 +408,7 @@ void ProviderHost::answer(const std::shared_ptr<Request>& request) {
   });
 }
 
-/// Once for a registration; after a failure the next request tries again.
+/// Once per registration. After a failure the next request tries again.
 HRESULT ProviderHost::initialize(Provider& provider) {
   std::scoped_lock lock(provider.initializing);
   if (provider.services) {
@@ -442,7 +443,7 @@ HRESULT ProviderHost::call(Provider& provider, const std::shared_ptr<Request>& r
       return wbemResult(WBEM_E_CALL_CANCELLED);
     }
     request->provider = provider.services;
-    request->sink = adopt<IWbemObjectSink>(new ResponseSink<Request>(request));
+    request->sink = adopt<IWbemObjectSink>(new ResponseSink(request));
   }
   ComPtr<IWbemObjectSink> sink = request->sink;
   HRESULT returned = onClientCall([&] {
@@ -454,7 +455,7 @@ HRESULT ProviderHost::call(Provider& provider, const std::shared_ptr<Request>& r
   if (FAILED(returned)) {
     request->finish(returned);
   }
-  // From here on only the provider can hold the sink: its last Release ends the request too.
+  // Only the provider can hold the sink now. Its last Release ends the request, too.
   sink.Reset();
   std::unique_lock lock(request->mutex);
   ComPtr<IWbemObjectSink> last = std::move(request->sink);

@@ -14,18 +14,20 @@
 
 namespace wmi_host {
 
-/// What a provider's process did, for tests: kept in the registry, below Counters.
+/// Counters of a provider's process for tests, stored in the registry below Counters.
 namespace counters {
 inline std::atomic<DWORD> initializations = 0;
 inline std::atomic<DWORD> requests = 0;
-/// Something that WMI does not allow a provider to do.
+/// Counts a breach of WMI's rules by the provider.
 void addViolation(const std::wstring& what);
-/// With the numbers of live objects.
+/// Stores the counters and the numbers of live objects.
 void store();
 } // namespace counters
 
-/// What the provider-side classes of one process share: the registered provider, the subscribers,
-/// the listener for clients. Never destroyed. Any thread.
+struct Request; // of a client
+
+/// The provider's side of one process: the registered provider, the subscribers, the listener for
+/// clients. Any thread.
 class ProviderHost {
 public:
   static ProviderHost& instance();
@@ -45,7 +47,6 @@ private:
     std::mutex initializing;
     Microsoft::WRL::ComPtr<IWbemServices> services; // after Initialize
   };
-  struct Request;
 
   ProviderHost() = default;
   void startListening();

@@ -11,7 +11,7 @@
 namespace wmi_host {
 namespace {
 
-/// Whether this process may register: the provider's SecurityDescriptor has to grant the right 1.
+/// Whether the provider's SecurityDescriptor grants this process the right 1.
 bool mayRegister(const std::wstring& descriptorText) {
   if (descriptorText.empty()) {
     return true;
@@ -35,7 +35,7 @@ bool mayRegister(const std::wstring& descriptorText) {
          allowed;
 }
 
-/// Whether an event provider registration of this provider names the class or one above it.
+/// Whether the provider is registered for events of the class or of one of its superclasses.
 bool mayPublish(const Registration& registration, const Class& type) {
   for (const Object* entry : registration.entries()) {
     const Value* queries = entry->find(L"EventQueryList");

@@ -15,21 +15,21 @@
 
 namespace wmi_host {
 
-/// A provider's name with the repository that it was found in. Shared with what depends on it.
+/// A registered provider's name, and the repository that defines it.
 struct Registration {
   std::wstring name;
   std::shared_ptr<const Repository> repository;
   std::atomic<bool> isActive = true;
 
-  /// The instances that register the provider for instances or events.
+  /// The instances that reference the provider: its registrations for instances and for events.
   std::vector<const Object*> entries() const;
 };
 
-/// What both registrars check before anything is registered.
+/// Checks the arguments of Register, and that the repository defines the provider.
 HRESULT makeRegistration(LONG flags, LPCWSTR scope, LPCWSTR name,
                          std::shared_ptr<Registration>& result);
 
-/// Register and UnRegister, as both registrars have them. Any thread.
+/// Register and UnRegister of both registrars. Any thread.
 template <class Interface>
 class RegistrarBase : public ComObject<Interface> {
 public:
@@ -93,7 +93,7 @@ private:
   void leave() override;
 };
 
-/// The decoupled basic event provider. Its sink may outlive it and then takes nothing.
+/// The decoupled basic event provider. Its sink refuses all events after UnRegister.
 class EventRegistrar final : public RegistrarBase<IWbemDecoupledBasicEventProvider> {
 public:
   EventRegistrar() : RegistrarBase(L"RegisterEvents") {}
@@ -109,7 +109,7 @@ private:
   HRESULT enter(const std::shared_ptr<Registration>& registration, IUnknown* provider) override;
   void leave() override;
 
-  /// GetSink and GetService: `make` with a registration.
+  /// GetSink and GetService: the result of `make` while registered.
   template <class Interface, class Make>
   HRESULT give(const wchar_t* failureSwitch, LONG flags, Interface** result, Make make);
 };

@@ -16,25 +16,24 @@ namespace wmi_host {
 /// WBEM_INFINITE, which MinGW declares unsigned.
 constexpr LONG kForever = -1;
 
-/// What one operation delivers: objects, then a status. Filled by one thread and read by any
-/// number.
+/// The results of an operation: objects, then a status. One thread adds them; any thread reads.
 class Results {
 public:
   void add(Object object);
-  /// Ends the operation; only the first status counts.
+  /// Sets the final status. Only the first call has an effect.
   void finish(HRESULT status);
-  /// Ends it with WBEM_E_CALL_CANCELLED and closes the connection that it waits on.
+  /// Finishes with WBEM_E_CALL_CANCELLED and closes the connection.
   void cancel();
   bool isFinished() const;
-  /// The connection that the filling thread waits on, or null. False if the operation is over.
+  /// Sets the connection that cancel() closes, or null. False if the operation is finished.
   bool setConnection(std::shared_ptr<Connection> connection);
 
-  /// Waits at most `timeout` milliseconds (WBEM_INFINITE: for ever) for object `index`.
-  /// WBEM_S_NO_ERROR with the object; WBEM_S_FALSE at the end; WBEM_S_TIMEDOUT; the failure.
+  /// Waits for object `index`, at most `timeout` milliseconds (WBEM_INFINITE: without limit).
+  /// WBEM_S_NO_ERROR with the object; WBEM_S_FALSE after the last one; WBEM_S_TIMEDOUT; a failure.
   HRESULT wait(std::size_t index, LONG timeout, std::shared_ptr<const Object>& object);
-  /// Waits for the end.
+  /// Waits for the final status.
   HRESULT waitForStatus();
-  /// A forward-only reader does not need this object any more.
+  /// Frees an object that a forward-only enumerator has passed.
   void release(std::size_t index);
 
 private:
@@ -45,8 +44,7 @@ private:
   std::shared_ptr<Connection> connection_;
 };
 
-/// The client's view of Results. An enumerator and its clones share the Results' owner, which
-/// cancels the operation when the last of them goes.
+/// A client's enumerator. The operation is cancelled when the last of its clones is released.
 class Enumerator final : public ComObject<IEnumWbemClassObject> {
 public:
   Enumerator(std::shared_ptr<Results> owner, bool isForwardOnly, std::size_t next = 0)
@@ -69,7 +67,7 @@ private:
   std::size_t next_;
 };
 
-/// The owner of `results`: a pointer to them whose last copy cancels the operation.
+/// A pointer to `results` whose last copy cancels the operation.
 std::shared_ptr<Results> owner(std::shared_ptr<Results> results);
 
 } // namespace wmi_host

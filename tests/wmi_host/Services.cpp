@@ -19,12 +19,12 @@ namespace {
 
 constexpr auto kResubscribe = std::chrono::milliseconds(200);
 
-/// Up to the first null character: Wine's wmic hands over BSTRs that are longer than their text.
+/// The text up to the first null character: Wine's wmic passes BSTRs that are longer.
 std::wstring textOf(const BSTR text) {
   return text != nullptr ? text : L"";
 }
 
-/// Hands a request to the provider's process and what comes back to `take`; the final status.
+/// Sends a request to the provider's process, and calls `take` for each object. Returns the status.
 HRESULT request(Results& results, const Repository& repository, wire::Kind kind,
                 const std::wstring& argument, const std::function<void(Object)>& take) {
   std::shared_ptr<Connection> connection = Connection::toProvider();
@@ -34,8 +34,7 @@ HRESULT request(Results& results, const Repository& repository, wire::Kind kind,
   if (!results.setConnection(connection)) {
     return wbemResult(WBEM_E_CALL_CANCELLED);
   }
-  HRESULT status =
-      wbemResult(WBEM_E_PROVIDER_FAILURE); // the process ended in the middle of the request
+  HRESULT status = wbemResult(WBEM_E_PROVIDER_FAILURE); // if the process ends during the request
   connection->send(kind, wire::fromText(argument));
   while (std::optional<wire::Message> message = connection->receive()) {
     if (message->kind == wire::Kind::status) {
@@ -48,14 +47,14 @@ HRESULT request(Results& results, const Repository& repository, wire::Kind kind,
   return status;
 }
 
-/// The class, and those that derive from it.
+/// The class and its derived classes.
 std::vector<ClassPointer> withDerived(const Repository& repository, const ClassPointer& type) {
   std::vector<ClassPointer> classes = repository.derivedFrom(type->name);
   classes.insert(classes.begin(), type);
   return classes;
 }
 
-/// The instances of `top` and of what derives from it; each concrete dynamic class is one request.
+/// The instances of `top` and of its derived classes. Each concrete dynamic class is one request.
 HRESULT collect(Results& results, const Repository& repository, const ClassPointer& top,
                 const std::function<void(Object)>& take) {
   for (const ClassPointer& type : withDerived(repository, top)) {
@@ -98,7 +97,7 @@ HRESULT fetch(Results& results, const Repository& repository, const std::wstring
     results.add(*instance);
     return wbemResult(WBEM_S_NO_ERROR);
   }
-  // An instance may be of a derived class: every provider in question is asked in turn.
+  // The instance may belong to a derived class.
   HRESULT status = wbemResult(WBEM_E_NOT_FOUND);
   for (const ClassPointer& candidate : withDerived(repository, type)) {
     if (candidate->isAbstract() || !candidate->isDynamic()) {
@@ -114,7 +113,7 @@ HRESULT fetch(Results& results, const Repository& repository, const std::wstring
   return status;
 }
 
-/// An exception ends an operation as a failure.
+/// Runs the operation; an exception becomes a failure.
 void run(const std::function<HRESULT(Results&)>& operation, Results& results) noexcept {
   results.finish(comBoundary([&] { return operation(results); }));
 }
@@ -178,7 +177,7 @@ HRESULT Services::subscribe(const BSTR language, const BSTR text, Operation& ope
   if (!query->fits(*type)) {
     return wbemResult(WBEM_E_INVALID_QUERY);
   }
-  // Without a provider's process the subscription waits for one, and for the next after it ended.
+  // The subscription waits while there is no provider's process, and reconnects to the next one.
   auto connect = [] {
     std::shared_ptr<Connection> connection = Connection::toProvider();
     if (connection) {

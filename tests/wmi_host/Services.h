@@ -12,12 +12,12 @@
 
 namespace wmi_host {
 
-/// The system classes and the files of the setting Mof, read anew. On an error null, with the
-/// reason on standard error and in the counter MofError.
+/// Reads the system classes and the files of the setting Mof. Returns null on an error, and writes
+/// the reason to standard error and to the counter MofError.
 std::shared_ptr<const Repository> loadRepository() noexcept;
 
-/// root\cimv2, for a client and for a provider alike: classes come from the repository, instances
-/// of dynamic classes from the process that registered their provider. Any thread.
+/// The namespace root\cimv2, for clients and providers. Classes come from the repository, instances
+/// of dynamic classes from the provider's process. Any thread.
 class Services final
     : public test_support::RefusingServices<ComObject<IWbemServices, IClientSecurity>> {
 public:
@@ -36,7 +36,7 @@ public:
                                                   IWbemContext*,
                                                   IEnumWbemClassObject** result) noexcept override;
 
-  // As a proxy of WMI: a client may set its blanket. Nothing depends on it here.
+  // A client may set the proxy blanket, as on WMI's own proxies. It has no effect.
   HRESULT STDMETHODCALLTYPE QueryBlanket(IUnknown*, DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*,
                                          void**, DWORD*) noexcept override {
     return E_NOTIMPL;
@@ -54,7 +54,7 @@ private:
   ~Services() override = default;
 
   static HRESULT enumerate(LONG flags, Operation operation, IEnumWbemClassObject** result);
-  /// Subscribes before it returns, so that no later event is missed.
+  /// Subscribed when it returns: no later event is missed.
   HRESULT subscribe(const BSTR language, const BSTR text, Operation& operation) const;
 
   const LiveCount live_{liveCounts.services};

@@ -20,7 +20,7 @@ constexpr wchar_t kCountersKey[] = L"SOFTWARE\\QuillmonTest\\WmiHost\\Counters";
 constexpr DWORD kBlocks = 1;
 
 std::atomic<bool> isProviderProcess = false;
-std::atomic<bool> isQuiet = false; // nothing but Mof and Server is read, nothing is counted
+std::atomic<bool> isQuiet = false; // only Mof and Server are read, no counter is stored
 
 DWORD numberIn(const wchar_t* key, const wchar_t* name, DWORD otherwise) {
   DWORD value = 0;
@@ -115,7 +115,7 @@ HRESULT failure(const wchar_t* name) {
     }
   }
   while (code == kBlocks) {
-    Sleep(10); // nobody signals a change of the registry that would be worth the trouble here
+    Sleep(10); // polling is simpler than RegNotifyChangeKeyValue
     code = number(name);
   }
   return static_cast<HRESULT>(code);

@@ -6,8 +6,8 @@
 #include <vector>
 
 /// The stand-in's settings, failure switches and counters: values below
-/// HKEY_LOCAL_MACHINE\SOFTWARE\QuillmonTest\WmiHost, read at each use (README.md lists them).
-/// Any thread; a value that cannot be read is the default.
+/// HKEY_LOCAL_MACHINE\SOFTWARE\QuillmonTest\WmiHost (see README.md). They are read at each use; a
+/// missing value is the default. Any thread.
 namespace wmi_host::settings {
 
 DWORD number(const wchar_t* name, DWORD otherwise = 0);
@@ -15,17 +15,16 @@ std::wstring text(const wchar_t* name);
 /// A text split at semicolons, without empty parts.
 std::vector<std::wstring> list(const wchar_t* name);
 
-/// Failure switches act in a process that registers a provider, and only after this; not at all
-/// where the setting Quiet is on at this moment.
+/// Enables the failure switches and the counters of this process, unless the setting Quiet is on.
 void setProviderProcess() noexcept;
 bool switchesAct() noexcept;
-/// The HRESULT in the value `name`, or S_OK. With a value `name`After that many calls pass first,
-/// counted from when the switch was set. While the value is 1 this does not return.
+/// The HRESULT in the value `name`, or S_OK. The value `name`After is the number of calls that
+/// succeed after the switch was set. Blocks while the value is 1.
 HRESULT failure(const wchar_t* name);
-/// Whether the list in the value `name` has `item`; only in a provider's process.
+/// Whether the list in the value `name` contains `item`. False outside a provider's process.
 bool listed(const wchar_t* name, const wchar_t* item);
 
-/// Where the provider's process can be reached; gone when that process's machine restarts.
+/// The address of the provider's process, in a volatile key.
 struct Server {
   DWORD port = 0;
   std::wstring identity;
@@ -38,7 +37,7 @@ void clearCounters();
 void storeCounter(const wchar_t* name, DWORD value);
 void storeCounter(const wchar_t* name, const std::wstring& value);
 
-/// The in-process server that the locator's class id named before this DLL took its place.
+/// The in-process server that was registered for the locator before this DLL.
 std::wstring previousLocator();
 void storePreviousLocator(const std::wstring& path);
 

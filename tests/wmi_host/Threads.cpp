@@ -12,7 +12,7 @@
 namespace wmi_host {
 namespace {
 
-/// Never destroyed: the threads live as long as the process.
+/// Never destroyed: the threads run until the process ends.
 class Threads {
 public:
   void run(std::function<void()> work) {

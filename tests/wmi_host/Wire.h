@@ -6,16 +6,16 @@
 #include <string>
 #include <string_view>
 
-/// The messages between a client's process and a provider's process, as bytes: a length of four
-/// bytes, the kind, the payload. Numbers are little-endian. Reading throws std::runtime_error on
-/// anything that is cut short or does not fit the repository.
+/// The messages between a client's and a provider's process: a length of four bytes, the kind, the
+/// payload. Numbers are little-endian. Reading throws std::runtime_error if a message is too short
+/// or does not match the repository.
 namespace wmi_host::wire {
 
 enum class Kind : std::uint8_t {
   hello,     // server: text, the identity published in the registry
   enumerate, // client: text, a class name
   get,       // client: text, an object path
-  subscribe, // client: nothing; answered by status, then objects for ever
+  subscribe, // client: nothing; answered by status, then objects without end
   object,    // server
   status,    // server: number; ends a request
 };

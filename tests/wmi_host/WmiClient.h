@@ -19,8 +19,8 @@ public:
 /// Throws WmiFailure for a failure.
 void check(const char* call, HRESULT result);
 
-/// A client of root\cimv2 with nothing but COM calls, any of which throws WmiFailure. Any thread
-/// of the multithreaded apartment.
+/// A client of root\cimv2 that uses COM only. Every method may throw WmiFailure. Any thread of the
+/// multithreaded apartment.
 class WmiClient {
 public:
   using Objects = Microsoft::WRL::ComPtr<IEnumWbemClassObject>;
@@ -36,7 +36,7 @@ public:
   /// The events from now on.
   Objects events(const std::wstring& wql) const;
 
-  /// Null at the end, or when none has come after `timeout` milliseconds.
+  /// Null after the last object, or after `timeout` milliseconds.
   static Object next(const Objects& objects, LONG timeout = kForever);
 
 private:

@@ -12,7 +12,7 @@ bool isNamePart(wchar_t c) {
   return isNameStart(c) || (c >= L'0' && c <= L'9');
 }
 
-/// Takes tokens from the front of a text; every take... gives nothing and moves nothing on failure.
+/// Reads tokens from the start of a text. On failure a method consumes nothing.
 class Scanner {
 public:
   explicit Scanner(std::wstring_view text) : rest_(text) {}
@@ -95,7 +95,7 @@ bool sameValue(const Scalar& one, const Scalar& other) {
   return text != nullptr && otherText != nullptr ? sameName(*text, *otherText) : one == other;
 }
 
-/// A number may be written as text, as 64-bit ones have to be in scripts.
+/// A number may be written as text, as scripts must do for 64-bit numbers.
 std::optional<Scalar> comparable(CimType type, const Scalar& value) {
   if (type == CimType::datetime || type == CimType::reference) {
     type = CimType::string;
@@ -148,7 +148,7 @@ bool ObjectPath::names(const Object& instance) const {
 
 std::optional<ObjectPath> parsePath(std::wstring_view text) {
   ObjectPath path;
-  // A colon inside a key's text is no namespace's end.
+  // A colon in a key's text does not end the namespace.
   std::size_t colon = text.substr(0, text.find_first_of(L"\"'=")).find(L':');
   if (colon != std::wstring_view::npos) {
     path.nameSpace = text.substr(0, colon);

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-/// Object paths and the part of WQL that the stand-in answers. Plain values; parsing gives nothing
-/// for what is not understood.
+/// Object paths, and the part of WQL that the stand-in supports. Parsing returns nothing for
+/// everything else.
 namespace wmi_host {
 
 /// `[\\server\namespace:]Class[.key=value[,key=value...]]` or `Class=value`.
@@ -20,11 +20,11 @@ struct ObjectPath {
 
   bool isClass() const { return keys.empty(); }
   std::wstring relative() const;
-  /// Whether the instance has exactly these keys.
+  /// Whether these are the keys of the instance.
   bool names(const Object& instance) const;
 };
 std::optional<ObjectPath> parsePath(std::wstring_view text);
-/// root\cimv2, in any spelling that names it on this machine; empty counts too.
+/// Whether the text is empty or a notation of root\cimv2 on this machine.
 bool isServedNamespace(std::wstring_view text);
 
 struct Condition {
@@ -37,11 +37,11 @@ struct Query {
   std::wstring className;
   std::vector<Condition> conditions;
 
-  /// False if the class lacks a property named in the query or a value is of another kind.
+  /// False if the class lacks a property of the query, or a value does not fit its type.
   bool fits(const Class& type) const;
-  /// Text is compared without regard to case.
+  /// Text is compared case-insensitively.
   bool matches(const Object& object) const;
-  /// Only the selected properties, as an object of its class.
+  /// The object with the selected properties only.
   Object project(const Object& object) const;
 };
 std::optional<Query> parseQuery(std::wstring_view text);

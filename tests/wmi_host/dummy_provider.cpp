@@ -1,5 +1,6 @@
-// A decoupled provider to test the stand-in with: registers itself as "TestProvider" and, for each
-// class but Test_Device, breaks a rule. Prints its registration's HRESULT and ends with its input.
+// A decoupled provider for the tests of the stand-in. It registers itself as "TestProvider", and
+// breaks a different rule for each class but Test_Device. Prints the HRESULT of its registration,
+// and ends at the end of its input.
 
 #include "ComObject.h"
 #include "ProviderRegistration.h"

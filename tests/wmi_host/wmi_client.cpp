@@ -1,5 +1,5 @@
-// A WMI client with nothing but COM calls: what it prints comes through IWbemServices. --help lists
-// its commands. Exit code 0, or 1 after a failed call, whose HRESULT it prints.
+// A WMI client that uses COM only. --help lists its commands. The exit code is 1 after a failed
+// call, whose HRESULT it prints.
 
 #include "WmiClient.h"
 #include "win/Automation.h"
@@ -110,7 +110,7 @@ void get(const std::wstring& path) {
   }
 }
 
-/// Counts the instances that a list gives before its end, whatever that is.
+/// The number of instances that were listed, and the final status.
 std::pair<int, HRESULT> count(const std::wstring& className) {
   int instances = 0;
   try {
@@ -142,7 +142,7 @@ void parallel(long number, const std::wstring& className) {
   }
 }
 
-/// Returns false if fewer events than asked for came in time.
+/// Returns false if fewer events than `wanted` arrive in time.
 bool watch(long seconds, long wanted, const std::wstring& wql) {
   using Clock = std::chrono::steady_clock;
   const WmiClient::Objects events = WmiClient().events(wql);
@@ -195,7 +195,7 @@ int run(const std::wstring& command, const std::vector<std::wstring>& arguments)
   return 0;
 }
 
-/// As run, with a failed call printed.
+/// As run, but prints a failed call.
 int report(std::vector<std::wstring> words) {
   std::wstring command = words.front();
   words.erase(words.begin());
@@ -207,7 +207,7 @@ int report(std::vector<std::wstring> words) {
   }
 }
 
-/// One process for many commands; each connects anew.
+/// Runs many commands in one process. Each has a connection of its own.
 int shell() {
   for (std::string line; std::getline(std::cin, line);) {
     std::vector<std::wstring> words(1);
