@@ -6,6 +6,7 @@
 #include <oleauto.h>
 
 #include <new>
+#include <stdexcept>
 
 namespace wmi_host {
 namespace {
@@ -14,22 +15,18 @@ namespace {
 constexpr GUID kClassObjectId = {
     0x6d1c35b2, 0x54f4, 0x4c57, {0x9e, 0x43, 0x1c, 0x0c, 0x9f, 0x0b, 0x7a, 0x61}};
 
+/// The VARIANT type that WMI documents for a CIM type. No class has a real or char16 property.
 VARTYPE elementType(CimType type) {
   switch (type) {
   case CimType::uint8:
     return VT_UI1;
   case CimType::sint8:
   case CimType::sint16:
-  case CimType::char16:
     return VT_I2;
   case CimType::uint16:
   case CimType::sint32:
   case CimType::uint32:
     return VT_I4;
-  case CimType::real32:
-    return VT_R4;
-  case CimType::real64:
-    return VT_R8;
   case CimType::boolean:
     return VT_BOOL;
   case CimType::sint64:
@@ -38,15 +35,16 @@ VARTYPE elementType(CimType type) {
   case CimType::datetime:
   case CimType::reference:
     return VT_BSTR;
+  default:
+    throw std::runtime_error("a type that is not supported");
   }
-  return VT_NULL;
 }
 
-std::uint64_t bits(const Scalar& value) {
-  if (const auto* negative = std::get_if<std::int64_t>(&value)) {
-    return static_cast<std::uint64_t>(*negative);
+LONG bits(const Scalar& value) {
+  if (const auto* number = std::get_if<std::int64_t>(&value)) {
+    return static_cast<LONG>(*number);
   }
-  return std::get<std::uint64_t>(value);
+  return static_cast<LONG>(std::get<std::uint64_t>(value));
 }
 
 void toVariant(const Scalar& value, CimType type, VARIANT& result) {
@@ -59,13 +57,7 @@ void toVariant(const Scalar& value, CimType type, VARIANT& result) {
     result.iVal = static_cast<SHORT>(bits(value));
     break;
   case VT_I4:
-    result.lVal = static_cast<LONG>(bits(value));
-    break;
-  case VT_R4:
-    result.fltVal = static_cast<float>(std::get<double>(value));
-    break;
-  case VT_R8:
-    result.dblVal = std::get<double>(value);
+    result.lVal = bits(value);
     break;
   case VT_BOOL:
     result.boolVal = std::get<bool>(value) ? VARIANT_TRUE : VARIANT_FALSE;
@@ -94,19 +86,12 @@ std::optional<Scalar> fromScalarVariant(const VARIANT& variant, CimType type) {
   case VT_UI1:
     return fit(type, std::uint64_t{variant.bVal});
   case VT_I2:
-    if (type == CimType::char16) {
-      return std::uint64_t{static_cast<std::uint16_t>(variant.iVal)};
-    }
     return fit(type, std::int64_t{variant.iVal});
   case VT_I4:
     if (type == CimType::uint32) {
       return std::uint64_t{static_cast<std::uint32_t>(variant.lVal)};
     }
     return fit(type, std::int64_t{variant.lVal});
-  case VT_R4:
-    return fit(type, double{variant.fltVal});
-  case VT_R8:
-    return fit(type, variant.dblVal);
   default:
     return std::nullopt;
   }
