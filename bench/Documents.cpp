@@ -11,7 +11,7 @@ std::string instance(const std::string& content) {
   return std::string("<instance name=\"") + kClass + "\">" + content + "</instance>";
 }
 
-std::string withId(const std::string& id, std::size_t number) {
+std::string deviceFields(const std::string& id, std::size_t number) {
   const std::string text = std::to_string(number);
   return field("DeviceID", "string", id) + field("ManufacturerName", "string", "Veltran") +
          field("DeviceCategory", "string", "Scanner") +
@@ -31,25 +31,21 @@ std::string deviceId(std::size_t number) {
   return "DEV" + std::to_string(number);
 }
 
-std::string fields(std::size_t number) {
-  return withId(deviceId(number), number);
-}
-
 std::string answer(std::size_t count) {
   std::string instances;
   for (std::size_t number = 0; number < count; ++number) {
-    instances += instance(fields(number));
+    instances += instance(deviceFields(deviceId(number), number));
   }
   return response(instances);
 }
 
 std::string answerFor(const std::string& id) {
-  return response(instance(withId(id, 1)));
+  return response(instance(deviceFields(id, 1)));
 }
 
 std::string event(const std::string& type, std::size_t number) {
   const std::string content =
-      type == "addInstance" ? fields(number)
+      type == "addInstance" ? deviceFields(deviceId(number), number)
                             : field("DeviceID", "string", deviceId(number)) +
                                   field("ManufacturerName", "string", "Veltran") +
                                   field("FirmwareRevision", "string", "4.12.1") +

@@ -11,8 +11,6 @@ inline constexpr char kClass[] = "UPOS_Scanner";
 
 /// "DEV" and the number.
 std::string deviceId(std::size_t number);
-/// The eight "field" elements of one device.
-std::string fields(std::size_t number);
 /// An answer of devices 0 to `count` - 1.
 std::string answer(std::size_t count);
 /// An answer of one device, with that id.
