@@ -143,8 +143,9 @@ class Side:
 
     def _find_server(self):
         for process in machines.processes_of(self.machine.prefix):
-            if Path(f"/proc/{process}/comm").read_text().startswith("wineserver"):
-                return process
+            with contextlib.suppress(OSError):  # ended meanwhile
+                if Path(f"/proc/{process}/comm").read_text().startswith("wineserver"):
+                    return process
         raise Failed("no wineserver")
 
 
