@@ -27,7 +27,7 @@ int run(bool isProxy, std::uint16_t requestPort, std::uint16_t eventPort) {
   PreparedDevices devices;
   const auto provider = test_support::adopt(new Provider(isProxy, requestPort, devices));
   test_support::ProviderRegistration registration;
-  if (FAILED(registration.enter(L"QuillmonService", static_cast<IWbemServices*>(provider.Get())))) {
+  if (FAILED(registration.start(L"QuillmonService", static_cast<IWbemServices*>(provider.Get())))) {
     std::cout << "not registered" << std::endl;
     return 1;
   }

@@ -14,7 +14,7 @@ public:
   Microsoft::WRL::ComPtr<IWbemObjectSink> sink;
 
   /// The first failure, or S_OK.
-  HRESULT enter(const wchar_t* name, IUnknown* provider) {
+  HRESULT start(const wchar_t* name, IUnknown* provider) {
     constexpr const wchar_t* kNamespace = L"root\\cimv2";
     HRESULT result = CoCreateInstance(CLSID_WbemDecoupledRegistrar, nullptr, CLSCTX_INPROC_SERVER,
                                       IID_PPV_ARGS(&registrar_));

@@ -210,8 +210,8 @@ private:
 } // namespace
 
 ProviderHost& ProviderHost::instance() {
-  static auto* host =
-      new ProviderHost; // never destroyed: its threads use it until the process ends
+  // Never destroyed: its threads use it until the process ends.
+  static auto* host = new ProviderHost;
   return *host;
 }
 
@@ -265,8 +265,8 @@ void ProviderHost::publishEvent(const Object& event) {
     subscribers = subscribers_;
   }
   for (const std::shared_ptr<Connection>& subscriber : subscribers) {
-    subscriber->send(wire::Kind::object,
-                     payload); // the connection's own thread removes it after a failure
+    // The connection's own thread removes it after a failure.
+    subscriber->send(wire::Kind::object, payload);
   }
 }
 

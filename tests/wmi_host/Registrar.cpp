@@ -26,7 +26,7 @@ bool mayRegister(const std::wstring& descriptorText) {
     return false;
   }
   GENERIC_MAPPING mapping{0, 0, 0x000F0001, 0x000F0001};
-  BYTE privileges[256];
+  alignas(PRIVILEGE_SET) BYTE privileges[256];
   DWORD size = sizeof privileges;
   DWORD granted = 0;
   BOOL allowed = FALSE;
@@ -121,7 +121,7 @@ HRESULT makeRegistration(LONG flags, LPCWSTR scope, LPCWSTR name,
         !sameName(instance.text(L"Name"), name)) {
       continue;
     }
-    if (!instance.text(L"HostingModel").starts_with(L"Decoupled:Com")) {
+    if (!sameName(instance.text(L"HostingModel").substr(0, 13), L"Decoupled:Com")) {
       return wbemResult(WBEM_E_INVALID_PROVIDER_REGISTRATION);
     }
     if (!mayRegister(instance.text(L"SecurityDescriptor"))) {
@@ -135,12 +135,12 @@ HRESULT makeRegistration(LONG flags, LPCWSTR scope, LPCWSTR name,
   return wbemResult(WBEM_E_PROVIDER_NOT_FOUND);
 }
 
-HRESULT Registrar::enter(const std::shared_ptr<Registration>& registration, IUnknown* provider) {
+HRESULT Registrar::activate(const std::shared_ptr<Registration>& registration, IUnknown* provider) {
   return provider != nullptr ? ProviderHost::instance().registerProvider(registration, provider)
                              : wbemResult(WBEM_E_INVALID_PARAMETER);
 }
 
-void Registrar::leave() {
+void Registrar::deactivate() {
   ProviderHost::instance().unregisterProvider();
 }
 
@@ -149,18 +149,18 @@ void* EventRegistrar::findOther(REFIID iid) noexcept {
                                                   : nullptr;
 }
 
-HRESULT EventRegistrar::enter(const std::shared_ptr<Registration>&, IUnknown*) {
+HRESULT EventRegistrar::activate(const std::shared_ptr<Registration>&, IUnknown*) {
   ProviderHost::instance().registerEvents();
   return wbemResult(WBEM_S_NO_ERROR);
 }
 
-void EventRegistrar::leave() {
+void EventRegistrar::deactivate() {
   ProviderHost::instance().unregisterEvents();
 }
 
 template <class Interface, class Make>
-HRESULT EventRegistrar::give(const wchar_t* failureSwitch, LONG flags, Interface** result,
-                             Make make) {
+HRESULT EventRegistrar::whileRegistered(const wchar_t* failureSwitch, LONG flags,
+                                        Interface** result, Make make) {
   return comBoundary([&] {
     if (flags != 0 || result == nullptr) {
       return wbemResult(WBEM_E_INVALID_PARAMETER);
@@ -179,12 +179,12 @@ HRESULT EventRegistrar::give(const wchar_t* failureSwitch, LONG flags, Interface
 }
 
 HRESULT EventRegistrar::GetSink(LONG flags, IWbemContext*, IWbemObjectSink** sink) noexcept {
-  return give(L"GetSink", flags, sink, [&] { return new EventSink(registration_); });
+  return whileRegistered(L"GetSink", flags, sink, [&] { return new EventSink(registration_); });
 }
 
 HRESULT EventRegistrar::GetService(LONG flags, IWbemContext*, IWbemServices** service) noexcept {
-  return give(L"GetService", flags, service,
-              [&] { return new Services(registration_->repository); });
+  return whileRegistered(L"GetService", flags, service,
+                         [&] { return new Services(registration_->repository); });
 }
 
 } // namespace wmi_host

@@ -46,7 +46,7 @@ public:
       std::shared_ptr<Registration> made;
       HRESULT result = makeRegistration(flags, scope, name, made);
       if (SUCCEEDED(result)) {
-        result = enter(made, provider);
+        result = activate(made, provider);
       }
       if (SUCCEEDED(result)) {
         registration_ = std::move(made);
@@ -63,7 +63,7 @@ public:
       }
       registration_->isActive = false;
       registration_.reset();
-      leave();
+      deactivate();
       return wbemResult(WBEM_S_NO_ERROR);
     });
   }
@@ -72,8 +72,9 @@ protected:
   explicit RegistrarBase(const wchar_t* failureSwitch) : failureSwitch_(failureSwitch) {
     settings::setProviderProcess();
   }
-  virtual HRESULT enter(const std::shared_ptr<Registration>& registration, IUnknown* provider) = 0;
-  virtual void leave() = 0;
+  virtual HRESULT activate(const std::shared_ptr<Registration>& registration,
+                           IUnknown* provider) = 0;
+  virtual void deactivate() = 0;
 
   std::mutex mutex_;
   std::shared_ptr<Registration> registration_; // null while unregistered
@@ -89,8 +90,8 @@ public:
 
 private:
   ~Registrar() override { UnRegister(); }
-  HRESULT enter(const std::shared_ptr<Registration>& registration, IUnknown* provider) override;
-  void leave() override;
+  HRESULT activate(const std::shared_ptr<Registration>& registration, IUnknown* provider) override;
+  void deactivate() override;
 };
 
 /// The decoupled basic event provider. Its sink refuses all events after UnRegister.
@@ -106,12 +107,12 @@ public:
 private:
   ~EventRegistrar() override { UnRegister(); }
   void* findOther(REFIID iid) noexcept override;
-  HRESULT enter(const std::shared_ptr<Registration>& registration, IUnknown* provider) override;
-  void leave() override;
+  HRESULT activate(const std::shared_ptr<Registration>& registration, IUnknown* provider) override;
+  void deactivate() override;
 
   /// GetSink and GetService: the result of `make` while registered.
   template <class Interface, class Make>
-  HRESULT give(const wchar_t* failureSwitch, LONG flags, Interface** result, Make make);
+  HRESULT whileRegistered(const wchar_t* failureSwitch, LONG flags, Interface** result, Make make);
 };
 
 } // namespace wmi_host

@@ -34,7 +34,7 @@ HRESULT request(Results& results, const Repository& repository, wire::Kind kind,
   if (!results.setConnection(connection)) {
     return wbemResult(WBEM_E_CALL_CANCELLED);
   }
-  HRESULT status = wbemResult(WBEM_E_PROVIDER_FAILURE); // if the process ends during the request
+  HRESULT status = wbemResult(WBEM_E_PROVIDER_FAILURE); // if the process ends meanwhile
   connection->send(kind, wire::fromText(argument));
   while (std::optional<wire::Message> message = connection->receive()) {
     if (message->kind == wire::Kind::status) {

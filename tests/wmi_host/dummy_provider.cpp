@@ -99,7 +99,7 @@ private:
 int main() {
   CoInitializeEx(nullptr, COINIT_MULTITHREADED);
   auto provider = test_support::adopt<IWbemServices>(new Provider);
-  const HRESULT result = registration.enter(L"TestProvider", provider.Get());
+  const HRESULT result = registration.start(L"TestProvider", provider.Get());
   std::printf("0x%08lX\n", static_cast<unsigned long>(result));
   std::fflush(stdout);
   while (std::getchar() != EOF) {
