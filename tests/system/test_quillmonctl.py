@@ -134,7 +134,7 @@ def test_the_version_is_the_project_s(tool):
 def test_help_documents_each_exit_code_and_command(tool):
     text = tool.text("--help")
     for word in ("status", "devices", "get", "watch", "doctor", "config", "trace", "install",
-                 "uninstall", "repair", "simulate", "--json", "Exit codes: 0 ", "1 a step failed",
+                 "uninstall", "repair", "--json", "Exit codes: 0 ", "1 a step failed",
                  "2 wrong command line", "\n3 the report", "\n4 no such", "5 access denied",
                  "6 no answer"):
         assert word in text, word
@@ -653,22 +653,3 @@ def test_the_support_archive_holds_status_configuration_and_logs_and_no_secret(t
 def test_an_archive_that_cannot_be_written_is_named(installed):
     text = installed.text("doctor", "--archive", "C:\\windows\\system.ini\\a.zip", code=1)
     assert "failed: making " in text and "error " in text
-
-
-# -- simulate
-
-def test_simulate_is_the_simulated_device_server(tool):
-    process = tool.start("simulate", windows_path(ROOT / "samples" / "till.xml"), "--request-port",
-                         "0", "--event-port", reserve_port())
-    assert process.stdout.readline().startswith(b"quillmon-till: ready: requests on 127.0.0.1:")
-    process.stdin.write(b"quit\n")
-    process.stdin.close()
-    assert process.wait(timeout=20) == 0
-
-
-def test_simulate_takes_the_proxy_role_and_explains_itself(tool):
-    done = tool.machine.run(EXE, "simulate", windows_path(ROOT / "samples" / "till.xml"),
-                            "--strategy", "proxy", "--check")
-    assert done.returncode == 0 and "13 devices" in done.out
-    done = tool.machine.run(EXE, "simulate", "--help")
-    assert done.returncode == 0 and "quillmonctl simulate [OPTIONS] INVENTORY" in done.out

@@ -1,17 +1,14 @@
 // quillmonctl config check | show | set
 
+#include "quillmonctl/Commands.h"
 #include "quillmonctl/ConfigKeys.h"
 #include "quillmonctl/Console.h"
-#include "quillmonctl/Invocation.h"
 #include "quillmonctl/PropertiesFile.h"
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
-
-#include <memory>
 
 namespace ctl {
 namespace {
@@ -41,10 +38,20 @@ std::vector<std::string> findings(const Survey::Configuration& configuration) {
   return lines;
 }
 
-ExitCode checkConfiguration(const Invocation& invocation) {
+std::string knownKeys() {
+  std::string names;
+  for (const ConfigKey& key : configKeys()) {
+    names.append(names.empty() ? "" : ", ").append(key.name);
+  }
+  return names;
+}
+
+} // namespace
+
+ExitCode checkConfiguration(bool json) {
   const Survey::Configuration configuration = readConfiguration();
   const std::vector<std::string> lines = findings(configuration);
-  if (invocation.json) {
+  if (json) {
     console::print(dump({{"file", configuration.path},
                          {"exists", configuration.exists},
                          {"good", lines.empty()},
@@ -62,7 +69,7 @@ ExitCode checkConfiguration(const Invocation& invocation) {
   return lines.empty() ? ExitCode::Done : ExitCode::FoundWrong;
 }
 
-ExitCode showConfiguration(const Invocation& invocation) {
+ExitCode showConfiguration(bool json) {
   const Survey::Configuration configuration = readConfiguration();
   Json all = Json::array();
   std::string text = fmt::format("{}{}\n\n", configuration.path,
@@ -89,23 +96,14 @@ ExitCode showConfiguration(const Invocation& invocation) {
                    {"meaning", known.meaning},
                    {"nonsense", key.nonsense.empty() ? Json() : Json(key.nonsense)}});
   }
-  console::print(invocation.json ? dump({{"file", configuration.path},
-                                         {"exists", configuration.exists},
-                                         {"keys", std::move(all)}})
-                                 : text);
+  console::print(json ? dump({{"file", configuration.path},
+                              {"exists", configuration.exists},
+                              {"keys", std::move(all)}})
+                      : text);
   return ExitCode::Done;
 }
 
-std::string knownKeys() {
-  std::string names;
-  for (const ConfigKey& key : configKeys()) {
-    names.append(names.empty() ? "" : ", ").append(key.name);
-  }
-  return names;
-}
-
-ExitCode setConfiguration(const Invocation& invocation, const std::string& name,
-                          const std::string& value) {
+ExitCode setConfiguration(bool json, const std::string& name, const std::string& value) {
   const ConfigKey* const key = findConfigKey(name);
   if (key == nullptr) {
     throw Failure(fmt::format("setting {}: no key of the service", name),
@@ -126,7 +124,7 @@ ExitCode setConfiguration(const Invocation& invocation, const std::string& name,
   const std::string old = file.value(key->name).value_or("");
   file.set(key->name, value);
   replaceFile(before.path, file.text());
-  if (invocation.json) {
+  if (json) {
     console::print(dump({{"file", before.path},
                          {"key", key->name},
                          {"old", old.empty() ? Json() : Json(utf8FromAnsi(old))},
@@ -140,31 +138,6 @@ ExitCode setConfiguration(const Invocation& invocation, const std::string& name,
                         kWidth, 2));
   }
   return ExitCode::Done;
-}
-
-} // namespace
-
-void addConfigCommand(CLI::App& app, Invocation& invocation) {
-  CLI::App* const config = app.add_subcommand("config", "The service's configuration file");
-  config->require_subcommand(1);
-  config->fallthrough();
-  config->add_subcommand("check", "Look for nonsense; exit code 3 if there is some")
-      ->callback([&invocation] {
-        invocation.command = [&invocation] { return checkConfiguration(invocation); };
-      });
-  config->add_subcommand("show", "Every key, its value and where that came from")
-      ->callback([&invocation] {
-        invocation.command = [&invocation] { return showConfiguration(invocation); };
-      });
-  const auto words = std::make_shared<std::pair<std::string, std::string>>();
-  CLI::App* const set = config->add_subcommand("set", "Change one key; comments are kept");
-  set->add_option("KEY", words->first, "The key's name")->required();
-  set->add_option("VALUE", words->second, "Its new value")->required();
-  set->callback([&invocation, words] {
-    invocation.command = [&invocation, words] {
-      return setConfiguration(invocation, words->first, words->second);
-    };
-  });
 }
 
 } // namespace ctl

@@ -1,18 +1,16 @@
 // quillmonctl devices, get, watch
 
+#include "quillmonctl/Commands.h"
 #include "quillmonctl/Console.h"
 #include "quillmonctl/DevicePath.h"
-#include "quillmonctl/Invocation.h"
 #include "quillmonctl/Product.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
 #include "quillmonctl/Wmi.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <array>
-#include <memory>
 
 namespace ctl {
 namespace {
@@ -46,38 +44,6 @@ void orNotFound(Call&& call) {
   }
 }
 
-ExitCode listDevices(const Invocation& invocation, const std::string& name, unsigned seconds) {
-  const ComLibrary com;
-  const std::string cls = className(name);
-  Json all = Json::array();
-  std::vector<std::vector<std::string>> rows;
-  Wmi::End end = Wmi::End::Complete;
-  orNotFound([&] {
-    end = Wmi().instances(cls, seconds, [&](const Json& device) {
-      std::vector<std::string>& row = rows.emplace_back();
-      for (const char* const column : kColumns) {
-        row.push_back(textOf(device, column));
-      }
-      all.push_back(device);
-      return true;
-    });
-  });
-  if (end == Wmi::End::TimedOut) {
-    throw Failure(fmt::format("listing {}: no answer within {} s", cls, seconds),
-                  "The device server takes requests and does not answer: restart it, or wait "
-                  "longer (--timeout).",
-                  ExitCode::TimedOut);
-  }
-  if (invocation.json) {
-    console::print(dump(all));
-  } else if (rows.empty()) {
-    console::print(fmt::format("No device of class {}.\n", cls));
-  } else {
-    console::print(table(kHeading, rows, console::width()));
-  }
-  return ExitCode::Done;
-}
-
 /// The service answers a path that it cannot serve and one that names no device alike. The list
 /// of the path's class tells them apart.
 Json fetch(Wmi& wmi, const std::string& path) {
@@ -102,12 +68,53 @@ Json fetch(Wmi& wmi, const std::string& path) {
   }
 }
 
-ExitCode getDevice(const Invocation& invocation, const std::string& name) {
+std::string eventText(const std::string& type) {
+  return type == "addInstance"      ? "attached"
+         : type == "delInstance"    ? "detached"
+         : type == "modifyInstance" ? "changed"
+                                    : type;
+}
+
+} // namespace
+
+ExitCode listDevices(bool json, const std::string& name, unsigned seconds) {
+  const ComLibrary com;
+  const std::string cls = className(name);
+  Json all = Json::array();
+  std::vector<std::vector<std::string>> rows;
+  Wmi::End end = Wmi::End::Complete;
+  orNotFound([&] {
+    end = Wmi().instances(cls, seconds, [&](const Json& device) {
+      std::vector<std::string>& row = rows.emplace_back();
+      for (const char* const column : kColumns) {
+        row.push_back(textOf(device, column));
+      }
+      all.push_back(device);
+      return true;
+    });
+  });
+  if (end == Wmi::End::TimedOut) {
+    throw Failure(fmt::format("listing {}: no answer within {} s", cls, seconds),
+                  "The device server takes requests and does not answer: restart it, or wait "
+                  "longer (--timeout).",
+                  ExitCode::TimedOut);
+  }
+  if (json) {
+    console::print(dump(all));
+  } else if (rows.empty()) {
+    console::print(fmt::format("No device of class {}.\n", cls));
+  } else {
+    console::print(table(kHeading, rows, console::width()));
+  }
+  return ExitCode::Done;
+}
+
+ExitCode getDevice(bool json, const std::string& name) {
   const ComLibrary com;
   orNotFound([&] {
     Wmi wmi;
     const Json object = fetch(wmi, objectPath(name));
-    if (invocation.json) {
+    if (json) {
       console::print(dump(object));
       return;
     }
@@ -122,14 +129,7 @@ ExitCode getDevice(const Invocation& invocation, const std::string& name) {
   return ExitCode::Done;
 }
 
-std::string eventText(const std::string& type) {
-  return type == "addInstance"      ? "attached"
-         : type == "delInstance"    ? "detached"
-         : type == "modifyInstance" ? "changed"
-                                    : type;
-}
-
-ExitCode watchDevices(const Invocation& invocation, unsigned seconds, unsigned count) {
+ExitCode watchDevices(bool json, unsigned seconds, unsigned count) {
   const ComLibrary com;
   Wmi wmi;
   unsigned seen = 0;
@@ -140,7 +140,7 @@ ExitCode watchDevices(const Invocation& invocation, unsigned seconds, unsigned c
         SYSTEMTIME now = {};
         GetLocalTime(&now);
         const std::string type = textOf(event, "eventtype");
-        if (invocation.json) {
+        if (json) {
           console::print(
               dumpLine({{"time", fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}", now.wYear,
                                              now.wMonth, now.wDay, now.wHour, now.wMinute,
@@ -162,49 +162,6 @@ ExitCode watchDevices(const Invocation& invocation, unsigned seconds, unsigned c
         return count == 0 || ++seen < count;
       });
   return end == Wmi::End::TimedOut && count != 0 ? ExitCode::TimedOut : ExitCode::Done;
-}
-
-} // namespace
-
-void addDeviceCommands(CLI::App& app, Invocation& invocation) {
-  struct Options {
-    std::string name;
-    unsigned timeout = 60;
-    unsigned seconds = 0;
-    unsigned count = 0;
-  };
-  const auto options = std::make_shared<Options>();
-  CLI::App* const devices = app.add_subcommand("devices", "List the till's devices");
-  devices->add_option("CLASS", options->name, "Scanner or UPOS_Scanner; all devices without it");
-  devices->add_option("--timeout", options->timeout, "Seconds to wait for the answer")
-      ->capture_default_str();
-  devices->callback([&invocation, options] {
-    invocation.command = [&invocation, options] {
-      return listDevices(invocation, options->name, options->timeout);
-    };
-  });
-
-  CLI::App* const get = app.add_subcommand("get", "All properties of one device");
-  get->add_option("PATH", options->name,
-                  "SCANNER1, Scanner/SCANNER1, or a WMI object path: "
-                  "UPOS_Scanner.DeviceID=\"SCANNER1\"")
-      ->required();
-  get->callback([&invocation, options] {
-    invocation.command = [&invocation, options] { return getDevice(invocation, options->name); };
-  });
-
-  CLI::App* const watch = app.add_subcommand("watch", "Device events as they happen, one a line");
-  watch->add_option("--seconds", options->seconds, "End after so long; 0: never")
-      ->capture_default_str();
-  watch
-      ->add_option("--count", options->count,
-                   "End after so many events; exit code 6 if fewer come in time")
-      ->capture_default_str();
-  watch->callback([&invocation, options] {
-    invocation.command = [&invocation, options] {
-      return watchDevices(invocation, options->seconds, options->count);
-    };
-  });
 }
 
 } // namespace ctl

@@ -1,16 +1,13 @@
 // quillmonctl doctor
 
+#include "quillmonctl/Commands.h"
 #include "quillmonctl/Console.h"
-#include "quillmonctl/Invocation.h"
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Wmi.h"
 #include "quillmonctl/ZipFile.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
-
-#include <memory>
 
 namespace ctl {
 namespace {
@@ -70,7 +67,9 @@ std::vector<std::string> writeArchive(const std::string& file, const Survey& sur
   return names;
 }
 
-ExitCode examine(const Invocation& invocation, unsigned seconds, const std::string& archive) {
+} // namespace
+
+ExitCode examine(bool json, unsigned seconds, const std::string& archive) {
   const ComLibrary com;
   const Survey survey = surveySystem(seconds);
   const std::vector<Verdict> verdicts = judge(survey);
@@ -78,12 +77,12 @@ ExitCode examine(const Invocation& invocation, unsigned seconds, const std::stri
   if (!archive.empty()) {
     names = writeArchive(archive, survey, verdicts);
   }
-  if (invocation.json) {
-    Json json = {{"healthy", isHealthy(verdicts)}, {"checks", toJson(verdicts)}};
+  if (json) {
+    Json report = {{"healthy", isHealthy(verdicts)}, {"checks", toJson(verdicts)}};
     if (!archive.empty()) {
-      json["archive"] = {{"file", absolutePath(archive)}, {"contents", names}};
+      report["archive"] = {{"file", absolutePath(archive)}, {"contents", names}};
     }
-    console::print(dump(json));
+    console::print(dump(report));
   } else {
     std::string text = toText(verdicts);
     if (!archive.empty()) {
@@ -95,27 +94,6 @@ ExitCode examine(const Invocation& invocation, unsigned seconds, const std::stri
     console::print(text);
   }
   return isHealthy(verdicts) ? ExitCode::Done : ExitCode::FoundWrong;
-}
-
-} // namespace
-
-void addDoctorCommand(CLI::App& app, Invocation& invocation) {
-  struct Options {
-    unsigned timeout = 10;
-    std::string archive;
-  };
-  const auto options = std::make_shared<Options>();
-  CLI::App* const doctor =
-      app.add_subcommand("doctor", "Every check that support asks for, one verdict a line");
-  doctor->add_option("--timeout", options->timeout, "Seconds to wait for the provider's answer")
-      ->capture_default_str();
-  doctor->add_option("--archive", options->archive,
-                     "Pack status, configuration and logs into this ZIP file for support");
-  doctor->callback([&invocation, options] {
-    invocation.command = [&invocation, options] {
-      return examine(invocation, options->timeout, options->archive);
-    };
-  });
 }
 
 } // namespace ctl

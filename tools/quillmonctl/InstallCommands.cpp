@@ -1,7 +1,7 @@
 // quillmonctl install | uninstall | repair
 
 #include "quillmonctl/BinaryPath.h"
-#include "quillmonctl/Invocation.h"
+#include "quillmonctl/Commands.h"
 #include "quillmonctl/MofCompiler.h"
 #include "quillmonctl/Names.h"
 #include "quillmonctl/Product.h"
@@ -10,12 +10,10 @@
 #include "quillmonctl/System.h"
 #include "quillmonctl/Wmi.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
-#include <memory>
 
 namespace ctl {
 namespace {
@@ -28,14 +26,7 @@ constexpr DWORD kForgetFailuresAfter = 86'400; // seconds
 constexpr DWORD kSetupRights = SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG |
                                SERVICE_START | SERVICE_STOP | DELETE;
 
-struct Options {
-  std::string strategy = "adapter";
-  std::string program;
-  std::string mofFolder;
-  bool keepsStopped = false;
-};
-
-std::string programOf(const Options& options) {
+std::string programOf(const SetupOptions& options) {
   const std::string program =
       options.program.empty() ? programFolder() + "\\quillmon.exe" : absolutePath(options.program);
   if (!exists(program)) {
@@ -210,7 +201,7 @@ bool settlePath(Service& service, const std::string& program, bool isProxy, Step
   return isChanged;
 }
 
-void install(const Options& options, Steps& steps) {
+void installSteps(const SetupOptions& options, Steps& steps) {
   const std::string program = programOf(options);
   const MofFiles mof = MofFiles::in(options.mofFolder);
   needAdministrator();
@@ -256,7 +247,7 @@ void install(const Options& options, Steps& steps) {
   steps.done(waitForProvider(service));
 }
 
-void uninstall(const Options& options, Steps& steps) {
+void uninstallSteps(const SetupOptions& options, Steps& steps) {
   const MofFiles mof = MofFiles::in(options.mofFolder);
   needAdministrator();
   if (Service::isInstalled()) {
@@ -273,7 +264,7 @@ void uninstall(const Options& options, Steps& steps) {
   }
 }
 
-void repair(const Options& options, Steps& steps) {
+void repairSteps(const SetupOptions& options, Steps& steps) {
   const MofFiles mof = MofFiles::in(options.mofFolder);
   needAdministrator();
   compileMof(mof.install, true);
@@ -294,13 +285,13 @@ void repair(const Options& options, Steps& steps) {
   steps.done(waitForProvider(service));
 }
 
-using Job = void (*)(const Options& options, Steps& steps);
+using Job = void (*)(const SetupOptions& options, Steps& steps);
 
-ExitCode run(const Invocation& invocation, const Options& options, Job job) {
+ExitCode run(bool json, const SetupOptions& options, Job job) {
   const ComLibrary com;
-  Steps steps(invocation.json);
+  Steps steps(json);
   steps.run([&] { job(options, steps); });
-  if (invocation.json) {
+  if (json) {
     console::print(dump(steps.toJson()));
   }
   return ExitCode::Done;
@@ -308,28 +299,16 @@ ExitCode run(const Invocation& invocation, const Options& options, Job job) {
 
 } // namespace
 
-void addInstallCommands(CLI::App& app, Invocation& invocation) {
-  const auto options = std::make_shared<Options>();
-  const auto add = [&](const char* name, const char* what, Job job) {
-    CLI::App* const command = app.add_subcommand(name, what);
-    command->add_option("--mof-folder", options->mofFolder,
-                        "Where quillmon.mof and quillmon-uninstall.mof are, if not beside "
-                        "quillmonctl.exe");
-    command->callback([&invocation, options, job] {
-      invocation.command = [&invocation, options, job] { return run(invocation, *options, job); };
-    });
-    return command;
-  };
-  CLI::App* const command =
-      add("install", "Install and start the service, or change nothing", install);
-  command->add_option("--strategy", options->strategy, "adapter or proxy")
-      ->check(CLI::IsMember({"adapter", "proxy"}).description(""))
-      ->capture_default_str();
-  command->add_option("--program", options->program,
-                      "The service's program, if not quillmon.exe beside quillmonctl.exe");
-  add("uninstall", "Remove the service and its WMI classes", uninstall);
-  add("repair", "Renew the WMI classes and restart the service", repair)
-      ->add_flag("--keep-stopped", options->keepsStopped, "Do not start a stopped service");
+ExitCode install(bool json, const SetupOptions& options) {
+  return run(json, options, installSteps);
+}
+
+ExitCode uninstall(bool json, const SetupOptions& options) {
+  return run(json, options, uninstallSteps);
+}
+
+ExitCode repair(bool json, const SetupOptions& options) {
+  return run(json, options, repairSteps);
 }
 
 } // namespace ctl

@@ -1,7 +1,7 @@
 // quillmonctl trace on | off | follow
 
+#include "quillmonctl/Commands.h"
 #include "quillmonctl/Console.h"
-#include "quillmonctl/Invocation.h"
 #include "quillmonctl/LogFollower.h"
 #include "quillmonctl/Product.h"
 #include "quillmonctl/Service.h"
@@ -12,10 +12,7 @@
 #include "quillmonctl/Wmi.h"
 #include "win/Handles.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
-
-#include <memory>
 
 namespace ctl {
 namespace {
@@ -27,8 +24,8 @@ constexpr unsigned kAnswer = 5;     // seconds for one answer of the provider
 constexpr const char* kNotUndone =
     "The service keeps tracing until it ends: that cannot be undone while it runs.";
 
-void say(const Invocation& invocation, const Json& json, const std::string& text) {
-  console::print(invocation.json ? dumpLine(json) : text);
+void say(bool json, const Json& object, const std::string& text) {
+  console::print(json ? dumpLine(object) : text);
 }
 
 /// Asks the provider something, so that a service that traces traces it.
@@ -43,81 +40,6 @@ bool hasTraced(const std::string& log) {
   const std::optional<FileMark> before = fileMark(log);
   provoke();
   return fileMark(log) != before;
-}
-
-ExitCode switchOn(const Invocation& invocation, bool untilSeen) {
-  const win::Handle event(CreateEventW(nullptr, TRUE, TRUE, kTraceEvent));
-  if (!event || !SetEvent(event.get())) {
-    failWin32("creating the event Global\\TRC_QUILLMON that enables the trace (CreateEvent)");
-  }
-  const Survey::Service service = surveyService();
-  if (untilSeen && !service.isRunning()) {
-    throw Failure("waiting for the service to trace: it does not run",
-                  "Start it: net start QuillmonServ");
-  }
-  const Survey::Trace trace = surveyTrace(service);
-  say(invocation, {{"on", true}, {"log", trace.log}},
-      fmt::format("The trace is enabled; the log is\n  {}\n{}", trace.log,
-                  trace.fileSizeLimit > 0
-                      ? ""
-                      : wrap("It grows without limit: BackupCount and FileSize in zontrace.cfg "
-                             "would bound it (docs/operations.md).",
-                             kWidth, 0)));
-  if (untilSeen) {
-    const ComLibrary com;
-    const ULONGLONG end = GetTickCount64() + kPatience;
-    while (!hasTraced(trace.log)) {
-      if (GetTickCount64() >= end) {
-        throw Failure("waiting for the service to trace: its log does not grow",
-                      "Check that the service runs and that its log can be written (quillmonctl "
-                      "status).",
-                      ExitCode::TimedOut);
-      }
-      Sleep(kLook);
-    }
-    say(invocation, {{"tracing", true}},
-        wrap(fmt::format("The service traces. {}", kNotUndone), kWidth, 0));
-    return ExitCode::Done;
-  }
-  console::printError(wrap(fmt::format("Held until Ctrl-C, for services that start meanwhile, too. "
-                                       "{}",
-                                       kNotUndone),
-                           kWidth, 0));
-  while (WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0) {
-    Sleep(kLook);
-  }
-  say(invocation, {{"on", false}}, "Somebody else has switched the trace off.\n");
-  return ExitCode::Done;
-}
-
-ExitCode switchOff(const Invocation& invocation, bool restart) {
-  const ComLibrary com;
-  const win::Handle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, kTraceEvent));
-  if (!event && GetLastError() != ERROR_FILE_NOT_FOUND) {
-    failWin32("opening the event Global\\TRC_QUILLMON (OpenEvent)");
-  }
-  if (event && !ResetEvent(event.get())) {
-    failWin32("resetting the event Global\\TRC_QUILLMON (ResetEvent)");
-  }
-  const Survey::Service service = surveyService();
-  const Survey::Trace trace = surveyTrace(service);
-  bool isTracing = service.isRunning() && hasTraced(trace.log);
-  bool isRestarted = false;
-  if (isTracing && restart) {
-    Service handle(SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP);
-    handle.stop();
-    handle.start();
-    isTracing = false;
-    isRestarted = true;
-  }
-  say(invocation, {{"on", false}, {"service_still_traces", isTracing}, {"restarted", isRestarted}},
-      isTracing     ? wrap(fmt::format("No service that starts from now on will trace. {} To "
-                                           "restart it: quillmonctl trace off --restart",
-                                       kNotUndone),
-                           kWidth, 0)
-      : isRestarted ? "The service was restarted and does not trace.\n"
-                    : "The trace is off.\n");
-  return isTracing ? ExitCode::FoundWrong : ExitCode::Done;
 }
 
 const char* nameOf(Origin origin) {
@@ -143,7 +65,84 @@ Json lineJson(const std::string& line, Origin origin) {
                .substr(std::min<std::size_t>(parts.stamp.empty() ? 0 : 2, parts.lead.size()))}};
 }
 
-ExitCode follow(const Invocation& invocation, std::size_t lines) {
+} // namespace
+
+ExitCode switchTraceOn(bool json, bool untilSeen) {
+  const win::Handle event(CreateEventW(nullptr, TRUE, TRUE, kTraceEvent));
+  if (!event || !SetEvent(event.get())) {
+    failWin32("creating the event Global\\TRC_QUILLMON that enables the trace (CreateEvent)");
+  }
+  const Survey::Service service = surveyService();
+  if (untilSeen && !service.isRunning()) {
+    throw Failure("waiting for the service to trace: it does not run",
+                  "Start it: net start QuillmonServ");
+  }
+  const Survey::Trace trace = surveyTrace(service);
+  say(json, {{"on", true}, {"log", trace.log}},
+      fmt::format("The trace is enabled; the log is\n  {}\n{}", trace.log,
+                  trace.fileSizeLimit > 0
+                      ? ""
+                      : wrap("It grows without limit: BackupCount and FileSize in zontrace.cfg "
+                             "would bound it (docs/operations.md).",
+                             kWidth, 0)));
+  if (untilSeen) {
+    const ComLibrary com;
+    const ULONGLONG end = GetTickCount64() + kPatience;
+    while (!hasTraced(trace.log)) {
+      if (GetTickCount64() >= end) {
+        throw Failure("waiting for the service to trace: its log does not grow",
+                      "Check that the service runs and that its log can be written (quillmonctl "
+                      "status).",
+                      ExitCode::TimedOut);
+      }
+      Sleep(kLook);
+    }
+    say(json, {{"tracing", true}},
+        wrap(fmt::format("The service traces. {}", kNotUndone), kWidth, 0));
+    return ExitCode::Done;
+  }
+  console::printError(wrap(fmt::format("Held until Ctrl-C, for services that start meanwhile, too. "
+                                       "{}",
+                                       kNotUndone),
+                           kWidth, 0));
+  while (WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0) {
+    Sleep(kLook);
+  }
+  say(json, {{"on", false}}, "Somebody else has switched the trace off.\n");
+  return ExitCode::Done;
+}
+
+ExitCode switchTraceOff(bool json, bool restart) {
+  const ComLibrary com;
+  const win::Handle event(OpenEventW(EVENT_MODIFY_STATE, FALSE, kTraceEvent));
+  if (!event && GetLastError() != ERROR_FILE_NOT_FOUND) {
+    failWin32("opening the event Global\\TRC_QUILLMON (OpenEvent)");
+  }
+  if (event && !ResetEvent(event.get())) {
+    failWin32("resetting the event Global\\TRC_QUILLMON (ResetEvent)");
+  }
+  const Survey::Service service = surveyService();
+  const Survey::Trace trace = surveyTrace(service);
+  bool isTracing = service.isRunning() && hasTraced(trace.log);
+  bool isRestarted = false;
+  if (isTracing && restart) {
+    Service handle(SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP);
+    handle.stop();
+    handle.start();
+    isTracing = false;
+    isRestarted = true;
+  }
+  say(json, {{"on", false}, {"service_still_traces", isTracing}, {"restarted", isRestarted}},
+      isTracing     ? wrap(fmt::format("No service that starts from now on will trace. {} To "
+                                           "restart it: quillmonctl trace off --restart",
+                                       kNotUndone),
+                           kWidth, 0)
+      : isRestarted ? "The service was restarted and does not trace.\n"
+                    : "The trace is off.\n");
+  return isTracing ? ExitCode::FoundWrong : ExitCode::Done;
+}
+
+ExitCode followTrace(bool json, std::size_t lines) {
   const Survey::Trace trace = surveyTrace(surveyService());
   if (trace.rotationDeletes()) {
     throw Failure(fmt::format("following {}: rotation deletes the log (BackupCount is 0), and a "
@@ -168,48 +167,9 @@ ExitCode follow(const Invocation& invocation, std::size_t lines) {
     for (const std::string& line : arrived) {
       const Origin origin = origins.next(line);
       const std::string text = utf8FromAnsi(line.substr(0, line.size() - line.ends_with('\r')));
-      console::print(invocation.json ? dumpLine(lineJson(text, origin))
-                                     : shown(text, origin, colour) + "\n");
+      console::print(json ? dumpLine(lineJson(text, origin)) : shown(text, origin, colour) + "\n");
     }
   }
-}
-
-} // namespace
-
-void addTraceCommand(CLI::App& app, Invocation& invocation) {
-  struct Options {
-    bool untilSeen = false;
-    bool restart = false;
-    std::size_t lines = 10;
-  };
-  const auto options = std::make_shared<Options>();
-  CLI::App* const trace = app.add_subcommand("trace", "The service's trace log");
-  trace->require_subcommand(1);
-  trace->fallthrough();
-
-  CLI::App* const on = trace->add_subcommand("on", "Enable the trace, and hold it enabled");
-  on->add_flag("--until-seen", options->untilSeen,
-               "End as soon as the service traces; it then goes on by itself");
-  on->callback([&invocation, options] {
-    invocation.command = [&invocation, options] {
-      return switchOn(invocation, options->untilSeen);
-    };
-  });
-
-  CLI::App* const off = trace->add_subcommand(
-      "off", "Enable it no longer; exit code 3 if the running service goes on");
-  off->add_flag("--restart", options->restart, "Restart a service that goes on");
-  off->callback([&invocation, options] {
-    invocation.command = [&invocation, options] { return switchOff(invocation, options->restart); };
-  });
-
-  CLI::App* const following =
-      trace->add_subcommand("follow", "Print the log as it grows, through its rotation");
-  following->add_option("--lines", options->lines, "Begin with so many of its last lines")
-      ->capture_default_str();
-  following->callback([&invocation, options] {
-    invocation.command = [&invocation, options] { return follow(invocation, options->lines); };
-  });
 }
 
 } // namespace ctl

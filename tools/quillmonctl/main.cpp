@@ -1,6 +1,7 @@
-#include "device_server/Program.h"
+// quillmonctl: its command line, the one place that knows the library for that.
+
+#include "quillmonctl/Commands.h"
 #include "quillmonctl/Console.h"
-#include "quillmonctl/Invocation.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
 #include "win/CodeSearch.h"
@@ -11,6 +12,7 @@
 #include <shellapi.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -45,41 +47,135 @@ std::vector<std::string> arguments() {
   return result;
 }
 
-int run() {
-  Invocation invocation;
-  CLI::App app("Installs, looks after and asks the Quillmon service, which publishes a till's\n"
-               "devices to WMI.",
-               "quillmonctl");
+/// What the command line says. `command` runs once the whole line was understood.
+struct Request {
+  bool json = false;
+  unsigned timeout = 10;
+  unsigned listTimeout = 60;
+  unsigned seconds = 0;
+  unsigned count = 0;
+  std::size_t lines = 10;
+  bool untilSeen = false;
+  bool restart = false;
+  std::string device;
+  std::string key;
+  std::string value;
+  std::string archive;
+  SetupOptions setup;
+  std::function<ExitCode()> command;
+};
+
+void describe(CLI::App& app, Request& r) {
+  const auto add = [&r](CLI::App& above, const char* name, const char* what, auto action) {
+    CLI::App* const command = above.add_subcommand(name, what);
+    command->callback([&r, action] { r.command = action; });
+    return command;
+  };
+  const auto addGroup = [&app](const char* name, const char* what) {
+    CLI::App* const group = app.add_subcommand(name, what);
+    group->require_subcommand(1);
+    return group;
+  };
+
   app.set_version_flag("--version", "quillmonctl " QUILLMON_VERSION);
-  app.add_flag("--json", invocation.json, "For scripts: JSON instead of text");
-  app.fallthrough();
+  app.add_flag("--json", r.json, "For scripts: JSON instead of text");
+  app.fallthrough(); // and so do its commands
   app.require_subcommand(1);
   app.get_formatter()->column_width(13);
   app.footer(kFooter);
-  addStatusCommand(app, invocation);
-  addDeviceCommands(app, invocation);
-  addDoctorCommand(app, invocation);
-  addConfigCommand(app, invocation);
-  addTraceCommand(app, invocation);
-  addInstallCommands(app, invocation);
-  app.add_subcommand("simulate", "A till without hardware; simulate --help tells more");
-  for (CLI::App* const command : app.get_subcommands({})) {
-    command->fallthrough();
+
+  add(app, "status", "What is installed, running, configured and reachable",
+      [&r] { return showStatus(r.json, r.timeout); })
+      ->add_option("--timeout", r.timeout, "Seconds to wait for the provider's answer")
+      ->capture_default_str();
+
+  CLI::App* command = add(app, "devices", "List the till's devices",
+                          [&r] { return listDevices(r.json, r.device, r.listTimeout); });
+  command->add_option("CLASS", r.device, "Scanner or UPOS_Scanner; all devices without it");
+  command->add_option("--timeout", r.listTimeout, "Seconds to wait for the answer")
+      ->capture_default_str();
+
+  add(app, "get", "All properties of one device", [&r] { return getDevice(r.json, r.device); })
+      ->add_option("PATH", r.device,
+                   "SCANNER1, Scanner/SCANNER1, or a WMI object path: "
+                   "UPOS_Scanner.DeviceID=\"SCANNER1\"")
+      ->required();
+
+  command = add(app, "watch", "Device events as they happen, one a line",
+                [&r] { return watchDevices(r.json, r.seconds, r.count); });
+  command->add_option("--seconds", r.seconds, "End after so long; 0: never")->capture_default_str();
+  command
+      ->add_option("--count", r.count,
+                   "End after so many events; exit code 6 if fewer come in time")
+      ->capture_default_str();
+
+  command = add(app, "doctor", "Every check that support asks for, one verdict a line",
+                [&r] { return examine(r.json, r.timeout, r.archive); });
+  command->add_option("--timeout", r.timeout, "Seconds to wait for the provider's answer")
+      ->capture_default_str();
+  command->add_option("--archive", r.archive,
+                      "Pack status, configuration and logs into this ZIP file for support");
+
+  CLI::App& config = *addGroup("config", "The service's configuration file");
+  add(config, "check", "Look for nonsense; exit code 3 if there is some",
+      [&r] { return checkConfiguration(r.json); });
+  add(config, "show", "Every key, its value and where that came from",
+      [&r] { return showConfiguration(r.json); });
+  command = add(config, "set", "Change one key; comments are kept",
+                [&r] { return setConfiguration(r.json, r.key, r.value); });
+  command->add_option("KEY", r.key, "The key's name")->required();
+  command->add_option("VALUE", r.value, "Its new value")->required();
+
+  CLI::App& trace = *addGroup("trace", "The service's trace log");
+  add(trace, "on", "Enable the trace, and hold it enabled",
+      [&r] { return switchTraceOn(r.json, r.untilSeen); })
+      ->add_flag("--until-seen", r.untilSeen,
+                 "End as soon as the service traces; it then goes on by itself");
+  add(trace, "off", "Enable it no longer; exit code 3 if the running service goes on", [&r] {
+    return switchTraceOff(r.json, r.restart);
+  })->add_flag("--restart", r.restart, "Restart a service that goes on");
+  add(trace, "follow", "Print the log as it grows, through its rotation",
+      [&r] { return followTrace(r.json, r.lines); })
+      ->add_option("--lines", r.lines, "Begin with so many of its last lines")
+      ->capture_default_str();
+
+  const auto addSetup = [&](const char* name, const char* what, auto job) {
+    CLI::App* const setup = add(app, name, what, [&r, job] { return job(r.json, r.setup); });
+    setup->add_option("--mof-folder", r.setup.mofFolder,
+                      "Where quillmon.mof and quillmon-uninstall.mof are, if not beside "
+                      "quillmonctl.exe");
+    return setup;
+  };
+  command = addSetup("install", "Install and start the service, or change nothing", install);
+  command->add_option("--strategy", r.setup.strategy, "adapter or proxy")
+      ->check(CLI::IsMember({"adapter", "proxy"}).description(""))
+      ->capture_default_str();
+  command->add_option("--program", r.setup.program,
+                      "The service's program, if not quillmon.exe beside quillmonctl.exe");
+  addSetup("uninstall", "Remove the service and its WMI classes", uninstall);
+  addSetup("repair", "Renew the WMI classes and restart the service", repair)
+      ->add_flag("--keep-stopped", r.setup.keepsStopped, "Do not start a stopped service");
+}
+
+void parse(CLI::App& app, std::vector<std::string> words) {
+  const std::vector<CLI::App*> commands = app.get_subcommands({});
+  if (!words.empty() && !words[0].starts_with('-') &&
+      std::none_of(commands.begin(), commands.end(),
+                   [&](const CLI::App* command) { return command->get_name() == words[0]; })) {
+    throw CLI::ExtrasError({words[0]}); // else it would say that a command is missing
   }
+  std::reverse(words.begin(), words.end()); // as this library wants them
+  app.parse(std::move(words));
+}
+
+int run() {
+  Request request;
+  CLI::App app("Installs, looks after and asks the Quillmon service, which publishes a till's\n"
+               "devices to WMI.",
+               "quillmonctl");
+  describe(app, request);
   try {
-    std::vector<std::string> words = arguments();
-    if (!words.empty() && words[0] == "simulate") { // all that follows is the simulator's
-      words.erase(words.begin());
-      return till::runProgram("quillmonctl simulate", std::move(words));
-    }
-    const std::vector<CLI::App*> commands = app.get_subcommands({});
-    if (!words.empty() && !words[0].starts_with('-') &&
-        std::none_of(commands.begin(), commands.end(),
-                     [&](const CLI::App* command) { return command->get_name() == words[0]; })) {
-      throw CLI::ExtrasError({words[0]}); // else it would say that a command is missing
-    }
-    std::reverse(words.begin(), words.end()); // as this library wants them
-    app.parse(words);
+    parse(app, arguments());
   } catch (const CLI::ParseError& problem) {
     if (problem.get_exit_code() == 0) {
       return app.exit(problem); // help or version
@@ -89,9 +185,9 @@ int run() {
     return static_cast<int>(ExitCode::WrongCommandLine);
   }
   try {
-    return static_cast<int>(invocation.command());
+    return static_cast<int>(request.command());
   } catch (const Failure& failure) {
-    if (invocation.json) {
+    if (request.json) {
       console::print(toJson(failure));
     } else {
       console::printError(toText(failure));
