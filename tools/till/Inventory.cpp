@@ -1,7 +1,6 @@
-#include "device_server/Inventory.h"
+#include "till/Inventory.h"
 
-#include "device_server/Documents.h"
-#include "device_server/Xml.h"
+#include "till/Xml.h"
 
 #include <fmt/format.h>
 
@@ -21,6 +20,9 @@ namespace {
 /// Nobody's inventory is larger; a larger file is another file named by mistake.
 constexpr std::uintmax_t kLargestFile = std::uintmax_t{16} * 1024 * 1024;
 
+constexpr std::string_view kTypeWords[] = {"string",  "uint32",     "uint64",
+                                           "boolean", "ArrayInt32", "datetime"};
+
 class Reader {
 public:
   explicit Reader(const std::string& name) : name_(name) {}
@@ -30,9 +32,6 @@ public:
       fail(root, fmt::format("the root element is '{}', not 'till'", root.name));
     }
     allowAttributes(root, {"name"});
-    if (const std::string* name = root.attribute("name")) {
-      result_.till.name = *name;
-    }
     for (const XmlElement& child : root.children) {
       if (child.name != "device") {
         fail(child, fmt::format("'{}' has no place in 'till': 'device' is expected", child.name));
@@ -91,11 +90,11 @@ private:
     for (const XmlElement& child : element.children) {
       field(child, result);
     }
-    if (result.value("ManufacturerName").empty()) {
+    if (result.value(kMakerField).empty()) {
       warn(element,
            fmt::format("'{}' has no ManufacturerName: the service discards it", result.id));
     }
-    if (!result_.till.add(result)) {
+    if (!result_.add(result)) {
       fail(element, fmt::format("a second device '{}'", result.id));
     }
   }
@@ -113,10 +112,8 @@ private:
     if (result.name == kDeviceIdField) {
       fail(element, "DeviceID is given by the device's attribute 'id'");
     }
-    for (const Field& other : device.fields) {
-      if (other.name == result.name) {
-        fail(element, fmt::format("a second field '{}'", result.name));
-      }
+    if (device.field(result.name) != nullptr) {
+      fail(element, fmt::format("a second field '{}'", result.name));
     }
     if (!isTypeWord(result.type)) {
       warn(element, fmt::format("type word '{}' is unknown to the service: the value stays a text",
@@ -155,16 +152,51 @@ private:
 
 } // namespace
 
+std::string_view Device::category() const {
+  std::string_view name = className;
+  return name.starts_with(kClassPrefix) ? name.substr(kClassPrefix.size()) : name;
+}
+
+const Field* Device::field(std::string_view name) const {
+  const auto found = std::find_if(fields.begin(), fields.end(),
+                                  [&](const Field& each) { return each.name == name; });
+  return found == fields.end() ? nullptr : &*found;
+}
+
+std::string_view Device::value(std::string_view name) const {
+  const Field* const found = field(name);
+  return found == nullptr ? std::string_view() : std::string_view(found->value);
+}
+
+bool Inventory::add(Device device) {
+  if (!places_.emplace(device.id, devices_.size()).second) {
+    return false;
+  }
+  devices_.push_back(std::move(device));
+  return true;
+}
+
+Device* Inventory::find(const std::string& id) {
+  const auto found = places_.find(id);
+  return found == places_.end() ? nullptr : &devices_[found->second];
+}
+
+std::vector<const Device*> Inventory::attachedOf(std::string_view className) const {
+  std::vector<const Device*> result;
+  for (const Device& device : devices_) {
+    if (device.attached && (className == kEveryDevice || className == device.className)) {
+      result.push_back(&device);
+    }
+  }
+  return result;
+}
+
 Inventory readInventory(std::string_view document, const std::string& name) {
   try {
     return Reader(name).read(readXml(document));
   } catch (const XmlError& problem) {
     throw std::runtime_error(fmt::format("{}:{}: {}", name, problem.line(), problem.what()));
   }
-}
-
-Inventory loadInventory(const std::string& path) {
-  return readInventory(readFile(path), path);
 }
 
 std::string readFile(const std::string& path) {

@@ -1,7 +1,8 @@
 #pragma once
 
-#include "device_server/Till.h"
+#include "till/Inventory.h"
 
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -18,11 +19,6 @@ inline constexpr std::string_view kAddInstance = "addInstance";
 inline constexpr std::string_view kModifyInstance = "modifyInstance";
 inline constexpr std::string_view kDelInstance = "delInstance";
 
-inline constexpr std::string_view kDeviceIdField = "DeviceID";
-inline constexpr std::string_view kMakerField = "ManufacturerName";
-inline constexpr std::string_view kTypeWords[] = {"string",  "uint32",     "uint64",
-                                                  "boolean", "ArrayInt32", "datetime"};
-
 /// What is wrong with a request, in words for the log and for the error answer.
 class RequestError : public std::runtime_error {
 public:
@@ -35,13 +31,10 @@ struct Request {
   std::string id; ///< empty: the request has none
 };
 
-/// Any declaration is accepted: the bytes are UTF-8 whatever encoding it names, and only bytes that
-/// are no UTF-8 text are read as it says. Throws RequestError.
-Request readRequest(std::string_view document);
-
-/// As readRequest, for what comes on the event stream: throws RequestError unless the request is
-/// an update request. A class or an id in it is not looked at.
-void readUpdateRequest(std::string_view document);
+/// A request of one of these types, with the class and the id that its type needs. Any declaration
+/// is accepted: the bytes are UTF-8 whatever encoding it names, and only bytes that are no UTF-8
+/// text are read as it says. Throws RequestError.
+Request readRequest(std::string_view document, std::initializer_list<std::string_view> types);
 
 std::string responseDocument(const std::vector<const Device*>& devices);
 std::string errorDocument(std::string_view what);
@@ -53,20 +46,10 @@ inline constexpr std::string_view kEventDeclaration =
     "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>";
 inline constexpr std::string_view kEventEnd = "</event>";
 
-struct Event {
-  std::string type;
-  std::string classname;
-  std::string code;
-  std::string provider;
-  std::vector<Field> fields;
-};
-
-/// An event about a device. With all of its fields it is for a stream; a datagram has room for the
-/// two that are read there, DeviceID and ManufacturerName.
+/// A datagram has room for the two fields that are read there, DeviceID and ManufacturerName.
 enum class EventFields { DatagramOnly, All };
-Event deviceEvent(const Device& device, std::string_view type, std::string_view code,
-                  EventFields fields);
-/// From kEventDeclaration to kEventEnd.
-std::string eventDocument(const Event& event);
+/// An event about a device, from kEventDeclaration to kEventEnd.
+std::string eventDocument(const Device& device, std::string_view classname, std::string_view type,
+                          std::string_view code, EventFields fields);
 
 } // namespace till

@@ -1,4 +1,4 @@
-#include "device_server/Frame.h"
+#include "till/Frame.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,8 +1,7 @@
-#include "device_server/Simulator.h"
+#include "till/Till.h"
 
-#include "device_server/Documents.h"
-#include "device_server/Frame.h"
-#include "device_server/Xml.h"
+#include "till/Documents.h"
+#include "till/Xml.h"
 
 #include <fmt/format.h>
 
@@ -39,20 +38,22 @@ Misbehaviour parse(const Command& command, const std::vector<MisbehaviourHelp>& 
   }
 }
 
-} // namespace
-
-void Simulator::setPorts(std::uint16_t requestPort, std::uint16_t eventPort) {
-  requestPort_ = requestPort;
-  eventPort_ = eventPort;
+/// For the end of a log line.
+std::string suffix(const Misbehaviour& misbehaviour) {
+  return misbehaviour.word == "none" ? "" : fmt::format(" ({})", misbehaviour.text());
 }
 
-Delivery Simulator::answer(std::string_view text) {
-  const std::string fault =
-      misbehaviour_.word == "none" ? "" : fmt::format(" ({})", misbehaviour_.text());
+std::string counted(std::size_t count, std::string_view what) {
+  return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
+} // namespace
+
+Delivery Till::answer(std::string_view text) {
   try {
-    const Request request = readRequest(text);
+    const Request request = readRequest(text, {kEnumerateInstances, kGetInstance});
     ++requests_;
-    std::vector<const Device*> devices = till_.attachedOf(request.className);
+    std::vector<const Device*> devices = inventory_.attachedOf(request.className);
     if (request.type == kGetInstance) {
       std::erase_if(devices, [&](const Device* each) { return each->id != request.id; });
     }
@@ -65,68 +66,70 @@ Delivery Simulator::answer(std::string_view text) {
       const bool huge = misbehaviour_.word == "huge";
       const std::size_t count = huge ? misbehaviour_.number : devices.size();
       document = huge ? hugeDocument(request.className, count) : responseDocument(devices);
-      outcome = fmt::format("{} instance{}", count, count == 1 ? "" : "s");
+      outcome = counted(count, "instance");
     }
     log_.event(fmt::format("request {} {}{}{} -> {}, {} bytes{}", request.type,
                            printable(request.className), request.id.empty() ? "" : " ",
-                           printable(request.id), outcome, document.size(), fault));
+                           printable(request.id), outcome, document.size(), suffix(misbehaviour_)));
     return planAnswer(misbehaviour_, document);
   } catch (const RequestError& problem) {
     ++refusals_;
-    log_.event(fmt::format("request refused: {}{}", printable(problem.what()), fault));
+    log_.event(
+        fmt::format("request refused: {}{}", printable(problem.what()), suffix(misbehaviour_)));
     return planAnswer(misbehaviour_, errorDocument(problem.what()));
   }
 }
 
-void Simulator::connected() {
+Delivery Till::refuse(std::string_view why) {
+  ++refusals_;
+  log_.event(fmt::format("request refused: {}", printable(why)));
+  return planAnswer({}, errorDocument(why));
+}
+
+void Till::dropped(std::string_view why) {
+  log_.event(fmt::format("connection dropped: {}", why));
+}
+
+void Till::connected() {
   heldBack_.clear(); // those were for the connection before
   log_.event(fmt::format("inventory -> {}", sendAll(kAddInstance)));
 }
 
-void Simulator::update(std::string_view request) {
+void Till::update(std::string_view request) {
   try {
-    readUpdateRequest(request);
+    readRequest(request, {kUpdateInstances});
     ++requests_;
     // Not addInstance: the service would list a device that it knows once more, and a later
     // delInstance would not remove it. Without a code it takes the fields over and tells nobody.
     log_.event(fmt::format("request updateInstances -> {}", sendAll(kModifyInstance)));
   } catch (const RequestError& problem) {
-    refused(printable(problem.what()));
+    refuse(problem.what());
   }
 }
 
-void Simulator::refused(std::string_view why) {
-  ++refusals_;
-  log_.event(fmt::format("request refused: {}", why));
+std::string Till::counts() const {
+  return fmt::format("{} devices ({} attached)", inventory_.devices().size(),
+                     inventory_.attachedCount());
 }
 
-void Simulator::dropped(std::string_view why) {
-  log_.event(fmt::format("connection dropped: {}", why));
-}
-
-Delivery Simulator::refusal(std::string_view why) {
-  return planAnswer({}, errorDocument(why));
-}
-
-Device& Simulator::device(const std::string& id) {
-  Device* found = till_.find(id);
+Device& Till::device(const std::string& id) {
+  Device* found = inventory_.find(id);
   if (found == nullptr) {
     throw CommandError(fmt::format("unknown device '{}' (list shows the devices)", printable(id)));
   }
   return *found;
 }
 
-void Simulator::check(const Command& command) {
-  const bool proxy = settings_.strategy == Strategy::Proxy;
+void Till::check(const Command& command) {
   if (command.word == "misbehave") {
-    if (proxy) {
+    if (settings_.isProxy) {
       throw CommandError("nothing is answered in the proxy role: misbehave-events is its command");
     }
     parse(command, answerMisbehaviours());
   } else if (command.word == "misbehave-events") {
     parse(command, eventFaults());
   } else if (command.word == "disconnect" || command.word == "reconnect") {
-    if (!proxy) {
+    if (!settings_.isProxy) {
       throw CommandError("there is no connection in the adapter role");
     }
   } else if (command.word != "wait" && !command.arguments.empty()) {
@@ -139,32 +142,24 @@ void Simulator::check(const Command& command) {
   }
 }
 
-void Simulator::execute(const Command& command) {
+void Till::execute(const Command& command) {
   check(command);
   const std::string& word = command.word;
   const auto argument = [&](std::size_t i) {
     return i < command.arguments.size() ? command.arguments[i] : std::string();
   };
-  if (word == "attach") {
+  if (word == "attach" || word == "change" || word == "detach") {
     Device& target = device(argument(0));
-    if (target.attached) {
-      throw CommandError(fmt::format("'{}' is attached already", target.id));
+    if (target.attached == (word == "attach")) {
+      throw CommandError(fmt::format("'{}' is {}", target.id,
+                                     target.attached ? "attached already" : "not attached"));
     }
-    target.attached = true;
-    sendEvent(target, kAddInstance, "");
-  } else if (word == "change") {
-    Device& target = device(argument(0));
-    if (!target.attached) {
-      throw CommandError(fmt::format("'{}' is not attached", target.id));
-    }
-    sendEvent(target, kModifyInstance, argument(1));
-  } else if (word == "detach") {
-    Device& target = device(argument(0));
-    if (!target.attached) {
-      throw CommandError(fmt::format("'{}' is not attached", target.id));
-    }
-    target.attached = false;
-    sendEvent(target, kDelInstance, "");
+    target.attached = word != "detach";
+    sendEvent(target,
+              word == "attach"   ? kAddInstance
+              : word == "change" ? kModifyInstance
+                                 : kDelInstance,
+              argument(1));
   } else if (word == "event") {
     sendEvent(device(argument(0)), argument(1), argument(2));
   } else if (word == "set") {
@@ -189,65 +184,62 @@ void Simulator::execute(const Command& command) {
   } else if (word == "help") {
     log_.say(commandHelp());
   } else {
-    throw std::logic_error("not a command of the simulator: " + word);
+    throw std::logic_error("not a command of the till: " + word);
   }
 }
 
-const std::vector<MisbehaviourHelp>& Simulator::eventFaults() const {
-  return settings_.strategy == Strategy::Proxy ? streamMisbehaviours() : eventMisbehaviours();
+const std::vector<MisbehaviourHelp>& Till::eventFaults() const {
+  return settings_.isProxy ? streamMisbehaviours() : eventMisbehaviours();
 }
 
-/// For the end of a log line.
-std::string Simulator::eventFault() const {
-  return eventMisbehaviour_.word == "none" ? "" : fmt::format(" ({})", eventMisbehaviour_.text());
+std::string_view Till::classnameOf(const Device& device) const {
+  return settings_.wholeClassname ? std::string_view(device.className) : device.category();
 }
 
-Event Simulator::eventOf(const Device& device, std::string_view type, std::string_view code) const {
-  Event event = deviceEvent(device, type, code,
-                            settings_.strategy == Strategy::Proxy ? EventFields::All
-                                                                  : EventFields::DatagramOnly);
-  if (settings_.wholeClassname) {
-    event.classname = device.className;
-  }
-  return event;
+std::string Till::eventDocumentOf(const Device& device, std::string_view type,
+                                  std::string_view code) const {
+  return eventDocument(device, classnameOf(device), type, code,
+                       settings_.isProxy ? EventFields::All : EventFields::DatagramOnly);
 }
 
-void Simulator::sendEvent(const Device& device, std::string_view type, std::string_view code) {
-  const Event event = eventOf(device, type, code);
-  std::string document = eventDocument(event);
+void Till::sendEvent(const Device& device, std::string_view type, std::string_view code) {
+  std::string document = eventDocumentOf(device, type, code);
   std::size_t bytes = document.size();
-  const std::string fault = eventFault();
-  if (settings_.strategy == Strategy::Proxy) {
+  const std::string fault = suffix(eventMisbehaviour_);
+  if (settings_.isProxy) {
     sendToStream(std::move(document));
   } else {
     bytes = sendDatagrams(document);
   }
   ++eventsSent_;
-  log_.event(fmt::format("event {} {} {}{}{}, {} bytes{}", event.type, event.classname, device.id,
-                         event.code.empty() ? "" : " code ", event.code, bytes, fault));
-  if (settings_.strategy == Strategy::Adapter && fault.empty() && bytes > kLongestDatagram) {
+  log_.event(fmt::format("event {} {} {}{}{}, {} bytes{}", type, classnameOf(device), device.id,
+                         code.empty() ? "" : " code ", code, bytes, fault));
+  if (!settings_.isProxy && fault.empty() && bytes > kLongestDatagram) {
     log_.error(fmt::format("the event has {} bytes: the service loses datagrams of more than {}",
                            bytes, kLongestDatagram));
   }
 }
 
-std::size_t Simulator::sendDatagrams(const std::string& document) {
-  std::size_t bytes = 0;
+void Till::hand(Delivery delivery) {
   try {
-    for (std::string& datagram : planEvent(eventMisbehaviour_, document)) {
-      const std::size_t size = datagram.size();
-      Delivery delivery;
-      delivery.bytes = std::move(datagram);
-      events_.send(std::move(delivery));
-      bytes += size;
-    }
+    events_.send(std::move(delivery));
   } catch (const std::system_error& problem) {
     throw CommandError(fmt::format("the event was not sent: {}", problem.code().message()));
+  }
+}
+
+std::size_t Till::sendDatagrams(const std::string& document) {
+  std::size_t bytes = 0;
+  for (std::string& datagram : planEvent(eventMisbehaviour_, document)) {
+    bytes += datagram.size();
+    Delivery delivery;
+    delivery.bytes = std::move(datagram);
+    hand(std::move(delivery));
   }
   return bytes;
 }
 
-void Simulator::sendToStream(std::string document) {
+void Till::sendToStream(std::string document) {
   if (!events_.isConnected()) {
     throw CommandError("the event was not sent: the service is not connected");
   }
@@ -257,16 +249,11 @@ void Simulator::sendToStream(std::string document) {
   }
 }
 
-void Simulator::flush() {
+void Till::flush() {
   if (heldBack_.empty()) {
     return;
   }
-  const std::vector<std::string> documents = std::exchange(heldBack_, {});
-  try {
-    events_.send(planStream(eventMisbehaviour_, documents));
-  } catch (const std::system_error& problem) {
-    throw CommandError(fmt::format("the event was not sent: {}", problem.code().message()));
-  }
+  hand(planStream(eventMisbehaviour_, std::exchange(heldBack_, {})));
   if (endsStream(eventMisbehaviour_)) {
     eventMisbehaviour_ = {};
   }
@@ -274,12 +261,12 @@ void Simulator::flush() {
 
 /// An event for each attached device; what is held back goes out with the last of them. The words
 /// for the log.
-std::string Simulator::sendAll(std::string_view type) {
-  const std::string fault = eventFault();
+std::string Till::sendAll(std::string_view type) {
+  const std::string fault = suffix(eventMisbehaviour_);
   std::size_t count = 0;
   try {
-    for (const Device* each : till_.attachedOf(kEveryDevice)) {
-      sendToStream(eventDocument(eventOf(*each, type, "")));
+    for (const Device* each : inventory_.attachedOf(kEveryDevice)) {
+      sendToStream(eventDocumentOf(*each, type, ""));
       ++count;
     }
     flush();
@@ -287,10 +274,10 @@ std::string Simulator::sendAll(std::string_view type) {
     log_.error(problem.what());
   }
   eventsSent_ += count;
-  return fmt::format("{} event{}{}", count, count == 1 ? "" : "s", fault);
+  return counted(count, "event") + fault;
 }
 
-void Simulator::set(Device& device, const std::string& field, const std::string& value) {
+void Till::set(Device& device, const std::string& field, const std::string& value) {
   if (field == kDeviceIdField) {
     throw CommandError("a device's id cannot be changed");
   }
@@ -307,26 +294,26 @@ void Simulator::set(Device& device, const std::string& field, const std::string&
   log_.event(fmt::format("set {} {} = {}", device.id, field, value));
 }
 
-void Simulator::list() {
-  for (const Device& each : till_.devices()) {
+void Till::list() {
+  for (const Device& each : inventory_.devices()) {
     log_.say(fmt::format("{:<8} {:<24} {:<16} {}", each.attached ? "attached" : "detached",
                          each.className, each.id, each.value(kMakerField)));
   }
 }
 
-void Simulator::status() {
-  if (settings_.strategy == Strategy::Proxy) {
+void Till::status() {
+  std::string connection;
+  if (settings_.isProxy) {
     log_.say(fmt::format("update requests: {} answered, {} refused", requests_, refusals_));
-    log_.say(fmt::format("events to 127.0.0.1:{} ({}): {} sent; events: {}", eventPort_,
-                         events_.isConnected() ? "connected" : "not connected", eventsSent_,
-                         eventMisbehaviour_.text()));
+    connection = events_.isConnected() ? " (connected)" : " (not connected)";
   } else {
     log_.say(fmt::format("requests on 127.0.0.1:{}: {} answered, {} refused; answers: {}",
-                         requestPort_, requests_, refusals_, misbehaviour_.text()));
-    log_.say(fmt::format("events to 127.0.0.1:{}: {} sent; events: {}", eventPort_, eventsSent_,
-                         eventMisbehaviour_.text()));
+                         settings_.requestPort, requests_, refusals_, misbehaviour_.text()));
   }
-  log_.say(fmt::format("{} devices, {} attached", till_.devices().size(), till_.attachedCount()));
+  log_.say(fmt::format("events to 127.0.0.1:{}{}: {} sent; events: {}", settings_.eventPort,
+                       connection, eventsSent_, eventMisbehaviour_.text()));
+  log_.say(fmt::format("{} devices, {} attached", inventory_.devices().size(),
+                       inventory_.attachedCount()));
 }
 
 } // namespace till

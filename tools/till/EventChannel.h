@@ -1,6 +1,6 @@
 #pragma once
 
-#include "device_server/Delivery.h"
+#include "till/Delivery.h"
 
 #include <asio.hpp>
 
@@ -28,10 +28,15 @@ public:
 
 /// Datagrams to the event port on this machine. Nobody need listen there: a datagram to a closed
 /// port is lost without a sign.
-class DatagramEventChannel : public EventChannel {
+class EventDatagrams : public EventChannel {
 public:
-  DatagramEventChannel(asio::io_context& context, std::uint16_t port);
-  void send(Delivery delivery) override;
+  EventDatagrams(asio::io_context& context, std::uint16_t port)
+      : socket_(context, {asio::ip::address_v4::loopback(), 0}),
+        receiver_(asio::ip::address_v4::loopback(), port) {}
+
+  void send(Delivery delivery) override {
+    socket_.send_to(asio::buffer(delivery.bytes), receiver_);
+  }
 
 private:
   asio::ip::udp::socket socket_;

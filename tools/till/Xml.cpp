@@ -1,4 +1,4 @@
-#include "device_server/Xml.h"
+#include "till/Xml.h"
 
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/sax/Locator.hpp>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "device_server/EventChannel.h"
-#include "device_server/Log.h"
+#include "till/EventChannel.h"
+#include "till/Log.h"
 
 #include <asio.hpp>
 

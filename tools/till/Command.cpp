@@ -1,4 +1,4 @@
-#include "device_server/Command.h"
+#include "till/Command.h"
 
 #include <fmt/format.h>
 

@@ -1,9 +1,10 @@
-#include "device_server/Documents.h"
+#include "till/Documents.h"
 
-#include "device_server/Xml.h"
+#include "till/Xml.h"
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <iterator>
 
 namespace till {
@@ -22,8 +23,9 @@ std::string textOf(const XmlElement& parent, std::string_view child) {
   return element == nullptr ? std::string() : element->text;
 }
 
-/// Whatever has a type, of any kind.
-Request readAnyRequest(std::string_view document) {
+} // namespace
+
+Request readRequest(std::string_view document, std::initializer_list<std::string_view> types) {
   XmlElement root;
   try {
     root = readXml(document, isXmlText(document) ? "UTF-8" : "");
@@ -38,34 +40,16 @@ Request readAnyRequest(std::string_view document) {
   if (request.type.empty()) {
     throw RequestError("malformed request: no type");
   }
-  return request;
-}
-
-[[noreturn]] void refuseType(const Request& request) {
-  throw RequestError(fmt::format("unknown request type '{}'", request.type));
-}
-
-} // namespace
-
-Request readRequest(std::string_view document) {
-  Request request = readAnyRequest(document);
-  if (request.type != kEnumerateInstances && request.type != kGetInstance) {
-    refuseType(request);
+  if (std::find(types.begin(), types.end(), request.type) == types.end()) {
+    throw RequestError(fmt::format("unknown request type '{}'", request.type));
   }
-  if (request.className.empty()) {
+  if (request.className.empty() && request.type != kUpdateInstances) {
     throw RequestError(fmt::format("malformed request: {} without a class", request.type));
   }
-  if (request.type == kGetInstance && request.id.empty()) {
+  if (request.id.empty() && request.type == kGetInstance) {
     throw RequestError("malformed request: getInstance without an id");
   }
   return request;
-}
-
-void readUpdateRequest(std::string_view document) {
-  const Request request = readAnyRequest(document);
-  if (request.type != kUpdateInstances) {
-    refuseType(request);
-  }
 }
 
 std::string responseDocument(const std::vector<const Device*>& devices) {
@@ -103,27 +87,18 @@ std::string hugeDocument(std::string_view className, std::size_t count) {
   return out;
 }
 
-Event deviceEvent(const Device& device, std::string_view type, std::string_view code,
-                  EventFields fields) {
-  Event event{
-      std::string(type), std::string(device.category()), std::string(code), device.className, {}};
-  event.fields.push_back({std::string(kDeviceIdField), "string", device.id});
-  for (const Field& field : device.fields) {
-    if (fields == EventFields::All || field.name == kMakerField) {
-      event.fields.push_back(field);
-    }
-  }
-  return event;
-}
-
-std::string eventDocument(const Event& event) {
+std::string eventDocument(const Device& device, std::string_view classname, std::string_view type,
+                          std::string_view code, EventFields fields) {
   std::string out(kEventDeclaration);
   fmt::format_to(std::back_inserter(out),
                  R"(<event type="{}" classname="{}" modifyInstanceCode="{}" provider="{}">)",
-                 escapeXml(event.type), escapeXml(event.classname), escapeXml(event.code),
-                 escapeXml(event.provider));
-  for (const Field& field : event.fields) {
-    appendField(out, field.name, field.type, field.value);
+                 escapeXml(type), escapeXml(classname), escapeXml(code),
+                 escapeXml(device.className));
+  appendField(out, kDeviceIdField, "string", device.id);
+  for (const Field& field : device.fields) {
+    if (fields == EventFields::All || field.name == kMakerField) {
+      appendField(out, field.name, field.type, field.value);
+    }
   }
   out += kEventEnd;
   return out;

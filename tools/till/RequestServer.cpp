@@ -1,6 +1,6 @@
-#include "device_server/RequestServer.h"
+#include "till/RequestServer.h"
 
-#include "device_server/Frame.h"
+#include "till/Frame.h"
 
 #include <fmt/format.h>
 
@@ -14,10 +14,10 @@ using asio::ip::tcp;
 /// One connection; keeps itself alive through the handlers that wait for it.
 class RequestServer::Session : public std::enable_shared_from_this<Session> {
 public:
-  Session(tcp::socket socket, std::chrono::milliseconds timeout, Simulator& simulator,
+  Session(tcp::socket socket, std::chrono::milliseconds timeout, Till& till,
           std::shared_ptr<std::size_t> connections)
       : socket_(std::move(socket)), deadline_(socket_.get_executor()),
-        pace_(socket_.get_executor()), timeout_(timeout), simulator_(simulator),
+        pace_(socket_.get_executor()), timeout_(timeout), till_(till),
         connections_(std::move(connections)) {
     ++*connections_;
   }
@@ -44,7 +44,7 @@ private:
         return;
       }
       if (complaint != nullptr) {
-        self->simulator_.dropped(complaint);
+        self->till_.dropped(complaint);
       }
       self->close();
     });
@@ -60,19 +60,17 @@ private:
   void received(asio::error_code problem, std::size_t count) {
     if (problem) {
       if (problem != asio::error::operation_aborted) {
-        simulator_.dropped(scanner_.started() ? "it ended within the request"
-                                              : "it ended without a request");
+        till_.dropped(scanner_.started() ? "it ended within the request"
+                                         : "it ended without a request");
       }
       close();
       return;
     }
     const std::optional<std::string> request = scanner_.feed(std::string_view(area_.data(), count));
     if (scanner_.fed() > kLargestRequest) {
-      constexpr const char* kTooLarge = "larger than 1 MiB";
-      simulator_.refused(kTooLarge);
-      deliver(Simulator::refusal(kTooLarge));
+      deliver(till_.refuse("larger than 1 MiB"));
     } else if (request) {
-      deliver(simulator_.answer(*request));
+      deliver(till_.answer(*request));
     } else {
       read();
     }
@@ -158,7 +156,7 @@ private:
   asio::steady_timer deadline_;
   asio::steady_timer pace_;
   std::chrono::milliseconds timeout_;
-  Simulator& simulator_;
+  Till& till_;
   std::shared_ptr<std::size_t> connections_;
   std::array<char, 4096> area_{};
   FrameScanner scanner_;
@@ -167,10 +165,8 @@ private:
 };
 
 RequestServer::RequestServer(asio::io_context& context, std::uint16_t port,
-                             std::chrono::milliseconds requestTimeout, Simulator& simulator,
-                             Log& log)
-    : acceptor_(context), pause_(context), requestTimeout_(requestTimeout), simulator_(simulator),
-      log_(log) {
+                             std::chrono::milliseconds requestTimeout, Till& till, Log& log)
+    : acceptor_(context), pause_(context), requestTimeout_(requestTimeout), till_(till), log_(log) {
   const tcp::endpoint endpoint(asio::ip::address_v4::loopback(), port);
   acceptor_.open(endpoint.protocol());
 #ifdef _WIN32
@@ -204,10 +200,9 @@ void RequestServer::accept() {
       return;
     }
     if (*connections_ >= kMostConnections) {
-      simulator_.dropped("too many at once");
+      till_.dropped("too many at once");
     } else {
-      std::make_shared<Session>(std::move(socket), requestTimeout_, simulator_, connections_)
-          ->start();
+      std::make_shared<Session>(std::move(socket), requestTimeout_, till_, connections_)->start();
     }
     accept();
   });

@@ -1,7 +1,7 @@
-#include "device_server/Delivery.h"
+#include "till/Delivery.h"
 
-#include "device_server/Documents.h"
-#include "device_server/Frame.h"
+#include "till/Documents.h"
+#include "till/Frame.h"
 
 #include <fmt/format.h>
 

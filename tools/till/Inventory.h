@@ -8,6 +8,9 @@
 
 namespace till {
 
+inline constexpr std::string_view kDeviceIdField = "DeviceID";
+inline constexpr std::string_view kMakerField = "ManufacturerName";
+
 /// One property of a device as it travels: name, type word, value. All texts are UTF-8.
 struct Field {
   std::string name;
@@ -23,25 +26,29 @@ struct Device {
 
   /// The UnifiedPOS category: the class name without "UPOS_".
   std::string_view category() const;
+  /// Null when the device has no such field.
+  const Field* field(std::string_view name) const;
   /// Empty when the device has no such field.
-  std::string_view value(std::string_view field) const;
+  std::string_view value(std::string_view name) const;
 };
 
 /// The class that every device belongs to besides its own.
 inline constexpr std::string_view kEveryDevice = "UPOS_LogicalDevice";
 inline constexpr std::string_view kClassPrefix = "UPOS_";
 
-/// The devices of one till, in the order of the inventory; ids are unique. One thread at a time.
-class Till {
+/// The devices of one till, in the order of their file; ids are unique. One thread at a time.
+class Inventory {
 public:
-  std::string name;
+  /// What will not work as it stands (an unknown type word, a device that the service discards),
+  /// each "NAME:LINE: text".
+  std::vector<std::string> warnings;
 
   /// False, and nothing is added, when the id is taken.
   bool add(Device device);
   /// Null when there is no such device.
   Device* find(const std::string& id);
   const std::vector<Device>& devices() const { return devices_; }
-  std::size_t attachedCount() const;
+  std::size_t attachedCount() const { return attachedOf(kEveryDevice).size(); }
 
   /// The attached devices of a class, in order; `kEveryDevice` gives all of them.
   std::vector<const Device*> attachedOf(std::string_view className) const;
@@ -50,5 +57,19 @@ private:
   std::vector<Device> devices_;
   std::unordered_map<std::string, std::size_t> places_; ///< in devices_, by id
 };
+
+/// Reads an inventory document:
+///
+///   <till name="Till 7">
+///     <device class="UPOS_Scanner" id="SCANNER1" attached="true">
+///       <field name="ManufacturerName" type="string">Veltran</field>
+///     </device>
+///   </till>
+///
+/// `name` stands before each message. Throws std::runtime_error "NAME:LINE: text".
+Inventory readInventory(std::string_view document, const std::string& name);
+
+/// A whole file. Throws std::runtime_error "PATH: reason".
+std::string readFile(const std::string& path);
 
 } // namespace till

@@ -1,6 +1,6 @@
-#include "device_server/EventStream.h"
+#include "till/EventStream.h"
 
-#include "device_server/Frame.h"
+#include "till/Frame.h"
 
 #include <fmt/format.h>
 
