@@ -1,6 +1,6 @@
 """A soak: the installed service under a steady mixed load, watched from outside. See scripts/soak.
 
-What is counted: each call of a WMI client against what the simulated till answered and what the
+What is counted: each call of a WMI client against what the till answered and what the
 service says it was asked, each event that the till sent against what a subscriber received. What is
 sampled: the service's process, its memory as Linux sees it, its handles as the system's table of
 all handles lists them. Both have to stay: the verdict at the end is the growth after the warm-up, fitted
@@ -27,10 +27,8 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "system"))
 
-from clients import EVENT, FAILED, OK, counters, status_of, table  # noqa: E402
-from machine import (BUILD, ROOT, SERVICE, Till, WmiClient, bound_datagram_ports,  # noqa: E402
-                     temporary_machine, wait_until)
-from peer import framed, reset  # noqa: E402
+from machine import BUILD, ROOT, Till, WmiClient, temporary_machine, wait_until  # noqa: E402
+from peers import EVENT, FAILED, OK, counters, framed, reset, status_of, table  # noqa: E402
 from ports import reserve_port  # noqa: E402
 
 REGISTRY = "HKLM\\SOFTWARE\\Veltran\\Veltran Kestrune"
@@ -70,8 +68,8 @@ class Subscriber:
             self.received.append(tuple(event))
 
 
-class DeviceServer:
-    """The simulated till, which is restarted from time to time, and what it did in all its lives."""
+class RestartedTill:
+    """The till, which is restarted from time to time, and what it did in all its lives."""
 
     def __init__(self, machine, strategy, requests, events):
         self.machine, self.strategy = machine, strategy
@@ -319,15 +317,9 @@ def start_service(machine, strategy):
     machine.set_registry(REGISTRY, "INSTALLDIR", "C:\\Veltran\\")
     machine.switch_trace_on()
     machine.install_service()
-    machine.end_service()
     if strategy == "proxy":
-        done = machine.run(
-            str(BUILD / "service_config.exe"), SERVICE, "C:/Quillmon/quillmon.exe -o")
-        assert done.returncode == 0, done.err
-    assert machine.run("sc", "start", SERVICE).returncode == 0
-    wait_until(lambda: machine.service_state() == "RUNNING", "the service to run")
-    if strategy == "adapter":
-        wait_until(lambda: events in bound_datagram_ports(), "the event port to be opened")
+        machine.choose_proxy_strategy()
+    machine.restart_service(events)
     return requests, events, folder / "Log" / "Quillmon.log"
 
 
@@ -396,7 +388,7 @@ class Verdict:
 def soak(machine, strategy, seconds, folder):
     requests, events, log = start_service(machine, strategy)
     subscriber = Subscriber(machine)
-    server = DeviceServer(machine, strategy, requests if strategy == "adapter" else None, events)
+    server = RestartedTill(machine, strategy, requests if strategy == "adapter" else None, events)
 
     lost = 0  # given up; named at the end
 

@@ -8,8 +8,8 @@ import subprocess
 
 import pytest
 
-from machine import BUILD, bound_datagram_ports, listening_ports, wait_until
-from peer import Peer, device, framed, response
+from machine import BUILD, wait_until
+from peers import Peer, device, framed, response
 from ports import reserve_port
 
 MEMORY_FUNCTIONS = {"malloc", "calloc", "SysAllocString", "SysAllocStringLen"}
@@ -249,21 +249,17 @@ def configure_trace(machine, settings):
     (machine.c / "POS" / "zontrace.cfg").write_text(settings)
 
 
-def listening(machine):
-    return machine.events in bound_datagram_ports() | listening_ports()
-
-
 def kill(machine):
     """Ends the program; returns once its event port, which the next one will have, is closed."""
     machine.faults.kill()
     if machine.service_process() is None:  # which would have it open
-        wait_until(lambda: not listening(machine), "the event port to be closed")
+        wait_until(lambda: not machine.has_event_port(machine.events), "its port to be closed")
 
 
 def start(machine, *options):
     """The program, ready for whatever comes."""
     machine.faults.start(*options)
-    wait_until(lambda: listening(machine), "the event port to be opened")
+    machine.wait_for_event_port(machine.events)
 
 
 @pytest.fixture(scope="module")

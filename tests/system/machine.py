@@ -232,8 +232,8 @@ class Machine:
     # -- the device server
 
     def start_till(self, *arguments, inventory=ROOT / "samples" / "till.xml"):
-        """Starts the simulated device server on ports of this machine's own, and configures the
-        service for them."""
+        """Starts quillmon-till on ports of this machine's own, and configures the service for
+        them."""
         requests, events = reserve_port(), reserve_port()
         self.configure(upos__requestSocket__Port=requests, provider__eventSocket__Port=events)
         return Till(self, requests, events, inventory, arguments)
@@ -343,12 +343,36 @@ class Machine:
             wait_until(lambda: self.service_process() is None, "the service's process to end")
 
     def restart_service(self, event_port):
-        """Starts the service, after its end if it runs; returns once it has opened its event port,
-        which is the last step of its start."""
+        """Starts the service, after its end if it runs; returns once its event port is open."""
         self.end_service()
         done = self.run("sc", "start", SERVICE)
         assert done.returncode == 0, done.out + done.err
-        wait_until(lambda: event_port in bound_datagram_ports(), "the event port to be opened")
+        self.wait_for_event_port(event_port)
+
+    @staticmethod
+    def has_event_port(port):
+        """Whether that port is open, for datagrams or for connections, by whatever process."""
+        return port in bound_datagram_ports() | listening_ports()
+
+    def wait_for_event_port(self, port):
+        """Returns once the service has opened its event port, the last step of its start; that it
+        runs it says before it has begun."""
+        wait_until(lambda: self.has_event_port(port), "the event port to be opened")
+
+    def choose_proxy_strategy(self):
+        """Has the installed service start with -o from now on. Wine's own sc has no "config"."""
+        done = self.run(str(BUILD / "service_config.exe"), SERVICE, f"{self.service_path} -o")
+        assert done.returncode == 0, done.err
+
+    def start_proxy_service(self, **keys):
+        """Has the service start in the proxy strategy, on a port that is returned."""
+        port = reserve_port()
+        self.configure(provider__eventSocket__Port=port, **keys)
+        if self.service_state() is None:
+            self.install_service()
+            self.choose_proxy_strategy()
+        self.restart_service(port)
+        return port
 
     # -- the trace
 
@@ -399,7 +423,7 @@ class WmiClient:
 
 
 class Till:
-    """The simulated device server, taking commands as if typed at it."""
+    """quillmon-till, taking commands as if typed at it."""
 
     def __init__(self, machine, requests, events, inventory, arguments):
         self.requests, self.events = requests, events

@@ -4,13 +4,11 @@ from collections import namedtuple
 
 import pytest
 
-from clients import OK, event, fetched, listing, plain
-from clients import published as published_datagrams
 from faults import Faults
-from machine import BUILD, bound_datagram_ports, listening_ports, temporary_machine, wait_until
-from peer import Peer, device, framed, response
+from machine import BUILD, temporary_machine
+from peers import (OK, DeviceServer, Peer, device, document, event, fetched, framed, listing, plain,
+                   published, published_in_stream, response)
 from ports import reserve_port
-from test_proxy import DeviceServer, document, published
 
 Page = namedtuple("Page", "locale codec text")
 PAGES = {
@@ -59,7 +57,7 @@ def adapter(machine, page, program):
         machine.configure(
             upos__requestSocket__Port=peer.port, provider__eventSocket__Port=events)
         program("-d")
-        wait_until(lambda: events in bound_datagram_ports(), "the event port to be opened")
+        machine.wait_for_event_port(events)
         yield Adapter(machine, peer, events)
 
 
@@ -81,7 +79,7 @@ def test_a_list_an_object_and_an_event_name_a_device_alike(adapter, page):
     found = fetched(machine, f'UPOS_Scanner.DeviceID="{page.text}"')
     assert (found["DeviceID"], found["ModelName"]) == (page.text, page.text)
     watcher = machine.watch_events()
-    assert published_datagrams(adapter, watcher, event(page.text), event(
+    assert published(adapter, watcher, event(page.text), event(
         page.text, kind=page.text, cls=page.text, code=page.text)) == [
         plain(page.text), (page.text,) * 4]
     watcher.kill()
@@ -111,7 +109,7 @@ def port(machine, program):
     machine.configure(provider__eventSocket__Port=port)
     program("-O")
     # A subscription that is made before the program has registered misses its first events.
-    wait_until(lambda: port in listening_ports(), "the event port to be opened")
+    machine.wait_for_event_port(port)
     return port
 
 
@@ -119,7 +117,7 @@ def test_in_the_proxy_strategy_a_list_an_object_and_an_event_name_a_device_alike
         machine, port, page):
     watcher = machine.watch_events()
     with DeviceServer(port) as server:
-        assert published(server, watcher, document(page.text)) == [
+        assert published_in_stream(server, watcher, document(page.text)) == [
             (page.text, "addInstance", "")]
         assert listing(machine, "UPOS_LogicalDevice", "DeviceID", "ManufacturerName")[0] == [
             {"DeviceID": page.text, "ManufacturerName": "Veltran"}]

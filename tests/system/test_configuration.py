@@ -8,10 +8,9 @@ import time
 import pytest
 
 from machine import BUILD, SERVICE, wait_until
-from peer import Peer
+from peers import FAILED, Peer
 from ports import reserve_port, reserve_this_port
 
-FAILED = "0x80041001"
 REQUEST_PORT, EVENT_PORT = 42115, 42114  # where nothing else is configured
 THREADS = "provider.maxQueryThreads"
 EVENTS = "provider.eventSocket.Port"

@@ -5,18 +5,15 @@ service answers the next one.
 """
 
 import contextlib
-import re
 import socket
 import threading
 import time
 
 import pytest
 
-from attacks import PLACES, Watched, expansion
-from clients import FAILED
 from machine import wait_until
-from peer import BS, ESC, NORMAL, Peer, device, framed, reset, response
-from setting import SCANNER, Setting, rows
+from peers import (BS, ESC, FAILED, NORMAL, PLACES, SCANNER, Peer, Setting, Watched, device, framed,
+                   reset, response, rows)
 
 
 @pytest.fixture(scope="module")
@@ -377,6 +374,14 @@ def test_thousands_of_unknown_type_words(service):
 
 # -- attacks
 
+def expansion(levels, width=10):
+    """Entities of entities: a few hundred bytes that stand for width ** levels times a hundred."""
+    entities = "".join(
+        f'<!ENTITY e{i} "{f"&e{i - 1};" * width}">' for i in range(1, levels + 1))
+    return (f'<!DOCTYPE response [<!ENTITY e0 "{"x" * 100}">{entities}]>'
+            + response(device(ModelName=f"&e{levels};")))
+
+
 @pytest.mark.parametrize("document", [
     expansion(9),
     expansion(1),
@@ -477,31 +482,6 @@ def test_a_document_without_measure(service, document, expected):
     used = service.machine.service_time()
     assert service.answer(framed(document)) == expected
     assert service.machine.service_time() - used < 20
-
-
-# -- the simulated device server
-
-def test_every_misbehaviour_of_the_simulated_device_server(service):
-    both = [["SCANNER1"], ["SCANNER2"]]
-    till = service.machine.start_till()
-    try:
-        for mode, expected in {
-                "none": both, "close-early": FAILED, "pieces": both, "byte-at-a-time": both,
-                "garbage": both, "error": FAILED, "truncate": FAILED, "not-xml": FAILED,
-                "reset": FAILED, "slow 300": both}.items():
-            till.type(f"misbehave {mode}")
-            till.expect(f"answers from now on: {mode}")
-            assert service.list() == expected, mode
-        till.type("misbehave huge 5000")
-        till.expect("answers from now on: huge 5000")
-        huge = service.list()
-        assert len(huge) == 5000 and len({name for (name,) in huge}) == 5000
-        till.type("misbehave none")
-        till.expect("answers from now on: none")
-        assert service.list() == both
-    finally:
-        till.stop()
-        service.configure()
 
 
 # -- with the trace on; last, because it stays on until the service's end

@@ -11,12 +11,11 @@ import socket
 import threading
 
 import test_failing_calls_at_start  # noqa: F401, for what it walks
-from clients import (ACCESS_DENIED, EVENT, FAILED, OK, PROVIDER_LOAD_FAILURE, event, fetched, names,
-                     send)
 from faults import (MEMORY_FUNCTIONS, WALKED, is_setup, kill, machine, own_imports, shared, start,
                     traced, walks)  # noqa: F401, machine and shared are fixtures
 from machine import wait_until
-from test_proxy import DeviceServer, document
+from peers import (ACCESS_DENIED, EVENT, FAILED, OK, PROVIDER_LOAD_FAILURE, DeviceServer, document,
+                   event, fetched, names, send)
 
 OUT_OF_MEMORY = "0x80041006"
 CALL_COMPLETE = "0x80010117"  # what a refused impersonation gives

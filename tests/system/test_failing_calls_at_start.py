@@ -6,8 +6,8 @@ walks through a program that runs.
 import re
 from collections import Counter, defaultdict
 
-from clients import OK, PROVIDER_LOAD_FAILURE, names
-from faults import (KESTRUNE, MEMORY_FUNCTIONS, TRACE, configure_trace, is_setup, kill, listening,
+from peers import OK, PROVIDER_LOAD_FAILURE, names
+from faults import (KESTRUNE, MEMORY_FUNCTIONS, TRACE, configure_trace, is_setup, kill,
                     log_folder, machine, shared, traced, walks)  # noqa: F401, two are fixtures
 from machine import SERVICE, wait_until
 
@@ -37,7 +37,7 @@ def started(machine):
             return "parked"
         if faults.shared.without_events:
             return "without events"
-        return "runs" if listening(machine) else None
+        return "runs" if machine.has_event_port(machine.events) else None
 
     found = wait_until(state, faults)
     faults.disarm()
@@ -127,7 +127,7 @@ def test_writing_and_rotating_the_trace(machine):
         assert faults.exit_code() is None, faults
         if faults.shared.turn_kept:
             return "tracing stops"
-        return "runs" if listening(machine) else None
+        return "runs" if machine.has_event_port(machine.events) else None
 
     outcomes, seen = defaultdict(set), {}
     for _ in faults.walk(what=lambda _, way: TRACE in way, depth=4):
@@ -158,7 +158,7 @@ def test_a_trace_beside_a_program_of_unknown_place(machine):
     machine.delete_registry(KESTRUNE, "INSTALLDIR")
     for _ in machine.faults.walk(what=lambda function, _: function == "GetModuleFileNameA"):
         machine.faults.start("-d", armed=True)
-        wait_until(lambda: listening(machine), "the event port to be opened")
+        machine.wait_for_event_port(machine.events)
         machine.faults.disarm()
         kill(machine)
         if machine.faults.failed:

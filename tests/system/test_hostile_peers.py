@@ -8,14 +8,10 @@ from pathlib import Path
 
 import pytest
 
-from attacks import PLACES, Watched
-from clients import (EVENT, OK, counters, event, names, plain, published, send,
-                     sender_in_order)
 from machine import wait_until
-from peer import BS, ESC, NORMAL, device, framed, response
-from setting import SCANNER, Setting
-from test_proxy import START, DeviceServer, document, forget, start_in_proxy_strategy
-from test_proxy import published as published_in_stream
+from peers import (BS, ESC, EVENT, NORMAL, OK, PLACES, SCANNER, START, DeviceServer, Setting,
+                   Watched, counters, device, document, event, forget, framed, names, plain,
+                   published, published_in_stream, response, send, sender_in_order)
 
 
 # -- the adapter strategy's datagrams
@@ -238,7 +234,7 @@ def test_two_hundred_lists_at_once_are_all_served_and_never_more_than_the_limit_
 @pytest.fixture(scope="module")
 def proxy(template_machine):
     machine = template_machine()
-    machine.event_port = start_in_proxy_strategy(machine, provider__dataUpdate__frequency=0)
+    machine.event_port = machine.start_proxy_service(provider__dataUpdate__frequency=0)
     return machine
 
 

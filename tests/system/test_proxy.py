@@ -4,81 +4,17 @@ import socket
 
 import pytest
 
-from clients import EVENT, FAILED, OK, fetched, names
-from machine import BUILD, SERVICE, wait_until
+from machine import wait_until
+from peers import (FAILED, OK, START, UPDATE_REQUEST, DeviceServer, document, fetched, forget,
+                   names, next_event, published_in_stream, settle)
 from ports import reserve_port
-
-START = "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>"
-UPDATE_REQUEST = (START + "<request><type>updateInstances</type></request>").encode()
-
-
-def document(device_id, kind="addInstance", cls="Scanner", code="", maker="Veltran",
-             provider="UPOS_LogicalDevice", start=START, **fields):
-    """An event document; fields are texts, or (type word, text)."""
-    fields = {"DeviceID": device_id, "ManufacturerName": maker, **fields}
-    typed = {key: value if isinstance(value, tuple) else ("string", value)
-             for key, value in fields.items()}
-    return start + (
-        f'<event type="{kind}" classname="{cls}" modifyInstanceCode="{code}"'
-        f' provider="{provider}">') + "".join(
-        f'<field name="{key}" type="{word}">{value}</field>'
-        for key, (word, value) in typed.items()) + "</event>"
-
-
-class DeviceServer:
-    """A device server that is connected to the event port."""
-
-    def __init__(self, port):
-        def connected():
-            try:
-                return socket.create_connection(("127.0.0.1", port))
-            except ConnectionRefusedError:
-                return None
-        self.connection = wait_until(connected, "the service to listen")
-        self.connection.settimeout(20)
-
-    def send(self, *documents):
-        self.connection.sendall("".join(documents).encode())
-
-    def receive(self, size):
-        received = b""
-        while len(received) < size:
-            part = self.connection.recv(size - len(received))
-            if not part:
-                break
-            received += part
-        return received
-
-    def close(self):
-        self.connection.close()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-
-
-def start_in_proxy_strategy(machine, **keys):
-    """Has the service start with -o, listening on a port that is returned."""
-    port = reserve_port()
-    machine.configure(provider__eventSocket__Port=port, **keys)
-    if machine.service_state() is None:
-        machine.install_service()
-        changed = machine.run(
-            str(BUILD / "service_config.exe"), SERVICE, "C:/Quillmon/quillmon.exe -o")
-        assert changed.returncode == 0, changed.err
-    machine.end_service()
-    assert machine.run("sc", "start", SERVICE).returncode == 0
-    wait_until(lambda: machine.service_state() == "RUNNING", "the service to run")
-    return port
 
 
 @pytest.fixture(scope="module")
 def port(shared_machine):
     """The event port of a service in the proxy strategy that asks for an update with each
     request."""
-    return start_in_proxy_strategy(shared_machine, provider__dataUpdate__frequency=0)
+    return shared_machine.start_proxy_service(provider__dataUpdate__frequency=0)
 
 
 @pytest.fixture
@@ -92,38 +28,6 @@ def watcher(shared_machine, port):
     watcher = shared_machine.watch_events()
     yield watcher
     watcher.kill()
-
-
-def next_event(watcher):
-    """What a subscriber gets: (deviceid, eventtype, codename)."""
-    line = watcher.stdout.readline().decode().rstrip("\r\n")
-    found = EVENT.fullmatch(line)
-    assert found, f"no event, but {line!r}"
-    return found.groups()[1:]
-
-
-def published(server, watcher, *documents):
-    """What subscribers get for these documents."""
-    server.send(*documents, document("END"), document("END", "delInstance"))
-    seen = []
-    while (each := next_event(watcher))[0] != "END":
-        seen.append(each)
-    next_event(watcher)  # its deletion
-    return seen
-
-
-def settle(machine, server):
-    """Returns once all that was sent before on this connection is in the cache."""
-    path = 'UPOS_LogicalDevice.DeviceID="SETTLED"'
-    server.send(document("SETTLED"))
-    wait_until(lambda: fetched(machine, path) != FAILED, "the cache to learn of a device")
-    server.send(document("SETTLED", "delInstance"))
-    wait_until(lambda: fetched(machine, path) == FAILED, "the cache to forget a device")
-
-
-def forget(machine, server, *device_ids):
-    server.send(*(document(device_id, "delInstance") for device_id in device_ids))
-    settle(machine, server)
 
 
 # -- the main job
@@ -183,7 +87,7 @@ def test_field_types_are_the_cache_s(shared_machine, server):
 
 
 def test_only_first_adds_coded_changes_and_last_deletions_are_published(server, watcher):
-    assert published(
+    assert published_in_stream(
         server, watcher,
         document("P1"),
         document("P1"),
@@ -198,7 +102,7 @@ def test_only_first_adds_coded_changes_and_last_deletions_are_published(server, 
 
 
 def test_a_device_published_under_two_classes_goes_with_the_last_one(server, watcher):
-    assert published(
+    assert published_in_stream(
         server, watcher,
         document("Q1", provider="UPOS_Scanner"),
         document("Q1", provider="UPOS_LogicalDevice"),
@@ -209,7 +113,7 @@ def test_a_device_published_under_two_classes_goes_with_the_last_one(server, wat
 
 
 def test_a_foreign_maker_s_device_is_neither_cached_nor_published(shared_machine, server, watcher):
-    assert published(
+    assert published_in_stream(
         server, watcher,
         document("F1", maker="Acme"), document("F2", cls="MSR", maker="OEM")) == []
     assert names(shared_machine, "UPOS_LogicalDevice") == ([], OK)
@@ -223,8 +127,8 @@ def test_a_document_in_three_pieces_is_one(server, watcher):
     for piece in (whole[:40], whole[40:-4], whole[-4:]):
         server.send(piece)
     server.send(document("PIECES", "delInstance"))
-    assert published(server, watcher) == [("PIECES", "addInstance", ""),
-                                          ("PIECES", "delInstance", "")]
+    assert published_in_stream(server, watcher) == [
+        ("PIECES", "addInstance", ""), ("PIECES", "delInstance", "")]
 
 
 def test_a_stream_byte_by_byte_gives_the_same_documents(server, watcher):
@@ -235,12 +139,12 @@ def test_a_stream_byte_by_byte_gives_the_same_documents(server, watcher):
     assert next_event(watcher) == ("BYTES", "addInstance", "")
     for byte in document("BYTES", "delInstance", start=""):
         server.send(byte)
-    assert published(server, watcher) == [("BYTES", "delInstance", "")]
+    assert published_in_stream(server, watcher) == [("BYTES", "delInstance", "")]
 
 
 def test_documents_without_a_start_marker_are_cut_at_the_end_marker(server, watcher):
     server.send(document("BARE", start=""))
-    assert published(server, watcher, document("BARE", "delInstance")) == [
+    assert published_in_stream(server, watcher, document("BARE", "delInstance")) == [
         ("BARE", "addInstance", ""), ("BARE", "delInstance", "")]
 
 
@@ -251,23 +155,25 @@ def test_documents_without_a_start_marker_are_cut_at_the_end_marker(server, watc
     ids=["no document", "not well-formed", "a document type", "too deep"])
 def test_garbage_costs_nothing_but_itself(server, watcher, garbage):
     server.send(garbage)
-    assert published(server, watcher, document("AFTER"), document("AFTER", "delInstance")) == [
-        ("AFTER", "addInstance", ""), ("AFTER", "delInstance", "")]
+    assert published_in_stream(
+        server, watcher, document("AFTER"), document("AFTER", "delInstance")) == [
+            ("AFTER", "addInstance", ""), ("AFTER", "delInstance", "")]
 
 
 def test_a_document_of_twenty_mebibytes_is_taken(server, watcher):
     server.connection.settimeout(120)
     server.send(document("LARGE").replace("<field", f"<!--{'x' * 20 * 2**20}--><field", 1))
-    assert published(server, watcher, document("LARGE", "delInstance")) == [
+    assert published_in_stream(server, watcher, document("LARGE", "delInstance")) == [
         ("LARGE", "addInstance", ""), ("LARGE", "delInstance", "")]
 
 
 def test_a_client_that_resets_or_stalls_in_a_document_hurts_only_itself(port, server, watcher):
     with DeviceServer(port) as stalling:
         stalling.send(document("NEVER")[:60])
-        assert published(server, watcher, document("ON"), document("ON", "delInstance")) == [
-            ("ON", "addInstance", ""), ("ON", "delInstance", "")]
-    assert published(server, watcher, document("ON"), document("ON", "delInstance")) == [
+        assert published_in_stream(
+            server, watcher, document("ON"), document("ON", "delInstance")) == [
+                ("ON", "addInstance", ""), ("ON", "delInstance", "")]
+    assert published_in_stream(server, watcher, document("ON"), document("ON", "delInstance")) == [
         ("ON", "addInstance", ""), ("ON", "delInstance", "")]
 
 
@@ -276,14 +182,14 @@ def test_a_document_without_an_end_is_dropped_with_its_connection(port, server, 
         with pytest.raises(OSError):  # reset by the service
             for _ in range(80):
                 endless.send("x" * 1_000_000)
-    assert published(server, watcher, document("ON"), document("ON", "delInstance")) == [
+    assert published_in_stream(server, watcher, document("ON"), document("ON", "delInstance")) == [
         ("ON", "addInstance", ""), ("ON", "delInstance", "")]
 
 
 def test_many_events_arrive_in_order(server, watcher):
     devices = [f"D{number}" for number in range(500)]
-    seen = published(server, watcher, *(document(name) for name in devices),
-                     *(document(name, "delInstance") for name in devices))
+    seen = published_in_stream(server, watcher, *(document(name) for name in devices),
+                               *(document(name, "delInstance") for name in devices))
     assert seen == [(name, kind, "") for kind in ("addInstance", "delInstance") for name in devices]
 
 
@@ -311,7 +217,7 @@ def test_a_restarted_device_server_is_taken_up_again(shared_machine, port, watch
 
 
 def test_ten_thousand_cached_devices_are_listed(machine):
-    port = start_in_proxy_strategy(machine)
+    port = machine.start_proxy_service()
     ids = [f"C{number}" for number in range(10_000)]
     with DeviceServer(port) as server:
         server.connection.settimeout(200)
@@ -326,7 +232,7 @@ def test_ten_thousand_cached_devices_are_listed(machine):
 
 def test_above_a_period_of_zero_the_poll_is_asked_twice_and_sends_nothing(machine):
     machine.switch_trace_on()
-    port = start_in_proxy_strategy(machine, provider__dataUpdate__frequency=60)
+    port = machine.start_proxy_service(provider__dataUpdate__frequency=60)
     with DeviceServer(port) as server:
         settle(machine, server)
         assert "Polling time set to 60" in machine.trace()
@@ -338,18 +244,18 @@ def test_above_a_period_of_zero_the_poll_is_asked_twice_and_sends_nothing(machin
 
 def test_the_trace_names_the_strategy(machine):
     machine.switch_trace_on()
-    start_in_proxy_strategy(machine)
+    machine.start_proxy_service()
     machine.wait_for_trace("Starting listening in TCPServer")
     assert "Selecting ProxyImp strategy" in machine.trace()
 
 
 def test_a_restarted_service_begins_with_an_empty_cache(machine):
-    port = start_in_proxy_strategy(machine)
+    port = machine.start_proxy_service()
     with DeviceServer(port) as server:
         server.send(document("OLD"))
         settle(machine, server)
         assert names(machine, "UPOS_LogicalDevice") == (["OLD"], OK)
-    port = start_in_proxy_strategy(machine)
+    port = machine.start_proxy_service()
     with DeviceServer(port) as server:
         settle(machine, server)
         assert names(machine, "UPOS_LogicalDevice") == ([], OK)
@@ -388,7 +294,7 @@ def test_the_console_mode_serves_and_echoes_its_trace(machine):
 
 
 def test_the_simulated_till_plays_its_part(machine):
-    port = start_in_proxy_strategy(machine, provider__dataUpdate__frequency=0)
+    port = machine.start_proxy_service(provider__dataUpdate__frequency=0)
     till = machine.start_connecting_till(port)
     till.expect("connected")
     wait_until(lambda: "SCANNER2" in names(machine, "UPOS_LogicalDevice")[0], "the inventory")

@@ -10,8 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from machine import (BUILD, ROOT, SERVICE, bound_datagram_ports, listening_ports, wait_until,
-                     windows_path)
+from machine import BUILD, ROOT, SERVICE, wait_until, windows_path
 from ports import reserve_port
 
 EXE = "C:\\Quillmon\\quillmonctl.exe"
@@ -53,7 +52,7 @@ class Tool:
         if restarts:
             wait_until(lambda: not before or not Path(f"/proc/{before}").exists(),
                        "the old process to end")
-            self.wait_until_open()
+            self.machine.wait_for_event_port(self.till.events)
         if "--json" not in arguments:
             for line in done.out.splitlines():
                 assert len(line) <= MAX_WIDTH, line
@@ -73,13 +72,8 @@ class Tool:
     def install(self, *arguments):
         text = self.text("install", *arguments)
         self.is_installed = True
-        self.wait_until_open()
+        self.machine.wait_for_event_port(self.till.events)
         return text
-
-    def wait_until_open(self):
-        """The service says that it runs before it has begun; its event port is its last step."""
-        wait_until(lambda: self.till.events in bound_datagram_ports() | listening_ports(),
-                   "the event port to be opened")
 
     def uninstall(self):
         self.run("uninstall")

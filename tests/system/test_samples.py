@@ -4,7 +4,7 @@ import re
 
 import pytest
 
-from machine import ROOT, bound_datagram_ports, wait_until
+from machine import ROOT
 
 CLIENTS = ROOT / "samples" / "clients"
 
@@ -13,7 +13,7 @@ CLIENTS = ROOT / "samples" / "clients"
 def till(shared_machine):
     till = shared_machine.start_till()
     shared_machine.install_service()
-    wait_until(lambda: till.events in bound_datagram_ports(), "the event port to be opened")
+    shared_machine.wait_for_event_port(till.events)
     return till
 
 

@@ -7,8 +7,8 @@ import time
 
 import pytest
 
-from machine import WmiClient, bound_datagram_ports, wait_until
-from peer import NORMAL, Peer, device, framed, response
+from machine import WmiClient, wait_until
+from peers import NORMAL, Peer, device, framed, response
 from ports import reserve_port
 
 KEY = "HKLM\\SOFTWARE\\Veltran\\Veltran Kestrune"
@@ -716,14 +716,14 @@ def console(tracing):
     def start(option):
         process = tracing.machine.start_quillmon(option)
         started.append(process)
-        wait_until(lambda: tracing.event_port in bound_datagram_ports(), "the start")
+        tracing.machine.wait_for_event_port(tracing.event_port)
         return process
 
     yield start
     for process in started:
         process.kill()
         process.wait()
-    wait_until(lambda: tracing.event_port not in bound_datagram_ports(), "the end")
+    wait_until(lambda: not tracing.machine.has_event_port(tracing.event_port), "the end")
 
 
 def test_the_console_mode_echoes_each_line(tracing, console):

@@ -5,10 +5,9 @@ import threading
 
 import pytest
 
-from clients import (FAILED, INVALID_CLASS, OK, ask, event, events_until, fetched, listing, names,
-                     send, status_of, table)
-from machine import BUILD, SERVICE, bound_datagram_ports, wait_until
-from peer import Peer, device, framed, response
+from machine import BUILD, SERVICE, wait_until
+from peers import (FAILED, INVALID_CLASS, OK, Peer, ask, device, event, events_until, fetched,
+                   framed, listing, names, response, send, status_of, table)
 
 LOGICAL = ["SCANNER1", "SCALE1", "PRINTER1", "DRAWER1", "DISPLAY1", "MSR1", "KEYBOARD1", "KEYLOCK1",
            "SCANNER2"]
@@ -20,7 +19,7 @@ def till(shared_machine):
     """The sample till and the running service, for all tests of this file."""
     till = shared_machine.start_till()
     shared_machine.install_service()
-    wait_until(lambda: till.events in bound_datagram_ports(), "the event port to be opened")
+    shared_machine.wait_for_event_port(till.events)
     return till
 
 
@@ -492,7 +491,7 @@ def test_a_console_mode_serves_clients_and_only_one_of_them_echoes_its_trace(
     log_before = len(shared_machine.trace())
     console = shared_machine.start_quillmon(option)
     try:
-        wait_until(lambda: till.events in bound_datagram_ports(), "the event port to be opened")
+        shared_machine.wait_for_event_port(till.events)
         assert names(shared_machine, "UPOS_Scanner") == (["SCANNER1", "SCANNER2"], OK)
         assert fetched(shared_machine, 'UPOS_Scale.DeviceID="SCALE1"')["DeviceID"] == "SCALE1"
         watcher = shared_machine.watch_events()
@@ -505,7 +504,7 @@ def test_a_console_mode_serves_clients_and_only_one_of_them_echoes_its_trace(
     finally:
         console.kill()
         out = console.stdout.read()
-        wait_until(lambda: till.events not in bound_datagram_ports(), "the event port to be free")
+        wait_until(lambda: not shared_machine.has_event_port(till.events), "its port to be free")
     logged = shared_machine.trace()[log_before:]
     logged = logged[:1 + max(i for i, line in enumerate(logged) if "destroyed" in line)]
     assert "Starting Interactively" in logged

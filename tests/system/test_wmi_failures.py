@@ -8,10 +8,10 @@ import threading
 
 import pytest
 
-from clients import (CALL_CANCELLED, NOT_FOUND, OK, PROVIDER_LOAD_FAILURE, counters, event,
-                     events_until, fetched, listing, names, plain, published, send)
-from machine import BUILD, ROOT, SERVICE, WMI_HOST, bound_datagram_ports, wait_until, windows_path
-from peer import Peer, device, framed, response
+from machine import BUILD, ROOT, SERVICE, WMI_HOST, wait_until, windows_path
+from peers import (CALL_CANCELLED, NOT_FOUND, OK, PROVIDER_LOAD_FAILURE, Peer, counters, device,
+                   event, events_until, fetched, framed, listing, names, plain, published, response,
+                   send)
 
 MOF = windows_path(ROOT / "mof" / "quillmon.mof")
 SCANNERS = ["SCANNER1", "SCANNER2"]
@@ -45,7 +45,7 @@ def till(shared_machine):
     till = shared_machine.start_till()
     shared_machine.switch_trace_on()
     shared_machine.install_service()
-    wait_until(lambda: till.events in bound_datagram_ports(), "the event port to be opened")
+    shared_machine.wait_for_event_port(till.events)
     till.is_served = True
     return till
 
@@ -173,7 +173,7 @@ def test_without_its_event_registration_the_service_stops_with_that_code(
         f"[Process_DecoupledInstance] exit t_Result = {signed(PECULIAR)}",
         f"[Process] exit t_Result = {signed(PECULIAR)}",
         f"[ServiceDispatch]Failed to start process with error : {signed(PECULIAR)}"]
-    assert till.events not in bound_datagram_ports()
+    assert not shared_machine.has_event_port(till.events)
     assert shared_machine.wmi_counter("ProviderReferences") == 0
     assert [shared_machine.wmi_counter(f"Live{kind}") for kind in ("Objects", "Services")] == [0, 0]
 
@@ -267,7 +267,7 @@ def test_the_event_class_is_fetched_once_even_while_the_event_port_is_taken(
                    "1000 milliseconds" in wmi.trace(), "the first attempt")
         wmi.clear()
         assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
-    wait_until(lambda: till.events in bound_datagram_ports(), "the service to take the port")
+    shared_machine.wait_for_event_port(till.events)
     watcher = shared_machine.watch_events()
     assert_nothing_published(shared_machine, till, watcher, event("A"))
     watcher.kill()
@@ -317,7 +317,7 @@ def test_an_event_that_cannot_be_delivered_is_lost_alone(shared_machine, till, w
     wait_until_received(shared_machine, till)
     wmi.clear()
     assert published(till, watcher, event("D")) == [plain("D")]
-    assert till.events in bound_datagram_ports()
+    assert shared_machine.has_event_port(till.events)
 
 
 # -- lists and single devices
