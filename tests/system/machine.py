@@ -170,11 +170,16 @@ class Machine:
     # -- programs
 
     def run(self, program, *arguments, cwd=None, timeout=60):
-        """Runs a Windows program to its end; its output with plain line ends."""
-        done = subprocess.run(
-            [TESTS_WINE, program, *map(str, arguments)],
-            env=self.env, cwd=cwd or self.home, timeout=timeout,
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        """Runs a Windows program to its end; its output with plain line ends. The output goes to
+        files: the first program that needs a desktop starts Wine's process for it, which inherits
+        the output, lives longer, and would keep a pipe open."""
+        command = [TESTS_WINE, program, *map(str, arguments)]
+        with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
+            code = subprocess.run(command, env=self.env, cwd=cwd or self.home, timeout=timeout,
+                                  stdin=subprocess.DEVNULL, stdout=out, stderr=err).returncode
+            out.seek(0)
+            err.seek(0)
+            done = subprocess.CompletedProcess(command, code, out.read(), err.read())
         done.out = done.stdout.decode("latin-1").replace("\r\n", "\n")
         done.err = done.stderr.decode("latin-1").replace("\r\n", "\n")
         return done

@@ -1,5 +1,6 @@
 """The silent installer: tills are installed, upgraded, cleared, left alone where they must be."""
 
+import contextlib
 import shutil
 import subprocess
 from pathlib import Path
@@ -7,7 +8,7 @@ from types import SimpleNamespace
 
 import pytest
 
-from machine import BUILD, ROOT, SERVICE, wait_until, windows_path
+from machine import BUILD, ROOT, SERVICE, processes_of, wait_until, windows_path
 from ports import reserve_this_port
 
 UNINSTALL_KEY = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Quillmon"
@@ -69,8 +70,16 @@ class Computer:
     def uninstall(self):
         """As Windows does it: the uninstaller copies itself and returns at once."""
         assert self.machine.run("C:\\Quillmon\\uninstall.exe", "/S").returncode == 0
-        wait_until(lambda: not (self.folder / "uninstall.exe").exists()
-                   and not (self.folder / "setup.log").exists(), "the uninstaller's end")
+        wait_until(lambda: not self.copy_runs(), "the uninstaller's end", 60)
+        assert not (self.folder / "uninstall.exe").exists()
+
+    def copy_runs(self):
+        """Whether the uninstaller's copy of itself, in a folder ~nsu..., still runs."""
+        for process in processes_of(self.machine.prefix):
+            with contextlib.suppress(OSError):  # ended meanwhile
+                if b"~nsu" in Path(f"/proc/{process}/cmdline").read_bytes():
+                    return True
+        return False
 
     def clear(self):
         self.machine.set_wmi("MofcompExit", 0)
