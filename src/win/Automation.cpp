@@ -18,8 +18,8 @@ int checkedLength(std::size_t length) {
   return static_cast<int>(length);
 }
 
-/// The converted text's length, or what has been converted: 0 is the platform's failure, since an
-/// empty text is never asked for.
+/// `result` as a length; 0 is a failure, since an empty text is never converted. Throws
+/// std::system_error.
 std::size_t checkedResult(int result) {
   if (result == 0) {
     throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
