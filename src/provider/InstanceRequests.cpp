@@ -1,5 +1,6 @@
-// The two operations that the provider really serves. Both screen the caller first, then wait for a
-// slot, and ask the device server in the service's own security context.
+// The two operations that the provider implements: enumeration and retrieval. Each impersonates the
+// caller, reverts, waits for an admission slot and asks the device server in the service's own
+// security context.
 #include "provider/AccessCheck.h"
 #include "provider/Admission.h"
 #include "provider/CProvider_IWbemServices.h"
@@ -24,7 +25,7 @@ using win::wbemResult;
 
 namespace {
 
-// The two differ on purpose: authenticated users may enumerate.
+// The two differ by design: authenticated users (AU) may enumerate.
 constexpr const char* kEnumerationAccess =
     "O:BAG:BAD:(A;;0x10000001;;;BA)(A;;0x10000001;;;SY)(A;;0x10000001;;;LA)(A;;0x10000001;;;SY)"
     "(A;;0x10000001;;;S-1-5-20)(A;;0x10000001;;;S-1-5-19)(A;;0x10000001;;;AU)";
@@ -34,7 +35,7 @@ constexpr const char* kRetrievalAccess =
 constexpr DWORD kDesiredAccess = 1;
 constexpr GENERIC_MAPPING kGenericMapping = {0, 0, 0x000F0001, 0x000F0001};
 
-/// Tells the client the end of its enumeration, once.
+/// Reports the final status of an enumeration to the client.
 class EnumerationEnd {
 public:
   explicit EnumerationEnd(IWbemObjectSink* responseHandler) noexcept
@@ -50,7 +51,7 @@ private:
   bool told_ = false;
 };
 
-/// The class object from WMI; `classObject` stays empty on failure.
+/// Gets the class object from WMI; `classObject` stays empty on failure.
 HRESULT fetchClass(BSTR className, IWbemContext* context, ComPtr<IWbemClassObject>& classObject) {
   IWbemServices* const services = providerState().namespaceServices;
   if (services == nullptr) {
@@ -64,8 +65,8 @@ HRESULT spawnInstance(IWbemClassObject* classObject, ComPtr<IWbemClassObject>& i
   return SUCCEEDED(status) && instance == nullptr ? wbemResult(WBEM_E_FAILED) : status;
 }
 
-/// Puts the fields of one of the adapter's instances, each converted by its type word. A property
-/// that WMI refuses is skipped silently; the others are traced as `traceFormat`.
+/// Puts the fields of instance `index` of the adapter, each converted by its type word. A property
+/// that WMI refuses is skipped silently; each of the others is traced with `traceFormat`.
 void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount,
                provider::RequestTypes& types, IWbemClassObject* instance,
                std::string_view traceFormat) {
@@ -86,7 +87,8 @@ void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount
   }
 }
 
-/// A new instance of the class for each of the adapter's, handed to the client.
+/// Spawns one instance of the class per instance of the adapter and delivers it to the client.
+/// Returns the last status.
 HRESULT indicateInstances(UPOSAdapter& adapter, IWbemClassObject* classObject, HRESULT status,
                           IWbemObjectSink* responseHandler) {
   const std::int32_t count = adapter.getInstanceCount();
@@ -120,7 +122,7 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
   if (FAILED(impersonated)) {
     descriptor.reset();
     end.tell(impersonated);
-    // Kept: no slot has been taken yet, the words notwithstanding.
+    // The text is fixed; no slot has been taken yet.
     UPOSLog::trace(
         "<<CreateInstanceEnumAsync>> * CoImpersonateClient() FAILED!! * Semaphore released!!");
     return impersonated;
@@ -129,7 +131,7 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
   descriptor.reset();
   CoRevertToSelf();
   if (FAILED(access)) {
-    // On purpose: a denied caller sees a successful, empty enumeration.
+    // By design: a denied caller gets a successful, empty enumeration.
     end.tell(WBEM_S_NO_ERROR);
     UPOSLog::trace("<<CreateInstanceEnumAsync>> * CheckAccess() DENIED!! quitting... * Semaphore "
                    "released!!");
@@ -183,7 +185,7 @@ CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemCont
                                 : wbemResult(WBEM_E_INVALID_PARAMETER);
   });
   if (!end.told()) {
-    end.tell(result); // the client must not wait for an enumeration that an exception ended
+    end.tell(result); // after an exception the client still needs a final status
   }
   return result;
 }
@@ -191,7 +193,7 @@ CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemCont
 HRESULT CProvider_IWbemServices::GetObjectAsync(BSTR objectPath, LONG, IWbemContext* context,
                                                 IWbemObjectSink* responseHandler) noexcept {
   UPOSLog::trace("<<<< GetObjectAsync >>>>");
-  // Kept: the descriptor is built and discarded, a retrieval checks no access.
+  // Kept: the descriptor is built and discarded; a retrieval performs no access check.
   win::LocalMemory descriptor = provider::securityDescriptor(kRetrievalAccess);
   const HRESULT impersonated = CoImpersonateClient();
   if (FAILED(impersonated)) {
@@ -234,7 +236,7 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
   return win::comBoundary([&]() -> HRESULT {
     std::string path = win::narrow(objectPath);
     const ObjectPathText names = readObjectPath(path);
-    // Kept: the first character is zeroed before the path is traced, so the trace shows it empty.
+    // Kept: the first character is zeroed before the trace, so the traced path is always empty.
     if (!path.empty()) {
       path.front() = '\0';
     }
@@ -246,7 +248,7 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
     adapter.getInstance(names.className, names.deviceId);
     tracePathKeys(objectPath);
 
-    // WMI would hand such a text back as another retrieval, which waits for the slot of this one.
+    // WMI would turn such a text into a nested retrieval, which would wait for this one's slot.
     if (namesInstance(names.className)) {
       return wbemResult(WBEM_E_FAILED);
     }
@@ -271,8 +273,8 @@ HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClass
   });
 }
 
-/// Kept beside the text work on the path: the parsed keys are read and traced by number, and not
-/// used further. A parser that fails counts no keys.
+/// Parses the path with WMI's parser, traces the number of its keys and reads them. The result is
+/// not used: the instance is found by readObjectPath. A parser failure counts as no keys.
 void CProvider_IWbemServices::tracePathKeys(LPCWSTR objectPath) const {
   ComPtr<IWbemPath> path;
   ComPtr<IWbemPathKeyList> keys;
