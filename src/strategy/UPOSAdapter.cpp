@@ -42,7 +42,7 @@ void UPOSAdapter::enumerateInstances(std::string className, std::uint32_t* statu
   std::string request;
   xml->toXML(std::move(className), request_vocabulary::kRequest,
              request_vocabulary::kEnumerateInstances, {}, request);
-  // Labels the document as the class here and below: kept, the lines are searched for.
+  // Kept: this line and one below label the document as the class.
   UPOSLog::trace("<<UPOSAdapter::enumerateInstances>>: Invoking request to Java code - class '%s'",
                  request);
   UPOSLog::trace("<<Request>>: '%s'", request);
@@ -74,7 +74,7 @@ void UPOSAdapter::getInstance(std::string className, std::string key) {
   UPOSLog::trace("<<Request>>: %s", request); // without quotes, unlike the enumeration's
   const std::string response = xml->sendRequest(request);
   UPOSLog::trace("Answer: '%s'", response);
-  // Unlike an enumeration, a lookup takes over what there is after an error answer too.
+  // Unlike an enumeration, a lookup ignores the status: it takes the instances even after an error.
   xml->fromXML(response);
   setInstances(xml->getInstances());
 }
