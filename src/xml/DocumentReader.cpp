@@ -23,9 +23,9 @@ constexpr std::array<const XMLCh*, 1> kTexts = {u"field"};
 constexpr std::array<const XMLCh*, 5> kAttributes = {u"name", u"type", u"classname",
                                                      u"modifyInstanceCode", u"provider"};
 
-/// Calls `enter` for each node below `scope`, in document order, and `leave` for each behind what
-/// is in it. Without recursion: a document decides how deep it goes, not the thread's stack. The
-/// way back up is kept in `open`: the library's getParentNode costs more than the rest of a step.
+/// Walks the nodes below `scope` in document order: calls `enter` before and `leave` after a node's
+/// children. Not recursive, so the nesting depth cannot exhaust the stack. `open` holds the
+/// enclosing nodes: the library's getParentNode costs more than the rest of a step.
 template <class Enter, class Leave>
 void walkBelow(const DOMNode& scope, std::vector<const DOMNode*>& open, const Enter& enter,
                const Leave& leave) {
@@ -101,8 +101,8 @@ std::string attributeOf(const DOMElement& element, const XMLCh* name) {
   return narrow(element.getAttribute(name));
 }
 
-/// The library's parser with its default settings and no error handler, which would report nothing
-/// at all: it listens to its own scanner instead.
+/// The library's DOM parser, reduced to the vocabulary. Without an error handler the library
+/// reports no errors, so this parser receives them from its own scanner.
 class DocumentReader::Parser : public xercesc::XercesDOMParser {
   using Attributes = xercesc::RefVectorOf<xercesc::XMLAttr>;
 
@@ -116,7 +116,7 @@ public:
   ~Parser() override {
     try {
       resetDocumentPool();
-    } catch (...) { // refused after a parse that ran out of memory; the base frees it all the same
+    } catch (...) { // fails after a parse that ran out of memory; the base class frees the document
     }
   }
 
@@ -167,7 +167,7 @@ public:
     }
   }
 
-  /// The library calls it for an empty element too, from within startElement.
+  /// The library calls it for empty elements too, from inside startElement.
   void endElement(const xercesc::XMLElementDecl& declaration, const unsigned int uri,
                   const bool isRoot, const XMLCh* const prefix) override {
     const Open closed = open_.back();
@@ -180,7 +180,7 @@ public:
 
   void docCharacters(const XMLCh* const text, const XMLSize_t length, const bool) override {
     if (textDepth_ != 0) {
-      XercesDOMParser::docCharacters(text, length, false); // a CDATA section is text like any other
+      XercesDOMParser::docCharacters(text, length, false); // CDATA sections become plain text
     }
   }
 
@@ -194,9 +194,9 @@ private:
   };
 
   const Vocabulary& vocabulary_;
-  Attributes wanted_{5, false}; ///< of the element that begins; owns none of them
-  std::vector<Open> open_;      ///< the elements that are open, the root first
-  std::size_t textDepth_ = 0;   ///< how many of them have text
+  Attributes wanted_{5, false}; ///< the kept attributes of the current element; owns none of them
+  std::vector<Open> open_;      ///< the open elements, root first
+  std::size_t textDepth_ = 0;   ///< number of open elements whose text is kept
   std::string firstError_;
 };
 
@@ -224,7 +224,7 @@ std::vector<DocumentReader::WithFields> DocumentReader::elementsWithFields(const
     std::size_t end;
   };
   std::vector<Place> places;
-  std::vector<std::size_t> open; // the places of those that the walk is in
+  std::vector<std::size_t> open; // indices in `places` of the elements that enclose the current node
   fields_.clear();
   walkBelow(
       *parser_->getDocument(), path_,

@@ -24,7 +24,7 @@ void traceException(std::string_view line, const XMLCh* message) noexcept {
   std::string text;
   try {
     text = narrow(message);
-  } catch (...) { // without memory the exception is traced without its message
+  } catch (...) { // out of memory: traced without the message
   }
   traceException(line, text);
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// What the DOM makes is given back with release(), not deleted.
+/// DOM objects are freed with release(), not with delete.
 struct Release {
   template <class Resource>
   void operator()(Resource* resource) const {
@@ -20,7 +20,7 @@ struct Release {
 template <class Resource>
 using Released = std::unique_ptr<Resource, Release>;
 
-/// Text that is there but cannot be converted must not become an empty element.
+/// As widen, but throws std::runtime_error when a non-empty text cannot be converted.
 std::basic_string<XMLCh> converted(const std::string& text) {
   auto wide = widen(text);
   if (wide.empty() && text.c_str()[0] != '\0') {

@@ -31,7 +31,7 @@ void* StartMemory::allocate(XMLSize_t size) {
 
 void StartMemory::deallocate(void* block) {
   if (isInArea(block)) {
-    --blocks_; // the area is used anew when all of them are back
+    --blocks_; // the area is reused once all blocks have been returned
   } else {
     ::operator delete(block);
   }
@@ -39,12 +39,11 @@ void StartMemory::deallocate(void* block) {
 
 void* StartMemory::allocateInArea(std::size_t size) noexcept {
   constexpr std::size_t kAlignment = alignof(std::max_align_t);
-  const std::size_t room = kAreaSize - used_;
-  if (size > room) {
+  if (size > kAreaSize - used_) {
     return nullptr;
   }
   void* const block = area_ + used_;
-  used_ += (size + kAlignment - 1) / kAlignment * kAlignment; // the area's size is a multiple, too
+  used_ += (size + kAlignment - 1) / kAlignment * kAlignment; // kAreaSize is a multiple as well
   ++blocks_;
   return block;
 }

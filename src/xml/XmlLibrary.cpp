@@ -16,7 +16,7 @@ namespace {
 using xercesc::PanicHandler;
 using xercesc::XMLPlatformUtils;
 
-/// Raised where the library's own handler would end the process.
+/// Thrown instead of the library's default, which ends the process.
 struct Panic {
   const char* message;
 };
@@ -28,7 +28,7 @@ public:
   }
 };
 
-/// Never destroyed: a thread may still be reading when the process ends. Likewise below.
+/// Never destroyed, like the statics below: a thread may still be reading when the process ends.
 PanicHandler& panicHandler() {
   static PanicHandler& handler = *new ThrowingPanicHandler;
   return handler;
@@ -44,15 +44,15 @@ std::mutex& startLock() {
   return lock;
 }
 
-/// A start that failed leaves the library half made: it can neither be ended nor started again
-/// without a crash, so it is not touched any more. Guarded by startLock().
+/// A failed start leaves the library half initialised: ending it or starting it again crashes, so
+/// it is never called again. Guarded by startLock().
 constinit bool unusable = false;
 
-/// The sessions that are open. The library does all its work in the first one's start and in the
-/// last one's end. Guarded by startLock().
+/// Number of open sessions. The library initialises in the first start and cleans up in the last
+/// end. Guarded by startLock().
 constinit int sessions = 0;
 
-/// The library's messages are ASCII; its transcoder may not have been started.
+/// The library's messages are ASCII. Does not use the transcoder, which may not be initialised.
 std::string asciiOf(const XMLCh* text) {
   std::string ascii;
   for (; text != nullptr && *text != 0; ++text) {
@@ -109,7 +109,7 @@ void XmlLibrary::start(PanicHandler& handler, StartMemory& memory) {
 void XmlLibrary::noteFailure(const char* message) noexcept {
   try {
     failure_ = message;
-  } catch (...) { // without memory the failure has no words
+  } catch (...) { // out of memory: no message
   }
 }
 
@@ -122,7 +122,7 @@ XmlLibrary::~XmlLibrary() {
         area.emplace(startMemory());
       }
       XMLPlatformUtils::Terminate();
-    } catch (...) { // nobody is left to be told
+    } catch (...) { // a destructor must not throw
     }
   }
 }
