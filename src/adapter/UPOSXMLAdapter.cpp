@@ -27,7 +27,7 @@ constexpr std::uint32_t kRead = 0;
 constexpr std::uint32_t kErrorAnswer = 1;
 constexpr std::uint32_t kUnreadable = 0xFFFFFFFF;
 
-/// Sticky for the whole process: a success after a failure still answers with the failure's number.
+/// Sticky for the whole process: a success after a failure still returns the failure's status.
 /// Guarded by the XML lock.
 constinit std::uint32_t buildStatus = 0;
 
@@ -63,7 +63,7 @@ bool equalsIgnoringCase(std::string_view left, std::string_view right) {
   return std::ranges::equal(left, right, {}, lowered, lowered);
 }
 
-/// Devices of our own makers are kept, and scanners and scales that are sold on under another name.
+/// Devices of our own manufacturers are kept; scanners and scales of OEM manufacturers as well.
 bool isKeptManufacturer(std::string_view maker, bool isScannerOrScale) {
   return maker == "Veltran" || maker == "ORVEX" || (isScannerOrScale && maker == "OEM");
 }
@@ -77,7 +77,7 @@ void readEvent(const std::string& message, DeviceEvent& event, bool& discard) {
   const xercesc::DOMElement& first = *events.front();
   event.type = attributeOf(first, u"type");
   event.className = attributeOf(first, u"classname");
-  // Unlike an answer's instances, an event names the short device class.
+  // An event has the short device class ("Scanner"), an answer the WMI class ("UPOS_Scanner").
   const bool isScannerOrScale =
       contains(event.className, "Scanner") || contains(event.className, "Scale");
   event.modifyInstanceCode = attributeOf(first, u"modifyInstanceCode");
@@ -157,8 +157,8 @@ std::uint32_t UPOSXMLAdapter::readResponse(std::string response) {
       instances_.push_back(std::move(pendingFields_));
       pendingFields_.clear();
     } else {
-      // A discarded device's fields stay pending on purpose: the next kept instance begins with
-      // them, and the management tools have always seen it so.
+      // By design the fields of a discarded device stay pending and are put in front of those of
+      // the next kept instance.
       UPOSLog::trace("<<fromXML>> Discarding NON-ORVEX device");
     }
   }
