@@ -11,7 +11,7 @@ constexpr std::string_view kAskedFor = "CIMContainer::getInstances(%s)";
 } // namespace
 
 CIMContainer& CIMContainer::getInstance() {
-  static auto* const container = new CIMContainer; // no thread is joined at the end
+  static auto* const container = new CIMContainer; // never destroyed: threads may outlive main
   return *container;
 }
 
@@ -22,7 +22,7 @@ CIMContainer::Reference CIMContainer::find(const CIMDevice& device) const {
   return found != index_.end() ? found->second->device : nullptr;
 }
 
-// The writer is one, so that what it has looked up stays until it makes the change.
+// There is a single writer, so a look-up stays valid until the change that follows it.
 void CIMContainer::add(const CIMDevice& device) {
   if (find(device)) {
     return;
@@ -90,7 +90,7 @@ CIMContainer::Selection CIMContainer::select(const std::string& className,
                                              const std::string& id) const {
   if (className == kAllDevices) {
     std::unique_lock lock(mutex_);
-    if (!countOfClass_.contains(className)) { // so no device has a line of its own
+    if (!countOfClass_.contains(className)) { // so getInstances would trace no device
       const auto found = index_.find(id);
       Selection selection{records_.size(), found != index_.end() ? found->second->device : nullptr};
       lock.unlock();

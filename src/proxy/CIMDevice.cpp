@@ -9,7 +9,7 @@
 
 namespace {
 
-// An empty text leaves the number untouched: 0.
+// Reads as a C++ stream does; an empty text gives 0.
 template <class Number>
 Number readNumber(const std::string& text) {
   std::istringstream stream(text);
@@ -46,7 +46,7 @@ void CIMDevice::addRecordField(const Field& field) {
   } else if (type == "string") {
     addStringField(name, value);
   } else if (type == "boolean") {
-    // "True" and "1" are false on purpose: device servers write one of these two spellings.
+    // By design all other spellings are false: device servers write one of these two.
     addBooleanField(name, value == "true" || value == "TRUE");
   }
 }
@@ -54,7 +54,7 @@ void CIMDevice::addRecordField(const Field& field) {
 void CIMDevice::addInstance(const std::string& className) {
   UPOSLog::trace("Instance count before adding %s is %d", deviceId_, count(instances_));
   UPOSLog::trace("Adding instance %s with ID %s", className, deviceId_);
-  // Also when it is listed already, on purpose: each publication needs a withdrawal of its own.
+  // By design also when it is already listed: a device added twice must be deleted twice.
   instances_.push_back(className);
   UPOSLog::trace("Instance count after adding %s is %d", deviceId_, count(instances_));
 }
