@@ -36,19 +36,19 @@ constexpr DWORD kDesiredAccess = 1;
 constexpr GENERIC_MAPPING kGenericMapping = {0, 0, 0x000F0001, 0x000F0001};
 
 /// Reports the final status of an enumeration to the client.
-class EnumerationEnd {
+class FinalStatus {
 public:
-  explicit EnumerationEnd(IWbemObjectSink* responseHandler) noexcept
+  explicit FinalStatus(IWbemObjectSink* responseHandler) noexcept
       : responseHandler_(responseHandler) {}
-  void tell(HRESULT status) noexcept {
-    told_ = true;
+  void report(HRESULT status) noexcept {
+    reported_ = true;
     responseHandler_->SetStatus(WBEM_STATUS_COMPLETE, status, nullptr, nullptr);
   }
-  bool told() const noexcept { return told_; }
+  bool reported() const noexcept { return reported_; }
 
 private:
   IWbemObjectSink* responseHandler_;
-  bool told_ = false;
+  bool reported_ = false;
 };
 
 /// Gets the class object from WMI; `classObject` stays empty on failure.
@@ -107,12 +107,12 @@ HRESULT indicateInstances(UPOSAdapter& adapter, IWbemClassObject* classObject, H
   return status;
 }
 
-HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationEnd& end) {
+HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, FinalStatus& finalStatus) {
   std::optional<UPOSAdapter> adapter(std::in_place);
 
   win::LocalMemory descriptor = provider::securityDescriptor(kEnumerationAccess);
   if (!descriptor) {
-    end.tell(wbemResult(WBEM_E_ACCESS_DENIED));
+    finalStatus.report(wbemResult(WBEM_E_ACCESS_DENIED));
     UPOSLog::trace("<<CreateInstanceEnumAsync>> * "
                    "ConvertStringSecurityDescriptorToSecurityDescriptor() FAILED!! *");
     return wbemResult(WBEM_E_ACCESS_DENIED);
@@ -121,7 +121,7 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
   const HRESULT impersonated = CoImpersonateClient();
   if (FAILED(impersonated)) {
     descriptor.reset();
-    end.tell(impersonated);
+    finalStatus.report(impersonated);
     // The text is fixed; no slot has been taken yet.
     UPOSLog::trace(
         "<<CreateInstanceEnumAsync>> * CoImpersonateClient() FAILED!! * Semaphore released!!");
@@ -132,7 +132,7 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
   CoRevertToSelf();
   if (FAILED(access)) {
     // By design: a denied caller gets a successful, empty enumeration.
-    end.tell(WBEM_S_NO_ERROR);
+    finalStatus.report(WBEM_S_NO_ERROR);
     UPOSLog::trace("<<CreateInstanceEnumAsync>> * CheckAccess() DENIED!! quitting... * Semaphore "
                    "released!!");
     return WBEM_S_NO_ERROR;
@@ -140,7 +140,7 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
 
   AdmissionSlot slot(providerState().admissionSemaphore);
   if (!slot) {
-    end.tell(wbemResult(WBEM_E_FAILED));
+    finalStatus.report(wbemResult(WBEM_E_FAILED));
     UPOSLog::trace("<<CreateInstanceEnumAsync>> *  Screen semaphore wait timed out!");
     return wbemResult(WBEM_E_FAILED);
   }
@@ -152,7 +152,7 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
   UPOSLog::trace("<<CreateInstanceEnumAsync>> *  Enumeration of '%s' returned rc=%d", narrowName,
                  rc);
   if (rc != 0) {
-    end.tell(wbemResult(WBEM_E_FAILED));
+    finalStatus.report(wbemResult(WBEM_E_FAILED));
     slot.release();
     return wbemResult(WBEM_E_FAILED);
   }
@@ -166,7 +166,7 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, EnumerationE
 
   adapter.reset();
   slot.release();
-  end.tell(status);
+  finalStatus.report(status);
   return status;
 }
 
@@ -179,13 +179,13 @@ CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemCont
   if (responseHandler == nullptr) {
     return wbemResult(WBEM_E_INVALID_PARAMETER);
   }
-  EnumerationEnd end(responseHandler);
+  FinalStatus finalStatus(responseHandler);
   const HRESULT result = win::comBoundary([&] {
-    return className != nullptr ? enumerate(className, responseHandler, end)
+    return className != nullptr ? enumerate(className, responseHandler, finalStatus)
                                 : wbemResult(WBEM_E_INVALID_PARAMETER);
   });
-  if (!end.told()) {
-    end.tell(result); // after an exception the client still needs a final status
+  if (!finalStatus.reported()) {
+    finalStatus.report(result); // after an exception the client still needs a final status
   }
   return result;
 }

@@ -7,7 +7,7 @@
 
 namespace {
 constexpr std::string_view kAllDevices = "UPOS_LogicalDevice";
-constexpr std::string_view kAskedFor = "CIMContainer::getInstances(%s)";
+constexpr std::string_view kGetInstancesLine = "CIMContainer::getInstances(%s)";
 } // namespace
 
 CIMContainer& CIMContainer::getInstance() {
@@ -31,7 +31,7 @@ void CIMContainer::add(const CIMDevice& device) {
   Records added;
   added.push_back({device.getDeviceId(), std::make_shared<const CIMDevice>(device)});
   std::scoped_lock lock(mutex_);
-  std::size_t& count = countOfClass_[device.getClassName()];
+  std::size_t& count = classCounts_[device.getClassName()];
   index_.try_emplace(added.front().id, added.begin());
   ++count;
   records_.splice(records_.end(), added);
@@ -56,9 +56,9 @@ void CIMContainer::remove(const CIMDevice& device) {
   std::scoped_lock lock(mutex_);
   const auto found = index_.find(id);
   const auto record = found->second;
-  const auto count = countOfClass_.find(record->device->getClassName());
+  const auto count = classCounts_.find(record->device->getClassName());
   if (--count->second == 0) {
-    countOfClass_.erase(count);
+    classCounts_.erase(count);
   }
   index_.erase(found);
   removed.splice(removed.end(), records_, record);
@@ -66,20 +66,20 @@ void CIMContainer::remove(const CIMDevice& device) {
 
 std::vector<CIMContainer::Reference>
 CIMContainer::getInstances(const std::string& className) const {
-  UPOSLog::trace(kAskedFor, className);
+  UPOSLog::trace(kGetInstancesLine, className);
   const bool all = className == kAllDevices;
   std::vector<Reference> devices;
   {
     std::scoped_lock lock(mutex_);
     devices.reserve(all ? records_.size() : 0);
     for (const Record& record : records_) {
-      if (all || record.device->isOfClass(className)) {
+      if (all || record.device->hasClass(className)) {
         devices.push_back(record.device);
       }
     }
   }
   for (const Reference& device : devices) {
-    if (device->isOfClass(className)) {
+    if (device->hasClass(className)) {
       UPOSLog::trace("CIMContainer::adding instance (id=%s)", device->getDeviceId());
     }
   }
@@ -90,11 +90,11 @@ CIMContainer::Selection CIMContainer::select(const std::string& className,
                                              const std::string& id) const {
   if (className == kAllDevices) {
     std::unique_lock lock(mutex_);
-    if (!countOfClass_.contains(className)) { // so getInstances would trace no device
+    if (!classCounts_.contains(className)) { // so getInstances would trace no device
       const auto found = index_.find(id);
       Selection selection{records_.size(), found != index_.end() ? found->second->device : nullptr};
       lock.unlock();
-      UPOSLog::trace(kAskedFor, className);
+      UPOSLog::trace(kGetInstancesLine, className);
       return selection;
     }
   }

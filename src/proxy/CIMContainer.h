@@ -63,5 +63,5 @@ private:
   Records records_;
   // Names each record by the record's own id, and changes in add and remove only.
   std::unordered_map<std::string_view, Records::iterator> index_;
-  std::unordered_map<std::string, std::size_t> countOfClass_;
+  std::unordered_map<std::string, std::size_t> classCounts_;
 };

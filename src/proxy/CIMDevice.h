@@ -32,7 +32,7 @@ public:
   std::string getClassName() const { return className_; }
   std::string getDeviceId() const { return deviceId_; }
   /// The class name is that of the event which brought the device, compared to the letter.
-  bool isOfClass(std::string_view className) const noexcept { return className_ == className; }
+  bool hasClass(std::string_view className) const noexcept { return className_ == className; }
   bool hasId(std::string_view id) const noexcept { return deviceId_ == id; }
   /// In order of publication; a class may stand there several times.
   const std::vector<std::string>& instances() const noexcept { return instances_; }
