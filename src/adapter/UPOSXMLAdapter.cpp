@@ -115,7 +115,7 @@ std::uint32_t UPOSXMLAdapter::fromXML(std::string response) {
   const std::scoped_lock turn(xmlLock());
   const XmlLibrary library;
   std::uint32_t status = kUnreadable;
-  readWithin("<< Unknown Exception in XMLAdapter >> : ", [&] {
+  readGuarded("<< Unknown Exception in XMLAdapter >> : ", [&] {
     library.require();
     status = readResponse(std::move(response));
   });
@@ -175,7 +175,7 @@ DeviceEvent UPOSXMLAdapter::fromXMLEvent(std::string message) {
   bool discard = true;
   {
     const XmlLibrary library;
-    readWithin("<< Unknown Exception in XMLAdapter::fromXMLEvent() >> : ", [&] {
+    readGuarded("<< Unknown Exception in XMLAdapter::fromXMLEvent() >> : ", [&] {
       library.require();
       readEvent(message, event, discard);
     });

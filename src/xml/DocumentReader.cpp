@@ -61,7 +61,7 @@ bool isElement(const DOMNode& node, const XMLCh* name) {
   return isElement(node) && XMLString::equals(node.getNodeName(), name);
 }
 
-constexpr auto pass = [](const DOMNode&) {};
+constexpr auto ignore = [](const DOMNode&) {};
 
 Elements elementsIn(const DOMNode& scope, const XMLCh* name) {
   Elements found;
@@ -73,16 +73,16 @@ Elements elementsIn(const DOMNode& scope, const XMLCh* name) {
           found.push_back(static_cast<const DOMElement*>(&node));
         }
       },
-      pass);
+      ignore);
   return found;
 }
 
-bool holds(std::span<const XMLCh* const> names, const XMLCh* name) {
+bool contains(std::span<const XMLCh* const> names, const XMLCh* name) {
   return std::any_of(names.begin(), names.end(),
                      [name](const XMLCh* one) { return XMLString::equals(one, name); });
 }
 
-std::string located(const std::string& message, XMLFileLoc line, XMLFileLoc column) {
+std::string withLocation(const std::string& message, XMLFileLoc line, XMLFileLoc column) {
   return message + " (line " + std::to_string(line) + ", column " + std::to_string(column) + ")";
 }
 
@@ -135,7 +135,7 @@ public:
              const XMLCh* const message, const XMLCh* const, const XMLCh* const,
              const XMLFileLoc line, const XMLFileLoc column) override {
     if (type != ErrType_Warning && firstError_.empty()) {
-      firstError_ = located(narrow(message), line, column);
+      firstError_ = withLocation(narrow(message), line, column);
     }
   }
 
@@ -145,18 +145,18 @@ public:
                     const bool isRoot) override {
     if (open_.size() == kMaximumDepth) {
       const xercesc::Locator& place = *getScanner()->getLocator();
-      throw XmlFailure(located("Elements are nested too deeply", place.getLineNumber(),
-                               place.getColumnNumber()));
+      throw XmlFailure(withLocation("Elements are nested too deeply", place.getLineNumber(),
+                                    place.getColumnNumber()));
     }
     const XMLCh* const name = declaration.getFullName();
-    const bool kept = isRoot || holds(vocabulary_.elements, name);
-    const Open& opened = open_.emplace_back(Open{kept, holds(vocabulary_.texts, name)});
+    const bool kept = isRoot || contains(vocabulary_.elements, name);
+    const Open& opened = open_.emplace_back(Open{kept, contains(vocabulary_.texts, name)});
     textDepth_ += std::size_t{opened.hasText};
     if (kept) {
       wanted_.removeAllElements();
       for (XMLSize_t i = 0; i < attributeCount; ++i) {
         const xercesc::XMLAttr* const attribute = attributes.elementAt(i);
-        if (holds(vocabulary_.attributes, attribute->getName())) {
+        if (contains(vocabulary_.attributes, attribute->getName())) {
           wanted_.addElement(const_cast<xercesc::XMLAttr*>(attribute)); // only read by the library
         }
       }
@@ -204,7 +204,7 @@ DocumentReader::DocumentReader(const std::string& text, const Vocabulary& vocabu
     : DocumentReader(text.c_str(), std::strlen(text.c_str()), vocabulary) {}
 
 DocumentReader::DocumentReader(const char* text, std::size_t size, const Vocabulary& vocabulary)
-    : mayRead_(std::max(kMostReadPerByte * size, kLeastRead)),
+    : readBudget_(std::max(kMaxReadPerByte * size, kMinReadBudget)),
       source_(reinterpret_cast<const XMLByte*>(text), size, "simple buffer"),
       parser_(std::make_unique<Parser>(vocabulary)) {
   source_.setCopyBufToStream(false);
@@ -258,20 +258,20 @@ Field DocumentReader::readField(const DOMElement& element) {
       element, path_,
       [&](const DOMNode& node) {
         if (isElement(node)) {
-          spend(1);
+          charge(1);
         } else {
           text_ += node.getNodeValue();
         }
       },
-      pass);
+      ignore);
   Field field{attributeOf(element, u"name"), attributeOf(element, u"type"), narrow(text_.c_str())};
-  spend(kFieldCost + field[0].size() + field[1].size() + field[2].size());
+  charge(kFieldCost + field[0].size() + field[1].size() + field[2].size());
   return field;
 }
 
-void DocumentReader::spend(std::size_t cost) {
-  if (cost > mayRead_) {
+void DocumentReader::charge(std::size_t cost) {
+  if (cost > readBudget_) {
     throw XmlFailure("Nested fields repeat too much of the document");
   }
-  mayRead_ -= cost;
+  readBudget_ -= cost;
 }

@@ -50,10 +50,10 @@ public:
   /// Nested fields are read once for each element around them, which must not make much of little:
   /// for each byte of the document so many bytes of fields are read, each field counted as its
   /// texts, kFieldCost and the number of elements in it. Without nesting a document costs less than
-  /// that. In any case kLeastRead are read.
-  static constexpr std::size_t kMostReadPerByte = 8;
+  /// that. In any case kMinReadBudget are read.
+  static constexpr std::size_t kMaxReadPerByte = 8;
   static constexpr std::size_t kFieldCost = 64;
-  static constexpr std::size_t kLeastRead = std::size_t{1024} * 1024;
+  static constexpr std::size_t kMinReadBudget = std::size_t{1024} * 1024;
 
   /// Reads `text` up to its first NUL, here and now: it need not outlive the call.
   explicit DocumentReader(const std::string& text,
@@ -81,9 +81,9 @@ private:
   class Parser;
 
   DocumentReader(const char* text, std::size_t size, const Vocabulary& vocabulary);
-  void spend(std::size_t cost);
+  void charge(std::size_t cost);
 
-  std::size_t mayRead_; ///< what fields may still cost
+  std::size_t readBudget_; ///< what fields may still cost
   xercesc::MemBufInputSource source_;
   std::unique_ptr<Parser> parser_;
   Elements fields_;

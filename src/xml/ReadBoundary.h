@@ -9,7 +9,7 @@ void traceCurrentException(std::string_view unknownLine) noexcept;
 /// Runs `read` where no exception may pass: the edge of both readers. False after an exception,
 /// which is traced. Inside the session of the library that `read` uses.
 template <class Read>
-bool readWithin(std::string_view unknownLine, const Read& read) noexcept {
+bool readGuarded(std::string_view unknownLine, const Read& read) noexcept {
   try {
     read();
     return true;

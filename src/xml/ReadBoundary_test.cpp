@@ -28,7 +28,7 @@ protected:
   /// Runs `read` within the boundary, keeps what was written to standard error.
   bool run(const std::function<void()>& read) {
     testing::internal::CaptureStderr();
-    const bool whole = readWithin("<< the unknown line >> : ", read);
+    const bool whole = readGuarded("<< the unknown line >> : ", read);
     console_ = testing::internal::GetCapturedStderr();
     return whole;
   }

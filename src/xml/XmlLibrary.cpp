@@ -53,7 +53,7 @@ constinit bool unusable = false;
 constinit int sessions = 0;
 
 /// The library's messages are ASCII. Does not use the transcoder, which may not be initialised.
-std::string asciiOf(const XMLCh* text) {
+std::string toAscii(const XMLCh* text) {
   std::string ascii;
   for (; text != nullptr && *text != 0; ++text) {
     ascii += *text < 0x80 ? static_cast<char>(*text) : '?';
@@ -72,7 +72,7 @@ XmlLibrary::XmlLibrary() noexcept {
   try {
     const std::scoped_lock lock(startLock());
     if (unusable) {
-      noteFailure("the library could not be started earlier");
+      setFailure("the library could not be started earlier");
       return;
     }
     PanicHandler& handler = panicHandler();
@@ -81,7 +81,7 @@ XmlLibrary::XmlLibrary() noexcept {
     start(handler, memory);
     unusable = !started_;
   } catch (...) {
-    noteFailure("");
+    setFailure("");
   }
 }
 
@@ -96,17 +96,17 @@ void XmlLibrary::start(PanicHandler& handler, StartMemory& memory) {
     ++sessions;
     started_ = true;
   } catch (const xercesc::XMLException& exception) {
-    noteFailure(asciiOf(exception.getMessage()).c_str());
+    setFailure(toAscii(exception.getMessage()).c_str());
   } catch (const xercesc::OutOfMemoryException&) {
-    noteFailure("OutOfMemory");
+    setFailure("OutOfMemory");
   } catch (const Panic& panic) {
-    noteFailure(panic.message);
+    setFailure(panic.message);
   } catch (const std::exception& exception) {
-    noteFailure(exception.what());
+    setFailure(exception.what());
   }
 }
 
-void XmlLibrary::noteFailure(const char* message) noexcept {
+void XmlLibrary::setFailure(const char* message) noexcept {
   try {
     failure_ = message;
   } catch (...) { // out of memory: no message

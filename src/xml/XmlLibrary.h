@@ -33,7 +33,7 @@ public:
 
 private:
   void start(xercesc::PanicHandler& handler, StartMemory& memory);
-  void noteFailure(const char* message) noexcept;
+  void setFailure(const char* message) noexcept;
 
   bool started_ = false;
   std::string failure_;

@@ -136,5 +136,5 @@ std::size_t PlainDocument::costOf(Element& element) {
 
 bool PlainDocument::isTooMuch(std::size_t cost, std::size_t documentSize) {
   return cost >
-         std::max(DocumentReader::kMostReadPerByte * documentSize, DocumentReader::kLeastRead);
+         std::max(DocumentReader::kMaxReadPerByte * documentSize, DocumentReader::kMinReadBudget);
 }
