@@ -2,12 +2,12 @@
 
 #include <string_view>
 
-/// Traces the exception that is being handled, in two lines; one of no known kind as `unknownLine`
-/// alone, and on standard error.
+/// Traces the current exception: two lines for the library's and XmlFailure; `unknownLine`, and a
+/// line on standard error, for any other.
 void traceCurrentException(std::string_view unknownLine) noexcept;
 
-/// Runs `read` where no exception may pass: the edge of both readers. False after an exception,
-/// which is traced. Inside the session of the library that `read` uses.
+/// Runs `read` and traces an exception instead of passing it on; false after an exception. Called
+/// within the XmlLibrary session that `read` uses.
 template <class Read>
 bool readGuarded(std::string_view unknownLine, const Read& read) noexcept {
   try {

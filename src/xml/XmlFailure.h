@@ -2,8 +2,8 @@
 
 #include <stdexcept>
 
-/// An unreadable document, or a library that did not start. what() is the library's message in
-/// plain narrow text, so that it may outlive the library's session.
+/// A document is unreadable, or the library did not start. what() is the library's message, copied,
+/// so that the exception may outlive the library's session.
 class XmlFailure : public std::runtime_error {
 public:
   using std::runtime_error::runtime_error;

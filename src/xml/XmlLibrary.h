@@ -7,17 +7,18 @@
 
 class StartMemory;
 
-/// The XML lock: one for the whole process, made on first use and never destroyed. Whoever reads or
-/// builds a document takes it first, outside of everything else here.
+/// The XML lock: one per process, created on first use, never destroyed. Taken before any document
+/// is read or built, and before an XmlLibrary is constructed. Exception: the second reading of an
+/// event in ProxyImpXmlAdapter.
 std::mutex& xmlLock();
 
-/// The XML library started for the length of one call: starts it on construction and ends it on
-/// destruction, once each. The library counts its starts without a lock; these two are serialised
-/// here, so that sessions may overlap on several threads, inside the XML lock or not.
+/// One session of the XML library: the constructor starts the library, the destructor ends it. The
+/// library counts its starts without a lock; starts and ends are serialised here, so sessions may
+/// overlap on several threads, with or without the XML lock.
 ///
-/// Owner: the function that reads or builds, on its stack. Everything of the library, a caught
-/// exception too, must be gone before its session ends.
-/// Errors: a start that failed shows in started(); nothing is thrown by the constructor.
+/// Owner: the function that reads or builds, on its stack. Every object of the library, caught
+/// exceptions included, must be destroyed before the session ends.
+/// Errors: the constructor does not throw; see started().
 class XmlLibrary {
 public:
   XmlLibrary() noexcept;
@@ -26,9 +27,9 @@ public:
   ~XmlLibrary();
 
   [[nodiscard]] bool started() const noexcept { return started_; }
-  /// Why it is not started, in the library's words.
+  /// The library's message when it is not started.
   [[nodiscard]] const std::string& failure() const noexcept { return failure_; }
-  /// Throws XmlFailure with failure() unless it is started.
+  /// Throws XmlFailure with failure() unless the library is started.
   void require() const;
 
 private:

@@ -4,13 +4,13 @@
 
 #include <string>
 
-/// Text between the XML library's UTF-16 and the service's narrow strings in the local code page.
-/// Only while the library is started (XmlLibrary). Any thread. Throws for lack of memory only.
+// Conversions between the XML library's UTF-16 and the service's narrow strings in the local code
+// page. Threads: any, within an XmlLibrary session. Errors: out of memory only.
 
-/// `text` in the local code page; what it cannot show becomes the code page's replacement
-/// character. A null pointer is empty text.
+/// Converts to the local code page; a character that it lacks becomes its replacement character. A
+/// null pointer gives empty text.
 std::string narrow(const XMLCh* text);
 
-/// The library's form of `text`, which ends at its first NUL. What is no character of the local
-/// code page becomes a replacement character.
+/// Converts from the local code page, up to the first NUL. An invalid character becomes a
+/// replacement character.
 std::basic_string<XMLCh> widen(const std::string& text);

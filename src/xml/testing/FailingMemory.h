@@ -2,18 +2,18 @@
 
 #include <cstddef>
 
-/// The test program's operator new, made to fail on demand. One thread at a time.
+/// Makes the test program's operator new fail on demand. One thread at a time.
 namespace failing_memory {
 
-/// Calls of operator new since the program began.
+/// Number of calls of operator new since the program started.
 std::size_t allocations();
-/// The allocation after `granted` more fails with std::bad_alloc, once, unless disarmed before.
+/// Lets `granted` more allocations succeed; the next one throws std::bad_alloc, once.
 void failAfter(std::size_t granted);
-/// True when the armed failure came to pass.
+/// Cancels a pending failure; true when it has occurred.
 bool disarm();
 
-/// While it lives, memory that is lost does not count as a leak: the XML library by design does not
-/// clean up after itself when memory ran out.
+/// Disables the leak check while it lives: the XML library does not clean up when it runs out of
+/// memory.
 class LeaksAllowed {
 public:
   LeaksAllowed();

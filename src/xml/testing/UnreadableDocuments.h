@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-/// Documents that no reader may take anything from. Each one that can holds an instance and an
+/// A document from which a reader must take nothing. Where possible it holds an instance and an
 /// event of a kept manufacturer before its flaw.
 struct UnreadableDocument {
   std::string label;

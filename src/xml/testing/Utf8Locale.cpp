@@ -4,8 +4,8 @@
 
 namespace {
 
-/// The local code page of the native build is the locale's: UTF-8 for all of these tests. On
-/// Windows it is the system's ANSI code page whatever the locale says.
+/// Selects UTF-8 as the local code page of native tests. On Windows the local code page is the
+/// system's ANSI code page, whatever the locale.
 class Utf8Locale : public testing::Environment {
 public:
   void SetUp() override {
