@@ -8,23 +8,23 @@
 
 namespace com::orvex {
 
-/// The adapter strategy's events: datagrams on the event port.
+/// The adapter strategy's source of events: datagrams on the event port.
 ///
-/// Owner and only user: the event thread. Deleting it leaves a bound socket open.
+/// Owner and thread: the event thread. The destructor leaves a bound socket open.
 class AdapterImpCommunicationLayer : public CommunicationLayer {
 public:
-  /// Before `open` there is nothing to wait for: an empty message is read then.
+  /// Does not wait before `open`, but reads an empty message.
   DeviceEvent receiveEvent(IUPOSXmlAdapter* adapter) override;
-  /// May be tried again after a failure. The event port is bound once per process, so opening it
-  /// a second time gives 0 and a connector without a socket.
+  /// May be retried after a failure. The event port is bound once per process: a second open
+  /// returns 0 and leaves a connector without a socket.
   std::uint32_t open(std::uint16_t port) override;
   std::uint32_t close() override;
   std::string getPortKey() override;
   std::uint32_t getDefaultPort() override;
 
 private:
-  std::unique_ptr<ByteBuffer> buffer_;               ///< one event message
-  std::unique_ptr<UPOSDatagramConnector> connector_; ///< goes before the buffer
+  std::unique_ptr<ByteBuffer> buffer_; ///< one event message
+  std::unique_ptr<UPOSDatagramConnector> connector_;
 };
 
 } // namespace com::orvex

@@ -31,7 +31,7 @@ ByteBuffer::ByteBuffer(std::int32_t initialCapacity, float growth)
   data_ = newBlock(capacity_);
 }
 
-// Copies grow by 2.0 whatever the source grows by: kept, they are cut to size and then filled up.
+// By design a copy grows by 2.0, whatever the source's growth.
 ByteBuffer::ByteBuffer(const ByteBuffer& source)
     : data_(newBlock(capacityOfCopy(source.length_))), capacity_(capacityOfCopy(source.length_)),
       growth_(kGrowthOfCopies) {
@@ -39,7 +39,7 @@ ByteBuffer::ByteBuffer(const ByteBuffer& source)
 }
 
 void ByteBuffer::grow(std::uint32_t extra) {
-  // In 64 bits and in double, where neither the sum nor a product can wrap or lose a byte.
+  // In 64 bits and double precision, so that neither the sum nor a product wraps or loses a byte.
   const std::uint64_t needed = std::uint64_t{length_} + extra;
   const double stepped = double{growth_} * capacity_;
   double wanted = stepped;
@@ -48,7 +48,7 @@ void ByteBuffer::grow(std::uint32_t extra) {
   } else if (needed <= capacity_) {
     return;
   }
-  if (!(wanted < kCapacityLimit)) { // so that "not a number" ends here too
+  if (!(wanted < kCapacityLimit)) { // negated to reject NaN as well
     return;
   }
   const auto capacity = static_cast<std::uint32_t>(wanted);

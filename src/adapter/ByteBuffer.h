@@ -3,25 +3,24 @@
 #include <cstdint>
 #include <memory>
 
-/// A growable byte string for what arrives on a socket, always NUL-terminated, so that `text()` can
-/// be read as a C string.
+/// A growable byte string for received data, always NUL-terminated.
 ///
-/// Owner: one reader; one thread at a time.
-/// Errors: std::bad_alloc leaves the buffer as it was. A buffer that may not grow any more (its
-/// next capacity would not be below 0xFFFFFFFF) keeps the bytes that still fit and drops the rest.
+/// Owner: one reader. Threads: one at a time.
+/// Errors: std::bad_alloc leaves the buffer unchanged. If the next capacity would not be below
+/// 0xFFFFFFFF, the buffer does not grow: it keeps the bytes that fit and drops the rest.
 class ByteBuffer {
 public:
-  /// A negative capacity counts as 0; a growth below 1.5 as 1.5.
+  /// A negative capacity counts as 0, a growth below 1.5 as 1.5.
   ByteBuffer(std::int32_t initialCapacity, float growth);
-  /// A tight copy: one and a half times the source's length, and growing faster, by 2.0.
+  /// The copy has a capacity of 1.5 times the source's length and grows by 2.0.
   ByteBuffer(const ByteBuffer& source);
   ByteBuffer& operator=(const ByteBuffer&) = delete;
 
   void appendChar(char byte);
-  /// Nothing without a pointer. The bytes must not be this buffer's own.
+  /// Does nothing for a null pointer, like appendString. `bytes` must not point into this buffer.
   void appendBytes(const char* bytes, std::uint32_t count);
   void appendString(const char* text);
-  /// Forgets the bytes, keeps the block.
+  /// Keeps the block.
   void clear() noexcept;
 
   [[nodiscard]] const char* text() const noexcept { return data_.get(); }

@@ -7,31 +7,29 @@
 #include <cstdint>
 
 /// The framing of the request socket and of the event port. A message is the bytes between ESC and
-/// the next BS; what stands before an ESC is dropped, an ESC inside a message is data. There is no
-/// length and no escaping.
+/// the next BS. Bytes before the ESC are dropped; an ESC inside a message is data. There is no
+/// length field and no escaping.
 
 inline constexpr char kFrameBegin = '\x1B';
 inline constexpr char kFrameEnd = '\x08';
 inline constexpr std::int32_t kFrameAreaSize = 1024;
 
-/// What one receive left, and how much of it is consumed: bytes behind an end mark stay here and
-/// begin the next message's scan.
+/// The bytes of the last receive. Those after an end mark stay for the next message.
 struct FrameArea {
   std::array<char, kFrameAreaSize> area;
-  std::int32_t count = 0;    ///< bytes from the last receive
-  std::int32_t position = 0; ///< index of the first byte not yet consumed
+  std::int32_t count = 0;    ///< bytes received
+  std::int32_t position = 0; ///< index of the first unconsumed byte
 };
 
-/// Appends one message to `out`. Ends at its end mark; or, with what was collected so far, as soon
-/// as nothing more arrives. Bytes that were not received are never looked at.
+/// Appends one message to `out`. Returns at its end mark, or with the bytes collected so far when
+/// `receive` reports the end. Never reads bytes that were not received.
 ///
-/// `receive(char* area, int size)` gives the number of bytes it wrote, 0 or less for no more.
-/// `onAreaUsedUp(out)` is called before each receive, so before the very first one too; taking
-/// bytes out of `out` drops the message: what is left of it is not the next one, which begins at an
-/// ESC. `onEndMark(out)` when the message is complete. Exceptions of the callables and of `out`
-/// pass.
-template <class Receive, class OnAreaUsedUp, class OnEndMark>
-void readFrame(FrameArea& frame, ByteBuffer& out, Receive receive, OnAreaUsedUp onAreaUsedUp,
+/// `receive(char* area, int size)` returns the number of bytes written; 0 or less at the end.
+/// `onAreaConsumed(out)` is called before each receive, including the first. If it changes the size
+/// of `out`, the rest of the current message is skipped up to the next ESC. `onEndMark(out)` is
+/// called when the message is complete. Exceptions of the callables and of `out` pass.
+template <class Receive, class OnAreaConsumed, class OnEndMark>
+void readFrame(FrameArea& frame, ByteBuffer& out, Receive receive, OnAreaConsumed onAreaConsumed,
                OnEndMark onEndMark) {
   char* const area = frame.area.data();
   bool inMessage = false;
@@ -53,10 +51,10 @@ void readFrame(FrameArea& frame, ByteBuffer& out, Receive receive, OnAreaUsedUp 
       }
     }
     const std::uint32_t collected = out.size();
-    onAreaUsedUp(out);
+    onAreaConsumed(out);
     inMessage = inMessage && out.size() == collected;
     frame.position = 0;
-    frame.count = 0; // stays so when nothing is received: the next call starts afresh
+    frame.count = 0; // for the next call, in case nothing is received
     const int received = receive(area, kFrameAreaSize);
     if (received <= 0) {
       return;

@@ -16,7 +16,7 @@ void configureTimers() {
   if (requestBackOff.timerQueue != nullptr) {
     return;
   }
-  // Two first requests at once must not make two queues.
+  // Two concurrent first requests must not create two queues.
   std::scoped_lock lock(configuring);
   if (requestBackOff.timerQueue != nullptr) {
     return;
@@ -48,7 +48,7 @@ void signalServerIsOfflineFor5Seconds() {
   if (error == 0) {
     requestBackOff.timer = timer;
   } else {
-    // The line end inside the message is kept: it leaves an empty line in the trace.
+    // Kept: the line end inside the message leaves an empty line in the trace.
     UPOSLog::trace("<<signalServerIsOfflineFor5Seconds>>: CreateTimerQueueTimer failed (%d)\n",
                    error);
     requestBackOff.serverOffline = 0;

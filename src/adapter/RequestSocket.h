@@ -2,10 +2,10 @@
 
 #include <string>
 
-/// One exchange with the device server's request socket: connects to 127.0.0.1, sends `request`
-/// framed between ESC and BS, returns the framed answer. Empty when the exchange failed, or was
-/// skipped because the device server was down a moment ago.
+/// Exchanges one request with the device server: connects to its request socket on 127.0.0.1, sends
+/// `request` framed, returns the content of the framed answer. Empty when the exchange failed or
+/// was skipped during the back-off.
 ///
-/// Threads: any; each exchange has a socket of its own. Blocks for as long as the device server
-/// keeps the connection open without answering. Errors are traced only.
+/// Threads: any; each exchange has its own socket. Blocks while the device server keeps the
+/// connection open without answering. Errors: traced only.
 std::string exchangeRequest(const std::string& request);

@@ -6,8 +6,7 @@
 
 namespace {
 
-// The copy that the label speaks of is not made: a line that nobody reads must not cost the
-// answer's length.
+// Despite the label no copy is made: tracing that is switched off must not cost a copy.
 void traceCollected(std::string_view label, const ByteBuffer& collected) {
   UPOSLog::trace(label);
   UPOSLog::trace(std::string_view(collected.text(), collected.size()));

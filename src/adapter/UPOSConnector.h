@@ -10,19 +10,20 @@
 
 /// Reads the answer of one request exchange from its connected socket, which it does not own.
 ///
-/// Owner and only user: the exchange. The order of the fields is fixed.
+/// Owner and thread: the exchange.
 struct UPOSConnector {
   SOCKET socket = INVALID_SOCKET;
   SOCKET recvSocket = INVALID_SOCKET;
   std::int32_t ready = 0; ///< 1 once the request has been sent
   FrameArea frame;
 
-  /// Reads from `socket`; see Receive2.
+  /// Sets `recvSocket` to `socket` and calls Receive2.
   int Receive(ByteBuffer* out);
-  /// Blocks until one message has been appended to `out`, or the peer has closed or failed, which
-  /// leaves what was collected. Leaves `out` alone when no request was sent. Always 0.
+  /// Appends one message to `out`. Blocks until it is complete, or until the connection ends, which
+  /// leaves the bytes collected so far. Does nothing unless `streamReady` and `ready` are 1. Always
+  /// returns 0.
   int Receive2(ByteBuffer* out);
 
-  /// 1 from the first exchange of the process on.
+  /// 1 since the first exchange of the process.
   static inline std::atomic<std::uint32_t> streamReady = 0;
 };

@@ -23,7 +23,7 @@ bool startWinsockOnce(std::atomic<std::uint32_t>& started) {
 
 std::uint32_t UPOSDatagramConnector::Bind(std::uint16_t port) {
   if (datagramBound == 1) {
-    return 0; // on purpose even for a connector without the socket: one per process
+    return 0; // by design also for a connector that does not own the process's socket
   }
   if (!startWinsockOnce(winsockStarted)) {
     return kFailed;
@@ -64,7 +64,7 @@ int UPOSDatagramConnector::receiveDatagram(char* area, int size) const {
     if (received > 0) {
       return received;
     }
-    // A datagram that does not fit has cost nothing but itself; any other error may last.
+    // After WSAEMSGSIZE only that datagram is lost; any other error may persist.
     if (received < 0 && WSAGetLastError() != WSAEMSGSIZE) {
       Sleep(kPauseAfterErrorMilliseconds);
     }
@@ -76,7 +76,7 @@ int UPOSDatagramConnector::Close() {
   if (datagramBound != 1) {
     return 0;
   }
-  const int result = closesocket(socket); // the caller wants the platform's result
+  const int result = closesocket(socket);
   if (result == 0) {
     socket = 0;
     datagramBound = 0;

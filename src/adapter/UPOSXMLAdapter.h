@@ -5,27 +5,27 @@
 #include <cstdint>
 #include <string>
 
-/// The adapter strategy's XML adapter: each request is one document over the request socket, each
-/// answer one document back.
+/// The adapter strategy's XML adapter: sends each request as one document over the request socket
+/// and reads one document as the answer.
 ///
-/// Owner: whoever got it from the factory. Threads: one at a time; reading and building take the
-/// XML lock, so they run alone in the process and may wait for another thread's.
-/// Errors: as the interface says; no exception leaves toXML, fromXML or fromXMLEvent except for
-/// lack of memory for their by-value arguments, at the caller.
+/// Owner: the caller of the factory. Threads: one at a time; toXML, fromXML and fromXMLEvent take
+/// the XML lock and may wait for another adapter.
+/// Errors: statuses and trace lines; toXML, fromXML and fromXMLEvent do not throw, except
+/// std::bad_alloc when the caller copies the arguments.
 class UPOSXMLAdapter : public com::orvex::IUPOSXmlAdapter {
 public:
   ~UPOSXMLAdapter() override = default;
 
-  /// 0, or the number of the last failure in this process: 2 the DOM reported an error, 3 any other
-  /// failure, 4 no "Core" implementation, 5 out of memory. `out` is left alone by a failure.
+  /// 0, or the status of the last failure in this process: 2 DOM error, 3 other failure, 4 no
+  /// "Core" implementation, 5 out of memory. A failure leaves `out` unchanged.
   std::uint32_t toXML(std::string className, std::string type, std::string cmd, std::string id,
                       std::string& out) override;
-  /// Appends the instances of the answer to the list. 0, 1 for an error answer, 0xFFFFFFFF for an
-  /// unreadable one.
+  /// Appends the instances of the answer to the list. 0 on success, 1 for an error answer,
+  /// 0xFFFFFFFF for an unreadable one.
   std::uint32_t fromXML(std::string response) override;
   std::string sendRequest(std::string request) override;
   InstanceList getInstances() override { return instances_; }
-  /// An event of another manufacturer, or an unreadable one, has the type and class "NA".
+  /// The type and class are "NA" for an event of a foreign manufacturer and for an unreadable one.
   DeviceEvent fromXMLEvent(std::string message) override;
 
 protected:

@@ -9,19 +9,19 @@ namespace com::orvex {
 
 class IUPOSXmlAdapter;
 
-/// Where a strategy's device events come from. The slot order is fixed.
+/// A strategy's source of device events.
 ///
-/// Owner and only user: the event thread.
+/// Owner and thread: the event thread.
 class CommunicationLayer {
 public:
   virtual ~CommunicationLayer() = default;
-  /// Blocks until one event message has arrived and returns it as `adapter` reads it.
+  /// Blocks until an event message has arrived; returns it as read by `adapter`.
   virtual DeviceEvent receiveEvent(IUPOSXmlAdapter* adapter) = 0;
   /// 0, or 0xFFFFFFFF when the port could not be opened.
   virtual std::uint32_t open(std::uint16_t port) = 0;
-  /// The platform's result.
+  /// The result of closing the socket.
   virtual std::uint32_t close() = 0;
-  /// The configuration key of the event port, and the port without one.
+  /// The configuration key of the event port, and its default.
   virtual std::string getPortKey() = 0;
   virtual std::uint32_t getDefaultPort() = 0;
 };

@@ -4,15 +4,16 @@
 
 #include <string>
 
-/// One event of the device server, as the XML adapters read it. Everything is empty at first.
+/// One event of the device server, as read by an XML adapter.
 struct DeviceEvent {
   std::string deviceId;
-  /// "addInstance", "modifyInstance" or "delInstance"; "NA" when it is not to be published.
+  /// "addInstance", "modifyInstance" or "delInstance"; "NA": not to be published.
   std::string type;
   /// The short device class ("Scanner"), or "NA".
   std::string className;
   std::string modifyInstanceCode;
-  /// Filled by the proxy strategy only, like `fields`: the class the device is published under.
+  /// The WMI class under which the device is published. Like `fields`, set by the proxy strategy
+  /// only.
   std::string provider;
   Instance fields;
 };

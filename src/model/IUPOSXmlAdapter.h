@@ -8,22 +8,22 @@
 
 namespace com::orvex {
 
-/// Turns requests into documents, sends them, and reads answers and events: one strategy's way of
-/// speaking with the device server. The slot order is fixed.
+/// A strategy's conversation with the device server: builds and sends requests, reads answers and
+/// events.
 ///
-/// Owner: whoever got it from the factory. Threads: one at a time.
-/// Errors: statuses and trace lines; no exception of the XML library leaves it.
+/// Owner: the caller of the factory. Threads: one at a time.
+/// Errors: statuses and trace lines; exceptions of the XML library never pass.
 class IUPOSXmlAdapter {
 public:
   virtual ~IUPOSXmlAdapter() = default;
-  /// Writes the request document into `out`; 0 when it was built.
+  /// Writes the request document into `out`; 0 on success.
   virtual std::uint32_t toXML(std::string className, std::string type, std::string cmd,
                               std::string id, std::string& out) = 0;
-  /// Reads an answer; 0 when it was understood (1: an error answer, 0xFFFFFFFF: unreadable).
+  /// Reads an answer; 0 on success, 1 for an error answer, 0xFFFFFFFF for an unreadable one.
   virtual std::uint32_t fromXML(std::string response) = 0;
-  /// Exchanges a request for its answer; empty when nothing was exchanged.
+  /// Sends a request and returns the answer; empty when there is none.
   virtual std::string sendRequest(std::string request) = 0;
-  /// A copy of what the last fromXML left.
+  /// A copy of the instances read so far.
   virtual InstanceList getInstances() = 0;
   virtual DeviceEvent fromXMLEvent(std::string message) = 0;
 };

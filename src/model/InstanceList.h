@@ -8,5 +8,5 @@
 using Field = std::array<std::string, 3>;
 /// One device: its fields in document order.
 using Instance = std::vector<Field>;
-/// What a request for devices yields.
+/// The result of a request.
 using InstanceList = std::vector<Instance>;

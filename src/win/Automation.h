@@ -7,16 +7,17 @@
 #include <string_view>
 #include <utility>
 
-/// OLE automation strings and variants as owning types, and the conversions between the service's
-/// narrow text (the system's ANSI code page) and BSTRs. Conversions throw std::bad_alloc, or
-/// std::system_error where the platform refuses: no other text is handed on instead.
+/// Owning types for OLE automation strings and variants, and code page conversions. The service's
+/// narrow text is in the system's ANSI code page.
+/// Errors: conversions throw std::bad_alloc, std::length_error for a text longer than INT_MAX, and
+/// std::system_error when the platform fails; they never return partial text.
 namespace win {
 
-/// Owns a BSTR; null is allowed and reads as empty text.
+/// Owns a BSTR; null reads as empty text.
 class Bstr {
 public:
   Bstr() noexcept = default;
-  /// Copies; throws std::bad_alloc.
+  /// Copies `text`; throws std::bad_alloc.
   explicit Bstr(const wchar_t* text);
   explicit Bstr(std::wstring_view text);
   Bstr(Bstr&& other) noexcept : value_(std::exchange(other.value_, nullptr)) {}
@@ -45,7 +46,7 @@ private:
 class Variant {
 public:
   Variant() noexcept { VariantInit(&value_); }
-  /// A VT_BSTR that takes the text over.
+  /// A VT_BSTR that takes ownership of `text`.
   explicit Variant(Bstr text) noexcept : Variant() {
     value_.vt = VT_BSTR;
     value_.bstrVal = text.release();
@@ -61,10 +62,11 @@ private:
   VARIANT value_;
 };
 
-/// WideCharToMultiByte / MultiByteToWideChar in the system's ANSI code page.
+/// Conversions in the system's ANSI code page (CP_ACP).
 std::string narrow(std::wstring_view text);
 std::wstring widen(std::string_view text);
-/// As widen, in the calling thread's ANSI code page (CP_THREAD_ACP); `wide` keeps its storage.
+/// As widen, but in the calling thread's ANSI code page (CP_THREAD_ACP). Reuses the storage of
+/// `wide`.
 void widenInThreadCodePage(std::string_view text, std::wstring& wide);
 Bstr bstrInThreadCodePage(std::string_view text);
 

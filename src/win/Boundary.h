@@ -8,14 +8,14 @@
 
 namespace win {
 
-/// A WMI code as the HRESULT that it is: MinGW declares the codes unsigned.
+/// A WMI status code as an HRESULT: MinGW declares the codes as unsigned.
 constexpr HRESULT wbemResult(WBEMSTATUS code) noexcept {
   return static_cast<HRESULT>(code);
 }
 
-/// Runs `body`, which returns an HRESULT, where no exception may pass: a COM method, a thread's
-/// entry. Without memory the result is WBEM_E_OUT_OF_MEMORY, after any other exception
-/// WBEM_E_FAILED.
+/// Runs `body`, which returns an HRESULT, and translates exceptions: std::bad_alloc into
+/// WBEM_E_OUT_OF_MEMORY, all others into WBEM_E_FAILED. For COM methods and thread entries, which
+/// must not throw.
 template <class Body>
 HRESULT comBoundary(Body&& body) noexcept {
   try {

@@ -2,13 +2,12 @@
 
 namespace win {
 
-/// From now on this process looks for code that is named without a path in the system's folder
-/// only, not beside the program, in the current directory or along PATH, and takes none from
-/// another machine or from files that an untrusted process wrote. Where the system refuses one of
-/// these, nothing changes.
+/// Restricts the DLL search of this process to the system folder, against planted DLLs: DLLs named
+/// without a path are not looked for beside the program, in the current directory or along PATH;
+/// images from remote devices and images with a low integrity label are not loaded. Irreversible.
 ///
-/// Called first of all, by the first thread. What the program imports is in the system's folder
-/// anyway (tests/system/test_binary.py).
+/// Threads: the first thread, before anything else. Errors: a setting that the system refuses is
+/// skipped. All static imports are in the system folder anyway (tests/system/test_binary.py).
 void loadCodeFromSystemOnly() noexcept;
 
 } // namespace win

@@ -2,18 +2,18 @@
 
 #include <string>
 
-/// The service's configuration file, section "default". Read afresh at each call; never fails: a
-/// missing file or key gives the default. Any thread. A tool that runs on another drive than the
-/// service names the file with its drive.
+/// The service's configuration file, section "default". Each call reads the file again.
+/// Threads: any. Errors: none; a missing file or key gives the default.
 namespace configuration {
 
-/// The file, from the root of the current drive.
+/// The file's path from the root of the current drive. A tool that runs on another drive than the
+/// service passes a path with a drive.
 inline constexpr const char* kFile = "\\POS\\JavaPOS\\Config\\quillmon.properties";
 
-/// The number as the platform's private-profile reader gives it (text that is no number: 0).
+/// The number as GetPrivateProfileIntA reads it (0 for a text that is not a number).
 unsigned readInt(const char* key, int defaultValue, const char* file = kFile) noexcept;
 
-/// The text, cut at 255 characters.
+/// The text, truncated to 255 characters.
 std::string readText(const char* key, const char* defaultValue, const char* file = kFile);
 
 } // namespace configuration

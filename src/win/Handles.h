@@ -5,8 +5,8 @@
 
 #include <utility>
 
-/// Owning types, one per kind of Windows resource and its invalid value. Move-only; closing is
-/// unchecked, as everywhere on this platform. Not for sharing between threads.
+/// Owning types for Windows resources, one per close function and invalid value. Move-only. Not
+/// thread-safe. Errors of closing are ignored.
 namespace win {
 
 /// `Traits`: Type, invalid(), close(Type) noexcept.
@@ -35,7 +35,7 @@ public:
       Traits::close(old);
     }
   }
-  /// For out parameters: closes what is held first.
+  /// For out parameters; closes the current resource first.
   Type* put() noexcept {
     reset();
     return &value_;
@@ -71,15 +71,15 @@ struct SocketTraits {
   static void close(Type value) noexcept { closesocket(value); }
 };
 
-/// An event, thread, token, semaphore, ...; null is the invalid value.
+/// A kernel object whose invalid value is null: event, thread, token, semaphore.
 using Handle = Owned<HandleTraits>;
 using ServiceHandle = Owned<ServiceHandleTraits>;
 using RegistryKey = Owned<RegistryKeyTraits>;
 using LocalMemory = Owned<LocalMemoryTraits>;
 using Socket = Owned<SocketTraits>;
 
-/// Lets go of a resource that lives to the end of the process on purpose, and returns it; the
-/// reason stands at the call.
+/// Returns a resource that intentionally stays open until the process ends. The caller comments
+/// why.
 template <class Traits>
 typename Traits::Type leakOnPurpose(Owned<Traits>&& owned) noexcept {
   return owned.release();

@@ -2,18 +2,18 @@
 
 #include <cstdint>
 
-/// The platform's timer queue, in a form that plain code can use. Any thread. Handles are the
-/// platform's own, null where there is none.
+/// The platform's timer queue, without Windows headers, so that plain code can use it. Handles are
+/// the platform's; null is invalid. Threads: any.
 namespace win {
 
-/// An error of the platform; 0 for none.
+/// A Win32 error code; 0 is success.
 using Error = std::uint32_t;
 
-/// Makes a queue that nothing deletes: its timers may fire to the end of the process.
+/// Creates a queue that is never deleted: its timers may fire until the process ends.
 Error createTimerQueue(void*& queue) noexcept;
 
-/// Calls `callback` once, with no context, on a thread of the queue's after so many milliseconds.
-/// `timer` is left alone by a failure.
+/// Calls `callback` once, with a null context, on a thread of `queue` after `milliseconds`. A
+/// failure leaves `timer` unchanged.
 using TimerCallback = void (*)(void* context, unsigned char fired);
 Error startTimer(void*& timer, void* queue, TimerCallback callback,
                  std::uint32_t milliseconds) noexcept;

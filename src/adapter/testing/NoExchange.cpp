@@ -1,6 +1,6 @@
 #include "adapter/RequestSocket.h"
 
-/// Stands in for the request exchange where no request is to leave the process.
+/// Replaces the request exchange in tests.
 std::string exchangeRequest(const std::string&) {
   return {};
 }

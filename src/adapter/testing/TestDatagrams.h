@@ -8,7 +8,7 @@
 #include <initializer_list>
 #include <string>
 
-/// Sends each text as one datagram to the loopback; they wait in the receiver's socket in order.
+/// Sends each text as one datagram to the loopback, in order.
 inline void sendDatagrams(std::uint16_t port, std::initializer_list<std::string> datagrams) {
   const TestSocket sender(socket(AF_INET, SOCK_DGRAM, 0));
   const sockaddr_in receiver = loopback(port);

@@ -12,7 +12,7 @@
 
 using test_support::loopback;
 
-/// Winsock for the length of a test.
+/// Starts Winsock for one scope.
 class StartedWinsock {
 public:
   StartedWinsock() {
@@ -24,7 +24,7 @@ public:
   ~StartedWinsock() { WSACleanup(); }
 };
 
-/// A socket of a test, closed with it.
+/// Owns a socket.
 class TestSocket {
 public:
   explicit TestSocket(SOCKET socket) : socket_(socket) {}
@@ -50,8 +50,8 @@ inline std::uint16_t portOf(SOCKET socket) {
   return ntohs(address.sin_port);
 }
 
-/// A socket bound to a free port of the loopback. A stream socket made this way refuses
-/// connections as long as it does not listen, and keeps the port from everybody else.
+/// A socket bound to a free port of the loopback. A stream socket refuses connections until it
+/// listens, and reserves the port.
 inline SOCKET boundSocket(int type) {
   const SOCKET created = socket(AF_INET, type, 0);
   const sockaddr_in anyPort = loopback(0);
@@ -70,7 +70,7 @@ inline void sendText(SOCKET socket, const std::string& text) {
   }
 }
 
-/// Receives up to and with `mark`, or until the other side closes.
+/// Receives up to and including `mark`, or until the peer closes.
 inline std::string receiveUntil(SOCKET socket, char mark) {
   std::string received;
   char byte = 0;
@@ -92,8 +92,8 @@ inline std::string receiveRest(SOCKET socket) {
   return received;
 }
 
-/// A device server of a test: serves connections one after another on a thread of its own. Stopped
-/// and joined by its destructor; a conversation under way must come to its end by itself.
+/// A device server for tests: serves connections one after another on its own thread. The
+/// destructor stops and joins the thread; it waits for the current conversation to end.
 class TestPeer {
 public:
   using Conversation = std::function<void(SOCKET connection)>;

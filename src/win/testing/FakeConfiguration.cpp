@@ -23,7 +23,7 @@ void clear() {
 
 namespace configuration {
 
-// There is one file here, whichever is asked for.
+// The same texts for every file.
 std::string readText(const char* key, const char* defaultValue, const char*) {
   std::scoped_lock lock(mutex);
   const auto found = texts.find(key);

@@ -2,8 +2,8 @@
 
 #include <string>
 
-/// Stands in for the configuration file in unit tests: linked in place of the real reader.
-/// Without a text set for a key, the reader's default is what it gives. Any thread.
+/// Replaces the configuration reader in unit tests: linked instead of Configuration.cpp. A key that
+/// is not set gives the caller's default. Threads: any.
 namespace fake_configuration {
 void set(const std::string& key, const std::string& text);
 void clear();
