@@ -10,58 +10,58 @@
 #include <unordered_map>
 #include <vector>
 
-/// The proxy strategy's devices, in the order in which they came, one per device id (compared to
-/// the letter).
+/// The proxy strategy's device cache: one device per device id (case-sensitive), in order of
+/// arrival.
 ///
-/// A stored device never changes: whoever changes one stores a changed copy in its place
-/// (`replace`). So a reader that was handed references keeps what it was handed, unchanged, for as
-/// long as it holds them, while devices are changed and removed; it sees each device as it was
-/// before or after an event, never in between.
+/// Stored devices are immutable: a change stores a changed copy (`replace`). A reader therefore
+/// sees each device as it was before or after an event, never in between, and its references stay
+/// valid while devices are changed and removed.
 ///
-/// Threads: add, replace and remove are one thread's, the event thread's; the rest is for any, at
-/// the same time. The lock is held for a look-up or for the walk over the list, never while a line
-/// is traced or a device copied.
-/// Costs: find, add, replace, remove and a selection by id from all devices do not depend on the
-/// number of devices. Errors: std::bad_alloc only; the container is then unchanged.
+/// Threads: add, replace and remove on the event thread only; the rest on any thread, concurrently.
+/// The lock is held for a look-up or for the walk over the list, never while tracing or copying a
+/// device. Errors: std::bad_alloc, which leaves the container unchanged.
+/// Complexity: find, add, replace, remove and select from all devices take constant time.
 class CIMContainer {
 public:
   using Reference = std::shared_ptr<const CIMDevice>;
 
-  /// The process's container: made on first use, never destroyed.
+  /// The process's container: created on first use, never destroyed.
   static CIMContainer& getInstance();
 
   CIMContainer() = default;
   CIMContainer(const CIMContainer&) = delete;
   CIMContainer& operator=(const CIMContainer&) = delete;
 
-  /// The stored device of the given device's id, or null.
+  // A device is identified by its id.
+
+  /// The stored device; null if there is none.
   Reference find(const CIMDevice& device) const;
-  /// Appends a copy; a device whose id is stored already is ignored.
+  /// Appends a copy; does nothing if the device is already stored.
   void add(const CIMDevice& device);
-  /// Puts a copy in the place of the stored device of that id; nothing without one.
+  /// Replaces the stored device by a copy; does nothing if there is none.
   void replace(const CIMDevice& device);
-  /// Removes the stored device of that id; nothing without one.
+  /// Removes the stored device; does nothing if there is none.
   void remove(const CIMDevice& device);
-  /// The devices of that class, in order; all of them for "UPOS_LogicalDevice".
+  /// The devices of the class, in order; all devices for "UPOS_LogicalDevice".
   std::vector<Reference> getInstances(const std::string& className) const;
 
   struct Selection {
-    std::size_t count = 0; ///< how many devices getInstances would list
-    Reference device;      ///< the one with the id; null without one
+    std::size_t count = 0; ///< number of devices that getInstances would return
+    Reference device;      ///< the one with the id; null if there is none
   };
-  /// As getInstances, trace lines included, for a caller that wants one of the devices only.
+  /// As getInstances, including its trace lines, for a caller that needs one device.
   Selection select(const std::string& className, const std::string& id) const;
 
 private:
   struct Record {
-    std::string id; // the index refers to it
+    std::string id; // referenced by the index
     Reference device;
   };
   using Records = std::list<Record>;
 
   mutable std::mutex mutex_; // guards the rest
   Records records_;
-  // Names each record by the record's own id, and changes in add and remove only.
+  // By Record::id.
   std::unordered_map<std::string_view, Records::iterator> index_;
   std::unordered_map<std::string, std::size_t> classCounts_;
 };

@@ -11,7 +11,7 @@ win::Handle required(HANDLE created) {
   return win::Handle(created);
 }
 
-/// True when `wanted` was signalled, false when `cancelled` was.
+/// False if `cancelled` was signalled, alone or together with `wanted`.
 bool waitUnlessCancelled(HANDLE cancelled, HANDLE wanted) noexcept {
   const HANDLE both[] = {cancelled, wanted};
   return WaitForMultipleObjects(2, both, FALSE, INFINITE) == WAIT_OBJECT_0 + 1;

@@ -3,8 +3,8 @@
 #include "proxy/HandOff.h"
 #include "win/Handles.h"
 
-/// The hand-off's waits on Windows: kernel objects, so that one wait can be for two of them.
-/// Errors: making one throws std::system_error when the platform has no more.
+/// The hand-off's synchronisation on Windows: kernel objects, so that one wait can be for two of
+/// them. Errors: constructors throw std::system_error.
 struct KernelWaits {
   using Cancelled = HANDLE;
 
@@ -13,19 +13,19 @@ struct KernelWaits {
     explicit Signal(bool signalled);
     void set() noexcept;
     void wait() noexcept;
-    /// False when `cancelled` was signalled.
+    /// False if `cancelled` was signalled first.
     bool waitUnless(HANDLE cancelled) noexcept;
 
   private:
     win::Handle event_;
   };
 
-  /// A kernel mutex: leaving it hands it to one that waits, where the platform's own critical
-  /// section may be taken again by the one that has left it.
+  /// A kernel mutex, which passes to a waiting thread on release; a critical section may be
+  /// re-acquired by the thread that has just left it.
   class Turn {
   public:
     Turn();
-    /// False when `cancelled` was signalled.
+    /// False if `cancelled` was signalled first.
     bool takeUnless(HANDLE cancelled) noexcept;
     void giveBack() noexcept;
 

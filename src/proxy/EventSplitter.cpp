@@ -5,12 +5,11 @@
 
 namespace {
 
-/// How many characters at the end of `text` are the beginning of a start marker that is not
-/// complete.
+/// Length of the longest suffix of `text` that is a proper prefix of the start marker.
 std::size_t begunStartMarker(std::string_view text) noexcept {
   std::size_t begun = std::min(text.size(), EventSplitter::kStartMarker.size() - 1);
   while (!text.ends_with(EventSplitter::kStartMarker.substr(0, begun))) {
-    --begun; // ends at 0: everything ends with the empty text
+    --begun; // terminates at 0: every text ends with the empty text
   }
   return begun;
 }
@@ -28,7 +27,7 @@ std::vector<std::string> EventSplitter::splitWhole(std::string_view text) {
   std::vector<std::string> documents;
   const std::size_t start = text.find(kStartMarker);
   if (start == std::string_view::npos) {
-    // Of what was pending only a beginning of the end marker is searched again.
+    // Only the end of the pending text can hold the beginning of an end marker.
     const std::size_t searched = pending_.size() - std::min(pending_.size(), kEndMarker.size() - 1);
     pending_.append(text);
     if (pending_.find(kEndMarker, searched) != std::string::npos) {

@@ -5,38 +5,37 @@
 #include <string_view>
 #include <vector>
 
-/// Cuts one connection's text into event documents, one received text at a time.
+/// Splits the stream of one connection into event documents.
 ///
-/// The rules are the device servers', odd ones included:
-/// - A received text that holds the start marker ends what was pending: that, with the text before
-///   the marker, is a document of its own if it is not empty. The rest is cut behind each end
-///   marker; what is left over is pending.
-/// - Any other received text is added to what is pending; once that holds the end marker, all of
-///   it, also what follows the marker, is one document.
-/// No character is lost or added: the documents and what is pending are the received texts, joined.
+/// Owner and thread: the connection's. Complexity: linear in the received text.
+/// Errors: std::bad_alloc, after which the connection's text is lost.
 ///
-/// So a document may arrive in any number of pieces. A text that ends within what may be a start
-/// marker is taken without that beginning, which goes in front of the next text: a marker is seen
-/// wherever the connection cut it. Where none comes of it the documents are the same, but for one
-/// that the text completed without a start marker of its own: it ends before that beginning.
+/// Rules for each received text:
+/// - It contains the start marker: the pending text plus the text before the marker is one document
+///   unless it is empty. The rest is split after each end marker; the remainder becomes pending.
+/// - Otherwise: it is appended to the pending text. If that now contains the end marker, all of it,
+///   including what follows the marker, is one document.
+/// No character is lost or added.
 ///
-/// Owner: one connection's thread. Time: linear in the text received. Errors: std::bad_alloc only,
-/// after which the connection's text is lost.
+/// A proper prefix of the start marker at the end of a received text is held back and put in front
+/// of the next one, so that a marker is found wherever the connection split it. If no marker
+/// follows, the documents are the same, except that one completed by the second rule ends before
+/// the held-back prefix.
 class EventSplitter {
 public:
   static constexpr std::string_view kStartMarker =
       "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>";
   static constexpr std::string_view kEndMarker = "</event>";
 
-  /// The documents that `received` completes, in order.
+  /// Returns the documents that `received` completes, in order.
   std::vector<std::string> split(std::string_view received);
 
-  /// Bytes of the document that is not yet complete.
+  /// Size of the incomplete document.
   std::size_t pendingSize() const noexcept { return pending_.size() + begun_.size(); }
 
 private:
   std::vector<std::string> splitWhole(std::string_view text);
 
-  std::string pending_; // never holds the end marker
-  std::string begun_;   // behind it: less than a start marker
+  std::string pending_; // never contains the end marker
+  std::string begun_;   // follows pending_: a proper prefix of the start marker
 };

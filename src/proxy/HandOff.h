@@ -4,14 +4,13 @@
 #include <utility>
 
 /// Hands documents from many producers to one consumer, one at a time: `put` waits until the
-/// consumer waits in `take`, and the next `take` waits until the consumer has called `release`.
+/// consumer waits in `take`; the next `take` waits until the consumer has called `release`.
 ///
-/// Threads: `put` from any; `take` and `release` from the consumer. Producers take turns, so that
-/// one with many documents does not keep the others waiting.
+/// Threads: `put` on any; `take` and `release` on the consumer's. Producers are served in turn.
+/// Errors: those of constructing the members of `Waits`.
 ///
-/// `Waits` is what the platform waits with: `Signal`, an auto-reset event (made signalled or not;
-/// set, wait, waitUnless), `Turn` (takeUnless, giveBack), which goes to one that waits for it, and
-/// `Cancelled`, what a producer's wait may be ended by. Errors: what making these throws.
+/// `Waits` provides the synchronisation: `Signal`, an auto-reset event (set, wait, waitUnless);
+/// `Turn`, a fair mutex (takeUnless, giveBack); `Cancelled`, whose signal ends a producer's wait.
 template <class Waits>
 class HandOff {
 public:
@@ -19,7 +18,7 @@ public:
   HandOff(const HandOff&) = delete;
   HandOff& operator=(const HandOff&) = delete;
 
-  /// Waits without time-out, but gives up, false, once `cancelled` is signalled.
+  /// Waits without a time-out; returns false once `cancelled` is signalled.
   bool put(std::string document, typename Waits::Cancelled cancelled) noexcept {
     if (!putting_.takeUnless(cancelled)) {
       return false;
@@ -33,7 +32,7 @@ public:
     return taken;
   }
 
-  /// Waits without time-out.
+  /// Waits without a time-out.
   std::string take() {
     slotFree_.wait();
     consumerWaiting_.set();
@@ -41,13 +40,13 @@ public:
     return std::exchange(slot_, {});
   }
 
-  /// The document taken last has been dealt with.
+  /// Ends the processing of the document taken last.
   void release() noexcept { slotFree_.set(); }
 
 private:
-  typename Waits::Turn putting_; // the producers' critical section
+  typename Waits::Turn putting_; // held by the producer in `put`
   typename Waits::Signal slotFree_{true};
   typename Waits::Signal documentReady_{false};
   typename Waits::Signal consumerWaiting_{false};
-  std::string slot_; // the producer's from consumerWaiting to documentReady, then the consumer's
+  std::string slot_; // the producer's from consumerWaiting to documentReady, else the consumer's
 };

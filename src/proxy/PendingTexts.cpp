@@ -41,9 +41,9 @@ void PendingTexts::set(Connection& connection, std::size_t bytes) {
   connection.bytes_ = bytes;
 }
 
-/// Called while something is held.
+/// Precondition: the total is not 0.
 void PendingTexts::dropOne() {
-  const auto rank = [](const Connection* connection) { // the dropped ones hold nothing
+  const auto rank = [](const Connection* connection) { // dropped connections hold 0 bytes
     return std::pair(connection->bytes_ != 0 && !connection->delivered_, connection->bytes_);
   };
   Connection& dropped = **std::max_element(

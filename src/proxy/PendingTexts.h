@@ -6,33 +6,33 @@
 #include <set>
 
 struct PendingLimits {
-  std::size_t ofOne = std::size_t{64} << 20; ///< one connection's text without an end
+  std::size_t ofOne = std::size_t{64} << 20; ///< bytes of one connection's incomplete document
   std::size_t together = std::size_t{256} << 20;
 };
 
-/// Sees to it that what the connections of the event socket server hold of documents that nobody
-/// has taken yet stays within a limit, whoever connects, as often as it likes.
+/// Limits the memory that all connections of the event socket server hold for documents that the
+/// consumer has not yet taken.
 ///
-/// Beyond the limit connections are dropped until the rest is within it: one that has never
-/// delivered a document before one that has, and of these the one that holds the most. One that
-/// holds nothing takes nothing from the others, and is never dropped.
+/// While the total exceeds the limit, a connection is dropped: one that has never delivered a
+/// document before one that has; among these the one that holds the most bytes. A connection that
+/// holds nothing is never dropped.
 ///
-/// Threads: any. Errors: std::bad_alloc for a new connection.
+/// Threads: any. Errors: constructing a Connection throws std::bad_alloc.
 class PendingTexts {
 public:
-  /// What one connection holds. Belongs to its thread, lives shorter than the PendingTexts.
+  /// The account of one connection. Owner: its thread. Must not outlive the PendingTexts.
   class Connection {
   public:
-    /// `onDropped` is called once at most, by any connection's thread and under the lock: it must
-    /// not throw, and not call back.
+    /// `onDropped` is called at most once, on any connection's thread, under the lock: it must not
+    /// throw or call back.
     Connection(PendingTexts& all, std::function<void()> onDropped);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
     ~Connection();
 
-    /// So many bytes are held from now on. False when the connection has been dropped.
+    /// Sets the number of bytes held. False if the connection has been dropped.
     bool hold(std::size_t bytes);
-    /// A document of this connection has been taken.
+    /// Records that the consumer has taken a document of this connection.
     void delivered();
     bool isDropped() const;
 
@@ -41,7 +41,8 @@ public:
 
     PendingTexts& all_;
     const std::function<void()> onDropped_;
-    std::size_t bytes_ = 0; // the rest is guarded by the lock of all
+    // Guarded by the lock of all_:
+    std::size_t bytes_ = 0;
     bool delivered_ = false;
     bool dropped_ = false;
   };
@@ -55,7 +56,7 @@ private:
   void dropOne();
 
   const PendingLimits limits_;
-  mutable std::mutex mutex_; // guards the rest
+  mutable std::mutex mutex_; // guards the members below
   std::set<Connection*> connections_;
-  std::size_t bytes_ = 0; // of all connections that are not dropped
+  std::size_t bytes_ = 0; // total of the connections that are not dropped
 };

@@ -16,7 +16,7 @@ std::int64_t calendarTime() {
   return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
 }
 
-/// In 32 bits: an absurd number of minutes wraps.
+/// In 32 bits: a very large number of minutes wraps.
 std::int32_t secondsOf(std::int32_t minutes) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(minutes) * 60U);
 }
@@ -49,7 +49,7 @@ std::int64_t Poller::currentTime() {
 }
 
 bool Poller::isPollingTime() {
-  // Truncated on purpose, as the time has always been kept: from 2038 on no period ends any more.
+  // Kept: truncated to 32 bits, so that from 2038 on no period ends.
   const std::int64_t now = static_cast<std::int32_t>(currentTime());
   if (now - lastPoll_ < period_) {
     return false;

@@ -5,17 +5,15 @@
 
 namespace com::orvex {
 
-/// Tells when the device servers are to be asked for an update: every
-/// "provider.dataUpdate.frequency" minutes (60 when it is not configured), for the first time one
-/// period after it was made.
+/// Determines when to ask the device servers for an update: every "provider.dataUpdate.frequency"
+/// minutes (default 60), first one period after construction.
 ///
-/// Threads: any, without a lock: two that ask at the same moment may both be told that it is time.
-/// The slot order is fixed.
+/// Threads: any, without a lock: two concurrent calls may both return true.
 class Poller {
 public:
-  /// The process's poller: made on first use, never destroyed or reset.
+  /// The process's poller: created on first use, never destroyed or reset.
   static Poller& instance();
-  /// Puts another poller in its place, for good; for tests with a clock of their own.
+  /// Replaces the process's poller permanently; for tests with their own clock.
   static void replaceInstance(Poller& poller) noexcept;
 
   /// Reads the configuration.
@@ -27,8 +25,8 @@ public:
   /// Calendar time in whole seconds.
   virtual std::int64_t currentTime();
 
-  /// True when a period has passed since it was true last; the next one then begins. With a period
-  /// of 0 or less always true.
+  /// True if a period has passed since the last true; starts the next period. Always true for a
+  /// period of 0 or less.
   bool isPollingTime();
 
 protected:

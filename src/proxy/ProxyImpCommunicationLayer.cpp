@@ -10,7 +10,7 @@ namespace com::orvex {
 
 namespace {
 
-/// A document taken and not released would keep every later one waiting.
+/// Releases a taken document, also after an exception; otherwise every later one would wait.
 class Released {
 public:
   explicit Released(TCPServer& server) noexcept : server_(server) {}

@@ -4,15 +4,15 @@
 
 namespace com::orvex {
 
-/// The proxy strategy's events: documents from the event socket server, applied to the device
-/// cache before they are returned.
+/// The proxy strategy's source of events: documents from the event socket server, applied to the
+/// device cache before they are returned.
 ///
-/// Owner and only user: the event thread. The server is the process's, so the layer has no state.
+/// Owner and thread: the event thread. Stateless: the server is a process-wide singleton.
 class ProxyImpCommunicationLayer : public CommunicationLayer {
 public:
-  /// The type of the event is "NA" when it is not to be published.
+  /// The event's type is "NA" if it is not to be published.
   DeviceEvent receiveEvent(IUPOSXmlAdapter* adapter) override;
-  /// Starts the server, then the poller. May be tried again after a failure.
+  /// Starts the server, then the poller. May be retried after a failure.
   std::uint32_t open(std::uint16_t port) override;
   std::uint32_t close() override;
   std::string getPortKey() override;

@@ -89,8 +89,8 @@ std::uint32_t ProxyImpXmlAdapter::fromXML(std::string) {
 std::string ProxyImpXmlAdapter::sendRequest(std::string request) {
   UPOSLog::trace("<<ProxyImpXmlAdapter>> sendRequest() isPollingTime()=%d",
                  Poller::instance().isPollingTime());
-  // Asked twice on purpose: the traced answer begins a period, so a request goes out only when the
-  // configured frequency is 0, or when a period ends between the two questions.
+  // By design called twice: the traced call starts a new period, so a request is sent only if the
+  // configured frequency is 0, or if a period ends between the two calls.
   if (Poller::instance().isPollingTime()) {
     sendToClients(request);
   }
@@ -100,12 +100,12 @@ std::string ProxyImpXmlAdapter::sendRequest(std::string request) {
 DeviceEvent ProxyImpXmlAdapter::fromXMLEvent(std::string message) {
   UPOSLog::trace("<<ProxyImpXmlAdapter>> fromXMLEvent(event='%s')", message);
   DeviceEvent event = UPOSXMLAdapter::fromXMLEvent(message);
-  // Read a second time, outside the XML lock: no request waits for an event with many fields.
+  // A second reading, outside the XML lock: no request waits for an event with many fields.
   const XmlLibrary library;
   try {
     library.require();
     readProviderAndFields(message, event);
-  } catch (...) { // untraced: the first reading has traced it
+  } catch (...) { // already traced by the first reading
   }
   return event;
 }

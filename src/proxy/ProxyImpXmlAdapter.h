@@ -7,24 +7,24 @@
 
 namespace com::orvex {
 
-/// The proxy strategy's XML adapter: requests are answered from the device cache, and the device
-/// servers are only asked to send their devices again when the poller says so.
+/// The proxy strategy's XML adapter: answers requests from the device cache; asks the device
+/// servers for an update only when the poller is due.
 ///
-/// Owner and threads as UPOSXMLAdapter. An adapter may wait for the XML lock in fromXMLEvent only.
+/// Owner and threads as UPOSXMLAdapter. Only fromXMLEvent takes the XML lock.
 class ProxyImpXmlAdapter : public UPOSXMLAdapter {
 public:
-  /// Writes the fixed update request into `out`, whatever the arguments, and fills the instance
-  /// list from the cache: the devices of `className`; for the command "getInstance" only those
-  /// whose id is `id`. Always 0.
+  /// Writes the fixed update request into `out`, regardless of the arguments, and fills the
+  /// instance list from the cache: the devices of `className`; for the command "getInstance" only
+  /// the one whose id is `id`. Always returns 0.
   std::uint32_t toXML(std::string className, std::string type, std::string cmd, std::string id,
                       std::string& out) override;
-  /// Nothing to read: 0, and the instance list stays.
+  /// Does nothing; returns 0.
   std::uint32_t fromXML(std::string response) override;
-  /// Sends `request` to every connected device server if it is time; never waits for an answer, so
-  /// always empty.
+  /// Sends `request` to every connected device server if the poller is due. Does not wait for an
+  /// answer; always returns empty text.
   std::string sendRequest(std::string request) override;
-  /// As the base class, with the provider and all fields besides, also of an event that is not to
-  /// be published. An unreadable document has neither.
+  /// As the base class; also sets the provider and all fields, even if the event is not to be
+  /// published. An unreadable document leaves both empty.
   DeviceEvent fromXMLEvent(std::string message) override;
 
 private:

@@ -2,7 +2,6 @@
 
 #include <string>
 
-/// Sends `text` to every device server that is connected to the event socket server of the process.
-/// Any thread; errors are not reported. Stands apart from the server so that what only sends
-/// includes no socket header.
+/// Sends `text` to every device server that is connected to the process's TCPServer. Declared here
+/// so that plain sources can send without a socket header. Threads: any. Errors: not reported.
 void sendToClients(const std::string& text);

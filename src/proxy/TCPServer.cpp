@@ -56,7 +56,7 @@ TCPServer::Winsock::~Winsock() {
 TCPServer::Client::Client(win::Socket accepted, std::shared_ptr<const Winsock> started)
     : winsock(std::move(started)), socket(std::move(accepted)), readable(manualResetEvent(false)),
       ended(manualResetEvent(false)) {
-  // Non-blocking, so that neither a send nor the end of the server waits for a client.
+  // Non-blocking, so that neither sendToClients nor stop waits for a client.
   if (WSAEventSelect(socket.get(), readable.get(), FD_READ | FD_CLOSE) != 0) {
     throw std::system_error(WSAGetLastError(), std::system_category());
   }
@@ -127,7 +127,7 @@ std::uint32_t TCPServer::startListening(std::uint16_t port) {
     listening_ = open(port);
     listens = listening_ != nullptr;
   }
-  UPOSLog::trace("Starting listening in TCPServer"); // also when it does not
+  UPOSLog::trace("Starting listening in TCPServer"); // also after a failure
   return listens ? 0 : kFailed;
 }
 
@@ -135,7 +135,7 @@ std::unique_ptr<TCPServer::Listening> TCPServer::open(std::uint16_t port) {
   const sockaddr_in address = addressOf(port);
   auto listening = std::make_unique<Listening>();
   listening->listener.reset(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-  // No address at all would be the broadcast address.
+  // INADDR_NONE, an invalid address, equals the broadcast address.
   const bool bound = address.sin_addr.s_addr != INADDR_NONE &&
                      bind(listening->listener.get(), reinterpret_cast<const sockaddr*>(&address),
                           sizeof address) == 0;
@@ -152,7 +152,7 @@ bool TCPServer::startAccepting(Listening& listening) noexcept {
     listening.acceptThread = std::thread(
         [this, listener, winsock = listening.winsock] { acceptClients(listener, winsock); });
     return true;
-  } catch (...) { // no thread to be had
+  } catch (...) { // no thread
     SetEvent(stopping_.get());
     return false;
   }
@@ -165,7 +165,7 @@ int TCPServer::stop() {
   }
   SetEvent(stopping_.get());
   const int result = closesocket(listening_->listener.release());
-  listening_->acceptThread.join(); // no client comes any more
+  listening_->acceptThread.join(); // no further clients
   clients_.endAll();
   receivers_->waitUntilGone();
   listening_.reset();
@@ -186,8 +186,7 @@ bool TCPServer::put(std::string document, const Client& client) noexcept {
   return handOff_.put(std::move(document), client.ended.get());
 }
 
-// Takes none of the two critical sections of the list: it must not wait for a client that comes or
-// goes.
+// Takes neither adding_ nor deleting_, so it does not wait while a client is added or deleted.
 void TCPServer::sendToClients(const std::string& text) {
   const int length = static_cast<int>(std::strlen(text.c_str()));
   for (const ClientPointer& client : clients_.copy()) {
@@ -216,13 +215,13 @@ void TCPServer::acceptClients(SOCKET listener,
   while (win::Socket accepted = accept(listener)) {
     try {
       welcome(std::make_shared<Client>(std::move(accepted), winsock));
-    } catch (...) { // without memory or threads this client is closed; others may fare better
+    } catch (...) { // out of memory or threads: only this client is closed
     }
   }
 }
 
-/// The next client, or none when the server is stopping: closing the listening socket ends the
-/// wait.
+/// Waits for the next client; empty when the server is stopping. Closing the listening socket ends
+/// the wait.
 win::Socket TCPServer::accept(SOCKET listener) noexcept {
   while (!isStopping()) {
     win::Socket accepted(::accept(listener, nullptr, nullptr));
@@ -230,7 +229,7 @@ win::Socket TCPServer::accept(SOCKET listener) noexcept {
       return accepted;
     }
     const int error = WSAGetLastError();
-    // A client that has gone already keeps nobody waiting; any other error may last.
+    // These two concern only the client that has gone; any other error may persist.
     if (error != WSAECONNRESET && error != WSAECONNABORTED) {
       WaitForSingleObject(stopping_.get(), kPauseAfterErrorMilliseconds);
     }
@@ -249,8 +248,8 @@ void TCPServer::welcome(const ClientPointer& client) {
   }
 }
 
-/// Its thread starts here, and begins to receive when the client is in the list: one that has gone
-/// again by then would otherwise never be deleted.
+/// Starts the client's thread. It begins to receive only when the client is in the list; otherwise
+/// a client that disconnects at once would be added after its deletion.
 void TCPServer::startReceiving(const ClientPointer& client) {
   receivers_->begin();
   try {
@@ -269,7 +268,7 @@ void TCPServer::startReceiving(const ClientPointer& client) {
 void TCPServer::serve(const ClientPointer& client) noexcept {
   try {
     receiveDocuments(*client);
-  } catch (...) { // without memory for what it sends a client is dropped
+  } catch (...) { // out of memory: the client is dropped
   }
   deleteClient(client->socket.get());
 }
@@ -279,7 +278,7 @@ void TCPServer::receiveDocuments(Client& client) {
   PendingTexts::Connection held(pending_, [&client] { SetEvent(client.ended.get()); });
   char buffer[kMostReceived + 1] = {};
   while (receive(client, buffer, kMostReceived) > 0) {
-    client.text = buffer; // up to the first zero byte
+    client.text = buffer; // up to the first NUL
     UPOSLog::trace("Data received from socket: %s", client.text);
     std::vector<std::string> documents = splitter.split(client.text);
     if (splitter.pendingSize() > pending_.limits().ofOne) {
@@ -304,7 +303,7 @@ void TCPServer::receiveDocuments(Client& client) {
   }
 }
 
-/// As recv on a blocking socket, but 0 when the client's thread is to end.
+/// As recv on a blocking socket; returns 0 if client.ended is set.
 int TCPServer::receive(const Client& client, char* buffer, int size) noexcept {
   const SOCKET socket = client.socket.get();
   while (WaitForSingleObject(client.ended.get(), 0) != WAIT_OBJECT_0) {
@@ -317,11 +316,11 @@ int TCPServer::receive(const Client& client, char* buffer, int size) noexcept {
   return 0;
 }
 
-/// Ends also when the client's thread is to end.
+/// Returns also when client.ended is set.
 void TCPServer::waitUntilReadable(const Client& client) noexcept {
   const HANDLE both[] = {client.ended.get(), client.readable.get()};
   if (WaitForMultipleObjects(2, both, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) {
-    WSANETWORKEVENTS events; // taken note of, which arms the event again
+    WSANETWORKEVENTS events; // ignored; the call re-arms the event
     WSAEnumNetworkEvents(client.socket.get(), client.readable.get(), &events);
   }
 }

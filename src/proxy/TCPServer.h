@@ -13,23 +13,22 @@
 #include <thread>
 #include <vector>
 
-/// The proxy strategy's event socket server: device servers connect to it, each connection's stream
-/// is cut into event documents, and the documents are handed to one consumer, one at a time. It
-/// also sends text to every connected device server.
+/// The proxy strategy's event socket server. Device servers connect to it; each connection's stream
+/// is split into event documents, which are handed to one consumer, one at a time. It also sends
+/// text to every connected device server.
 ///
-/// Threads: startListening, stop, take and release belong to the consumer, the event thread; the
-/// rest is for any thread. One thread accepts, one per client receives; `stop` ends them all. A
-/// consumer that waits in `take` stays there across stop and a new start.
-/// Limits: a client whose unfinished document has become too long is dropped with a trace line; so
-/// is one that PendingTexts chooses when all of them hold too much together (their buffers may have
-/// twice that). What comes faster than the consumer takes it stays in the connection.
-/// Errors: traced where the lines say so; results of sockets are not reported otherwise.
+/// Threads: startListening, stop, take and release on the consumer's, the event thread; the rest on
+/// any. One thread accepts and one per client receives; `stop` ends them. A consumer that waits in
+/// `take` keeps waiting across a stop and a new start.
+/// Limits: a client whose incomplete document exceeds PendingLimits::ofOne is dropped, and so is
+/// one that PendingTexts selects, each with a trace line. Memory may reach twice the limits, since
+/// buffers grow by doubling. Data that the consumer does not keep up with stays in the connection.
+/// Errors: traced where a line exists; other socket errors are ignored.
 class TCPServer {
 public:
-  /// Winsock, started for as long as this lives: the last one to go closes all sockets. One for
-  /// each period of listening, not for each client: Wine 8 counts the starts without a lock, and
-  /// once in some ten thousand clients that came and went on threads of their own it lost one and
-  /// closed the listening socket under us.
+  /// Keeps Winsock started while it lives; the last one to be destroyed closes all sockets. One per
+  /// period of listening, not per client: Wine 8 counts the starts without a lock, and with many
+  /// short-lived clients it lost a count and closed the listening socket.
   class Winsock {
   public:
     Winsock() noexcept;
@@ -41,54 +40,53 @@ public:
     bool started_;
   };
 
-  /// A connected device server. Its socket is closed when the last one lets go of the record.
+  /// A connected device server. The socket is closed with the last reference.
   struct Client {
-    /// Takes the socket over and makes it non-blocking; throws std::system_error.
+    /// Takes ownership of the socket and makes it non-blocking; throws std::system_error.
     Client(win::Socket accepted, std::shared_ptr<const Winsock> started);
 
-    const std::shared_ptr<const Winsock> winsock; ///< for whoever lets go of the socket last
+    const std::shared_ptr<const Winsock> winsock; ///< outlives the socket
     win::Socket socket;
-    win::Handle readable; ///< something has come, or the peer has closed
-    win::Handle ended;    ///< set: whatever its receive thread waits for, it ends
-    std::string text;     ///< what was received last; the receive thread's
+    win::Handle readable; ///< set when data has arrived or the peer has closed
+    win::Handle ended;    ///< set to end the receive thread, whatever it waits for
+    std::string text;     ///< last received text; used by the receive thread only
   };
   using ClientPointer = std::shared_ptr<Client>;
 
-  /// The process's server: made on first use, never destroyed.
+  /// The process's server: created on first use, never destroyed.
   static TCPServer& instance();
 
-  /// Throws std::system_error when the platform has no more events.
+  /// Throws std::system_error.
   explicit TCPServer(PendingLimits limits = {});
   TCPServer(const TCPServer&) = delete;
   TCPServer& operator=(const TCPServer&) = delete;
-  /// Stops first; for tests, the process's server lives on.
+  /// Stops the server. Used by tests only.
   ~TCPServer();
 
-  /// Listens on `port` (0: one of the platform's choice) of the configured address. 0, or
-  /// 0xFFFFFFFF when it cannot (then it may be tried again) or listens already.
+  /// Listens on the configured address; port 0: chosen by the platform. Returns 0; 0xFFFFFFFF on
+  /// failure, which may be retried, and when already listening.
   std::uint32_t startListening(std::uint16_t port);
-  /// Ends the threads, closes all sockets and lets go of Winsock. The result of closing the
-  /// listening socket; 0 when it was not listening.
+  /// Ends the threads, closes all sockets and releases Winsock. Returns the result of closing the
+  /// listening socket; 0 if it was not listening.
   int stop();
-  /// The port listened on; 0 when not listening.
+  /// The listening port; 0 if not listening.
   std::uint16_t port() const noexcept;
 
-  /// A client's document: waits until the consumer takes it; false when the client's thread is to
-  /// end meanwhile.
+  /// Hands over a document; waits until the consumer takes it. False if client.ended is set first.
   bool put(std::string document, const Client& client) noexcept;
   std::string take() { return handOff_.take(); }
   void release() noexcept { handOff_.release(); }
 
-  /// To each client in order of acceptance, up to the text's first NUL. Waits for none of them: a
-  /// client that does not read loses what its connection does not hold.
+  /// Sends `text` up to its first NUL to each client, in order of acceptance. Does not block: a
+  /// client that does not read loses what its connection cannot buffer.
   void sendToClients(const std::string& text);
 
   void addClient(ClientPointer client);
-  /// Nothing for an unknown socket.
+  /// Does nothing for an unknown socket.
   void deleteClient(SOCKET socket);
 
 private:
-  /// The clients, safe against being changed from two critical sections and read from none.
+  /// A thread-safe list: adding and deleting hold different locks, and sending holds neither.
   class ClientList {
   public:
     void append(ClientPointer client);
@@ -110,8 +108,7 @@ private:
     std::thread acceptThread;
   };
 
-  /// How many receive threads there are; shared with them, so that the last one may end after the
-  /// server.
+  /// Counts the receive threads. Shared with them, since the last one may end after the server.
   class Receivers {
   public:
     void begin();
@@ -138,11 +135,11 @@ private:
 
   DocumentHandOff handOff_;
   win::Handle stopping_; // set while stopped; ends the accept thread's waits
-  std::mutex welcoming_; // the accept thread's, from a client's thread to its place in the list
-  std::mutex adding_;    // addClient's
-  std::mutex deleting_;  // deleteClient's
+  std::mutex welcoming_; // held from starting a client's thread until the client is in the list
+  std::mutex adding_;    // held by addClient
+  std::mutex deleting_;  // held by deleteClient
   PendingTexts pending_;
   ClientList clients_;
-  std::unique_ptr<Listening> listening_; // the consumer's
+  std::unique_ptr<Listening> listening_; // used by the consumer only
   const std::shared_ptr<Receivers> receivers_ = std::make_shared<Receivers>();
 };

@@ -1,4 +1,4 @@
 #include "proxy/SendToClients.h"
 
-/// Stands in for the event server where no text is to leave the process.
+/// Replaces the event server's sender in tests.
 void sendToClients(const std::string&) {}

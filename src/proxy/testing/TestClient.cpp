@@ -17,7 +17,7 @@ void require(bool done, const char* operation) {
 } // namespace
 
 TestClient::TestClient(std::uint16_t port) {
-  static const TCPServer::Winsock winsock; // of all clients, as it is counted without a lock
+  static const TCPServer::Winsock winsock; // shared: Wine counts the starts without a lock
   socket_.reset(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   const sockaddr_in address = test_support::loopback(port);
   require(connect(socket(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,

@@ -6,23 +6,23 @@
 #include <cstdint>
 #include <string>
 
-/// A device server as far as its socket goes. Every operation blocks until it is done; what fails
-/// throws std::system_error.
+/// A device server's connection. Every operation blocks until it is complete and throws
+/// std::system_error on failure.
 class TestClient {
 public:
   explicit TestClient(std::uint16_t port);
 
-  /// One send, without delay, so that it travels by itself as a rule.
+  /// One send without delay (TCP_NODELAY).
   void send(const std::string& text);
-  /// What arrives next, of exactly this length.
+  /// Receives exactly `length` bytes.
   std::string receive(std::size_t length);
-  /// False when nothing but the end of the connection came.
+  /// False when the connection ends before a byte arrives.
   bool receivesAnything();
-  /// Ends its own direction: the server sees the connection closed.
+  /// Shuts down sending: the server sees the connection closed.
   void halfClose();
-  /// Closes with a reset instead of in order.
+  /// Closes with a reset instead of an orderly shutdown.
   void reset();
-  /// Blocks until the server has closed the connection (or reset it).
+  /// Blocks until the server has closed or reset the connection.
   void waitUntilClosed();
   SOCKET socket() const noexcept { return socket_.get(); }
 
