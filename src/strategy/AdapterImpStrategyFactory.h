@@ -4,9 +4,8 @@
 
 namespace com::orvex {
 
-/// The adapter strategy: one request over the device server's request socket per WMI request,
-/// events as datagrams. Defined beside the factory's creation, the one place that knows the
-/// concrete classes.
+/// The adapter strategy: one exchange with the device server per WMI request, events as datagrams.
+/// Defined in StrategyFactory.cpp, the only source that knows the concrete classes.
 class AdapterImpStrategyFactory : public StrategyFactory {
 public:
   IUPOSXmlAdapter* createXmlAdapter() override;

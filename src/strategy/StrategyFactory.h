@@ -7,8 +7,8 @@ namespace com::orvex {
 class CommunicationLayer;
 class IUPOSXmlAdapter;
 
-/// Makes the parts of the chosen strategy; what it makes belongs to the caller. Stateless, so any
-/// thread may use it. The slot order is fixed.
+/// Creates the parts of the selected strategy; the caller owns them. Threads: any; stateless.
+/// Errors: std::bad_alloc.
 class StrategyFactory {
 public:
   virtual ~StrategyFactory() = default;
@@ -16,12 +16,11 @@ public:
   virtual CommunicationLayer* createCommunicationLayer() = 0;
 };
 
-/// 0: adapter (the default), 1: proxy. Called while the command line is read, before anything asks
-/// for the factory; later calls change nothing.
+/// Selects the strategy: 0 adapter (the default), 1 proxy. Has no effect once the factory exists.
 void setStrategy(std::uint32_t kind);
 
-/// The process's one factory, made on first use and never destroyed. Empty for an unknown kind or
-/// without memory.
+/// The process's factory: created on first use, never destroyed. Null for an unknown kind or out of
+/// memory.
 StrategyFactory* getStrategyFactory();
 
 } // namespace com::orvex

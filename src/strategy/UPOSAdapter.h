@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <string>
 
-/// Answers one enumeration or one lookup of the WMI provider, in whichever strategy was chosen, and
-/// lets the provider walk the result by index.
+/// Answers one enumeration or one lookup of the WMI provider through the selected strategy, and
+/// gives access to the result by index.
 ///
-/// Owner: the provider, one per WMI call; one thread. What it asks lives inside one operation.
-/// Errors: the status of an enumeration, an empty result, trace lines. Exceptions pass through.
+/// Owner and thread: the WMI call.
+/// Errors: the status of an enumeration, an empty result, trace lines. Exceptions pass.
 class UPOSAdapter {
 public:
   UPOSAdapter();
@@ -17,17 +17,18 @@ public:
   UPOSAdapter(const UPOSAdapter&) = delete;
   UPOSAdapter& operator=(const UPOSAdapter&) = delete;
 
-  /// All instances of the class. `*status` is 0 on success; otherwise the result stays as it was.
+  /// Gets all instances of the class. `*status` is 0 on success; otherwise the result is unchanged.
   void enumerateInstances(std::string className, std::uint32_t* status);
-  /// The one instance with this key. The outcome shows in the number of instances only.
+  /// Gets the instance with this key. Reports no status; see getInstanceCount.
   void getInstance(std::string className, std::string key);
 
   [[nodiscard]] std::int32_t getInstanceCount() const noexcept;
-  /// The number of properties of an instance; 0, and nothing selected, when there is no such one.
+  /// Selects an instance and returns its number of properties; 0, without a change, if `index` is
+  /// out of range.
   std::int32_t selectInstance(std::int32_t index);
-  /// One string of one property of one instance: item 0 name, 1 type word, 2 value. Where an index
-  /// is out of range: the first string of the property that was read last, empty without one.
-  /// Inline: it is called three times for each field of an answer.
+  /// Gets one string of a property: item 0 name, 1 type word, 2 value. If an index is out of range:
+  /// the first string of the last selected property, or empty text. Inline, since it is called
+  /// three times per field.
   void getPropertyItem(std::string* out, std::int32_t instanceIndex, std::int32_t propertyIndex,
                        std::int32_t item) {
     if (has(instances_, instanceIndex)) {
@@ -49,10 +50,9 @@ private:
   }
   void setInstances(InstanceList instances);
 
-  // Unused, always empty; kept because the order of the fields is fixed.
-  std::string unused1_;
+  std::string unused1_; // kept for the layout
   std::string unused2_;
   InstanceList instances_;
-  const Field* currentProperty_ = nullptr; ///< the property that was read last, in instances_
-  std::string lastName_; ///< what such a property was called whose list has been replaced
+  const Field* currentProperty_ = nullptr; ///< the last selected property, in instances_
+  std::string lastName_; ///< the name of the last selected property of the previous instances_
 };
