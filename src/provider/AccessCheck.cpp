@@ -17,14 +17,14 @@ HRESULT CheckAccess(PSECURITY_DESCRIPTOR descriptor, DWORD desiredAccess,
                     GENERIC_MAPPING mapping) noexcept {
   win::Handle token;
   if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put())) {
-    // Kept: a Win32 code never equals this HRESULT, so a caller without a token is WBEM_E_FAILED.
+    // Kept: a Win32 code never equals an HRESULT, so the result is always WBEM_E_FAILED.
     return GetLastError() == static_cast<DWORD>(E_ACCESSDENIED) ? wbemResult(WBEM_E_ACCESS_DENIED)
                                                                 : wbemResult(WBEM_E_FAILED);
   }
   MapGenericMask(&desiredAccess, &mapping);
 
-  // The first call has no room for the privilege set (an address, as the platform wants one, and
-  // the length 0): it only tells the length.
+  // The first call passes a length of 0, to obtain the length of the privilege set. The address
+  // must not be null.
   PRIVILEGE_SET none;
   DWORD length = 0;
   DWORD granted = 0;

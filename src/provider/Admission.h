@@ -2,33 +2,33 @@
 
 #include "win/Handles.h"
 
-/// The limit on the requests that are served at once.
+/// Limits the number of requests that are served at once.
 namespace provider {
 
-/// How long a request waits for its turn.
+/// The longest wait for admission.
 inline constexpr DWORD kAdmissionTimeoutMilliseconds = 300000;
 
-/// A semaphore that admits `limit` requests. 0 admits nobody; a negative limit is refused by the
-/// platform, and the empty handle that is returned then limits nothing.
+/// Creates a semaphore that admits `limit` requests; 0 admits none. For a negative limit the
+/// platform fails, and the empty handle admits every request.
 inline win::Handle createAdmissionSemaphore(LONG limit) noexcept {
-  // The platform refuses a maximum of 0 as well, so none of 1 stands for it.
+  // The platform also refuses a maximum of 0, hence 0 of 1.
   return win::Handle(CreateSemaphoreA(nullptr, limit, limit == 0 ? 1 : limit, nullptr));
 }
 
-/// One request's turn. Owner and thread: the request's. The turn is given back to the semaphore it
-/// was taken from, also when a new one has been set up meanwhile.
+/// A request's slot of the admission semaphore. Owner and thread: the request. The slot is returned
+/// to the semaphore from which it was taken, even if a later Initialize has created a new one.
 class AdmissionSlot {
 public:
-  /// Waits for the turn.
+  /// Waits for a slot, at most kAdmissionTimeoutMilliseconds.
   explicit AdmissionSlot(HANDLE semaphore) noexcept
       : semaphore_(semaphore),
-        // Kept: only the time-out turns a request away; a wait that fails admits it.
+        // Kept: only a time-out rejects the request; a failed wait admits it.
         held_(WaitForSingleObject(semaphore, kAdmissionTimeoutMilliseconds) != WAIT_TIMEOUT) {}
   AdmissionSlot(const AdmissionSlot&) = delete;
   AdmissionSlot& operator=(const AdmissionSlot&) = delete;
   ~AdmissionSlot() { release(); }
 
-  /// False when the wait timed out.
+  /// False if the wait timed out.
   explicit operator bool() const noexcept { return held_; }
   void release() noexcept {
     if (held_) {

@@ -21,7 +21,7 @@ CProvider_IWbemServices::CProvider_IWbemServices() noexcept {
   InterlockedIncrement(&providerState().liveObjects);
 }
 
-// The order is fixed; the event class and the event handle go last, with the members.
+// The event class and the event handle are released last, by their members' destructors.
 CProvider_IWbemServices::~CProvider_IWbemServices() {
   DeleteCriticalSection(&criticalSection_);
   user_.reset();
@@ -44,7 +44,7 @@ HRESULT CProvider_IWbemServices::QueryInterface(REFIID iid, void** object) noexc
   if (object == nullptr) {
     return E_POINTER;
   }
-  // Kept: a caller that asks for an event provider gets the IWbemServices interface.
+  // Kept: IID_IWbemEventProvider gives the IWbemServices interface.
   if (iid == IID_IUnknown || iid == IID_IWbemServices || iid == IID_IWbemEventProvider) {
     *object = static_cast<IWbemServices*>(this);
   } else if (iid == IID_IWbemPropertyProvider) {
@@ -78,7 +78,7 @@ HRESULT CProvider_IWbemServices::Initialize(LPWSTR user, LONG, LPWSTR nameSpace,
                                             IWbemProviderInitSink* initSink) noexcept {
   const HRESULT result =
       win::comBoundary([&] { return setUp(user, nameSpace, locale, namespaceServices, context); });
-  // Kept: reported as initialised whatever the result, which WMI gets from the return value.
+  // Kept: reported as initialised whatever the result; WMI gets the result from the return value.
   if (initSink != nullptr) {
     initSink->SetStatus(WBEM_S_INITIALIZED, 0);
   }
@@ -95,10 +95,10 @@ HRESULT CProvider_IWbemServices::setUp(LPCWSTR user, LPCWSTR nameSpace, LPCWSTR 
                    {TraceArgument(limit)});
   UPOSLog::trace(line);
 
-  // Never closed: a request may still hold a slot of the old semaphore and will release it there.
+  // Never closed: a request may still hold a slot of the previous semaphore.
   state.admissionSemaphore =
       win::leakOnPurpose(provider::createAdmissionSemaphore(static_cast<LONG>(limit)));
-  // Kept, and owned by this thread for ever: nothing waits for it.
+  // Kept: a mutex that this thread owns for ever and nothing waits for.
   win::leakOnPurpose(win::Handle(CreateMutexA(nullptr, TRUE, nullptr)));
 
   state.propertyTypes.fill();
@@ -121,7 +121,7 @@ HRESULT CProvider_IWbemServices::setUp(LPCWSTR user, LPCWSTR nameSpace, LPCWSTR 
   if (namespaceServices != nullptr) {
     namespaceServices_ = namespaceServices;
     if (impersonated) {
-      // A text that is not given is not a failed copy.
+      // A null text is not a failed copy.
       const auto copy = [](win::Bstr& field, LPCWSTR text) {
         field.reset(SysAllocString(text));
         return field || text == nullptr;
@@ -130,8 +130,7 @@ HRESULT CProvider_IWbemServices::setUp(LPCWSTR user, LPCWSTR nameSpace, LPCWSTR 
     }
   }
 
-  // On purpose one reference more than the field's, never released: requests use the pointer
-  // without counting.
+  // A second reference, never released: requests use the process-wide pointer without counting.
   if (namespaceServices != nullptr) {
     namespaceServices->AddRef();
   }
@@ -159,7 +158,7 @@ HRESULT CProvider_IWbemServices::fetchEventClass(IWbemContext* context) noexcept
 
 namespace {
 
-/// GetProperty and PutProperty alike: two mappings are known, and served by doing nothing.
+/// GetProperty and PutProperty: two known mappings, both no-ops.
 HRESULT serveProperty(BSTR propertyMapping) noexcept {
   const std::wstring_view mapping = propertyMapping != nullptr ? propertyMapping : L"";
   if (mapping == L"ExtraProperty1" || mapping == L"ExtraProperty2") {
@@ -183,9 +182,9 @@ HRESULT CProvider_IWbemServices::Shutdown(LONG, ULONG, IWbemContext*) noexcept {
   return WBEM_S_NO_ERROR;
 }
 
-// The operations that are not served. The mix of codes is deliberate: synchronous operations are
-// not available, asynchronous writes and queries are beyond this provider, and the two asynchronous
-// class operations find nothing.
+// Operations that are not implemented. The mix of codes is deliberate: synchronous operations
+// return WBEM_E_NOT_AVAILABLE, asynchronous writes and queries WBEM_E_PROVIDER_NOT_CAPABLE, and the
+// two asynchronous class operations WBEM_E_NOT_FOUND.
 HRESULT CProvider_IWbemServices::OpenNamespace(BSTR, LONG, IWbemContext*, IWbemServices**,
                                                IWbemCallResult**) noexcept {
   return WBEM_S_NO_ERROR;

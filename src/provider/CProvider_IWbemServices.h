@@ -10,13 +10,12 @@
 
 #include <atomic>
 
-/// The one COM object that WMI calls for the system's classes: it serves the asynchronous
-/// enumeration and retrieval of instances and answers everything else with fixed codes.
+/// The COM object that WMI calls. Implements the asynchronous enumeration and retrieval of
+/// instances; all other operations return fixed codes.
 ///
-/// Owner: COM reference counting, from 0 after construction; create it on the heap, AddRef it, hand
-/// it out, Release it. Threads: any of WMI's, in the multithreaded apartment; Initialize comes
-/// before the first request. Errors: result codes, and the response handler's status; no exception
-/// leaves a method.
+/// Owner: COM reference counting; the count is 0 after construction. Allocate with new.
+/// Threads: WMI's, in the multithreaded apartment; Initialize comes before the first request.
+/// Errors: result codes and the response handler's status; no method throws.
 class CProvider_IWbemServices final : public IWbemServices,
                                       public IWbemPropertyProvider,
                                       public IWbemProviderInit,
@@ -26,14 +25,14 @@ public:
   CProvider_IWbemServices(const CProvider_IWbemServices&) = delete;
   CProvider_IWbemServices& operator=(const CProvider_IWbemServices&) = delete;
 
-  /// Provider objects in existence in this process.
+  /// Number of provider objects in this process.
   static LONG liveObjects() noexcept;
 
-  /// Where device events go. Not reference-counted here: whoever registers the events keeps the
-  /// sink alive. Called once, before the message loop.
+  /// Sets the sink of device events. Not reference-counted: the event thread keeps the sink alive.
+  /// Called once, before the message loop.
   void setEventSink(IWbemObjectSink* sink) noexcept { eventSink_ = sink; }
 
-  // IUnknown. IID_IWbemEventProvider is answered with the IWbemServices interface.
+  // IUnknown. IID_IWbemEventProvider gives the IWbemServices interface.
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) noexcept override;
   ULONG STDMETHODCALLTYPE AddRef() noexcept override;
   ULONG STDMETHODCALLTYPE Release() noexcept override;
@@ -45,7 +44,7 @@ public:
   HRESULT STDMETHODCALLTYPE QueryObjectSink(LONG, IWbemObjectSink**) noexcept override;
   HRESULT STDMETHODCALLTYPE GetObject(BSTR, LONG, IWbemContext*, IWbemClassObject**,
                                       IWbemCallResult**) noexcept override;
-  /// Fetches one device by its object path.
+  /// Retrieves one device by its object path. Blocks like CreateInstanceEnumAsync.
   HRESULT STDMETHODCALLTYPE GetObjectAsync(BSTR objectPath, LONG flags, IWbemContext* context,
                                            IWbemObjectSink* responseHandler) noexcept override;
   HRESULT STDMETHODCALLTYPE PutClass(IWbemClassObject*, LONG, IWbemContext*,
@@ -70,8 +69,8 @@ public:
                                                 IWbemObjectSink*) noexcept override;
   HRESULT STDMETHODCALLTYPE CreateInstanceEnum(BSTR, LONG, IWbemContext*,
                                                IEnumWbemClassObject**) noexcept override;
-  /// Enumerates the devices of one class. Blocks for the turn, at most five minutes, and for as
-  /// long as the device server takes.
+  /// Enumerates the devices of one class. Blocks until it is admitted, at most five minutes, and
+  /// until the device server has answered.
   HRESULT STDMETHODCALLTYPE
   CreateInstanceEnumAsync(BSTR className, LONG flags, IWbemContext* context,
                           IWbemObjectSink* responseHandler) noexcept override;
@@ -95,7 +94,7 @@ public:
                                         BSTR propertyMapping,
                                         const VARIANT* value) noexcept override;
 
-  // IWbemProviderInit: sets up what the requests of the whole process use; may be called again.
+  // IWbemProviderInit: sets up the process-wide state of the requests; may be called again.
   HRESULT STDMETHODCALLTYPE Initialize(LPWSTR user, LONG flags, LPWSTR nameSpace, LPWSTR locale,
                                        IWbemServices* namespaceServices, IWbemContext* context,
                                        IWbemProviderInitSink* initSink) noexcept override;
@@ -110,20 +109,21 @@ private:
   HRESULT setUp(LPCWSTR user, LPCWSTR nameSpace, LPCWSTR locale, IWbemServices* namespaceServices,
                 IWbemContext* context);
   HRESULT fetchEventClass(IWbemContext* context) noexcept;
-  /// The instance may be handed out although the result says that the device was not found.
+  /// `instance` may be set even if the result says that the device was not found.
   HRESULT GetIntanceByPath(LPCWSTR objectPath, IWbemClassObject** instance,
                            IWbemContext* context) noexcept;
   void tracePathKeys(LPCWSTR objectPath) const;
 
   LONG volatile referenceCount_ = 0;
   std::atomic<LONG> pathParserReady_ = 0;
-  CRITICAL_SECTION criticalSection_; // entered by nothing here
+  CRITICAL_SECTION criticalSection_; // kept for the layout; never entered
   Microsoft::WRL::ComPtr<IWbemServices> namespaceServices_;
   Microsoft::WRL::ComPtr<IWbemClassObject> eventClass_;
   win::Handle eventHandle_;
   win::Bstr namespace_;
   win::Bstr locale_;
   win::Bstr user_;
+  // Kept for the layout; always null.
   win::Bstr reservedText1_;
   win::Bstr reservedText2_;
   Microsoft::WRL::ComPtr<IUnknown> reservedInterface1_;

@@ -23,7 +23,7 @@ bool isIdentifier(std::string_view text) {
   return !text.empty() && isLetter(text.front()) && std::ranges::all_of(text, isLetterOrDigit);
 }
 
-/// A quoted text, a number in any notation, TRUE or FALSE, or the key of a singleton.
+/// A quoted text, a number in any notation, TRUE, FALSE or "@", the key of a singleton.
 bool isKeyValue(std::string_view text) {
   if (text.starts_with('"') || text.starts_with('\'')) {
     return text.size() > 1 && text.back() == text.front();
@@ -47,8 +47,8 @@ bool namesInstance(std::string_view classText) noexcept {
 }
 
 ObjectPathText readObjectPath(std::string_view path) {
-  // npos + 1 is 0, and a length that wraps round reaches to the end: clients with quoteless paths
-  // get the whole text as the device id.
+  // Relies on wrapping: npos + 1 is 0, and a wrapped length reaches to the end. A path without
+  // quotes is the device id as a whole.
   const std::size_t start = path.find('"') + 1;
   const std::size_t length = path.rfind('"') - start;
   return {std::string(path.substr(0, path.find('.'))), std::string(path.substr(start, length))};

@@ -3,18 +3,18 @@
 #include <string>
 #include <string_view>
 
-/// What a retrieval takes out of the text of an object path, `Class.Key="id"`. Plain text work: no
-/// escapes are undone and no path is refused. May throw std::bad_alloc only.
+/// The parts of an object path, `Class.Key="id"`, that a retrieval uses. Text search only: escapes
+/// are not decoded and no path is rejected. Errors: std::bad_alloc only.
 struct ObjectPathText {
   /// The text before the first '.', or all of it.
   std::string className;
-  /// The text between the first and the last double quote. Without quotes it is the whole path,
-  /// with a single one everything behind it.
+  /// The text between the first and the last double quote; the whole path without quotes; all text
+  /// after a single quote.
   std::string deviceId;
 };
 
 ObjectPathText readObjectPath(std::string_view path);
 
-/// True where a class text names an instance, by a key without a name: `UPOS_Scanner=5`,
-/// `UPOS_Scanner="S1"`, the singleton `UPOS_Scanner=@`; a namespace may stand before it.
+/// True if the class text names an instance by an unnamed key: `UPOS_Scanner=5`,
+/// `UPOS_Scanner="S1"`, the singleton `UPOS_Scanner=@`; with or without a namespace in front.
 bool namesInstance(std::string_view classText) noexcept;

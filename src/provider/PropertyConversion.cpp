@@ -32,7 +32,7 @@ void convertProperty(PropertyType type, win::Variant& value) noexcept {
     target = VT_BSTR;
     break;
   case kUint32:
-  case kUint64: // on purpose the same 32 bits with a sign: a larger number stays text
+  case kUint64: // by design a signed 32-bit number as well; a larger value stays text
     target = VT_I4;
     break;
   case kBoolean:
@@ -44,7 +44,7 @@ void convertProperty(PropertyType type, win::Variant& value) noexcept {
     return; // stays text
   }
   if (value.value().vt == target) {
-    return; // the platform would copy the text three times and change nothing
+    return; // VariantChangeType would copy the text three times
   }
   if (target == VT_I4) {
     const BSTR text = value.value().bstrVal;
@@ -55,7 +55,7 @@ void convertProperty(PropertyType type, win::Variant& value) noexcept {
       return;
     }
   }
-  // Unchecked on purpose: what does not convert is put as it then is.
+  // By design unchecked: a value that does not convert is put unchanged.
   VariantChangeType(value.get(), value.get(), 0, target);
 }
 

@@ -5,8 +5,8 @@
 
 namespace provider {
 
-/// Converts `value`, which holds a field's text, in place to what WMI is given for the type. A text
-/// that does not convert leaves in `value` whatever the platform leaves there.
+/// Converts `value`, a field's text, in place to the VARIANT type of the property. A text that does
+/// not convert leaves `value` as VariantChangeType leaves it.
 void convertProperty(PropertyType type, win::Variant& value) noexcept;
 
 } // namespace provider

@@ -8,7 +8,7 @@
 
 namespace provider {
 
-/// The codes of the type words; a word without one has 0.
+/// The codes of the type words; 0 for an unknown word.
 enum PropertyType : int {
   kNoType = 0,
   kString = 1,
@@ -20,15 +20,13 @@ enum PropertyType : int {
   kEnd = 7,
 };
 
-/// The table of type words, shared by all requests.
-///
-/// Threads: any; the table is guarded. Errors: std::bad_alloc.
+/// The table of type words, shared by all requests. Threads: any. Errors: std::bad_alloc.
 class PropertyTypes {
 public:
-  /// Enters the seven known words; a row that is there already is overwritten.
+  /// Inserts or overwrites the seven known words.
   void fill();
 
-  /// The word's type. A word that is not in the table is entered without one.
+  /// The word's type. Inserts an unknown word with kNoType.
   PropertyType typeOf(const std::string& word);
 
 private:

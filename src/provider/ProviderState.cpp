@@ -5,7 +5,7 @@
 namespace provider {
 
 ProviderState& providerState() noexcept {
-  // In memory of its own, so that it can be had when there is none left.
+  // Static storage: works even when the heap is exhausted. Never destroyed.
   alignas(ProviderState) static unsigned char memory[sizeof(ProviderState)];
   static ProviderState& state = *new (memory) ProviderState;
   return state;

@@ -10,18 +10,17 @@
 
 namespace provider {
 
-/// What the provider keeps for the whole process: set up by Initialize, read by every request.
-///
-/// Threads: any. Never destroyed, because WMI's threads may still be inside at the end.
+/// The provider's process-wide state: set by Initialize, read by every request. Never destroyed,
+/// since WMI's threads may run until the process ends. Threads: any.
 struct ProviderState {
-  /// Provider objects in existence; interlocked.
+  /// Number of provider objects; changed by interlocked operations.
   LONG volatile liveObjects = 0;
   /// The admission limit as configured.
   std::atomic<std::uint32_t> maxQueryThreads = 0;
-  /// Null until the first Initialize. An old semaphore stays open, see Initialize.
+  /// Null until the first Initialize. Previous semaphores stay open, see Initialize.
   std::atomic<HANDLE> admissionSemaphore = nullptr;
-  /// Carries a reference that is never released, so a request may use the pointer it has read
-  /// although a later Initialize replaces it.
+  /// Its reference is never released, so a request may keep using the pointer after a later
+  /// Initialize has replaced it.
   std::atomic<IWbemServices*> namespaceServices = nullptr;
   PropertyTypes propertyTypes;
 };

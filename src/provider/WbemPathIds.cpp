@@ -1,4 +1,4 @@
-// The ids of WMI's object-path parser: MinGW declares them, but no library of it holds them.
+// The ids of WMI's object-path parser, which MinGW declares but does not define in any library.
 #include <windows.h>
 #include <wmiutils.h>
 

@@ -20,19 +20,19 @@
 #include <string>
 #include <vector>
 
-#ifdef __MINGW32__ // declares these interfaces without their ids
+#ifdef __MINGW32__ // whose headers lack the ids of these interfaces
 __CRT_UUID_DECL(IWbemPath, 0x3bc15af2, 0x736c, 0x477e, 0x9e, 0x51, 0x23, 0x8a, 0xf8, 0x66, 0x7d,
                 0xcc)
 __CRT_UUID_DECL(IWbemPathKeyList, 0x9ae62877, 0x7544, 0x4bb0, 0xaa, 0x26, 0xa1, 0x38, 0x24, 0x65,
                 0x9e, 0xd6)
 #endif
 
-/// For tests: the WMI and COM objects that the provider meets, hand-written. They count references,
-/// answer with the platform's real error codes, enforce the order of calls, and fail on demand.
+/// Fakes of the WMI and COM objects that the provider uses. They count references, return the
+/// platform's error codes, enforce the order of calls, and fail on demand.
 namespace fakes {
 
-/// Counts references from 1, the test's own; complains when released too often. Never destroyed,
-/// so that a stray reference can be read off instead of crashing.
+/// Counts references, starting with 1 for the test. Release does not delete, so that an excess
+/// Release is reported as a failure instead of a crash.
 template <class Interface>
 class Counted : public Interface {
 public:
@@ -57,7 +57,7 @@ private:
   std::atomic<long> references_ = 1;
 };
 
-/// What a property takes; every other VARIANT type is a type mismatch.
+/// The VARIANT types that each property accepts.
 using Properties = std::map<std::wstring, std::set<VARTYPE>>;
 
 inline const Properties kDeviceProperties = {
@@ -68,7 +68,7 @@ inline const Properties kDeviceProperties = {
     {L"Counters", {VT_ARRAY | VT_I4}},
 };
 
-/// One accepted Put, as text: `name:vt=value`.
+/// An accepted Put as text: `name:vt=value`.
 inline std::wstring describe(const wchar_t* name, const VARIANT& value) {
   std::wstring text = std::wstring(name) + L":" + std::to_wstring(value.vt) + L"=";
   switch (value.vt) {
@@ -83,7 +83,7 @@ inline std::wstring describe(const wchar_t* name, const VARIANT& value) {
   }
 }
 
-/// Fails the test where the provider calls a method that it has no business with.
+/// Fails the test when the provider calls a method that it must not call.
 template <class Base>
 class Unexpecting : public Base {
 protected:
@@ -138,7 +138,7 @@ public:
     *instance = instances.back();
     return WBEM_S_NO_ERROR;
   }
-  /// The references that are left on all spawned instances beside this object's own.
+  /// The references to spawned instances other than this object's own.
   long strayReferences() const {
     long stray = 0;
     for (const FakeInstance* instance : instances) {
@@ -193,7 +193,7 @@ private:
   std::mutex mutex_;
 };
 
-/// The client's end of an enumeration or a retrieval: objects first, then the one final status.
+/// The client's sink. Expects all objects first, then one final status.
 class FakeResponseSink : public Counted<IWbemObjectSink> {
 public:
   HRESULT STDMETHODCALLTYPE Indicate(LONG count, IWbemClassObject** objects) override {
@@ -221,7 +221,7 @@ public:
     return WBEM_S_NO_ERROR;
   }
 
-  /// The call of Indicate that fails, from 1; -1: all of them.
+  /// The number of the Indicate call that fails, from 1; -1: all.
   int failIndicateAt = 0;
   std::function<void()> onIndicate;
   std::function<void()> onStatus;
@@ -239,7 +239,7 @@ public:
   std::vector<std::pair<LONG, LONG>> statuses;
 };
 
-/// The call that WMI is in, on one thread: gives the thread a token of the caller's.
+/// The call context of one thread; impersonation sets the thread's token to `token`.
 class FakeCall : public Counted<IServerSecurity> {
 public:
   HRESULT STDMETHODCALLTYPE QueryBlanket(DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*, void**,
@@ -263,7 +263,7 @@ public:
   }
   BOOL STDMETHODCALLTYPE IsImpersonating() override { return impersonating_; }
 
-  /// Null: the impersonation succeeds, but leaves the thread without a token.
+  /// Null: impersonation succeeds, but leaves the thread without a token.
   HANDLE token = nullptr;
   HRESULT failure = S_OK;
   int impersonations = 0;
@@ -273,7 +273,7 @@ private:
   bool impersonating_ = false;
 };
 
-/// Makes the calling thread be inside `call` for as long as the object lives.
+/// Makes `call` the call context of the calling thread for one scope.
 class InCall {
 public:
   explicit InCall(FakeCall& call) { EXPECT_EQ(CoSwitchCallContext(&call, &outer_), S_OK); }
@@ -288,8 +288,8 @@ private:
   IUnknown* outer_ = nullptr;
 };
 
-/// This process's user at an impersonation level; without rights when `denied`: no administrator
-/// and not even an authenticated user.
+/// A token of this process's user at an impersonation level. `denied`: without the groups
+/// "administrators" and "authenticated users".
 inline HANDLE callerToken(SECURITY_IMPERSONATION_LEVEL level, bool denied = false) {
   HANDLE process = nullptr;
   EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &process));
@@ -314,7 +314,7 @@ inline HANDLE callerToken(SECURITY_IMPERSONATION_LEVEL level, bool denied = fals
   return token;
 }
 
-/// The object-path parser with two keys in whatever it is given; each step can be made to fail.
+/// An object-path parser that finds two keys in every path. `failAt` names the step that fails.
 class FakePathKeys : public Counted<IWbemPathKeyList> {
 public:
   HRESULT WINAPI GetCount(ULONG* count) override {
@@ -350,7 +350,7 @@ public:
   HRESULT WINAPI GetText(LONG, ULONG*, LPWSTR) override { return E_NOTIMPL; }
 
   std::string failAt;
-  std::vector<std::pair<ULONG, ULONG>> read; // index, room for the name
+  std::vector<std::pair<ULONG, ULONG>> read; // index, size of the name buffer
 };
 
 class FakePath : public Counted<IWbemPath> {
@@ -425,7 +425,7 @@ public:
   FakePath path;
 };
 
-/// What the strategy answers. Set by the test before the calls; `onRequest` runs inside the
+/// The answers of the fake strategy. Set by the test before the calls; `onRequest` runs during the
 /// exchange with the device server and may throw.
 struct Script {
   InstanceList instances;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// For tests: a provider object as the registration makes it, in a call of a caller with rights.
+/// A provider object as created by the registration, and calls of a caller with access.
 class ProviderTest : public testing::Test {
 protected:
   ProviderTest() {
@@ -26,7 +26,7 @@ protected:
     recorded_trace::clear();
   }
 
-  // Every scenario ends balanced: only the namespace keeps one reference for each Initialize.
+  // All references are balanced, except that each Initialize keeps one of the namespace.
   ~ProviderTest() override {
     if (provider_ != nullptr) {
       EXPECT_EQ(provider_->Release(), 0U);
@@ -45,7 +45,7 @@ protected:
     CoUninitialize();
   }
 
-  /// Initialize as WMI calls it, with `limit` configured.
+  /// Calls Initialize as WMI does, with the configured `limit`.
   HRESULT initialize(UINT limit = 1) {
     limit_ = limit;
     const PatchedImport configuration("GetPrivateProfileIntA", &readLimit);
@@ -71,7 +71,7 @@ protected:
     return provider_->GetObjectAsync(text.get(), 0, context_, &sink_);
   }
 
-  /// How many requests the admission semaphore would let in now.
+  /// The number of free slots of the admission semaphore.
   static int freeSlots() {
     const HANDLE semaphore = provider::providerState().admissionSemaphore;
     int count = 0;
@@ -84,7 +84,8 @@ protected:
     return count;
   }
 
-  /// What was traced, the request adapter's own lines left out but for its two ends.
+  /// The traced lines without those of the request adapter, except for its construction and
+  /// destruction.
   static std::vector<std::string> traced(std::vector<std::string> lines = recorded_trace::lines()) {
     std::vector<std::string> own;
     for (const std::string& line : lines) {
