@@ -73,7 +73,7 @@ int runCommandLine(int argc, char* argv[]) {
   }
   const std::string path = modulePath(argv[0]);
   const SC_HANDLE manager = openServiceManager();
-  // Only the letter after the dash, or after whatever stands in its place, selects.
+  // The first character is ignored, whatever it is; the second selects.
   const char letter = argv[1][0] != '\0' ? argv[1][1] : '\0';
   switch (letter) {
   case 'O':

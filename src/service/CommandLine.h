@@ -2,16 +2,15 @@
 
 #include <string>
 
-/// What the program does with its one option: installs or removes the service, prints its version,
-/// runs in the console, or hands the process to the service control manager. The second character
-/// of the option decides; the first one is never looked at. Returns the process's exit code, or
-/// ends the process. Called once, on the process's first thread.
+/// Performs the program's one option: installs or uninstalls the service, prints the version, runs
+/// in the console, or hands the process to the service control manager. The second character of the
+/// option decides. Returns the exit code, or ends the process. Threads: the first, once.
 int runCommandLine(int argc, char* argv[]);
 
-/// The path that the service is installed with: argv[0] as it stands when it holds a backslash,
-/// else below the current directory; with forward slashes throughout.
+/// The service's binary path: argv[0] if it contains a backslash, else argv[0] below the current
+/// directory; with forward slashes throughout.
 std::string modulePath(const std::string& argv0);
 
-/// The console modes: `Process` on the calling thread. Returns only when another instance runs (0)
-/// or when `Process` failed (1).
+/// The console modes: runs `Process` on the calling thread. Returns only if another instance is
+/// running (0) or `Process` failed (1).
 int RunInteractive();

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <string>
 
-/// Command-line feedback: standard output, one line a message, flushed.
+/// Command-line feedback: standard output, one line per message, flushed.
 namespace console {
 
 inline void print(const std::string& line) {

@@ -22,13 +22,13 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-// Milliseconds between two attempts: of a step without resources, and to open a port that is taken.
+// Milliseconds between two attempts: of a step that lacks resources, and to open the event port.
 constexpr DWORD kPauseWithoutResources = 100;
 constexpr DWORD kFirstPauseOfPort = 1000;
 constexpr DWORD kLongestPauseOfPort = 60 * 1000;
 
-/// Repeats `step` until the platform has the memory and the other resources that it needs. Whatever
-/// else it throws passes, and ends the thread.
+/// Repeats `step` until it no longer fails for lack of memory or other system resources. Other
+/// exceptions pass.
 template <class Step>
 decltype(auto) untilResourcesSuffice(Step step) {
   for (;;) {
@@ -46,7 +46,7 @@ std::uint16_t eventPort(CommunicationLayer& layer) {
       configuration::readInt(layer.getPortKey().c_str(), static_cast<int>(layer.getDefaultPort())));
 }
 
-/// For a port that could not be opened: returns when it is.
+/// Retries until the port is open.
 void openAgain(CommunicationLayer& layer, std::uint16_t port) {
   DWORD pause = kFirstPauseOfPort;
   do {
@@ -58,12 +58,12 @@ void openAgain(CommunicationLayer& layer, std::uint16_t port) {
 }
 
 HRESULT putText(IWbemClassObject& instance, const wchar_t* property, const std::string& text) {
-  // As a list's texts become wide, so that both name a device alike.
+  // The same conversion as for instances, so that both give a device the same id.
   win::Variant value(win::bstrInThreadCodePage(text));
   return instance.Put(property, 0, value.get(), 0);
 }
 
-/// The status that decides about all later events: SpawnInstance's, or that of the last Put.
+/// Sends one event to WMI. Returns the status of SpawnInstance, or of the last Put.
 HRESULT publish(IWbemClassObject& eventClass, IWbemObjectSink& sink, const DeviceEvent& event) {
   ComPtr<IWbemClassObject> instance;
   HRESULT status = eventClass.SpawnInstance(0, &instance);
@@ -76,7 +76,7 @@ HRESULT publish(IWbemClassObject& eventClass, IWbemObjectSink& sink, const Devic
   status = putText(*instance.Get(), L"codename", event.modifyInstanceCode);
   if (SUCCEEDED(status)) {
     IWbemClassObject* object = instance.Get();
-    sink.Indicate(1, &object); // a delivery that fails loses this event only
+    sink.Indicate(1, &object); // unchecked: a failed delivery loses this event only
   }
   return status;
 }
@@ -89,7 +89,7 @@ StrategyFactory& strategyFactory() {
 }
 
 [[noreturn]] void forwardEvents(const EventThreadContext& context) {
-  // Never freed: the loop has no exit, and an exception ends the thread without any clean-up.
+  // Never freed: the loop has no exit, and an exception ends the thread without clean-up.
   StrategyFactory& factory = untilResourcesSuffice([]() -> auto& { return strategyFactory(); });
   IUPOSXmlAdapter* const adapter =
       untilResourcesSuffice([&] { return factory.createXmlAdapter(); });
@@ -101,14 +101,14 @@ StrategyFactory& strategyFactory() {
   IWbemClassObject* eventClass = nullptr;
   HRESULT status = context.services->GetObject(className.get(), 0, nullptr, &eventClass, nullptr);
   for (;;) {
-    // An event that there is no memory for is lost alone: the step is then the next event's.
+    // If memory runs out, only this event is lost: the repeated step waits for the next one.
     untilResourcesSuffice([&] {
       if (!isOpen) {
         openAgain(*layer, port);
         isOpen = true;
       }
       const DeviceEvent event = layer->receiveEvent(adapter);
-      // Sticky on purpose: after one failed step towards WMI no event is sent any more.
+      // By design sticky: after a failed WMI call no event is sent any more.
       if (SUCCEEDED(status) && event.type != "NA") {
         status = publish(*eventClass, *context.sink, event);
       }

@@ -3,8 +3,8 @@
 #include <windows.h>
 #include <wbemprov.h>
 
-/// What the event thread works with; allocated by its starter, owned by the thread. Each interface
-/// pointer carries a reference of its own.
+/// The event thread's parameter. Allocated by the starter, owned by the thread. Each interface
+/// pointer holds a reference.
 struct EventThreadContext {
   IWbemServices* services = nullptr;
   IWbemObjectSink* sink = nullptr;
@@ -12,9 +12,10 @@ struct EventThreadContext {
   IWbemDecoupledBasicEventProvider* eventProvider = nullptr;
 };
 
-/// Forwards every device event of the chosen strategy to WMI as a "QuillmonEvent", for the life of
-/// the process. The event port is opened once at the start; where that failed, the wait for the
-/// first event tries again, one trace line an attempt.
-/// An event that there is no memory for is lost alone.
-/// `context`: an EventThreadContext. Ends only without COM or by an exception.
+/// The event thread: forwards every device event of the selected strategy to WMI as a
+/// "QuillmonEvent" until the process ends. Opens the event port first; retries a failed open with
+/// one trace line per attempt.
+/// `context`: an EventThreadContext.
+/// Errors: an event for which memory runs out is lost; without COM, and after any other exception,
+/// the thread ends.
 DWORD WINAPI EventThread(void* context) noexcept;

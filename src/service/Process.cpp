@@ -27,7 +27,7 @@ HRESULT Process() noexcept {
     try {
       result = Process_DecoupledInstance();
     } catch (...) {
-      // Swallowed on purpose: the result is then that of the COM start-up.
+      // By design swallowed: the result is then that of the COM start-up.
     }
     CoUninitialize();
   }

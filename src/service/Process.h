@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-/// The work itself, whatever the mode: COM and its security, the registration with WMI as a
-/// decoupled provider, the event thread, and the message loop, which ends only on WM_QUIT.
-/// Called once, on the thread that pumps the messages. Returns an HRESULT: negative is a failure.
+/// The main routine of all modes: initialises COM and its security, registers with WMI as a
+/// decoupled provider, starts the event thread, and pumps messages until WM_QUIT.
+/// Threads: called once. Errors: a negative HRESULT.
 HRESULT Process() noexcept;

@@ -13,8 +13,8 @@ namespace {
 char serviceName[] = "QuillmonServ";
 constexpr const char* kDisplayName = "ORVEX Quillmon Services";
 
-/// The status block, written by ServiceMain and by the control handler without a lock: each field
-/// is whole, but that one of the two overtakes the other is accepted.
+/// The service's status. ServiceMain and the control handler write it without a lock; that they
+/// interleave between fields is accepted.
 struct StatusBlock {
   std::atomic<DWORD> type = 0;
   std::atomic<DWORD> state = 0;
@@ -28,7 +28,7 @@ constinit std::atomic<SERVICE_STATUS_HANDLE> statusHandle = nullptr;
 /// would take the late one for a report of the next instance.
 std::mutex reportingStop;
 
-/// Tells the block as it stands.
+/// Reports the current status to the service control manager.
 void report() {
   SERVICE_STATUS told = {};
   told.dwServiceType = status.type;
@@ -48,7 +48,7 @@ void report(DWORD state, DWORD exitCode) {
 
 SC_HANDLE openServiceManager() {
   win::ServiceHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-  return win::leakOnPurpose(std::move(manager)); // lives as long as this short process
+  return win::leakOnPurpose(std::move(manager)); // open until the process ends
 }
 
 void installService(SC_HANDLE manager, const std::string& binaryPath) {
@@ -56,7 +56,7 @@ void installService(SC_HANDLE manager, const std::string& binaryPath) {
       CreateServiceA(manager, serviceName, kDisplayName, GENERIC_READ | GENERIC_EXECUTE,
                      SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_IGNORE,
                      binaryPath.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr);
-  // Said whatever the result: installation scripts wait for these two lines.
+  // Printed whatever the result: installation scripts expect both lines.
   console::print("Quillmon Services has been registered");
   console::print("Starting Service");
   if (StartServiceA(service, 0, nullptr)) {
@@ -71,7 +71,7 @@ void uninstallService(SC_HANDLE manager) {
   if (!service) {
     return;
   }
-  SERVICE_STATUS stopping = {}; // of no use to anybody
+  SERVICE_STATUS stopping = {}; // required, unused
   ControlService(service.get(), SERVICE_CONTROL_STOP, &stopping);
   DeleteService(service.get());
   service.reset();
@@ -83,7 +83,7 @@ bool IsServiceRunning() {
   win::ServiceHandle service(OpenServiceA(manager, serviceName, SERVICE_QUERY_STATUS));
   SERVICE_STATUS current = {};
   QueryServiceStatus(service.get(), &current);
-  win::leakOnPurpose(std::move(service)); // lives as long as this process, like the manager's
+  win::leakOnPurpose(std::move(service)); // open until the process ends
   return current.dwCurrentState == SERVICE_RUNNING;
 }
 
@@ -99,8 +99,8 @@ void WINAPI ServiceMain(DWORD, LPSTR*) noexcept {
   status.state = SERVICE_START_PENDING;
   status.controlsAccepted = SERVICE_ACCEPT_STOP;
   statusHandle = RegisterServiceCtrlHandlerA(serviceName, ServiceCtrlHandler);
-  // Running before anything is initialised: WMI may take minutes to come up at boot, and the
-  // service control manager must not give the service up meanwhile.
+  // By design running before anything is initialised: at boot WMI may take minutes to start, and
+  // the service control manager must not time out.
   report(SERVICE_RUNNING, NO_ERROR);
   const HRESULT result = Process();
   if (result == 0) {
@@ -115,7 +115,7 @@ void WINAPI ServiceCtrlHandler(DWORD control) noexcept {
   switch (control) {
   case SERVICE_CONTROL_STOP:
   case SERVICE_CONTROL_SHUTDOWN: {
-    // Nothing is torn down: the service control manager ends the process. Reported twice, as ever.
+    // Kept: reported twice. No clean-up: the service control manager ends the process.
     const std::scoped_lock reporting(reportingStop);
     report(SERVICE_STOPPED, NO_ERROR);
     report();
@@ -125,7 +125,7 @@ void WINAPI ServiceCtrlHandler(DWORD control) noexcept {
     report();
     break;
   default:
-    // Kept on purpose: an unknown control puts the last error where the state belongs.
+    // Kept: an unknown control stores the last error as the state.
     status.state = GetLastError();
     report();
     break;

@@ -4,31 +4,31 @@
 
 #include <string>
 
-/// The Windows service "QuillmonServ": its registration and its life. Results of the service
-/// control manager are not checked except where a line on the console says otherwise; its handles
-/// stay open to the end of the process.
+// The Windows service "QuillmonServ": installation and life cycle. Results of the service control
+// manager are checked only where a console line depends on them; its handles stay open until the
+// process ends.
 
-/// The service control manager with all access; null when refused.
+/// Opens the service control manager with all access; null on failure.
 SC_HANDLE openServiceManager();
 
-/// Registers the service with `binaryPath`, starts it, and says so on the console.
+/// Registers the service with `binaryPath` and starts it; prints the result.
 void installService(SC_HANDLE manager, const std::string& binaryPath);
 
-/// Stops and removes the service; silent when there is none.
+/// Stops and removes the service; prints nothing if it does not exist.
 void uninstallService(SC_HANDLE manager);
 
-/// True exactly when the service control manager reports the service running.
+/// True if the service control manager reports the state SERVICE_RUNNING.
 bool IsServiceRunning();
 
-/// Hands the first thread to the service control manager until the service has stopped; false when
-/// this process was not started by it.
+/// Runs the service dispatcher on the first thread until the service has stopped; false if the
+/// process was not started by the service control manager.
 bool runServiceDispatcher();
 
-/// The service's body, on a thread of the dispatcher's. Never returns after a successful start.
+/// The service's entry, on a thread of the dispatcher. Does not return after a successful start.
 void WINAPI ServiceMain(DWORD argc, LPSTR* argv) noexcept;
 
-/// Runs on the dispatcher's thread; shares the status block with ServiceMain without a lock.
+/// The service's control handler, on the dispatcher's thread.
 void WINAPI ServiceCtrlHandler(DWORD control) noexcept;
 
-/// Sleeps for ever: the thread of a started service must not return.
+/// Blocks for ever: the thread of a started service must not return.
 [[noreturn]] void parkForever();

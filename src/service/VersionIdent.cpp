@@ -4,8 +4,7 @@
 
 namespace {
 
-// Never expanded by the version control in use, so that every build says "No level info found";
-// scripts in the field look for that line.
+// Kept: never expanded, so every build prints "No level info found".
 constexpr std::string_view kIdent = "%W%";
 
 constexpr std::string_view kComponent = "Pelmar";

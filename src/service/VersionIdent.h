@@ -3,15 +3,15 @@
 #include <string>
 #include <string_view>
 
-/// The release and level that an expanded version-control ident carries.
+/// The release and level of an expanded version-control ident.
 struct VersionLevel {
   bool found = false;
   std::string release;
   std::string level;
 };
 
-/// Searches `ident` for the component word; text that is missing behind it reads as empty.
+/// Parses the text after the component word in `ident`; missing text reads as empty.
 VersionLevel parseVersionIdent(std::string_view ident);
 
-/// Prints the banner and the level of this build's ident.
+/// Prints the banner and the version of this build.
 void printVersion();

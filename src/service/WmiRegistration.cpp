@@ -18,13 +18,13 @@ namespace {
 constexpr const wchar_t* kNamespace = L"root\\cimv2";
 constexpr const wchar_t* kRegistration = L"QuillmonService";
 
-// The one provider object; the registrar owns the reference. Null while none is registered.
+// The provider object, owned by the registrar; null while none is registered.
 CProvider_IWbemServices* provider = nullptr;
 
 HRESULT registerProvider(IWbemDecoupledRegistrar& registrar) {
   provider = new (std::nothrow) CProvider_IWbemServices;
   if (provider == nullptr) {
-    return S_OK; // as it stands: the event side runs without the provider
+    return S_OK; // by design: events are forwarded without the provider
   }
   provider->AddRef();
   ComPtr<IUnknown> unknown;
@@ -36,7 +36,7 @@ HRESULT registerProvider(IWbemDecoupledRegistrar& registrar) {
   unknown.Reset();
   provider->Release();
   if (FAILED(result)) {
-    provider = nullptr; // that was the last reference
+    provider = nullptr; // Release has deleted it
   }
   return result;
 }
@@ -60,7 +60,7 @@ HRESULT startEventThread(IWbemDecoupledBasicEventProvider& eventProvider, IWbemS
     eventProvider.Release();
     return win::wbemResult(WBEM_E_FAILED);
   }
-  context.release(); // the thread's now
+  context.release(); // owned by the thread
   return S_OK;
 }
 
@@ -134,12 +134,12 @@ HRESULT StartEventProvider(IWbemDecoupledBasicEventProvider** eventProvider) {
 HRESULT Process_DecoupledInstance() {
   IWbemDecoupledRegistrar* registrar = nullptr;
   IWbemDecoupledBasicEventProvider* eventProvider = nullptr;
-  RegisterDecoupledInstance(&registrar); // unchecked: the events run without the provider too
+  RegisterDecoupledInstance(&registrar); // unchecked: events are forwarded without the provider
   const HRESULT result = StartEventProvider(&eventProvider);
   if (SUCCEEDED(result)) {
     pumpMessages();
   }
-  // Without a registrar nothing is withdrawn; the process ends next.
+  // Kept: without a registrar nothing is withdrawn. The process ends next.
   if (registrar != nullptr) {
     registrar->UnRegister();
     if (eventProvider != nullptr) {

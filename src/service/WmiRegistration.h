@@ -4,15 +4,15 @@
 #include <wbemprov.h>
 
 /// Registers the provider object and the event provider with WMI, starts the event thread, pumps
-/// messages on the calling thread until WM_QUIT, and withdraws both registrations. The provider's
-/// registration may fail and the events run all the same; a failed event provider ends it at once
-/// with that status.
+/// messages on the calling thread until WM_QUIT, and withdraws both registrations.
+/// Errors: a failed registration of the provider object is ignored; a failure of the event provider
+/// returns its status at once.
 HRESULT Process_DecoupledInstance();
 
-/// Creates the provider object and registers it as "QuillmonService" in "root\cimv2"; on failure
-/// `registrar` is null.
+/// Creates the provider object and registers it as "QuillmonService" in "root\cimv2". Sets
+/// `registrar` to null on failure.
 HRESULT RegisterDecoupledInstance(IWbemDecoupledRegistrar** registrar);
 
-/// Registers the event provider under the same name and starts the event thread; on failure
-/// `eventProvider` is null.
+/// Registers the event provider under the same name and starts the event thread. Sets
+/// `eventProvider` to null on failure.
 HRESULT StartEventProvider(IWbemDecoupledBasicEventProvider** eventProvider);

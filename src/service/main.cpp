@@ -8,6 +8,6 @@ int main(int argc, char* argv[]) {
   try {
     return runCommandLine(argc, argv);
   } catch (const std::exception&) {
-    return 1; // without memory for a path or a line there is none for a message either
+    return 1; // out of memory: no message is possible
   }
 }
