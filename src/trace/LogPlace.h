@@ -3,19 +3,19 @@
 #include <memory>
 #include <string>
 
-/// Where the trace log and its configuration lie. Text in the system's ANSI code page. Any thread.
+/// The location of the trace log and of its configuration, in the system's ANSI code page.
+/// Threads: any.
 struct LogPlace {
   std::string path;
-  /// INSTALLDIR as it stands in the registry, empty where the key has none; null without the key.
+  /// The registry value INSTALLDIR; empty if the key lacks it, null if there is no key.
   std::unique_ptr<const std::string> installDir;
 };
 
-/// The place that the registry names; the path is empty where there is none or `isWritable` says
-/// no to it.
+/// The location below INSTALLDIR; the path is empty if there is none or it is not writable.
 LogPlace installedLog(bool (*isWritable)(const std::string& path));
 
-/// The log beside the program, for when the registry names no usable one.
+/// The path of a log in the program's folder, the fallback.
 std::string logBeside(const std::string& program);
 
-/// Nothing is put between the two: INSTALLDIR ends with a backslash.
+/// The path of zontrace.cfg. Adds no separator: INSTALLDIR ends with a backslash.
 std::string traceConfigurationFile(const std::string& installDir);

@@ -8,14 +8,14 @@
 
 namespace {
 
-/// A wider field is written as wide as this, a more precise number with as many digits.
+/// Limit of a field's width and of a number's precision.
 constexpr int kMaxWidth = 1024;
 
 enum class Length { None, Char, Short, Long };
 
 /// One conversion of a format, from its '%' to its conversion character.
 struct Conversion {
-  std::string_view text; ///< as it stands in the format
+  std::string_view text; ///< as written in the format
   bool left = false;
   bool sign = false;
   bool blank = false;
@@ -24,10 +24,10 @@ struct Conversion {
   int width = 0;
   std::optional<std::size_t> precision;
   Length length = Length::None;
-  char kind = '\0'; ///< the conversion character; '\0' where the format ended before it
+  char kind = '\0'; ///< the conversion character; '\0' if the format ends before it
 };
 
-/// Text ends at its first zero byte, as everywhere in C.
+/// `text` up to its first NUL, as a C string.
 std::string_view untilZero(std::string_view text) {
   return text.substr(0, text.find('\0'));
 }
@@ -86,7 +86,7 @@ private:
     return true;
   }
 
-  /// No digits read as 0; an absurd number stops growing instead of overflowing.
+  /// No digits read as 0; a very large number saturates.
   std::size_t readNumber() {
     constexpr std::size_t kEnough = 1'000'000'000;
     std::size_t number = 0;
@@ -97,7 +97,7 @@ private:
     return number;
   }
 
-  /// An argument knows its own width, so only what narrows a number matters.
+  /// Arguments carry their own width, so only the modifiers that narrow it matter.
   Length readLength() {
     if (skip("hh")) {
       return Length::Char;
@@ -122,7 +122,7 @@ void appendPadded(std::string& out, std::string_view text, const Conversion& con
   out.append(conversion.left ? padding : 0, ' ');
 }
 
-/// Through the C library, from a format that is put together of what was read and checked.
+/// Uses snprintf with a format assembled from the parsed conversion.
 template <class Number>
 void appendNumber(std::string& out, const Conversion& conversion, Number number) {
   std::array<char, 16> format{};
@@ -176,7 +176,7 @@ unsigned long long unsignedNumber(Length length, unsigned long long number) {
   }
 }
 
-/// Appends one argument; false, with nothing appended, where it does not fit the conversion.
+/// Appends one argument; returns false and appends nothing if it does not match the conversion.
 class Appender {
 public:
   Appender(std::string& out, const Conversion& conversion) : out_(out), conversion_(conversion) {}
@@ -258,7 +258,7 @@ std::string formatPrintf(std::string_view format, std::initializer_list<TraceArg
       out.push_back('%');
       continue;
     }
-    // An argument that does not fit is used up, so that the ones after it keep their places.
+    // A mismatched argument is consumed, so that the following ones keep their positions.
     const bool consumes =
         kKnown.find(conversion.kind) != std::string_view::npos && argument != arguments.end();
     if (!consumes || !std::visit(Appender(out, conversion), (argument++)->value())) {

@@ -7,11 +7,11 @@
 #include <string_view>
 #include <variant>
 
-/// One argument of a trace line, of a kind that a conversion can be checked against.
-/// Text is referred to, not copied: an argument lives no longer than the call it is made for.
+/// One argument of a trace line, tagged with its kind. Refers to text without copying it: valid
+/// only during the call.
 class TraceArgument {
 public:
-  /// Integers keep their width, so that %d shows what printf would show for that type.
+  /// Integers keep their width, so that %d prints what printf prints for that type.
   template <std::integral Integer>
   explicit TraceArgument(Integer value)
       : value_(sizeof(Integer) <= sizeof(std::int32_t) ? Value(static_cast<std::int32_t>(value))
@@ -29,9 +29,8 @@ private:
   Value value_;
 };
 
-/// `format` with its printf conversions (flags, width, precision, length; d i u x X o c s p) filled
-/// in from `arguments`. `%%` is one `%`. A conversion that is unknown, has no argument left or one
-/// of another kind is written as it stands; nothing beyond the arguments is ever read. %p is
-/// written as Windows does: 16 upper-case hexadecimal digits.
-/// May throw std::bad_alloc only.
+/// Formats like printf: flags, width, precision and length; the conversions d i u x X o c s p and
+/// %%. A conversion that is unknown or lacks an argument of its kind is copied unchanged; nothing
+/// beyond the arguments is read. %p prints 16 upper-case hexadecimal digits, as on Windows.
+/// Threads: any. Errors: std::bad_alloc only.
 std::string formatPrintf(std::string_view format, std::initializer_list<TraceArgument> arguments);

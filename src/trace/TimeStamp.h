@@ -3,6 +3,6 @@
 #include <ctime>
 #include <string>
 
-/// The time stamp of a trace line, "month/day/year hour:minute:second" and a trailing blank, from
-/// a broken-down local time. Any thread; may throw std::bad_alloc only.
+/// The time stamp of a trace line: "month/day/year hour:minute:second" and a trailing blank.
+/// Threads: any. Errors: std::bad_alloc only.
 std::string timeStamp(const std::tm& local);

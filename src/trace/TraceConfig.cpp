@@ -23,8 +23,7 @@ std::string_view unquote(std::string_view text) {
   return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
-/// As atoi reads it: blanks, a sign, digits up to whatever follows; no digits are 0. A number
-/// beyond the type stays at the type's limit.
+/// As atoi: skips blanks, reads a sign and digits, ignores the rest; no digits give 0. Saturates.
 std::int32_t toInteger(std::string_view text) {
   using Limits = std::numeric_limits<std::int32_t>;
   text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));

@@ -6,13 +6,13 @@
 #include <optional>
 #include <string_view>
 
-/// One accepted line of the trace log's configuration file; `value` is clamped already.
+/// A valid line of the trace log's configuration file. `value` is clamped to its range.
 struct TraceSetting {
   enum class Key { FileSize, BackupCount };
   Key key;
   std::int32_t value;
 
-  /// The key as it stands in the file.
+  /// The key as written in the file.
   [[nodiscard]] const char* name() const {
     return key == Key::FileSize ? "FileSize" : "BackupCount";
   }
@@ -20,16 +20,16 @@ struct TraceSetting {
   bool operator==(const TraceSetting&) const = default;
 };
 
-/// Reads zontrace.cfg: "FileSize" (bytes, 0..10000000) and "BackupCount" (0..5), one "key = value"
-/// or "key : value" a line, comments begin with "!", "#" or "=". Stateless; any thread. What cannot
-/// be read is passed over.
+/// Parses zontrace.cfg: lines "key = value" or "key : value" with the keys "FileSize" (bytes,
+/// 0..10000000) and "BackupCount" (0..5). Comments begin with "!", "#" or "=". Invalid lines are
+/// ignored. Stateless. Threads: any.
 class TraceConfig {
 public:
-  /// The setting of one line, if it has one that is known.
+  /// Parses one line.
   static std::optional<TraceSetting> readLine(std::string_view line) noexcept;
 
   /// Calls `accept` for each setting of `file` (opened as text), in order. A line longer than the
-  /// buffer comes in pieces, and each piece counts as a line.
+  /// buffer is read as several lines.
   template <class Accept>
   static void readFile(std::FILE* file, Accept accept) {
     std::array<char, 1024> line;

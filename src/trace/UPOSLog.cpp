@@ -19,8 +19,8 @@
 
 namespace {
 
-// Threads may trace while the process ends, so none of this is ever destroyed, and the handle of
-// the writers' turn is never closed.
+// Threads may trace while the process ends, so this state is never destroyed and the handle of the
+// write event is never closed.
 constinit std::atomic<bool> traceEnabled = false;
 constinit std::atomic<bool> consoleEcho = false;
 constinit std::atomic<bool> configRead = false;
@@ -33,7 +33,7 @@ struct FileCloser {
 };
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
-/// Shared for reading and writing: the log is looked at while it is written.
+/// Opens with full sharing, so that the log can be read while it is written.
 File openFile(const std::string& path, const char* mode) {
   return File(_fsopen(path.c_str(), mode, _SH_DENYNO));
 }
@@ -63,15 +63,15 @@ LogPlace& logPlace() {
   return place;
 }
 
-/// Returns when it is this thread's turn to write. The one that creates the event has the first
-/// turn; of two that create it at once, one.
+/// Waits for the write event. The thread that creates the event (one, if several try at once) owns
+/// the first turn.
 void takeTurn() noexcept {
   HANDLE turn = writeEvent;
   if (turn == nullptr) {
     win::Handle created(CreateEventA(nullptr, FALSE, FALSE, "Write"));
     if (!created) {
-      // Another process has that name for an object of another kind, or keeps it to itself: the
-      // writers of this process still take turns.
+      // Another process uses the name for an object of another kind or denies access. An unnamed
+      // event still serialises the writers of this process.
       created.reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
     }
     if (writeEvent.compare_exchange_strong(turn, created.get())) {
@@ -86,7 +86,7 @@ void giveTurnBack() noexcept {
   SetEvent(writeEvent);
 }
 
-/// The size as the platform's 32-bit status gives it; none where there is no file.
+/// The low 32 bits of the file's size; none if there is no file.
 std::optional<std::uint32_t> fileSize(const std::string& path) noexcept {
   WIN32_FILE_ATTRIBUTE_DATA status;
   if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &status)) {
@@ -125,17 +125,17 @@ void UPOSLog::emit(std::string_view format,
   try {
     write(logFilePath(), formatPrintf(format, arguments) + "\r\n");
   } catch (...) {
-    // Without memory the line is lost. Nothing throws while the turn is held.
+    // Out of memory: the line is lost. Nothing throws while the write event is held.
   }
 }
 
 void UPOSLog::write(const std::string& path, const std::string& message) {
-  // Everything that needs memory is made before the turn is taken: a line that is lost for want of
-  // memory must not keep the turn.
+  // All memory is allocated before the write event is taken, so that std::bad_alloc cannot leave it
+  // taken.
   const std::string stamp = timeStampNow();
   const std::string line = stamp + " " + message;
   const bool echoed = consoleEcho;
-  // Odd, and kept: the console shows the message as a format without arguments, "%%" as one "%".
+  // Kept: the message is the format of the console line, without arguments; "%%" prints "%".
   const std::string echo = echoed ? stamp + formatPrintf(message, {}) : std::string();
   if (!isSwitchedOn()) {
     return;
@@ -146,10 +146,10 @@ void UPOSLog::write(const std::string& path, const std::string& message) {
 
   takeTurn();
   const std::optional<std::uint32_t> currentFileSize = fileSize(path);
-  // Without a limit (0) this holds for every line: its rotation thread does nothing. Kept.
+  // Kept: without a limit (0) every line starts a rotation thread, which does nothing.
   if (currentFileSize && stamp.size() + message.size() + *currentFileSize > fileSizeLimit) {
     if (const DWORD error = rotate(); error != ERROR_SUCCESS) {
-      // Kept: the turn is not given back, so this very line and all later ones wait for ever.
+      // Kept: the write event stays taken, so this line and all later ones block for ever.
       trace("UPOSLog: Error in Creating thread : %i", error);
       return;
     }
@@ -160,7 +160,7 @@ void UPOSLog::write(const std::string& path, const std::string& message) {
     std::fflush(stdout);
   }
   if (!file) {
-    // Kept: the line is lost and the turn is not given back, so all later lines wait for ever.
+    // Kept: the line is lost and the write event stays taken, so all later lines block for ever.
     return;
   }
   std::fwrite(line.data(), 1, line.size(), file.get());
@@ -168,15 +168,14 @@ void UPOSLog::write(const std::string& path, const std::string& message) {
   giveTurnBack();
 }
 
-/// Runs `backup` on a thread and waits until it has signalled its end; the system's error code
-/// when the thread cannot be created.
+/// Runs `backup` on a thread and waits for its end. Returns the error of creating the thread.
 std::uint32_t UPOSLog::rotate() noexcept {
   const win::Handle backupEvent(CreateEventA(nullptr, FALSE, FALSE, "BackUp"));
   const auto run = [](void* done) noexcept -> DWORD {
     try {
       backup();
     } catch (...) {
-      // Without memory for the names the file grows on until the next line.
+      // Out of memory: the rotation is retried with the next line.
     }
     SetEvent(done);
     return 0;
@@ -185,9 +184,9 @@ std::uint32_t UPOSLog::rotate() noexcept {
   if (!backupThread) {
     return GetLastError();
   }
-  // The event's name is shared with other processes of the session. One of them may take the signal
-  // away, or have the name for another kind of object: the thread's end is as good. Or signal it
-  // early, while the thread is still at work with this handle: so its end is waited for as well.
+  // The event's name is shared with the other processes of the session. One of them may consume the
+  // signal or use the name for another kind of object, so the thread's end counts as well. One may
+  // signal it early, while the thread still uses the handle, so the thread's end is awaited too.
   const HANDLE either[] = {backupEvent.get(), backupThread.get()};
   WaitForMultipleObjects(2, either, FALSE, INFINITE);
   WaitForSingleObject(backupThread.get(), INFINITE);
@@ -213,7 +212,7 @@ void UPOSLog::backup() {
 }
 
 void UPOSLog::readConfig() {
-  // Set first: the lines that are traced from here on do not come back here.
+  // Set first: the lines traced below must not recurse.
   if (configRead.exchange(true)) {
     return;
   }
@@ -231,8 +230,8 @@ void UPOSLog::readConfig() {
     fileSizeLimit = 0;
     return;
   }
-  // A setting holds from its own trace line on: with the size read first, a log that is too long
-  // at that moment is deleted, whatever the number of copies read after it. Kept.
+  // Kept: a setting applies from its own trace line on. If the size comes first, a log that is then
+  // too long is deleted, whatever backup count follows.
   TraceConfig::readFile(file.get(), [](const TraceSetting& setting) {
     if (setting.key == TraceSetting::Key::FileSize) {
       fileSizeLimit = static_cast<std::uint32_t>(setting.value);

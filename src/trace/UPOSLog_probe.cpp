@@ -1,5 +1,5 @@
-// Does with the real trace log what its arguments say, one after the other, and prints each command
-// when it is done. A process of its own for each test, because the log's state is the process's.
+// Executes its arguments as commands on the real trace log, in order, and prints each completed
+// command. Each test runs its own process, because the log's state is process-wide.
 //
 //   event | autoevent    creates the enabling event, not signalled, with manual or automatic reset
 //   signal | reset       ... signals it, resets it
@@ -8,17 +8,17 @@
 //   long COUNT           traces COUNT letters
 //   threads COUNT LINES  traces LINES lines "thread I line J" from each of COUNT threads at once
 //   path                 prints the log's path
-//   echo                 switches the console echo on
-//   occupy               opens the log so that nobody else can
+//   echo                 enables the console echo
+//   occupy               opens the log exclusively
 //   pin                  opens the log so that it can be written but not renamed or deleted
-//   name KIND NAME       takes a name as a mutex, as an automatic or as a signalled manual event
-//   thief NAME           takes each signal of the automatic event of that name away
-//   countthreads         prints how many threads the log created since the last time
-//   nothreads            from here on the system creates no thread
-//   slowevents           makes room for races: named events are slow to create
-//   overlaps             prints how many rotations began while another was being begun
-//   shortage             traces again and again, each time with another allocation failing
-//   atexit               traces from a static destructor, while a thread traces too
+//   name KIND NAME       creates a mutex, an auto-reset or a signalled manual-reset event
+//   thief NAME           consumes the signals of the auto-reset event of that name
+//   countthreads         prints the number of threads that the log has created since the last call
+//   nothreads            makes CreateThread fail from now on
+//   slowevents           delays the creation of named events, to provoke races
+//   overlaps             prints how many rotations started during the start of another
+//   shortage             traces repeatedly, with a different allocation failing each time
+//   atexit               traces from a static destructor and from a thread
 
 #include "PatchedImport.h"
 #include "StartSignal.h"
@@ -139,7 +139,7 @@ bool takeName(std::string_view kind, const char* name) {
   return object != nullptr && GetLastError() != ERROR_ALREADY_EXISTS;
 }
 
-/// Waits for the event of that name, for ever, so that every other one who waits has little chance.
+/// Waits on many threads for the event of that name, so that other waiters rarely get a signal.
 bool stealSignals(const char* name) {
   const HANDLE event = systemCreateEvent(nullptr, FALSE, FALSE, name);
   for (int i = 0; i < 20; ++i) {
