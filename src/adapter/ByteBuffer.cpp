@@ -7,9 +7,9 @@
 
 namespace {
 
-constexpr float kLeastGrowth = 1.5F;
-constexpr float kGrowthOfCopies = 2.0F;
-constexpr double kCapacityOfCopies = 1.5;
+constexpr float kMinGrowth = 1.5F;
+constexpr float kCopyGrowth = 2.0F;
+constexpr double kCopyCapacityFactor = 1.5;
 constexpr std::uint32_t kCapacityLimit = 0xFFFFFFFF;
 
 std::unique_ptr<char[]> newBlock(std::uint32_t capacity) {
@@ -18,23 +18,23 @@ std::unique_ptr<char[]> newBlock(std::uint32_t capacity) {
   return block;
 }
 
-std::uint32_t capacityOfCopy(std::uint32_t length) {
+std::uint32_t copyCapacity(std::uint32_t length) {
   return static_cast<std::uint32_t>(
-      std::min<double>(length * kCapacityOfCopies, kCapacityLimit - 1));
+      std::min<double>(length * kCopyCapacityFactor, kCapacityLimit - 1));
 }
 
 } // namespace
 
 ByteBuffer::ByteBuffer(std::int32_t initialCapacity, float growth)
     : capacity_(static_cast<std::uint32_t>(std::max(initialCapacity, 0))),
-      growth_(growth > kLeastGrowth ? growth : kLeastGrowth) {
+      growth_(growth > kMinGrowth ? growth : kMinGrowth) {
   data_ = newBlock(capacity_);
 }
 
 // By design a copy grows by 2.0, whatever the source's growth.
 ByteBuffer::ByteBuffer(const ByteBuffer& source)
-    : data_(newBlock(capacityOfCopy(source.length_))), capacity_(capacityOfCopy(source.length_)),
-      growth_(kGrowthOfCopies) {
+    : data_(newBlock(copyCapacity(source.length_))), capacity_(copyCapacity(source.length_)),
+      growth_(kCopyGrowth) {
   appendBytes(source.text(), source.length_);
 }
 
@@ -75,8 +75,8 @@ void ByteBuffer::appendBytes(const char* bytes, std::uint32_t count) {
 
 void ByteBuffer::appendString(const char* text) {
   if (text != nullptr) {
-    constexpr std::size_t kMost = std::numeric_limits<std::uint32_t>::max();
-    appendBytes(text, static_cast<std::uint32_t>(std::min(std::strlen(text), kMost)));
+    constexpr std::size_t kMaxCount = std::numeric_limits<std::uint32_t>::max();
+    appendBytes(text, static_cast<std::uint32_t>(std::min(std::strlen(text), kMaxCount)));
   }
 }
 

@@ -10,12 +10,12 @@ namespace {
 
 /// Closes its socket on every path. By design also a socket that was never created: the failing
 /// close is traced, by which support recognises that case.
-class ClosedSocket {
+class SocketCloser {
 public:
-  explicit ClosedSocket(SOCKET socket) noexcept : socket_(socket) {}
-  ClosedSocket(const ClosedSocket&) = delete;
-  ClosedSocket& operator=(const ClosedSocket&) = delete;
-  ~ClosedSocket() {
+  explicit SocketCloser(SOCKET socket) noexcept : socket_(socket) {}
+  SocketCloser(const SocketCloser&) = delete;
+  SocketCloser& operator=(const SocketCloser&) = delete;
+  ~SocketCloser() {
     if (closesocket(socket_) != 0) {
       UPOSLog::trace("<<XMLAdapter>>: closesocket() failed (Reason: %d)", WSAGetLastError());
     }
@@ -68,7 +68,7 @@ std::string exchangeRequest(const std::string& request) {
   configureTimers();
   UPOSLog::trace("<<XMLAdapter>>: Creating socket");
   const sockaddr_in server = serverAddress(port);
-  const ClosedSocket connection(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  const SocketCloser connection(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   if (connection.get() == INVALID_SOCKET) {
     // Kept: despite the message, this failure does not start the back-off.
     UPOSLog::trace("<<XMLAdapter>>: Unable to create socket! aborting (Reason: %d)... Will reject "

@@ -50,7 +50,7 @@ void UPOSDatagramConnector::Receive(ByteBuffer* out) {
   readFrame(
       frame, *out, [this](char* area, int size) { return receiveDatagram(area, size); },
       [this](ByteBuffer& collected) {
-        if (collected.size() > maxMessage) {
+        if (collected.size() > maxMessageSize) {
           UPOSLog::trace("Dropping a message without an end mark after %d bytes", collected.size());
           collected.clear();
         }

@@ -18,13 +18,13 @@ struct UPOSDatagramConnector {
   FrameArea frame; ///< kept between calls: one datagram may hold several messages
   /// Longest message in bytes. Without a limit, any peer that reaches the port could exhaust the
   /// machine's memory by omitting the end mark.
-  std::uint32_t maxMessage = 64 * 1024 * 1024;
+  std::uint32_t maxMessageSize = 64 * 1024 * 1024;
 
   /// 0 when bound, now or earlier; 0xFFFFFFFF on failure.
   std::uint32_t Bind(std::uint16_t port);
   /// Appends one message to `out`; blocks until it is complete. Does nothing when no socket is
   /// bound. Empty datagrams are ignored, datagrams longer than 1024 bytes are lost, a message
-  /// longer than maxMessage is dropped with a trace line. A failing receive is retried once per
+  /// longer than maxMessageSize is dropped with a trace line. A failing receive is retried once per
   /// second.
   void Receive(ByteBuffer* out);
   /// Closes the socket if it is bound. Returns closesocket's result; 0 when none was bound.

@@ -234,12 +234,12 @@ TEST_F(UPOSDatagramConnectorTest, AnOversizeDatagramLosesOnlyItself) {
 }
 
 TEST_F(UPOSDatagramConnectorTest, AMessageMayHave64Mebibytes) {
-  EXPECT_EQ(connector_.maxMessage, 64U * 1024 * 1024);
+  EXPECT_EQ(connector_.maxMessageSize, 64U * 1024 * 1024);
 }
 
 TEST_F(UPOSDatagramConnectorTest, AMessageUpToTheLimitIsReadWhole) {
   bindAnyPort();
-  connector_.maxMessage = 3 * 1024;
+  connector_.maxMessageSize = 3 * 1024;
   const std::string kilobyte(1024, 'x');
   sendDatagrams(port_, {"\x1B", kilobyte, kilobyte, kilobyte, "\x08" + framed("next")});
   EXPECT_EQ(receive(), kilobyte + kilobyte + kilobyte);
@@ -248,7 +248,7 @@ TEST_F(UPOSDatagramConnectorTest, AMessageUpToTheLimitIsReadWhole) {
 
 TEST_F(UPOSDatagramConnectorTest, OfATooLongMessageNothingIsReadAsTheNextOne) {
   bindAnyPort();
-  connector_.maxMessage = 3 * 1024;
+  connector_.maxMessageSize = 3 * 1024;
   recorded_trace::clear();
   const std::string kilobyte(1024, 'x');
   sendDatagrams(port_, {"\x1B" + kilobyte.substr(1), kilobyte, kilobyte, "more", "left over",
@@ -260,7 +260,7 @@ TEST_F(UPOSDatagramConnectorTest, OfATooLongMessageNothingIsReadAsTheNextOne) {
 
 TEST_F(UPOSDatagramConnectorTest, ATooLongMessageWithoutAnEndDoesNotSwallowTheNextOne) {
   bindAnyPort();
-  connector_.maxMessage = 1024;
+  connector_.maxMessageSize = 1024;
   const std::string kilobyte(1024, 'x');
   for (int round = 0; round < 2; ++round) {
     sendDatagrams(port_, {"\x1B", kilobyte, "more", "left over", framed("next")});

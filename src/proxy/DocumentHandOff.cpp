@@ -4,7 +4,7 @@
 
 namespace {
 
-win::Handle required(HANDLE created) {
+win::Handle checkedHandle(HANDLE created) {
   if (created == nullptr) {
     throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
   }
@@ -20,7 +20,7 @@ bool waitUnlessCancelled(HANDLE cancelled, HANDLE wanted) noexcept {
 } // namespace
 
 KernelWaits::Signal::Signal(bool signalled)
-    : event_(required(CreateEventA(nullptr, FALSE, signalled ? TRUE : FALSE, nullptr))) {}
+    : event_(checkedHandle(CreateEventA(nullptr, FALSE, signalled ? TRUE : FALSE, nullptr))) {}
 
 void KernelWaits::Signal::set() noexcept {
   SetEvent(event_.get());
@@ -34,12 +34,12 @@ bool KernelWaits::Signal::waitUnless(HANDLE cancelled) noexcept {
   return waitUnlessCancelled(cancelled, event_.get());
 }
 
-KernelWaits::Turn::Turn() : mutex_(required(CreateMutexA(nullptr, FALSE, nullptr))) {}
+KernelWaits::Turn::Turn() : mutex_(checkedHandle(CreateMutexA(nullptr, FALSE, nullptr))) {}
 
-bool KernelWaits::Turn::takeUnless(HANDLE cancelled) noexcept {
+bool KernelWaits::Turn::acquireUnless(HANDLE cancelled) noexcept {
   return waitUnlessCancelled(cancelled, mutex_.get());
 }
 
-void KernelWaits::Turn::giveBack() noexcept {
+void KernelWaits::Turn::release() noexcept {
   ReleaseMutex(mutex_.get());
 }

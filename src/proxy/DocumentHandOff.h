@@ -26,8 +26,8 @@ struct KernelWaits {
   public:
     Turn();
     /// False if `cancelled` was signalled first.
-    bool takeUnless(HANDLE cancelled) noexcept;
-    void giveBack() noexcept;
+    bool acquireUnless(HANDLE cancelled) noexcept;
+    void release() noexcept;
 
   private:
     win::Handle mutex_;

@@ -6,24 +6,24 @@
 namespace {
 
 /// Length of the longest suffix of `text` that is a proper prefix of the start marker.
-std::size_t begunStartMarker(std::string_view text) noexcept {
-  std::size_t begun = std::min(text.size(), EventSplitter::kStartMarker.size() - 1);
-  while (!text.ends_with(EventSplitter::kStartMarker.substr(0, begun))) {
-    --begun; // terminates at 0: every text ends with the empty text
+std::size_t heldBackLength(std::string_view text) noexcept {
+  std::size_t length = std::min(text.size(), EventSplitter::kStartMarker.size() - 1);
+  while (!text.ends_with(EventSplitter::kStartMarker.substr(0, length))) {
+    --length; // terminates at 0: every text ends with the empty text
   }
-  return begun;
+  return length;
 }
 
 } // namespace
 
 std::vector<std::string> EventSplitter::split(std::string_view received) {
-  const std::string text = begun_.append(received);
-  const std::size_t whole = text.size() - begunStartMarker(text);
-  begun_ = text.substr(whole);
-  return splitWhole(std::string_view(text).substr(0, whole));
+  const std::string text = heldBack_.append(received);
+  const std::size_t whole = text.size() - heldBackLength(text);
+  heldBack_ = text.substr(whole);
+  return splitText(std::string_view(text).substr(0, whole));
 }
 
-std::vector<std::string> EventSplitter::splitWhole(std::string_view text) {
+std::vector<std::string> EventSplitter::splitText(std::string_view text) {
   std::vector<std::string> documents;
   const std::size_t start = text.find(kStartMarker);
   if (start == std::string_view::npos) {

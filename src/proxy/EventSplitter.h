@@ -31,11 +31,11 @@ public:
   std::vector<std::string> split(std::string_view received);
 
   /// Size of the incomplete document.
-  std::size_t pendingSize() const noexcept { return pending_.size() + begun_.size(); }
+  std::size_t pendingSize() const noexcept { return pending_.size() + heldBack_.size(); }
 
 private:
-  std::vector<std::string> splitWhole(std::string_view text);
+  std::vector<std::string> splitText(std::string_view text);
 
-  std::string pending_; // never contains the end marker
-  std::string begun_;   // follows pending_: a proper prefix of the start marker
+  std::string pending_;  // never contains the end marker
+  std::string heldBack_; // follows pending_: a proper prefix of the start marker
 };

@@ -10,7 +10,7 @@
 /// Errors: those of constructing the members of `Waits`.
 ///
 /// `Waits` provides the synchronisation: `Signal`, an auto-reset event (set, wait, waitUnless);
-/// `Turn`, a fair mutex (takeUnless, giveBack); `Cancelled`, whose signal ends a producer's wait.
+/// `Turn`, a fair mutex (acquireUnless, release); `Cancelled`, whose signal ends a producer's wait.
 template <class Waits>
 class HandOff {
 public:
@@ -20,7 +20,7 @@ public:
 
   /// Waits without a time-out; returns false once `cancelled` is signalled.
   bool put(std::string document, typename Waits::Cancelled cancelled) noexcept {
-    if (!putting_.takeUnless(cancelled)) {
+    if (!producerTurn_.acquireUnless(cancelled)) {
       return false;
     }
     const bool taken = consumerWaiting_.waitUnless(cancelled);
@@ -28,7 +28,7 @@ public:
       slot_.swap(document);
       documentReady_.set();
     }
-    putting_.giveBack();
+    producerTurn_.release();
     return taken;
   }
 
@@ -44,7 +44,7 @@ public:
   void release() noexcept { slotFree_.set(); }
 
 private:
-  typename Waits::Turn putting_; // held by the producer in `put`
+  typename Waits::Turn producerTurn_; // held by the producer in `put`
   typename Waits::Signal slotFree_{true};
   typename Waits::Signal documentReady_{false};
   typename Waits::Signal consumerWaiting_{false};

@@ -42,8 +42,8 @@ struct BareWaits {
 
   class Turn {
   public:
-    bool takeUnless(Cancelled cancelled) noexcept { return free_.waitUnless(cancelled); }
-    void giveBack() noexcept { free_.set(); }
+    bool acquireUnless(Cancelled cancelled) noexcept { return free_.waitUnless(cancelled); }
+    void release() noexcept { free_.set(); }
 
   private:
     Signal free_{true};

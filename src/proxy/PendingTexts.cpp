@@ -3,36 +3,36 @@
 #include <algorithm>
 #include <utility>
 
-PendingTexts::Connection::Connection(PendingTexts& all, std::function<void()> onDropped)
-    : all_(all), onDropped_(std::move(onDropped)) {
-  std::scoped_lock lock(all_.mutex_);
-  all_.connections_.insert(this);
+PendingTexts::Connection::Connection(PendingTexts& owner, std::function<void()> onDropped)
+    : owner_(owner), onDropped_(std::move(onDropped)) {
+  std::scoped_lock lock(owner_.mutex_);
+  owner_.connections_.insert(this);
 }
 
 PendingTexts::Connection::~Connection() {
-  std::scoped_lock lock(all_.mutex_);
-  all_.set(*this, 0);
-  all_.connections_.erase(this);
+  std::scoped_lock lock(owner_.mutex_);
+  owner_.set(*this, 0);
+  owner_.connections_.erase(this);
 }
 
 bool PendingTexts::Connection::hold(std::size_t bytes) {
-  std::scoped_lock lock(all_.mutex_);
+  std::scoped_lock lock(owner_.mutex_);
   if (!dropped_) {
-    all_.set(*this, bytes);
-    while (all_.bytes_ > all_.limits().together) {
-      all_.dropOne();
+    owner_.set(*this, bytes);
+    while (owner_.bytes_ > owner_.limits().total) {
+      owner_.dropOne();
     }
   }
   return !dropped_;
 }
 
-void PendingTexts::Connection::delivered() {
-  std::scoped_lock lock(all_.mutex_);
+void PendingTexts::Connection::markDelivered() {
+  std::scoped_lock lock(owner_.mutex_);
   delivered_ = true;
 }
 
 bool PendingTexts::Connection::isDropped() const {
-  std::scoped_lock lock(all_.mutex_);
+  std::scoped_lock lock(owner_.mutex_);
   return dropped_;
 }
 

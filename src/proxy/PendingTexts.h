@@ -6,8 +6,8 @@
 #include <set>
 
 struct PendingLimits {
-  std::size_t ofOne = std::size_t{64} << 20; ///< bytes of one connection's incomplete document
-  std::size_t together = std::size_t{256} << 20;
+  std::size_t perConnection = std::size_t{64} << 20; ///< of an incomplete document
+  std::size_t total = std::size_t{256} << 20;
 };
 
 /// Limits the memory that all connections of the event socket server hold for documents that the
@@ -25,7 +25,7 @@ public:
   public:
     /// `onDropped` is called at most once, on any connection's thread, under the lock: it must not
     /// throw or call back.
-    Connection(PendingTexts& all, std::function<void()> onDropped);
+    Connection(PendingTexts& owner, std::function<void()> onDropped);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
     ~Connection();
@@ -33,15 +33,15 @@ public:
     /// Sets the number of bytes held. False if the connection has been dropped.
     bool hold(std::size_t bytes);
     /// Records that the consumer has taken a document of this connection.
-    void delivered();
+    void markDelivered();
     bool isDropped() const;
 
   private:
     friend PendingTexts;
 
-    PendingTexts& all_;
+    PendingTexts& owner_;
     const std::function<void()> onDropped_;
-    // Guarded by the lock of all_:
+    // Guarded by the lock of owner_:
     std::size_t bytes_ = 0;
     bool delivered_ = false;
     bool dropped_ = false;

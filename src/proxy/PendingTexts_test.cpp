@@ -18,18 +18,18 @@ struct Client {
 
 class PendingTextsTest : public testing::Test {
 protected:
-  PendingTexts all_{{.ofOne = 60, .together = 100}};
+  PendingTexts texts_{{.perConnection = 60, .total = 100}};
 };
 
 TEST(PendingTexts, NoDocumentOfATillComesNearTheLimits) {
   const PendingTexts all;
-  EXPECT_EQ(all.limits().ofOne, 64U * 1024 * 1024);
-  EXPECT_EQ(all.limits().together, 256U * 1024 * 1024);
+  EXPECT_EQ(all.limits().perConnection, 64U * 1024 * 1024);
+  EXPECT_EQ(all.limits().total, 256U * 1024 * 1024);
 }
 
 TEST_F(PendingTextsTest, UpToTheLimitNobodyIsDropped) {
-  Client one(all_);
-  Client two(all_);
+  Client one(texts_);
+  Client two(texts_);
   EXPECT_TRUE(one.held.hold(60));
   EXPECT_TRUE(two.held.hold(40));
   EXPECT_TRUE(two.held.hold(40));
@@ -39,9 +39,9 @@ TEST_F(PendingTextsTest, UpToTheLimitNobodyIsDropped) {
 }
 
 TEST_F(PendingTextsTest, BeyondItTheOneThatHoldsTheMostIsDroppedOnce) {
-  Client most(all_);
-  Client growing(all_);
-  Client other(all_);
+  Client most(texts_);
+  Client growing(texts_);
+  Client other(texts_);
   EXPECT_TRUE(most.held.hold(50));
   EXPECT_TRUE(other.held.hold(20));
   EXPECT_TRUE(growing.held.hold(30));
@@ -57,10 +57,10 @@ TEST_F(PendingTextsTest, BeyondItTheOneThatHoldsTheMostIsDroppedOnce) {
 }
 
 TEST_F(PendingTextsTest, OneThatHasDeliveredIsNotDroppedWhileAnyOtherHoldsSomething) {
-  Client known(all_);
-  Client first(all_);
-  Client second(all_);
-  known.held.delivered();
+  Client known(texts_);
+  Client first(texts_);
+  Client second(texts_);
+  known.held.markDelivered();
   EXPECT_TRUE(known.held.hold(60));
   EXPECT_TRUE(first.held.hold(30));
   EXPECT_TRUE(second.held.hold(9));
@@ -75,10 +75,10 @@ TEST_F(PendingTextsTest, OneThatHasDeliveredIsNotDroppedWhileAnyOtherHoldsSometh
 TEST_F(PendingTextsTest, AsManyAreDroppedAsItTakes) {
   std::deque<Client> crowd;
   for (int i = 0; i < 40; ++i) {
-    EXPECT_TRUE(crowd.emplace_back(all_).held.hold(1));
+    EXPECT_TRUE(crowd.emplace_back(texts_).held.hold(1));
   }
-  Client known(all_);
-  known.held.delivered();
+  Client known(texts_);
+  known.held.markDelivered();
   EXPECT_TRUE(known.held.hold(90));
   int dropped = 0;
   for (const Client& client : crowd) {
@@ -90,10 +90,10 @@ TEST_F(PendingTextsTest, AsManyAreDroppedAsItTakes) {
 TEST_F(PendingTextsTest, IdleConnectionsTakeNothingAndAreNeverDropped) {
   std::deque<Client> idle;
   for (int i = 0; i < 300; ++i) {
-    EXPECT_TRUE(idle.emplace_back(all_).held.hold(0));
+    EXPECT_TRUE(idle.emplace_back(texts_).held.hold(0));
   }
-  Client known(all_);
-  known.held.delivered();
+  Client known(texts_);
+  known.held.markDelivered();
   EXPECT_TRUE(known.held.hold(100));
   EXPECT_FALSE(known.held.hold(101));
   for (const Client& client : idle) {
@@ -102,9 +102,9 @@ TEST_F(PendingTextsTest, IdleConnectionsTakeNothingAndAreNeverDropped) {
 }
 
 TEST_F(PendingTextsTest, OneThatHasGoneHoldsNothing) {
-  Client one(all_);
+  Client one(texts_);
   {
-    Client gone(all_);
+    Client gone(texts_);
     EXPECT_TRUE(gone.held.hold(100));
   }
   EXPECT_TRUE(one.held.hold(100));
@@ -116,11 +116,11 @@ TEST_F(PendingTextsTest, ConnectionsMayComeGrowAndGoOnThreadsOfTheirOwn) {
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([this] {
       for (int round = 0; round < 200; ++round) {
-        Client client(all_);
+        Client client(texts_);
         std::size_t bytes = 0;
         while (bytes < 90 && client.held.hold(bytes)) {
           bytes += 7;
-          client.held.delivered();
+          client.held.markDelivered();
         }
         ASSERT_EQ(client.held.isDropped(), client.told == 1);
       }
@@ -129,7 +129,7 @@ TEST_F(PendingTextsTest, ConnectionsMayComeGrowAndGoOnThreadsOfTheirOwn) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  Client last(all_);
+  Client last(texts_);
   EXPECT_TRUE(last.held.hold(100)); // nothing of theirs is left
 }
 

@@ -17,7 +17,7 @@ std::int64_t calendarTime() {
 }
 
 /// In 32 bits: a very large number of minutes wraps.
-std::int32_t secondsOf(std::int32_t minutes) {
+std::int32_t toSeconds(std::int32_t minutes) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(minutes) * 60U);
 }
 
@@ -40,7 +40,7 @@ Poller::Poller()
              calendarTime()) {}
 
 Poller::Poller(std::int32_t minutes, std::int64_t now)
-    : period_(secondsOf(minutes)), lastPoll_(now) {
+    : period_(toSeconds(minutes)), lastPoll_(now) {
   UPOSLog::trace("Polling time set to %d", minutes);
 }
 

@@ -11,12 +11,12 @@ namespace com::orvex {
 namespace {
 
 /// Releases a taken document, also after an exception; otherwise every later one would wait.
-class Released {
+class ReleaseGuard {
 public:
-  explicit Released(TCPServer& server) noexcept : server_(server) {}
-  Released(const Released&) = delete;
-  Released& operator=(const Released&) = delete;
-  ~Released() { server_.release(); }
+  explicit ReleaseGuard(TCPServer& server) noexcept : server_(server) {}
+  ReleaseGuard(const ReleaseGuard&) = delete;
+  ReleaseGuard& operator=(const ReleaseGuard&) = delete;
+  ~ReleaseGuard() { server_.release(); }
 
 private:
   TCPServer& server_;
@@ -29,7 +29,7 @@ DeviceEvent ProxyImpCommunicationLayer::receiveEvent(IUPOSXmlAdapter* adapter) {
   const std::string document = server.take();
   DeviceEvent event;
   {
-    const Released released(server);
+    const ReleaseGuard guard(server);
     UPOSLog::trace("Event received: %s", document);
     event = adapter->fromXMLEvent(document);
   }

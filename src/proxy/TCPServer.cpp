@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::uint32_t kFailed = 0xFFFFFFFF;
 constexpr int kBacklog = 10;
-constexpr int kMostReceived = 1023;
+constexpr int kMaxReceived = 1023;
 constexpr DWORD kPauseAfterErrorMilliseconds = 1000;
 
 win::Handle manualResetEvent(bool signalled) {
@@ -113,22 +113,22 @@ void TCPServer::Receivers::begin() {
 void TCPServer::Receivers::end() {
   std::scoped_lock lock(mutex_);
   --count_;
-  gone_.notify_all();
+  allEnded_.notify_all();
 }
 
-void TCPServer::Receivers::waitUntilGone() {
+void TCPServer::Receivers::waitForAll() {
   std::unique_lock lock(mutex_);
-  gone_.wait(lock, [this] { return count_ == 0; });
+  allEnded_.wait(lock, [this] { return count_ == 0; });
 }
 
 std::uint32_t TCPServer::startListening(std::uint16_t port) {
-  bool listens = false;
+  bool opened = false;
   if (!listening_) {
     listening_ = open(port);
-    listens = listening_ != nullptr;
+    opened = listening_ != nullptr;
   }
   UPOSLog::trace("Starting listening in TCPServer"); // also after a failure
-  return listens ? 0 : kFailed;
+  return opened ? 0 : kFailed;
 }
 
 std::unique_ptr<TCPServer::Listening> TCPServer::open(std::uint16_t port) {
@@ -167,7 +167,7 @@ int TCPServer::stop() {
   const int result = closesocket(listening_->listener.release());
   listening_->acceptThread.join(); // no further clients
   clients_.endAll();
-  receivers_->waitUntilGone();
+  receivers_->waitForAll();
   listening_.reset();
   return result;
 }
@@ -214,7 +214,7 @@ void TCPServer::acceptClients(SOCKET listener,
                               const std::shared_ptr<const Winsock>& winsock) noexcept {
   while (win::Socket accepted = accept(listener)) {
     try {
-      welcome(std::make_shared<Client>(std::move(accepted), winsock));
+      registerClient(std::make_shared<Client>(std::move(accepted), winsock));
     } catch (...) { // out of memory or threads: only this client is closed
     }
   }
@@ -237,8 +237,8 @@ win::Socket TCPServer::accept(SOCKET listener) noexcept {
   return win::Socket();
 }
 
-void TCPServer::welcome(const ClientPointer& client) {
-  std::scoped_lock lock(welcoming_);
+void TCPServer::registerClient(const ClientPointer& client) {
+  std::scoped_lock lock(registering_);
   startReceiving(client);
   try {
     addClient(client);
@@ -254,7 +254,7 @@ void TCPServer::startReceiving(const ClientPointer& client) {
   receivers_->begin();
   try {
     std::thread([this, client = ClientPointer(client), receivers = receivers_]() mutable {
-      { std::scoped_lock added(welcoming_); }
+      { std::scoped_lock added(registering_); }
       serve(client);
       client.reset();
       receivers->end();
@@ -276,12 +276,12 @@ void TCPServer::serve(const ClientPointer& client) noexcept {
 void TCPServer::receiveDocuments(Client& client) {
   EventSplitter splitter;
   PendingTexts::Connection held(pending_, [&client] { SetEvent(client.ended.get()); });
-  char buffer[kMostReceived + 1] = {};
-  while (receive(client, buffer, kMostReceived) > 0) {
+  char buffer[kMaxReceived + 1] = {};
+  while (receive(client, buffer, kMaxReceived) > 0) {
     client.text = buffer; // up to the first NUL
     UPOSLog::trace("Data received from socket: %s", client.text);
     std::vector<std::string> documents = splitter.split(client.text);
-    if (splitter.pendingSize() > pending_.limits().ofOne) {
+    if (splitter.pendingSize() > pending_.limits().perConnection) {
       UPOSLog::trace("Dropping client %p: document without an end after %d bytes", &client,
                      static_cast<int>(splitter.pendingSize()));
       return;
@@ -291,7 +291,7 @@ void TCPServer::receiveDocuments(Client& client) {
         [](std::size_t sum, const std::string& document) { return sum + document.size(); }));
     for (std::string& document : documents) {
       if (put(std::move(document), client)) {
-        held.delivered();
+        held.markDelivered();
       }
     }
     held.hold(splitter.pendingSize());

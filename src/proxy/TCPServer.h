@@ -20,9 +20,10 @@
 /// Threads: startListening, stop, take and release on the consumer's, the event thread; the rest on
 /// any. One thread accepts and one per client receives; `stop` ends them. A consumer that waits in
 /// `take` keeps waiting across a stop and a new start.
-/// Limits: a client whose incomplete document exceeds PendingLimits::ofOne is dropped, and so is
-/// one that PendingTexts selects, each with a trace line. Memory may reach twice the limits, since
-/// buffers grow by doubling. Data that the consumer does not keep up with stays in the connection.
+/// Limits: a client whose incomplete document exceeds PendingLimits::perConnection is dropped, and
+/// so is one that PendingTexts selects, each with a trace line. Memory may reach twice the limits,
+/// since buffers grow by doubling. Data that the consumer does not keep up with stays in the
+/// connection.
 /// Errors: traced where a line exists; other socket errors are ignored.
 class TCPServer {
 public:
@@ -113,11 +114,11 @@ private:
   public:
     void begin();
     void end();
-    void waitUntilGone();
+    void waitForAll();
 
   private:
     std::mutex mutex_;
-    std::condition_variable gone_;
+    std::condition_variable allEnded_;
     std::size_t count_ = 0;
   };
 
@@ -125,7 +126,7 @@ private:
   bool startAccepting(Listening& listening) noexcept;
   void acceptClients(SOCKET listener, const std::shared_ptr<const Winsock>& winsock) noexcept;
   win::Socket accept(SOCKET listener) noexcept;
-  void welcome(const ClientPointer& client);
+  void registerClient(const ClientPointer& client);
   void startReceiving(const ClientPointer& client);
   void serve(const ClientPointer& client) noexcept;
   void receiveDocuments(Client& client);
@@ -134,10 +135,10 @@ private:
   bool isStopping() const noexcept;
 
   DocumentHandOff handOff_;
-  win::Handle stopping_; // set while stopped; ends the accept thread's waits
-  std::mutex welcoming_; // held from starting a client's thread until the client is in the list
-  std::mutex adding_;    // held by addClient
-  std::mutex deleting_;  // held by deleteClient
+  win::Handle stopping_;   // set while stopped; ends the accept thread's waits
+  std::mutex registering_; // held from starting a client's thread until the client is in the list
+  std::mutex adding_;      // held by addClient
+  std::mutex deleting_;    // held by deleteClient
   PendingTexts pending_;
   ClientList clients_;
   std::unique_ptr<Listening> listening_; // used by the consumer only

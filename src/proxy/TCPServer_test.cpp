@@ -285,7 +285,7 @@ TEST_F(TCPServerTest, AFloodingClientTakesTurnsWithTheOthers) {
 }
 
 TEST_F(TCPServerTest, ADocumentThatNeverEndsCostsItsClientTheConnection) {
-  const auto server = limited({.ofOne = 100'000, .together = 1'000'000});
+  const auto server = limited({.perConnection = 100'000, .total = 1'000'000});
   TestClient endless(server->port());
   TestClient client(server->port());
   sendUntilDropped(endless, std::string(110'000, 'x'));
@@ -298,7 +298,7 @@ TEST_F(TCPServerTest, ADocumentThatNeverEndsCostsItsClientTheConnection) {
 }
 
 TEST_F(TCPServerTest, ADocumentJustWithinTheLimitIsTaken) {
-  const auto server = limited({.ofOne = 100'000, .together = 100'000});
+  const auto server = limited({.perConnection = 100'000, .total = 100'000});
   TestClient client(server->port());
   const std::string text = document(std::string(100'000 - S.size() - 7 - E.size(), 'x'));
   ASSERT_EQ(text.size(), 100'000U);
@@ -309,7 +309,7 @@ TEST_F(TCPServerTest, ADocumentJustWithinTheLimitIsTaken) {
 }
 
 TEST_F(TCPServerTest, OfTooMuchUnfinishedTextTheMostGoesThatHasNeverDelivered) {
-  const auto server = limited({.ofOne = 100'000, .together = 200'000});
+  const auto server = limited({.perConnection = 100'000, .total = 200'000});
   TestClient known(server->port());
   known.send(document("known"));
   EXPECT_EQ(next(*server), document("known"));
@@ -329,7 +329,7 @@ TEST_F(TCPServerTest, OfTooMuchUnfinishedTextTheMostGoesThatHasNeverDelivered) {
 }
 
 TEST_F(TCPServerTest, DocumentsThatNobodyHasTakenYetCountAsWell) {
-  const auto server = limited({.ofOne = 100'000, .together = 200'000});
+  const auto server = limited({.perConnection = 100'000, .total = 200'000});
   TestClient known(server->port());
   known.send(document("known"));
   EXPECT_EQ(next(*server), document("known"));

@@ -55,7 +55,7 @@ int RunInteractive() {
   UPOSLog::trace("Starting Interactively");
   const std::int32_t status = Process();
   if (status == 0) {
-    parkForever();
+    blockForever();
   }
   UPOSLog::trace("Failed to start process with error : %i", status);
   console::print("Service could not be started, process returned with error " +

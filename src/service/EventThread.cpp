@@ -23,21 +23,21 @@ using Microsoft::WRL::ComPtr;
 namespace {
 
 // Milliseconds between two attempts: of a step that lacks resources, and to open the event port.
-constexpr DWORD kPauseWithoutResources = 100;
-constexpr DWORD kFirstPauseOfPort = 1000;
-constexpr DWORD kLongestPauseOfPort = 60 * 1000;
+constexpr DWORD kResourceRetryDelay = 100;
+constexpr DWORD kMinPortRetryDelay = 1000;
+constexpr DWORD kMaxPortRetryDelay = 60 * 1000;
 
 /// Repeats `step` until it no longer fails for lack of memory or other system resources. Other
 /// exceptions pass.
 template <class Step>
-decltype(auto) untilResourcesSuffice(Step step) {
+decltype(auto) retryOnShortage(Step step) {
   for (;;) {
     try {
       return step();
     } catch (const std::bad_alloc&) {
     } catch (const std::system_error&) {
     }
-    Sleep(kPauseWithoutResources);
+    Sleep(kResourceRetryDelay);
   }
 }
 
@@ -47,13 +47,13 @@ std::uint16_t eventPort(CommunicationLayer& layer) {
 }
 
 /// Retries until the port is open.
-void openAgain(CommunicationLayer& layer, std::uint16_t port) {
-  DWORD pause = kFirstPauseOfPort;
+void retryOpen(CommunicationLayer& layer, std::uint16_t port) {
+  DWORD delay = kMinPortRetryDelay;
   do {
     UPOSLog::trace("[EventThread] Unable to open event port %d, next attempt in %d milliseconds",
-                   port, pause);
-    Sleep(pause);
-    pause = std::min(2 * pause, kLongestPauseOfPort);
+                   port, delay);
+    Sleep(delay);
+    delay = std::min(2 * delay, kMaxPortRetryDelay);
   } while (layer.open(port) != 0);
 }
 
@@ -90,21 +90,20 @@ StrategyFactory& strategyFactory() {
 
 [[noreturn]] void forwardEvents(const EventThreadContext& context) {
   // Never freed: the loop has no exit, and an exception ends the thread without clean-up.
-  StrategyFactory& factory = untilResourcesSuffice([]() -> auto& { return strategyFactory(); });
-  IUPOSXmlAdapter* const adapter =
-      untilResourcesSuffice([&] { return factory.createXmlAdapter(); });
+  StrategyFactory& factory = retryOnShortage([]() -> auto& { return strategyFactory(); });
+  IUPOSXmlAdapter* const adapter = retryOnShortage([&] { return factory.createXmlAdapter(); });
   CommunicationLayer* const layer =
-      untilResourcesSuffice([&] { return factory.createCommunicationLayer(); });
-  const std::uint16_t port = untilResourcesSuffice([&] { return eventPort(*layer); });
-  bool isOpen = untilResourcesSuffice([&] { return layer->open(port) == 0; });
-  const win::Bstr className = untilResourcesSuffice([] { return win::Bstr(L"QuillmonEvent"); });
+      retryOnShortage([&] { return factory.createCommunicationLayer(); });
+  const std::uint16_t port = retryOnShortage([&] { return eventPort(*layer); });
+  bool isOpen = retryOnShortage([&] { return layer->open(port) == 0; });
+  const win::Bstr className = retryOnShortage([] { return win::Bstr(L"QuillmonEvent"); });
   IWbemClassObject* eventClass = nullptr;
   HRESULT status = context.services->GetObject(className.get(), 0, nullptr, &eventClass, nullptr);
   for (;;) {
     // If memory runs out, only this event is lost: the repeated step waits for the next one.
-    untilResourcesSuffice([&] {
+    retryOnShortage([&] {
       if (!isOpen) {
-        openAgain(*layer, port);
+        retryOpen(*layer, port);
         isOpen = true;
       }
       const DeviceEvent event = layer->receiveEvent(adapter);

@@ -30,12 +30,12 @@ std::mutex reportingStop;
 
 /// Reports the current status to the service control manager.
 void report() {
-  SERVICE_STATUS told = {};
-  told.dwServiceType = status.type;
-  told.dwCurrentState = status.state;
-  told.dwControlsAccepted = status.controlsAccepted;
-  told.dwWin32ExitCode = status.exitCode;
-  SetServiceStatus(statusHandle, &told);
+  SERVICE_STATUS reported = {};
+  reported.dwServiceType = status.type;
+  reported.dwCurrentState = status.state;
+  reported.dwControlsAccepted = status.controlsAccepted;
+  reported.dwWin32ExitCode = status.exitCode;
+  SetServiceStatus(statusHandle, &reported);
 }
 
 void report(DWORD state, DWORD exitCode) {
@@ -105,7 +105,7 @@ void WINAPI ServiceMain(DWORD, LPSTR*) noexcept {
   const HRESULT result = Process();
   if (result == 0) {
     UPOSLog::trace("[ServiceDispatch]Success");
-    parkForever();
+    blockForever();
   }
   UPOSLog::trace("[ServiceDispatch]Failed to start process with error : %i", result);
   report(SERVICE_STOPPED, static_cast<DWORD>(result));
@@ -132,7 +132,7 @@ void WINAPI ServiceCtrlHandler(DWORD control) noexcept {
   }
 }
 
-void parkForever() {
+void blockForever() {
   for (;;) {
     Sleep(INFINITE);
   }

@@ -31,4 +31,4 @@ void WINAPI ServiceMain(DWORD argc, LPSTR* argv) noexcept;
 void WINAPI ServiceCtrlHandler(DWORD control) noexcept;
 
 /// Blocks for ever: the thread of a started service must not return.
-[[noreturn]] void parkForever();
+[[noreturn]] void blockForever();

@@ -12,7 +12,7 @@ constexpr std::size_t kReleaseOffset = 10;
 constexpr std::size_t kReleaseLength = 5;
 constexpr std::size_t kLevelLength = 2;
 
-std::string piece(std::string_view text, std::size_t position, std::size_t length) {
+std::string substring(std::string_view text, std::size_t position, std::size_t length) {
   return position < text.size() ? std::string(text.substr(position, length)) : std::string();
 }
 
@@ -24,8 +24,8 @@ VersionLevel parseVersionIdent(std::string_view ident) {
     return {};
   }
   const std::size_t blank = ident.find(' ', match);
-  return {true, piece(ident, match + kReleaseOffset, kReleaseLength),
-          blank == std::string_view::npos ? "" : piece(ident, blank + 1, kLevelLength)};
+  return {true, substring(ident, match + kReleaseOffset, kReleaseLength),
+          blank == std::string_view::npos ? "" : substring(ident, blank + 1, kLevelLength)};
 }
 
 void printVersion() {

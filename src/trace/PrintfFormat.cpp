@@ -19,7 +19,7 @@ struct Conversion {
   bool left = false;
   bool sign = false;
   bool blank = false;
-  bool alternative = false;
+  bool alternate = false;
   bool zeros = false;
   int width = 0;
   std::optional<std::size_t> precision;
@@ -28,7 +28,7 @@ struct Conversion {
 };
 
 /// `text` up to its first NUL, as a C string.
-std::string_view untilZero(std::string_view text) {
+std::string_view untilNul(std::string_view text) {
   return text.substr(0, text.find('\0'));
 }
 
@@ -74,7 +74,7 @@ private:
       conversion.blank = true;
       break;
     case '#':
-      conversion.alternative = true;
+      conversion.alternate = true;
       break;
     case '0':
       conversion.zeros = true;
@@ -88,11 +88,11 @@ private:
 
   /// No digits read as 0; a very large number saturates.
   std::size_t readNumber() {
-    constexpr std::size_t kEnough = 1'000'000'000;
+    constexpr std::size_t kCeiling = 1'000'000'000;
     std::size_t number = 0;
     for (; position_ < format_.size() && format_[position_] >= '0' && format_[position_] <= '9';
          ++position_) {
-      number = std::min(kEnough, number * 10 + static_cast<std::size_t>(format_[position_] - '0'));
+      number = std::min(kCeiling, number * 10 + static_cast<std::size_t>(format_[position_] - '0'));
     }
     return number;
   }
@@ -137,7 +137,7 @@ void appendNumber(std::string& out, const Conversion& conversion, Number number)
   add(conversion.left, '-');
   add(conversion.sign && std::is_signed_v<Number>, '+');
   add(conversion.blank && std::is_signed_v<Number>, ' ');
-  add(conversion.alternative && !decimal, '#');
+  add(conversion.alternate && !decimal, '#');
   add(conversion.zeros, '0');
   for (const char letter : std::string_view("*.*ll")) {
     *end++ = letter;
@@ -191,7 +191,7 @@ public:
     if (conversion_.kind != 's' || conversion_.length == Length::Long) {
       return false;
     }
-    appendPadded(out_, untilZero(text).substr(0, conversion_.precision.value_or(text.size())),
+    appendPadded(out_, untilNul(text).substr(0, conversion_.precision.value_or(text.size())),
                  conversion_);
     return true;
   }
@@ -242,8 +242,8 @@ private:
 } // namespace
 
 std::string formatPrintf(std::string_view format, std::initializer_list<TraceArgument> arguments) {
-  constexpr std::string_view kKnown = "diuxXocsp";
-  format = untilZero(format);
+  constexpr std::string_view kConversions = "diuxXocsp";
+  format = untilNul(format);
   std::string out;
   for (const auto* argument = arguments.begin();;) {
     const std::size_t percent = format.find('%');
@@ -260,7 +260,7 @@ std::string formatPrintf(std::string_view format, std::initializer_list<TraceArg
     }
     // A mismatched argument is consumed, so that the following ones keep their positions.
     const bool consumes =
-        kKnown.find(conversion.kind) != std::string_view::npos && argument != arguments.end();
+        kConversions.find(conversion.kind) != std::string_view::npos && argument != arguments.end();
     if (!consumes || !std::visit(Appender(out, conversion), (argument++)->value())) {
       out.append(conversion.text);
     }

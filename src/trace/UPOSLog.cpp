@@ -1,6 +1,6 @@
 #include "trace/UPOSLog.h"
 
-#include "trace/LogPlace.h"
+#include "trace/LogLocation.h"
 #include "trace/TimeStamp.h"
 #include "trace/TraceConfig.h"
 #include "win/Handles.h"
@@ -49,23 +49,23 @@ std::string programName() {
   return name;
 }
 
-LogPlace findLog() {
-  LogPlace place =
-      installedLog([](const std::string& path) { return bool(openFile(path, "ab+")); });
-  if (place.path.empty()) {
-    place.path = logBeside(programName());
+LogLocation findLogLocation() {
+  LogLocation location =
+      installedLogLocation([](const std::string& path) { return bool(openFile(path, "ab+")); });
+  if (location.path.empty()) {
+    location.path = fallbackLogPath(programName());
   }
-  return place;
+  return location;
 }
 
-LogPlace& logPlace() {
-  static LogPlace& place = *new LogPlace(findLog());
-  return place;
+LogLocation& logLocation() {
+  static LogLocation& location = *new LogLocation(findLogLocation());
+  return location;
 }
 
 /// Waits for the write event. The thread that creates the event (one, if several try at once) owns
 /// the first turn.
-void takeTurn() noexcept {
+void acquireWriteEvent() noexcept {
   HANDLE turn = writeEvent;
   if (turn == nullptr) {
     win::Handle created(CreateEventA(nullptr, FALSE, FALSE, "Write"));
@@ -82,7 +82,7 @@ void takeTurn() noexcept {
   WaitForSingleObject(turn, INFINITE);
 }
 
-void giveTurnBack() noexcept {
+void releaseWriteEvent() noexcept {
   SetEvent(writeEvent);
 }
 
@@ -117,7 +117,7 @@ void UPOSLog::setConsoleEcho() noexcept {
 }
 
 const std::string& UPOSLog::logFilePath() {
-  return logPlace().path;
+  return logLocation().path;
 }
 
 void UPOSLog::emit(std::string_view format,
@@ -144,7 +144,7 @@ void UPOSLog::write(const std::string& path, const std::string& message) {
     readConfig();
   }
 
-  takeTurn();
+  acquireWriteEvent();
   const std::optional<std::uint32_t> currentFileSize = fileSize(path);
   // Kept: without a limit (0) every line starts a rotation thread, which does nothing.
   if (currentFileSize && stamp.size() + message.size() + *currentFileSize > fileSizeLimit) {
@@ -165,7 +165,7 @@ void UPOSLog::write(const std::string& path, const std::string& message) {
   }
   std::fwrite(line.data(), 1, line.size(), file.get());
   file.reset();
-  giveTurnBack();
+  releaseWriteEvent();
 }
 
 /// Runs `backup` on a thread and waits for its end. Returns the error of creating the thread.
@@ -216,7 +216,7 @@ void UPOSLog::readConfig() {
   if (configRead.exchange(true)) {
     return;
   }
-  const std::unique_ptr<const std::string> installDir = std::move(logPlace().installDir);
+  const std::unique_ptr<const std::string> installDir = std::move(logLocation().installDir);
   if (!installDir) {
     trace("No configuration file found, disabling settings");
     return;

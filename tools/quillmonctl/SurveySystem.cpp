@@ -8,7 +8,7 @@
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Wmi.h"
-#include "trace/LogPlace.h"
+#include "trace/LogLocation.h"
 #include "trace/TraceConfig.h"
 #include "win/Configuration.h"
 #include "win/Handles.h"
@@ -307,17 +307,18 @@ Survey::Trace surveyTrace(const Survey::Service& service) {
   const win::Handle event(OpenEventW(SYNCHRONIZE, FALSE, kTraceEvent));
   trace.eventExists = bool(event);
   trace.isSignalled = event && WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0;
-  const LogPlace place = installedLog(isLogWritable);
+  const LogLocation location = installedLogLocation(isLogWritable);
   // Without a service the log would lie beside a program that stands beside this one.
   const std::string program =
       service.path.program.empty() ? programFolder() + "\\quillmon.exe" : service.path.program;
-  trace.log = place.path.empty() ? logBeside(program) : absolutePath(utf8FromAnsi(place.path));
+  trace.log =
+      location.path.empty() ? fallbackLogPath(program) : absolutePath(utf8FromAnsi(location.path));
   if (const std::optional<FileMark> mark = fileMark(trace.log)) {
     trace.size = mark->size;
     trace.written = mark->written;
   }
-  if (place.installDir) {
-    const std::string path = traceConfigurationFile(*place.installDir);
+  if (location.installDir) {
+    const std::string path = traceConfigurationFile(*location.installDir);
     trace.configurationFile = utf8FromAnsi(path);
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "r"),
                                                                &std::fclose);

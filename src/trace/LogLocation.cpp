@@ -1,16 +1,16 @@
-#include "trace/LogPlace.h"
+#include "trace/LogLocation.h"
 
 #include "win/Handles.h"
 
 #include <algorithm>
 #include <utility>
 
-LogPlace installedLog(bool (*isWritable)(const std::string& path)) {
-  LogPlace place;
+LogLocation installedLogLocation(bool (*isWritable)(const std::string& path)) {
+  LogLocation location;
   win::RegistryKey key;
   if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Veltran\\Veltran Kestrune", 0, KEY_READ,
                     key.put()) != ERROR_SUCCESS) {
-    return place;
+    return location;
   }
   std::string value(100, '\0');
   auto size = static_cast<DWORD>(value.size());
@@ -22,17 +22,17 @@ LogPlace installedLog(bool (*isWritable)(const std::string& path)) {
     size = static_cast<DWORD>(value.size());
   }
   value.resize(result == ERROR_SUCCESS ? std::min<std::size_t>(value.find('\0'), size) : 0);
-  place.installDir = std::make_unique<const std::string>(value);
+  location.installDir = std::make_unique<const std::string>(value);
   if (result == ERROR_SUCCESS) {
     std::string path = value + "\\Log" + "\\Quillmon.log";
     if (isWritable(path)) {
-      place.path = std::move(path);
+      location.path = std::move(path);
     }
   }
-  return place;
+  return location;
 }
 
-std::string logBeside(const std::string& program) {
+std::string fallbackLogPath(const std::string& program) {
   return program.substr(0, program.rfind('\\')) + "\\Quillmon.log";
 }
 

@@ -5,17 +5,17 @@
 
 /// The location of the trace log and of its configuration, in the system's ANSI code page.
 /// Threads: any.
-struct LogPlace {
+struct LogLocation {
   std::string path;
   /// The registry value INSTALLDIR; empty if the key lacks it, null if there is no key.
   std::unique_ptr<const std::string> installDir;
 };
 
 /// The location below INSTALLDIR; the path is empty if there is none or it is not writable.
-LogPlace installedLog(bool (*isWritable)(const std::string& path));
+LogLocation installedLogLocation(bool (*isWritable)(const std::string& path));
 
 /// The path of a log in the program's folder, the fallback.
-std::string logBeside(const std::string& program);
+std::string fallbackLogPath(const std::string& program);
 
 /// The path of zontrace.cfg. Adds no separator: INSTALLDIR ends with a backslash.
 std::string traceConfigurationFile(const std::string& installDir);
