@@ -1,6 +1,7 @@
 #include "adapter/AdapterImpCommunicationLayer.h"
 
 #include "model/IUPOSXmlAdapter.h"
+#include "win/Configuration.h"
 
 namespace com::orvex {
 
@@ -24,11 +25,11 @@ std::uint32_t AdapterImpCommunicationLayer::close() {
 }
 
 std::string AdapterImpCommunicationLayer::getPortKey() {
-  return "provider.eventSocket.Port";
+  return configuration::kEventPortKey;
 }
 
 std::uint32_t AdapterImpCommunicationLayer::getDefaultPort() {
-  return 42114;
+  return configuration::kDefaultEventPort;
 }
 
 } // namespace com::orvex

@@ -1,7 +1,6 @@
 #include "adapter/RequestBackOff.h"
 
 #include "trace/UPOSLog.h"
-#include "win/Configuration.h"
 #include "win/TimerQueue.h"
 
 #include <mutex>
@@ -22,7 +21,8 @@ void configureTimers() {
     return;
   }
   UPOSLog::trace("<<configureTimers>>: Loading timeout for the retry when java drivers are out...");
-  const std::uint32_t timeout = configuration::readInt("upos.requestSocket.retryTimeout", 10000);
+  const std::uint32_t timeout = configuration::readInt("upos.requestSocket.retryTimeout",
+                                                       configuration::kDefaultRetryTimeout);
   requestBackOff.retryTimeout = timeout;
   UPOSLog::trace("<<configureTimers>>: Timeout is %d milliseconds.", timeout);
   UPOSLog::trace("<<configureTimers>>: Creating Timer queue...");

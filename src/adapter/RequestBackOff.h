@@ -1,5 +1,7 @@
 #pragma once
 
+#include "win/Configuration.h"
+
 #include <atomic>
 #include <cstdint>
 
@@ -11,7 +13,7 @@
 /// Errors: traced only.
 struct RequestBackOff {
   std::atomic<std::uint8_t> serverOffline = 0; ///< 1 while requests are skipped
-  std::atomic<std::uint32_t> retryTimeout = 10000;
+  std::atomic<std::uint32_t> retryTimeout = configuration::kDefaultRetryTimeout;
   std::atomic<void*> timerQueue = nullptr; ///< created once, never deleted
   std::atomic<void*> timer = nullptr;      ///< the last one started; timers are never deleted
 };

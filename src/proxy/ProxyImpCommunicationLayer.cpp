@@ -5,6 +5,7 @@
 #include "proxy/Poller.h"
 #include "proxy/TCPServer.h"
 #include "trace/UPOSLog.h"
+#include "win/Configuration.h"
 
 namespace com::orvex {
 
@@ -47,11 +48,11 @@ std::uint32_t ProxyImpCommunicationLayer::close() {
 }
 
 std::string ProxyImpCommunicationLayer::getPortKey() {
-  return "provider.eventSocket.Port";
+  return configuration::kEventPortKey;
 }
 
 std::uint32_t ProxyImpCommunicationLayer::getDefaultPort() {
-  return 42114;
+  return configuration::kDefaultEventPort;
 }
 
 } // namespace com::orvex

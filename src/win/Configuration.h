@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 /// The service's configuration file, section "default". Each call reads the file again.
@@ -9,6 +10,13 @@ namespace configuration {
 /// The file's path from the root of the current drive. A tool that runs on another drive than the
 /// service passes a path with a drive.
 inline constexpr const char* kFile = "\\POS\\JavaPOS\\Config\\quillmon.properties";
+
+/// The event port: its key, and the port without one.
+inline constexpr const char* kEventPortKey = "provider.eventSocket.Port";
+inline constexpr std::uint16_t kDefaultEventPort = 42114;
+
+/// The default of "upos.requestSocket.retryTimeout", in milliseconds.
+inline constexpr int kDefaultRetryTimeout = 10000;
 
 /// The number as GetPrivateProfileIntA reads it (0 for a text that is not a number).
 unsigned readInt(const char* key, int defaultValue, const char* file = kFile) noexcept;
