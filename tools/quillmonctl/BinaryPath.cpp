@@ -1,6 +1,6 @@
 #include "quillmonctl/BinaryPath.h"
 
-#include "quillmonctl/Names.h"
+#include "quillmonctl/IgnoreCase.h"
 
 #include <algorithm>
 
@@ -12,7 +12,7 @@ constexpr std::string_view kExtension = ".exe";
 std::size_t endOfProgram(std::string_view text) {
   for (std::size_t i = 0; i + kExtension.size() <= text.size(); ++i) {
     const std::size_t end = i + kExtension.size();
-    if (sameName(text.substr(i, kExtension.size()), kExtension) &&
+    if (equalsIgnoreCase(text.substr(i, kExtension.size()), kExtension) &&
         (end == text.size() || text[end] == ' ')) {
       return end;
     }
@@ -47,7 +47,7 @@ std::string BinaryPath::text() const {
   return result;
 }
 
-std::vector<std::string> BinaryPath::startedInstead() const {
+std::vector<std::string> BinaryPath::hijackCandidates() const {
   std::vector<std::string> programs;
   if (!isQuoted) {
     for (std::size_t blank = program.find(' '); blank != std::string::npos;

@@ -21,7 +21,7 @@ struct BinaryPath {
 
   /// What Windows would try to start before the program because the path is not quoted:
   /// C:\Program.exe for C:\Program Files\Quillmon\quillmon.exe.
-  std::vector<std::string> startedInstead() const;
+  std::vector<std::string> hijackCandidates() const;
 
   /// The proxy strategy is the option -o, whatever stands for the dash.
   bool isProxy() const { return arguments.size() >= 2 && arguments[1] == 'o'; }

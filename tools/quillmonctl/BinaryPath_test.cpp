@@ -41,10 +41,10 @@ TEST(BinaryPath, aBlankIsWrittenInQuotes) {
 }
 
 TEST(BinaryPath, withoutQuotesWindowsTriesEachPieceBeforeABlank) {
-  EXPECT_THAT(BinaryPath::parse("C:/Program Files/My Till/q.exe -o").startedInstead(),
+  EXPECT_THAT(BinaryPath::parse("C:/Program Files/My Till/q.exe -o").hijackCandidates(),
               ElementsAre("C:\\Program.exe", "C:\\Program Files\\My.exe"));
-  EXPECT_THAT(BinaryPath::parse("\"C:/Program Files/q.exe\"").startedInstead(), IsEmpty());
-  EXPECT_THAT(BinaryPath::parse("C:/Q/q.exe -o").startedInstead(), IsEmpty());
+  EXPECT_THAT(BinaryPath::parse("\"C:/Program Files/q.exe\"").hijackCandidates(), IsEmpty());
+  EXPECT_THAT(BinaryPath::parse("C:/Q/q.exe -o").hijackCandidates(), IsEmpty());
 }
 
 TEST(BinaryPath, theSecondCharacterOfTheOptionSelectsTheProxyStrategy) {

@@ -26,9 +26,9 @@ Survey::Configuration readConfiguration() {
 std::vector<std::string> findings(const Survey::Configuration& configuration) {
   std::vector<std::string> lines;
   for (const Survey::Key& key : configuration.keys) {
-    if (!key.nonsense.empty()) {
+    if (!key.problem.empty()) {
       lines.push_back(fmt::format("{} = {}: {}; the service reads {}", key.name, key.value,
-                                  key.nonsense, key.effective));
+                                  key.problem, key.effective));
     }
   }
   for (const std::string& name : configuration.unknownKeys) {
@@ -82,9 +82,9 @@ ExitCode showConfiguration(bool json) {
     text +=
         wrap(fmt::format("    {}{}{}", known.unit, *known.unit != '\0' ? " " : "", known.meaning),
              kWidth, 4);
-    if (!key.nonsense.empty()) {
+    if (!key.problem.empty()) {
       text +=
-          wrap(fmt::format("    NONSENSE: {}; the service reads {}", key.nonsense, key.effective),
+          wrap(fmt::format("    NONSENSE: {}; the service reads {}", key.problem, key.effective),
                kWidth, 4);
     }
     all.push_back({{"key", key.name},
@@ -94,7 +94,7 @@ ExitCode showConfiguration(bool json) {
                    {"default", known.defaultValue},
                    {"unit", known.unit},
                    {"meaning", known.meaning},
-                   {"nonsense", key.nonsense.empty() ? Json() : Json(key.nonsense)}});
+                   {"nonsense", key.problem.empty() ? Json() : Json(key.problem)}});
   }
   console::print(json ? dump({{"file", configuration.path},
                               {"exists", configuration.exists},
@@ -109,7 +109,7 @@ ExitCode setConfiguration(bool json, const std::string& name, const std::string&
     throw Failure(fmt::format("setting {}: no key of the service", name),
                   fmt::format("The keys are {}.", knownKeys()), ExitCode::WrongCommandLine);
   }
-  if (const std::string why = nonsense(*key, value); !why.empty()) {
+  if (const std::string why = validationError(*key, value); !why.empty()) {
     throw Failure(fmt::format("setting {} to {}: it {}", key->name, value, why),
                   "Nothing was changed. Give another value.", ExitCode::WrongCommandLine);
   }

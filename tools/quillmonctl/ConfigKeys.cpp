@@ -1,6 +1,6 @@
 #include "quillmonctl/ConfigKeys.h"
 
-#include "quillmonctl/Names.h"
+#include "quillmonctl/IgnoreCase.h"
 
 #include <fmt/format.h>
 
@@ -55,18 +55,19 @@ const std::vector<ConfigKey>& configKeys() {
 
 const ConfigKey* findConfigKey(std::string_view name) {
   const std::vector<ConfigKey>& keys = configKeys();
-  const auto found = std::find_if(keys.begin(), keys.end(),
-                                  [&](const ConfigKey& key) { return sameName(key.name, name); });
+  const auto found = std::find_if(keys.begin(), keys.end(), [&](const ConfigKey& key) {
+    return equalsIgnoreCase(key.name, name);
+  });
   return found != keys.end() ? &*found : nullptr;
 }
 
-std::string nonsense(const ConfigKey& key, std::string_view value) {
+std::string validationError(const ConfigKey& key, std::string_view value) {
   if (key.kind == ConfigKey::Kind::Address) {
     return isAddress(value) ? "" : "must be an IPv4 address such as 127.0.0.1";
   }
   int number = 0;
-  if (!parseNumber(value, number) || number < key.least || number > key.most) {
-    return fmt::format("must be a number from {} to {}", key.least, key.most);
+  if (!parseNumber(value, number) || number < key.minimum || number > key.maximum) {
+    return fmt::format("must be a number from {} to {}", key.minimum, key.maximum);
   }
   return "";
 }

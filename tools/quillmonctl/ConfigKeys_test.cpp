@@ -10,12 +10,12 @@ namespace {
 using namespace ctl;
 
 bool accepts(const char* key, const char* value) {
-  return nonsense(*findConfigKey(key), value).empty();
+  return validationError(*findConfigKey(key), value).empty();
 }
 
 TEST(ConfigKeys, everyDefaultIsSensible) {
   for (const ConfigKey& key : configKeys()) {
-    EXPECT_EQ(nonsense(key, key.defaultValue), "") << key.name;
+    EXPECT_EQ(validationError(key, key.defaultValue), "") << key.name;
   }
 }
 
@@ -46,7 +46,7 @@ TEST(ConfigKeys, aNumberIsDecimalWholeAndInRange) {
 }
 
 TEST(ConfigKeys, theReasonNamesTheRange) {
-  EXPECT_EQ(nonsense(*findConfigKey("provider.eventSocket.Port"), "0"),
+  EXPECT_EQ(validationError(*findConfigKey("provider.eventSocket.Port"), "0"),
             "must be a number from 1 to 65535");
 }
 

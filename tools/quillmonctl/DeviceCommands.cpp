@@ -3,7 +3,7 @@
 #include "quillmonctl/Commands.h"
 #include "quillmonctl/Console.h"
 #include "quillmonctl/DevicePath.h"
-#include "quillmonctl/Product.h"
+#include "quillmonctl/ProductNames.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
 #include "quillmonctl/Wmi.h"
@@ -15,7 +15,7 @@
 namespace ctl {
 namespace {
 
-constexpr unsigned kListPatience = 30; // seconds for one device
+constexpr unsigned kListTimeout = 30; // seconds for one device
 
 /// What a table shows of a device; the rest is for "get" and --json.
 constexpr std::array kColumns = {"DeviceID", "DeviceCategory", "ManufacturerName", "ModelName",
@@ -32,7 +32,7 @@ std::string textOf(const Json& object, const char* property) {
 
 /// The calls' own failures, with the exit code for what there is not.
 template <class Call>
-void orNotFound(Call&& call) {
+void mapNotFound(Call&& call) {
   try {
     call();
   } catch (Failure& failure) {
@@ -55,7 +55,7 @@ Json fetch(Wmi& wmi, const std::string& path) {
     }
     bool isThere = false;
     const std::string cls = classOf(path);
-    const Wmi::End end = wmi.instances(cls, kListPatience, [&](const Json& device) {
+    const Wmi::End end = wmi.instances(cls, kListTimeout, [&](const Json& device) {
       isThere = device.value("__PATH", "").ends_with(path);
       return !isThere;
     });
@@ -83,7 +83,7 @@ ExitCode listDevices(bool json, const std::string& name, unsigned seconds) {
   Json all = Json::array();
   std::vector<std::vector<std::string>> rows;
   Wmi::End end = Wmi::End::Complete;
-  orNotFound([&] {
+  mapNotFound([&] {
     end = Wmi().instances(cls, seconds, [&](const Json& device) {
       std::vector<std::string>& row = rows.emplace_back();
       for (const char* const column : kColumns) {
@@ -111,7 +111,7 @@ ExitCode listDevices(bool json, const std::string& name, unsigned seconds) {
 
 ExitCode getDevice(bool json, const std::string& name) {
   const ComLibrary com;
-  orNotFound([&] {
+  mapNotFound([&] {
     Wmi wmi;
     const Json object = fetch(wmi, objectPath(name));
     if (json) {

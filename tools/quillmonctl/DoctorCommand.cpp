@@ -12,7 +12,7 @@
 namespace ctl {
 namespace {
 
-constexpr int kMostCopies = 5;
+constexpr int kMaxBackups = 5;
 
 std::uint32_t dosTimeNow() {
   SYSTEMTIME now = {};
@@ -57,7 +57,7 @@ std::vector<std::string> writeArchive(const std::string& file, const Survey& sur
   }
   // As with "trace follow": nobody may hold a log open that the service is about to delete.
   const bool isLogTouchable = !survey.trace.rotationDeletes() || !survey.service.isRunning();
-  for (int i = 0; i <= kMostCopies && isLogTouchable; ++i) {
+  for (int i = 0; i <= kMaxBackups && isLogTouchable; ++i) {
     const std::string suffix = i == 0 ? "" : fmt::format(".{}", i);
     if (const std::optional<std::string> log = readFile(survey.trace.log + suffix)) {
       add(fmt::format("log/Quillmon.log{}", suffix), *log);

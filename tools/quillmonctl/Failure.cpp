@@ -61,12 +61,12 @@ constexpr auto kAdvice = std::to_array<Advice>({
     {kHResult, 0x80070005, kElevate},
 });
 
-struct Words {
+struct WmiMessage {
   std::uint32_t result;
   const char* text;
 };
 
-constexpr auto kWords = std::to_array<Words>({
+constexpr auto kWmiMessages = std::to_array<WmiMessage>({
     {0x80041001, "Generic failure"},
     {0x80041002, "Not found"},
     {0x80041003, "Access denied"},
@@ -103,10 +103,11 @@ std::string describe(const SystemError& error) {
   return fmt::format("error {}{}{}", codeText(error), error.text.empty() ? "" : ": ", error.text);
 }
 
-std::string wmiWords(std::uint32_t result) {
-  const auto* const found = std::find_if(
-      kWords.begin(), kWords.end(), [&](const Words& words) { return words.result == result; });
-  return found != kWords.end() ? found->text : "";
+std::string wmiMessage(std::uint32_t result) {
+  const auto* const found =
+      std::find_if(kWmiMessages.begin(), kWmiMessages.end(),
+                   [&](const WmiMessage& message) { return message.result == result; });
+  return found != kWmiMessages.end() ? found->text : "";
 }
 
 std::string adviceFor(const SystemError& error) {

@@ -47,7 +47,7 @@ struct Failure : std::exception {
 std::string describe(const SystemError& error);
 
 /// WMI's words for its most common codes, for where the system has none; empty for others.
-std::string wmiWords(std::uint32_t result);
+std::string wmiMessage(std::uint32_t result);
 
 /// What helps against an error that says little by itself; empty where nothing is known.
 std::string adviceFor(const SystemError& error);

@@ -6,7 +6,7 @@
 namespace ctl {
 
 /// Names of keys, sections and classes are compared without regard to (ASCII) case.
-inline bool sameName(std::string_view one, std::string_view other) {
+inline bool equalsIgnoreCase(std::string_view one, std::string_view other) {
   const auto lower = [](char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
   };

@@ -2,9 +2,9 @@
 
 #include "quillmonctl/BinaryPath.h"
 #include "quillmonctl/Commands.h"
+#include "quillmonctl/IgnoreCase.h"
 #include "quillmonctl/MofCompiler.h"
-#include "quillmonctl/Names.h"
-#include "quillmonctl/Product.h"
+#include "quillmonctl/ProductNames.h"
 #include "quillmonctl/Service.h"
 #include "quillmonctl/Steps.h"
 #include "quillmonctl/System.h"
@@ -18,9 +18,9 @@
 namespace ctl {
 namespace {
 
-constexpr DWORD kPause = 100;                  // milliseconds between looks
-constexpr DWORD kPatience = 30'000;            // milliseconds for the provider, and for a removal
-constexpr DWORD kSettling = 1000;              // milliseconds from the first answer on
+constexpr DWORD kPollInterval = 100;           // milliseconds between looks
+constexpr DWORD kTimeout = 30'000;             // milliseconds for the provider, and for a removal
+constexpr DWORD kSettleTime = 1000;            // milliseconds from the first answer on
 constexpr DWORD kRestartAfter = 60'000;        // milliseconds between a failure and the restart
 constexpr DWORD kForgetFailuresAfter = 86'400; // seconds
 constexpr DWORD kSetupRights = SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG |
@@ -37,8 +37,8 @@ std::string programOf(const SetupOptions& options) {
 }
 
 /// The service's own option registers a path without quotes and starts it at once.
-void refuseToBeHijacked(const std::string& program) {
-  for (const std::string& other : BinaryPath{program, "", false}.startedInstead()) {
+void requireSafePath(const std::string& program) {
+  for (const std::string& other : BinaryPath{program, "", false}.hijackCandidates()) {
     if (exists(other)) {
       throw Failure(fmt::format("checking {}: Windows could start {} in its place", program, other),
                     "Find out who put that program there and remove it, or install to a path "
@@ -48,7 +48,7 @@ void refuseToBeHijacked(const std::string& program) {
 }
 
 /// Early, before anything is changed.
-void needAdministrator() {
+void requireAdministrator() {
   const win::ServiceHandle manager(
       OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE));
   if (!manager) {
@@ -56,12 +56,12 @@ void needAdministrator() {
   }
 }
 
-void waitUntilGone() {
-  for (DWORD waited = 0; Service::isInstalled(); waited += kPause) {
-    if (waited >= kPatience) {
+void waitForRemoval() {
+  for (DWORD waited = 0; Service::isInstalled(); waited += kPollInterval) {
+    if (waited >= kTimeout) {
       failWin32("waiting for the service to be gone", ERROR_SERVICE_MARKED_FOR_DELETE);
     }
-    Sleep(kPause);
+    Sleep(kPollInterval);
   }
 }
 
@@ -78,14 +78,14 @@ void removeService() {
   if (exists(program)) {
     runProgram(program, {"-u"});
   }
-  waitUntilGone();
+  waitForRemoval();
 }
 
 /// Until the provider is asked, whatever it answers then: without a device server it answers with
 /// a failure.
 std::string waitForFirstAnswer(const Service& service) {
-  for (DWORD waited = 0;; waited += kPause) {
-    service.mustRun();
+  for (DWORD waited = 0;; waited += kPollInterval) {
+    service.requireRunning();
     try {
       std::size_t devices = 0;
       const Wmi::End end = Wmi().instances("UPOS_LogicalDevice", 5, [&](const Json&) {
@@ -98,12 +98,12 @@ std::string waitForFirstAnswer(const Service& service) {
       if (!failure.error || failure.error->number != 0x80041013) {
         return "registered with WMI; it has no device server to ask yet";
       }
-      if (waited >= kPatience) {
+      if (waited >= kTimeout) {
         throw Failure("waiting for the service to register with WMI", *failure.error,
                       "Look into the service's trace: quillmonctl trace on, then restart it.");
       }
     }
-    Sleep(kPause);
+    Sleep(kPollInterval);
   }
 }
 
@@ -111,8 +111,8 @@ std::string waitForFirstAnswer(const Service& service) {
 /// may have answered by then.
 std::string waitForProvider(const Service& service) {
   std::string answer = waitForFirstAnswer(service);
-  Sleep(kSettling);
-  service.mustRun();
+  Sleep(kSettleTime);
+  service.requireRunning();
   return answer;
 }
 
@@ -140,7 +140,7 @@ void setDependency(Service& service, Steps& steps) {
               "sc config QuillmonServ depend= winmgmt", taken, [&] {
                 const std::vector<std::string> found = service.configuration().dependencies;
                 return std::any_of(found.begin(), found.end(), [](const std::string& name) {
-                  return sameName(name, "winmgmt");
+                  return equalsIgnoreCase(name, "winmgmt");
                 });
               });
 }
@@ -180,15 +180,15 @@ void setRecovery(Service& service, Steps& steps) {
 
 /// What the service's own option has registered, checked; quoted and with the strategy's option.
 /// Returns true if it was changed.
-bool settlePath(Service& service, const std::string& program, bool isProxy, Steps& steps) {
+bool correctPath(Service& service, const std::string& program, bool isProxy, Steps& steps) {
   const BinaryPath found = BinaryPath::parse(service.configuration().path);
-  if (!sameName(found.program, program)) {
+  if (!equalsIgnoreCase(found.program, program)) {
     throw Failure(fmt::format("checking the service's binary path: it is {} instead of {}",
                               found.program, program),
                   "Run quillmonctl uninstall, then install again.");
   }
   const BinaryPath wanted = {program, isProxy ? "-o" : "", true};
-  const bool isChanged = isProxy || (!found.isQuoted && !found.startedInstead().empty());
+  const bool isChanged = isProxy || (!found.isQuoted && !found.hijackCandidates().empty());
   if (isChanged) {
     service.setPath(wanted.text());
     const std::string now = service.configuration().path;
@@ -204,28 +204,29 @@ bool settlePath(Service& service, const std::string& program, bool isProxy, Step
 void installSteps(const SetupOptions& options, Steps& steps) {
   const std::string program = programOf(options);
   const MofFiles mof = MofFiles::in(options.mofFolder);
-  needAdministrator();
+  requireAdministrator();
   if (Service::isInstalled()) {
     failWin32(fmt::format("installing the service {}", kServiceText), ERROR_SERVICE_EXISTS,
               "Run quillmonctl uninstall first; or quillmonctl repair, if only its WMI classes are "
               "to be renewed.");
   }
-  refuseToBeHijacked(program);
+  requireSafePath(program);
 
   // The classes come first: the service looks for its event class when it starts.
-  if (registeredNow().present == 0) {
+  if (registrationState().present == 0) {
     steps.onFailure("the WMI classes are removed again",
                     [mof] { compileMof(mof.uninstall, false); });
   }
   compileMof(mof.install, true);
-  steps.done(fmt::format("{} WMI classes and registrations, read back", registeredNow().present));
+  steps.done(
+      fmt::format("{} WMI classes and registrations, read back", registrationState().present));
 
   steps.onFailure("the service is removed again", [] {
     if (Service::isInstalled()) {
       removeService();
     }
   });
-  const Ended registered = runProgram(program, {"-i"});
+  const ProgramResult registered = runProgram(program, {"-i"});
   if (!Service::isInstalled()) {
     throw Failure(fmt::format("registering the service (quillmon.exe -i): it is not there, though "
                               "the program said: {}",
@@ -235,7 +236,7 @@ void installSteps(const SetupOptions& options, Steps& steps) {
   steps.done("registered with the service control manager");
 
   Service service(kSetupRights);
-  const bool mustRestart = settlePath(service, program, options.strategy == "proxy", steps);
+  const bool mustRestart = correctPath(service, program, options.strategy == "proxy", steps);
   setDependency(service, steps);
   setDelayedStart(service, steps);
   setRecovery(service, steps);
@@ -249,14 +250,14 @@ void installSteps(const SetupOptions& options, Steps& steps) {
 
 void uninstallSteps(const SetupOptions& options, Steps& steps) {
   const MofFiles mof = MofFiles::in(options.mofFolder);
-  needAdministrator();
+  requireAdministrator();
   if (Service::isInstalled()) {
     removeService();
     steps.done("the service is stopped and removed");
   } else {
     steps.done("no service was installed");
   }
-  if (registeredNow().present > 0) {
+  if (registrationState().present > 0) {
     compileMof(mof.uninstall, false);
     steps.done("the WMI classes are removed");
   } else {
@@ -266,9 +267,10 @@ void uninstallSteps(const SetupOptions& options, Steps& steps) {
 
 void repairSteps(const SetupOptions& options, Steps& steps) {
   const MofFiles mof = MofFiles::in(options.mofFolder);
-  needAdministrator();
+  requireAdministrator();
   compileMof(mof.install, true);
-  steps.done(fmt::format("{} WMI classes and registrations, read back", registeredNow().present));
+  steps.done(
+      fmt::format("{} WMI classes and registrations, read back", registrationState().present));
   if (!Service::isInstalled()) {
     steps.done("no service is installed: only the classes were renewed");
     return;

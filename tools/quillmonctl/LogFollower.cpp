@@ -9,7 +9,7 @@
 namespace ctl {
 namespace {
 
-constexpr int kMostCopies = 5; // the service keeps no more
+constexpr int kMaxBackups = 5; // the service keeps no more
 
 } // namespace
 
@@ -58,7 +58,7 @@ void LogFollower::readRest(const File& file) {
 
 void LogFollower::readCopies(const Identity& current) {
   std::vector<File> copies; // from the newest to the one that was read last
-  for (int i = 1; i <= kMostCopies; ++i) {
+  for (int i = 1; i <= kMaxBackups; ++i) {
     std::optional<File> copy = open(fmt::format("{}.{}", path_, i));
     if (!copy) {
       break;

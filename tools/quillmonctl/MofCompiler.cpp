@@ -10,14 +10,14 @@ namespace ctl {
 namespace {
 
 /// The last line that says something: the compiler puts its reason there.
-std::string lastWords(const std::string& output) {
+std::string lastLine(const std::string& output) {
   std::string words = utf8FromAnsi(output);
   words.erase(words.find_last_not_of(" \t\r\n") + 1);
   words.erase(0, words.find_last_of("\r\n") + 1);
   return printable(words);
 }
 
-std::string required(const std::string& path) {
+std::string requireFile(const std::string& path) {
   if (!exists(path)) {
     failWin32(fmt::format("looking for {}", path), ERROR_FILE_NOT_FOUND,
               "Put the product's MOF files beside quillmonctl.exe, or name their folder with "
@@ -30,12 +30,12 @@ std::string required(const std::string& path) {
 
 MofFiles MofFiles::in(const std::string& folder) {
   const std::string place = folder.empty() ? programFolder() : absolutePath(folder);
-  return {required(place + "\\quillmon.mof"), required(place + "\\quillmon-uninstall.mof")};
+  return {requireFile(place + "\\quillmon.mof"), requireFile(place + "\\quillmon-uninstall.mof")};
 }
 
-Registered registeredNow() {
+RegistrationState registrationState() {
   const Survey::Wmi wmi = surveyRegistration();
-  Registered result;
+  RegistrationState result;
   if (wmi.error) {
     throw Failure("reading WMI's classes back", *wmi.error, adviceFor(*wmi.error));
   }
@@ -54,10 +54,10 @@ void compileMof(const std::string& file, bool wanted) {
     failWin32(fmt::format("looking for WMI's compiler {}", compiler), ERROR_FILE_NOT_FOUND,
               "WMI is not whole on this machine: repair Windows' WMI (winmgmt /verifyrepository).");
   }
-  const Ended ended = runProgram(compiler, {file});
+  const ProgramResult ended = runProgram(compiler, {file});
   const std::string said =
       fmt::format("mofcomp ended with code {}{}{}", ended.exitCode,
-                  ended.output.empty() ? "" : " and said: ", lastWords(ended.output));
+                  ended.output.empty() ? "" : " and said: ", lastLine(ended.output));
   const char* const advice =
       "Run mofcomp on that file by hand, from an elevated prompt, and read what it says; check "
       "WMI's store with winmgmt /verifyrepository.";
@@ -65,7 +65,7 @@ void compileMof(const std::string& file, bool wanted) {
     throw Failure(fmt::format("compiling {}: {}", file, said), advice);
   }
   // Its exit code alone proves nothing: it is 0 for a file that it passed over, too.
-  const Registered now = registeredNow();
+  const RegistrationState now = registrationState();
   if (wanted && now.missing > 0) {
     throw Failure(fmt::format("reading the classes back after compiling {}: {} of {} are missing, "
                               "{} first ({})",

@@ -19,11 +19,11 @@ struct MofFiles {
 void compileMof(const std::string& file, bool wanted);
 
 /// How many of the product's classes and registrations WMI has now.
-struct Registered {
+struct RegistrationState {
   std::size_t present = 0;
   std::size_t missing = 0;
   std::string firstMissing;
 };
-Registered registeredNow();
+RegistrationState registrationState();
 
 } // namespace ctl

@@ -1,6 +1,6 @@
 #include "quillmonctl/PropertiesFile.h"
 
-#include "quillmonctl/Names.h"
+#include "quillmonctl/IgnoreCase.h"
 
 #include <fmt/format.h>
 
@@ -77,7 +77,7 @@ PropertiesFile::Range PropertiesFile::section() const {
       range.last = i;
       return range;
     }
-    if (sameName(sectionName(lines_[i].text), kSection)) {
+    if (equalsIgnoreCase(sectionName(lines_[i].text), kSection)) {
       range.first = i + 1;
       range.found = true;
     }
@@ -90,7 +90,7 @@ std::optional<std::size_t> PropertiesFile::find(std::string_view key) const {
   const Range range = section();
   if (range.found) {
     for (std::size_t i = range.first; i < range.last; ++i) {
-      if (isKey(lines_[i].text) && sameName(keyOf(lines_[i].text), key)) {
+      if (isKey(lines_[i].text) && equalsIgnoreCase(keyOf(lines_[i].text), key)) {
         return i;
       }
     }
@@ -179,8 +179,9 @@ std::vector<std::string> PropertiesFile::problems() const {
       }
     } else if (!isKey(line)) {
       problems.push_back(fmt::format("line {}: neither a comment nor KEY=VALUE", i + 1));
-    } else if (std::any_of(seen.begin(), seen.end(),
-                           [&](std::string_view key) { return sameName(key, keyOf(line)); })) {
+    } else if (std::any_of(seen.begin(), seen.end(), [&](std::string_view key) {
+                 return equalsIgnoreCase(key, keyOf(line));
+               })) {
       problems.push_back(
           fmt::format("line {}: {} was set before; only the first one counts", i + 1, keyOf(line)));
     } else {

@@ -1,6 +1,6 @@
 #include "quillmonctl/Service.h"
 
-#include "quillmonctl/Product.h"
+#include "quillmonctl/ProductNames.h"
 #include "quillmonctl/System.h"
 
 #include <fmt/format.h>
@@ -12,8 +12,8 @@
 namespace ctl {
 namespace {
 
-constexpr DWORD kPatience = 30'000; // milliseconds for a start or a stop
-constexpr DWORD kPause = 50;
+constexpr DWORD kTimeout = 30'000; // milliseconds for a start or a stop
+constexpr DWORD kPollInterval = 50;
 
 win::ServiceHandle openManager() {
   win::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
@@ -23,9 +23,9 @@ win::ServiceHandle openManager() {
   return manager;
 }
 
-/// Calls until it has room, as the platform's queries want it.
+/// Repeats a query of the platform with a buffer of the size that it asks for.
 template <class Query>
-std::vector<BYTE> sized(const char* step, Query&& query) {
+std::vector<BYTE> querySized(const char* step, Query&& query) {
   DWORD size = 0;
   query(nullptr, 0, &size);
   std::vector<BYTE> bytes(size);
@@ -36,16 +36,16 @@ std::vector<BYTE> sized(const char* step, Query&& query) {
 }
 
 void waitForState(const Service& service, DWORD wanted, const char* what) {
-  for (DWORD waited = 0; service.status().dwCurrentState != wanted; waited += kPause) {
+  for (DWORD waited = 0; service.status().dwCurrentState != wanted; waited += kPollInterval) {
     if (wanted == SERVICE_RUNNING) {
-      service.mustRun();
+      service.requireRunning();
     }
-    if (waited >= kPatience) {
-      throw Failure(fmt::format("{}: not done after {} s, the service is {}", what,
-                                kPatience / 1000, stateText(service.status().dwCurrentState)),
+    if (waited >= kTimeout) {
+      throw Failure(fmt::format("{}: not done after {} s, the service is {}", what, kTimeout / 1000,
+                                stateText(service.status().dwCurrentState)),
                     "Look into the system's event log, then try again.");
     }
-    Sleep(kPause);
+    Sleep(kPollInterval);
   }
 }
 
@@ -66,12 +66,12 @@ bool Service::isInstalled() {
 }
 
 Service::Configuration Service::configuration() const {
-  const std::vector<BYTE> bytes =
-      sized("reading the service's configuration (QueryServiceConfig)",
-            [&](BYTE* data, DWORD size, DWORD* needed) {
-              return QueryServiceConfigW(
-                  service_.get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(data), size, needed);
-            });
+  const std::vector<BYTE> bytes = querySized(
+      "reading the service's configuration (QueryServiceConfig)",
+      [&](BYTE* data, DWORD size, DWORD* needed) {
+        return QueryServiceConfigW(service_.get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(data),
+                                   size, needed);
+      });
   const auto* const config = reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(bytes.data());
   Configuration result;
   result.path = utf8(config->lpBinaryPathName != nullptr ? config->lpBinaryPathName : L"");
@@ -148,13 +148,13 @@ void Service::stop() {
     }
   }
   waitForState(*this, SERVICE_STOPPED, "stopping the service");
-  if (process && WaitForSingleObject(process.get(), kPatience) != WAIT_OBJECT_0) {
+  if (process && WaitForSingleObject(process.get(), kTimeout) != WAIT_OBJECT_0) {
     throw Failure("stopping the service: it says that it has stopped, but its process stays",
                   "End quillmon.exe in the task manager, then try again.");
   }
 }
 
-void Service::mustRun() const {
+void Service::requireRunning() const {
   const SERVICE_STATUS_PROCESS now = status();
   if (now.dwCurrentState != SERVICE_STOPPED) {
     return;

@@ -36,7 +36,7 @@ public:
   void stop();
 
   /// Throws Failure with the code that the service ended with, if it has ended.
-  void mustRun() const;
+  void requireRunning() const;
 
   /// Marks it for removal; it is gone with the last handle.
   void remove();

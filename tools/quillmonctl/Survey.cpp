@@ -1,6 +1,6 @@
 #include "quillmonctl/Survey.h"
 
-#include "quillmonctl/Product.h"
+#include "quillmonctl/ProductNames.h"
 #include "quillmonctl/Text.h"
 
 #include <fmt/format.h>
@@ -56,13 +56,13 @@ void judgeService(const Survey& survey, Verdicts& out) {
   if (!service.programExists) {
     out.push_back({Level::Bad, "binary path", fmt::format("{} is missing", service.path.program),
                    "Put the program back, or run quillmonctl uninstall and install."});
-  } else if (!service.startedInstead.empty()) {
+  } else if (!service.hijackCandidates.empty()) {
     out.push_back({Level::Bad, "binary path",
                    fmt::format("not quoted, and Windows would start {} first",
-                               service.startedInstead.front()),
+                               service.hijackCandidates.front()),
                    "Find out who put that program there and remove it; then quillmonctl uninstall "
                    "and install."});
-  } else if (!service.path.startedInstead().empty()) {
+  } else if (!service.path.hijackCandidates().empty()) {
     out.push_back({Level::Bad, "binary path",
                    fmt::format("has a blank and no quotes: {}", service.pathText),
                    "quillmonctl uninstall, then quillmonctl install, which quotes it."});
@@ -108,7 +108,7 @@ void judgeWmi(const Survey& survey, Verdicts& out) {
         {Level::Bad, "WMI classes",
          fmt::format("{} of {} are missing: {}", wmi.missingClasses.size(),
                      wmi.classes + wmi.missingClasses.size(),
-                     shortened(fmt::format("{}", fmt::join(wmi.missingClasses, ", ")), 60)),
+                     truncated(fmt::format("{}", fmt::join(wmi.missingClasses, ", ")), 60)),
          "quillmonctl repair"});
   }
   if (wmi.missingRegistrations.empty()) {
@@ -146,10 +146,10 @@ void judgeConfiguration(const Survey& survey, Verdicts& out) {
                    adviceFor(*configuration.error)});
   }
   for (const Survey::Key& key : configuration.keys) {
-    if (!key.nonsense.empty()) {
+    if (!key.problem.empty()) {
       out.push_back({Level::Bad, "configuration",
                      fmt::format("{} = {} (the service reads {}): {}", key.name,
-                                 printable(key.value), key.effective, key.nonsense),
+                                 printable(key.value), key.effective, key.problem),
                      fmt::format("quillmonctl config set {} VALUE", key.name)});
     }
   }
@@ -259,7 +259,7 @@ Json toJson(const Survey& survey) {
                     {"value", key.value},
                     {"effective", key.effective},
                     {"source", key.isFromFile ? "file" : "default"},
-                    {"nonsense", key.nonsense.empty() ? Json() : Json(key.nonsense)}});
+                    {"nonsense", key.problem.empty() ? Json() : Json(key.problem)}});
   }
   return {
       {"version", survey.toolVersion},
@@ -376,9 +376,8 @@ std::string toText(const Survey& survey) {
 
   std::vector<std::vector<std::string>> rows;
   for (const Survey::Key& key : survey.configuration.keys) {
-    rows.push_back(
-        {key.name, key.value, key.isFromFile ? "file" : "default",
-         key.nonsense.empty() ? "" : fmt::format("NONSENSE, read as {}", key.effective)});
+    rows.push_back({key.name, key.value, key.isFromFile ? "file" : "default",
+                    key.problem.empty() ? "" : fmt::format("NONSENSE, read as {}", key.effective)});
   }
   text += "\n" + table({"KEY", "VALUE", "FROM", ""}, rows);
   for (const std::string& name : survey.configuration.unknownKeys) {

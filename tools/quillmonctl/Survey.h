@@ -22,7 +22,7 @@ struct Survey {
     BinaryPath path;
     bool programExists = false;
     std::string programVersion;
-    std::vector<std::string> startedInstead; ///< of BinaryPath, those that exist
+    std::vector<std::string> hijackCandidates; ///< of BinaryPath, those that exist
     std::string start; ///< "automatic", "automatic (delayed)", "manual", "disabled"
     std::string account;
     std::vector<std::string> dependencies;
@@ -48,7 +48,7 @@ struct Survey {
     std::string value;     ///< as it stands in the file, or the default
     std::string effective; ///< what the service reads
     bool isFromFile = false;
-    std::string nonsense; ///< why; empty if it is not
+    std::string problem; ///< why the value is invalid; empty if it is valid
   };
   struct Configuration {
     std::string path;

@@ -2,7 +2,7 @@
 
 #include "quillmonctl/ConfigKeys.h"
 #include "quillmonctl/MofClasses.h"
-#include "quillmonctl/Product.h"
+#include "quillmonctl/ProductNames.h"
 #include "quillmonctl/PropertiesFile.h"
 #include "quillmonctl/Service.h"
 #include "quillmonctl/Survey.h"
@@ -23,7 +23,7 @@
 namespace ctl {
 namespace {
 
-constexpr int kConnectPatience = 3; // seconds
+constexpr int kConnectTimeout = 3; // seconds
 
 /// Neither makes the file, as the service's own test would, nor opens it: a rotation that meets an
 /// open log may go wrong.
@@ -65,8 +65,8 @@ int tryConnect(unsigned port) {
   fd_set failed = {};
   FD_SET(socket.get(), &connected);
   FD_SET(socket.get(), &failed);
-  timeval patience = {kConnectPatience, 0};
-  if (select(0, nullptr, &connected, &failed, &patience) == 0) {
+  timeval timeout = {kConnectTimeout, 0};
+  if (select(0, nullptr, &connected, &failed, &timeout) == 0) {
     return WSAETIMEDOUT;
   }
   int error = 0;
@@ -126,20 +126,20 @@ void surveyEventPort(const Survey::Service& service, Survey::Sockets& sockets) {
   }
 }
 
-const Survey::Key& keyNamed(const Survey::Configuration& configuration, const char* name) {
+const Survey::Key& findKey(const Survey::Configuration& configuration, const char* name) {
   return *std::find_if(configuration.keys.begin(), configuration.keys.end(),
                        [&](const Survey::Key& key) { return key.name == name; });
 }
 
 /// As the service takes it: an unsigned 16-bit number.
-unsigned portIn(const Survey::Configuration& configuration, const char* name) {
-  return static_cast<std::uint16_t>(std::stoul(keyNamed(configuration, name).effective));
+unsigned configuredPort(const Survey::Configuration& configuration, const char* name) {
+  return static_cast<std::uint16_t>(std::stoul(findKey(configuration, name).effective));
 }
 
 Survey::Sockets surveySockets(const Survey& survey) {
   Survey::Sockets sockets;
-  sockets.requestPort = portIn(survey.configuration, "upos.requestSocket.Port");
-  sockets.eventPort = portIn(survey.configuration, "provider.eventSocket.Port");
+  sockets.requestPort = configuredPort(survey.configuration, "upos.requestSocket.Port");
+  sockets.eventPort = configuredPort(survey.configuration, "provider.eventSocket.Port");
   if (!survey.service.path.isProxy()) {
     const int error = tryConnect(sockets.requestPort);
     sockets.requestReachable = error == 0;
@@ -155,7 +155,7 @@ std::optional<SystemError> errorOf(const Failure& failure) {
   return failure.error ? failure.error : SystemError{SystemError::Kind::Win32, 0, failure.step};
 }
 
-void lookForRegistration(Wmi& wmi, Survey::Wmi& result) {
+void checkRegistration(Wmi& wmi, Survey::Wmi& result) {
   for (const char* const name : kMofClasses) {
     if (wmi.find(name)) {
       ++result.classes;
@@ -182,7 +182,7 @@ Survey::Wmi surveyWmi(unsigned seconds) {
   Survey::Wmi result;
   try {
     Wmi wmi;
-    lookForRegistration(wmi, result);
+    checkRegistration(wmi, result);
     try {
       const Wmi::End end = wmi.instances("UPOS_LogicalDevice", seconds, [&](const Json&) {
         ++result.devices;
@@ -224,7 +224,7 @@ Survey::Wmi surveyRegistration() {
   Survey::Wmi result;
   try {
     Wmi wmi;
-    lookForRegistration(wmi, result);
+    checkRegistration(wmi, result);
   } catch (const Failure& failure) {
     result.error = errorOf(failure);
   }
@@ -243,9 +243,9 @@ Survey::Service surveyService() {
     result.path = BinaryPath::parse(configuration.path);
     result.programExists = exists(result.path.program);
     result.programVersion = fileVersion(result.path.program);
-    for (const std::string& program : result.path.startedInstead()) {
+    for (const std::string& program : result.path.hijackCandidates()) {
       if (exists(program)) {
-        result.startedInstead.push_back(program);
+        result.hijackCandidates.push_back(program);
       }
     }
     result.start = configuration.startType == SERVICE_AUTO_START
@@ -263,7 +263,7 @@ Survey::Service surveyService() {
 
 Survey::Configuration surveyConfiguration() {
   Survey::Configuration result;
-  result.path = servicesDrive() + configuration::kFile;
+  result.path = serviceDrive() + configuration::kFile;
   std::optional<std::string> text;
   try {
     text = readFile(result.path);
@@ -285,9 +285,9 @@ Survey::Configuration surveyConfiguration() {
             ? std::to_string(static_cast<int>(
                   configuration::readInt(known.name, std::stoi(known.defaultValue), path.c_str())))
             : utf8FromAnsi(configuration::readText(known.name, known.defaultValue, path.c_str()));
-    key.nonsense = nonsense(known, key.value);
-    if (key.nonsense.empty() && key.effective != key.value) {
-      key.nonsense = "the service reads something else";
+    key.problem = validationError(known, key.value);
+    if (key.problem.empty() && key.effective != key.value) {
+      key.problem = "the service reads something else";
     }
     result.keys.push_back(std::move(key));
   }
@@ -313,7 +313,7 @@ Survey::Trace surveyTrace(const Survey::Service& service) {
       service.path.program.empty() ? programFolder() + "\\quillmon.exe" : service.path.program;
   trace.log =
       location.path.empty() ? fallbackLogPath(program) : absolutePath(utf8FromAnsi(location.path));
-  if (const std::optional<FileMark> mark = fileMark(trace.log)) {
+  if (const std::optional<FileStamp> mark = fileStamp(trace.log)) {
     trace.size = mark->size;
     trace.written = mark->written;
   }
@@ -349,7 +349,7 @@ Survey surveySystem(unsigned seconds) {
   survey.wmi = surveyWmi(seconds);
   survey.sockets = surveySockets(survey);
   // The question to the provider is traced where the trace is on, whatever became of its event.
-  if (const std::optional<FileMark> mark = fileMark(survey.trace.log)) {
+  if (const std::optional<FileStamp> mark = fileStamp(survey.trace.log)) {
     survey.trace.hasGrown =
         mark->size != survey.trace.size || mark->written != survey.trace.written;
     survey.trace.size = mark->size;

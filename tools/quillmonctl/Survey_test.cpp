@@ -76,7 +76,7 @@ TEST(Survey, eachFaultIsFoundAndHasAnAdvice) {
       {"binary path", Level::Bad, [](Survey& s) { s.service.programExists = false; }},
       {"binary path", Level::Bad,
        [](Survey& s) { s.service.path = BinaryPath::parse("C:/a b/q.exe"); }},
-      {"binary path", Level::Bad, [](Survey& s) { s.service.startedInstead = {"C:\\a.exe"}; }},
+      {"binary path", Level::Bad, [](Survey& s) { s.service.hijackCandidates = {"C:\\a.exe"}; }},
       {"version", Level::Warning, [](Survey& s) { s.service.programVersion = "1.2.4"; }},
       {"start", Level::Warning, [](Survey& s) { s.service.start = "manual"; }},
       {"dependency", Level::Warning, [](Survey& s) { s.service.dependencies = {}; }},
@@ -98,7 +98,7 @@ TEST(Survey, eachFaultIsFoundAndHasAnAdvice) {
        [](Survey& s) {
          s.wmi.subscriptionError = SystemError{SystemError::Kind::HResult, 0x80041003, ""};
        }},
-      {"configuration", Level::Bad, [](Survey& s) { s.configuration.keys[0].nonsense = "why"; }},
+      {"configuration", Level::Bad, [](Survey& s) { s.configuration.keys[0].problem = "why"; }},
       {"configuration", Level::Warning, [](Survey& s) { s.configuration.problems = {"line 1"}; }},
       {"configuration", Level::Warning, [](Survey& s) { s.configuration.unknownKeys = {"x"}; }},
       {"device server", Level::Bad, [](Survey& s) { s.sockets.requestReachable = false; }},

@@ -113,7 +113,7 @@ SystemError hresultError(HRESULT result) {
   const auto number = static_cast<std::uint32_t>(result);
   std::string text = wmiText(result);
   if (text.empty() || text.find("0x") != std::string::npos) { // Wine says the number in words
-    text = wmiWords(number);
+    text = wmiMessage(number);
   }
   if (text.empty()) {
     text = systemText(number);
@@ -142,7 +142,7 @@ std::string systemFolder() {
   return utf8({path.data(), GetSystemDirectoryW(path.data(), MAX_PATH)});
 }
 
-std::string servicesDrive() {
+std::string serviceDrive() {
   return systemFolder().substr(0, 2); // services start in the system folder
 }
 
@@ -169,14 +169,14 @@ bool exists(const std::string& path) {
   return GetFileAttributesW(wide(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
-std::optional<FileMark> fileMark(const std::string& path) {
+std::optional<FileStamp> fileStamp(const std::string& path) {
   WIN32_FILE_ATTRIBUTE_DATA data = {};
   if (!GetFileAttributesExW(wide(path).c_str(), GetFileExInfoStandard, &data)) {
     return std::nullopt;
   }
   const auto join = [](DWORD high, DWORD low) { return std::uint64_t{high} << 32U | low; };
-  return FileMark{join(data.nFileSizeHigh, data.nFileSizeLow),
-                  join(data.ftLastWriteTime.dwHighDateTime, data.ftLastWriteTime.dwLowDateTime)};
+  return FileStamp{join(data.nFileSizeHigh, data.nFileSizeLow),
+                   join(data.ftLastWriteTime.dwHighDateTime, data.ftLastWriteTime.dwLowDateTime)};
 }
 
 std::optional<std::string> readFile(const std::string& path) {
@@ -244,7 +244,7 @@ std::string fileVersion(const std::string& path) {
                      HIWORD(info->dwFileVersionLS));
 }
 
-Ended runProgram(const std::string& program, const std::vector<std::string>& arguments) {
+ProgramResult runProgram(const std::string& program, const std::vector<std::string>& arguments) {
   SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, TRUE};
   win::Handle ours;
   win::Handle theirs;
@@ -271,7 +271,7 @@ Ended runProgram(const std::string& program, const std::vector<std::string>& arg
   const win::Handle process(information.hProcess);
   const win::Handle thread(information.hThread);
   theirs.reset();
-  Ended ended;
+  ProgramResult ended;
   std::array<char, 4096> piece{};
   DWORD count = 0;
   while (::ReadFile(ours.get(), piece.data(), piece.size(), &count, nullptr) && count > 0) {

@@ -30,17 +30,17 @@ SystemError hresultError(HRESULT result);
 std::string systemFolder();
 std::string programFolder();
 /// "C:": the drive of the service's current directory, to which its rooted paths refer.
-std::string servicesDrive();
+std::string serviceDrive();
 std::string absolutePath(const std::string& path);
 
 bool exists(const std::string& path);
 /// Changes with every write: the size alone may be the same after a rotation.
-struct FileMark {
+struct FileStamp {
   std::uint64_t size = 0;
   std::uint64_t written = 0;
-  bool operator==(const FileMark&) const = default;
+  bool operator==(const FileStamp&) const = default;
 };
-std::optional<FileMark> fileMark(const std::string& path);
+std::optional<FileStamp> fileStamp(const std::string& path);
 /// None where there is no file. The file may be written, renamed and deleted meanwhile.
 std::optional<std::string> readFile(const std::string& path);
 /// Whoever reads the file sees the old content or the new one. Makes the folder.
@@ -48,11 +48,11 @@ void replaceFile(const std::string& path, std::string_view content);
 /// The version in the file's resources, as "1.2.3"; empty where it has none.
 std::string fileVersion(const std::string& path);
 
-struct Ended {
+struct ProgramResult {
   DWORD exitCode = 0;
   std::string output; ///< standard output and error
 };
 /// Runs a program to its end, in its own folder.
-Ended runProgram(const std::string& program, const std::vector<std::string>& arguments);
+ProgramResult runProgram(const std::string& program, const std::vector<std::string>& arguments);
 
 } // namespace ctl

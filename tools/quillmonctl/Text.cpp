@@ -9,7 +9,7 @@ namespace ctl {
 namespace {
 
 constexpr std::size_t kGap = 2;
-constexpr std::size_t kNarrowest = 4; // a column is never cut below this
+constexpr std::size_t kMinColumn = 4; // a column is never cut below this
 
 bool continuesCodePoint(char byte) {
   return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
@@ -59,7 +59,7 @@ std::string printable(std::string_view text, bool keepTabs) {
   return result;
 }
 
-std::string shortened(std::string_view text, std::size_t width) {
+std::string truncated(std::string_view text, std::size_t width) {
   if (columns(text) <= width) {
     return std::string(text);
   }
@@ -72,8 +72,8 @@ std::string wrap(std::string_view text, std::size_t width, std::size_t indent) {
   bool isFirst = true;
   for (;;) {
     const std::string prefix(isFirst ? 0 : indent, ' ');
-    const std::size_t room = width - prefix.size();
-    std::size_t end = bytesOf(text, room);
+    const std::size_t available = width - prefix.size();
+    std::size_t end = bytesOf(text, available);
     if (end < text.size()) {
       // At the last blank that leaves something before it; else in the middle of the word.
       const std::size_t blank = text.substr(0, end + 1).rfind(' ');
@@ -115,7 +115,7 @@ std::string table(const std::vector<std::string>& heading,
   const std::size_t gaps = kGap * (widths.size() - 1);
   while (std::accumulate(widths.begin(), widths.end(), gaps) > width) {
     const auto widest = std::max_element(widths.begin(), widths.end());
-    if (*widest <= kNarrowest) {
+    if (*widest <= kMinColumn) {
       break;
     }
     --*widest;
@@ -124,7 +124,7 @@ std::string table(const std::vector<std::string>& heading,
   for (const std::vector<std::string>& line : lines) {
     std::string one;
     for (std::size_t i = 0; i < widths.size(); ++i) {
-      one.append(i == 0 ? 0 : kGap, ' ').append(padded(shortened(line[i], widths[i]), widths[i]));
+      one.append(i == 0 ? 0 : kGap, ' ').append(padded(truncated(line[i], widths[i]), widths[i]));
     }
     trimEnd(one);
     text += one + "\n";

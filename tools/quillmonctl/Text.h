@@ -18,7 +18,7 @@ std::size_t columns(std::string_view text);
 std::string printable(std::string_view text, bool keepTabs = false);
 
 /// At most `width` columns; what is cut ends in "...".
-std::string shortened(std::string_view text, std::size_t width);
+std::string truncated(std::string_view text, std::size_t width);
 
 /// `text` in lines of at most `width` columns, each with its end; lines after the first begin with
 /// `indent` blanks. A word that is too long for a line is broken.

@@ -3,7 +3,7 @@
 #include "quillmonctl/Commands.h"
 #include "quillmonctl/Console.h"
 #include "quillmonctl/LogFollower.h"
-#include "quillmonctl/Product.h"
+#include "quillmonctl/ProductNames.h"
 #include "quillmonctl/Service.h"
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
@@ -17,9 +17,9 @@
 namespace ctl {
 namespace {
 
-constexpr DWORD kLook = 250;        // milliseconds between two looks at the log or the event
-constexpr DWORD kPatience = 15'000; // milliseconds until the service must have traced
-constexpr unsigned kAnswer = 5;     // seconds for one answer of the provider
+constexpr DWORD kPollInterval = 250;   // milliseconds between two looks at the log or the event
+constexpr DWORD kTimeout = 15'000;     // milliseconds until the service must have traced
+constexpr unsigned kAnswerTimeout = 5; // seconds for one answer of the provider
 
 constexpr const char* kNotUndone =
     "The service keeps tracing until it ends: that cannot be undone while it runs.";
@@ -29,17 +29,17 @@ void say(bool json, const Json& object, const std::string& text) {
 }
 
 /// Asks the provider something, so that a service that traces traces it.
-void provoke() {
+void triggerTrace() {
   try {
-    Wmi().instances("UPOS_LogicalDevice", kAnswer, [](const Json&) { return true; });
+    Wmi().instances("UPOS_LogicalDevice", kAnswerTimeout, [](const Json&) { return true; });
   } catch (const Failure&) { // an answer as good as any
   }
 }
 
 bool hasTraced(const std::string& log) {
-  const std::optional<FileMark> before = fileMark(log);
-  provoke();
-  return fileMark(log) != before;
+  const std::optional<FileStamp> before = fileStamp(log);
+  triggerTrace();
+  return fileStamp(log) != before;
 }
 
 const char* nameOf(Origin origin) {
@@ -87,7 +87,7 @@ ExitCode switchTraceOn(bool json, bool untilSeen) {
                              kWidth, 0)));
   if (untilSeen) {
     const ComLibrary com;
-    const ULONGLONG end = GetTickCount64() + kPatience;
+    const ULONGLONG end = GetTickCount64() + kTimeout;
     while (!hasTraced(trace.log)) {
       if (GetTickCount64() >= end) {
         throw Failure("waiting for the service to trace: its log does not grow",
@@ -95,7 +95,7 @@ ExitCode switchTraceOn(bool json, bool untilSeen) {
                       "status).",
                       ExitCode::TimedOut);
       }
-      Sleep(kLook);
+      Sleep(kPollInterval);
     }
     say(json, {{"tracing", true}},
         wrap(fmt::format("The service traces. {}", kNotUndone), kWidth, 0));
@@ -106,7 +106,7 @@ ExitCode switchTraceOn(bool json, bool untilSeen) {
                                        kNotUndone),
                            kWidth, 0));
   while (WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0) {
-    Sleep(kLook);
+    Sleep(kPollInterval);
   }
   say(json, {{"on", false}}, "Somebody else has switched the trace off.\n");
   return ExitCode::Done;
@@ -159,7 +159,7 @@ ExitCode followTrace(bool json, std::size_t lines) {
   const bool colour = console::showsColour();
   LogFollower follower(trace.log, lines);
   OriginReader origins;
-  for (;; Sleep(kLook)) {
+  for (;; Sleep(kPollInterval)) {
     const std::vector<std::string> arrived = follower.newLines();
     if (follower.hasLostLines()) {
       console::printError("Lines were lost: the log was rotated faster than it was read.\n");
@@ -167,7 +167,8 @@ ExitCode followTrace(bool json, std::size_t lines) {
     for (const std::string& line : arrived) {
       const Origin origin = origins.next(line);
       const std::string text = utf8FromAnsi(line.substr(0, line.size() - line.ends_with('\r')));
-      console::print(json ? dumpLine(lineJson(text, origin)) : shown(text, origin, colour) + "\n");
+      console::print(json ? dumpLine(lineJson(text, origin))
+                          : toConsoleText(text, origin, colour) + "\n");
     }
   }
 }

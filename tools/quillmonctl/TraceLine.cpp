@@ -7,7 +7,7 @@
 namespace ctl {
 namespace {
 
-constexpr std::string_view kStampForm = "00/00/0000 00:00:00";
+constexpr std::string_view kStampPattern = "00/00/0000 00:00:00";
 constexpr std::string_view kBlanks = "  "; // behind the stamp
 constexpr std::string_view kDim = "\x1b[2m";
 constexpr std::string_view kCyan = "\x1b[36m";
@@ -63,8 +63,8 @@ constexpr std::string_view kOwnMessages[] = {
     "[RegisterDecoupledInstance] exit t_Result = #",
 };
 
-bool isOfForm(std::string_view text, std::string_view form) {
-  for (const char c : form) {
+bool matchesPattern(std::string_view text, std::string_view pattern) {
+  for (const char c : pattern) {
     if (c != '#') {
       if (!text.starts_with(c)) {
         return false;
@@ -84,11 +84,11 @@ bool isOfForm(std::string_view text, std::string_view form) {
 
 bool isStamp(std::string_view text) {
   return std::equal(
-      text.begin(), text.end(), kStampForm.begin(), kStampForm.end(),
-      [](char c, char form) { return form == '0' ? c >= '0' && c <= '9' : c == form; });
+      text.begin(), text.end(), kStampPattern.begin(), kStampPattern.end(),
+      [](char c, char pattern) { return pattern == '0' ? c >= '0' && c <= '9' : c == pattern; });
 }
 
-std::string_view cut(std::string_view& text, std::size_t size) {
+std::string_view takeFront(std::string_view& text, std::size_t size) {
   const std::string_view piece = text.substr(0, size);
   text.remove_prefix(piece.size());
   return piece;
@@ -98,15 +98,15 @@ std::string_view cut(std::string_view& text, std::size_t size) {
 
 TraceLine TraceLine::parse(std::string_view line) {
   TraceLine result;
-  if (isStamp(line.substr(0, kStampForm.size()))) {
-    result.stamp = cut(line, kStampForm.size());
+  if (isStamp(line.substr(0, kStampPattern.size()))) {
+    result.stamp = takeFront(line, kStampPattern.size());
   }
-  result.lead = cut(line, std::min(line.find_first_not_of(" \t*"), line.size()));
+  result.lead = takeFront(line, std::min(line.find_first_not_of(" \t*"), line.size()));
   const bool angled = line.starts_with("<<") && !line.starts_with("<<<");
   if (angled || line.starts_with("[")) {
     const std::string_view close = angled ? ">>" : "]";
     if (const std::size_t end = line.find(close); end != std::string_view::npos) {
-      result.component = cut(line, end + close.size());
+      result.component = takeFront(line, end + close.size());
     }
   }
   result.message = line;
@@ -126,12 +126,12 @@ Origin OriginReader::next(std::string_view line) {
   const bool mayBeText = holdsText_;
   const std::string_view message =
       line.substr(std::min(line.size(), parts.stamp.size() + kBlanks.size()));
-  holdsText_ = std::ranges::none_of(kOwnMessages,
-                                    [&](std::string_view form) { return isOfForm(message, form); });
+  holdsText_ = std::ranges::none_of(
+      kOwnMessages, [&](std::string_view pattern) { return matchesPattern(message, pattern); });
   return mayBeText ? Origin::Unclear : Origin::Service;
 }
 
-std::string shown(std::string_view line, Origin origin, bool colour) {
+std::string toConsoleText(std::string_view line, Origin origin, bool colour) {
   std::string text = origin == Origin::Service ? "  " : origin == Origin::Unclear ? "? " : "| ";
   if (!colour) {
     return text + printable(line, true);
@@ -147,7 +147,7 @@ std::string shown(std::string_view line, Origin origin, bool colour) {
   return text + printable(parts.message, true);
 }
 
-bool wantsColour(bool isConsole, const char* noColor) {
+bool usesColour(bool isConsole, const char* noColor) {
   return isConsole && (noColor == nullptr || *noColor == '\0');
 }
 

@@ -37,9 +37,9 @@ private:
 
 /// The line for the console: marked with its origin, control characters made visible, the component
 /// in colour if wanted.
-std::string shown(std::string_view line, Origin origin, bool colour);
+std::string toConsoleText(std::string_view line, Origin origin, bool colour);
 
 /// Colour is for a console only, and not where the user has set NO_COLOR to anything.
-bool wantsColour(bool isConsole, const char* noColor);
+bool usesColour(bool isConsole, const char* noColor);
 
 } // namespace ctl

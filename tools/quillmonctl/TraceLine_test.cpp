@@ -36,15 +36,15 @@ TEST(TraceLine, aLineIsCutWithoutLosingAnything) {
 
 TEST(TraceLine, theComponentIsInColourWhereColourIsWanted) {
   const char* const line = "11/21/2026 17:29:05  <<X>>: y";
-  EXPECT_EQ(shown(line, Origin::Service, false), std::string("  ") + line);
-  EXPECT_EQ(shown(line, Origin::Service, true),
+  EXPECT_EQ(toConsoleText(line, Origin::Service, false), std::string("  ") + line);
+  EXPECT_EQ(toConsoleText(line, Origin::Service, true),
             "  \x1b[2m11/21/2026 17:29:05\x1b[0m  \x1b[36m<<X>>\x1b[0m: y");
 }
 
 TEST(TraceLine, theOriginIsMarkedInFrontOfTheLine) {
-  EXPECT_EQ(shown("x", Origin::Service, false), "  x");
-  EXPECT_EQ(shown("x", Origin::Unclear, false), "? x");
-  EXPECT_EQ(shown("x", Origin::Continuation, true), "| x");
+  EXPECT_EQ(toConsoleText("x", Origin::Service, false), "  x");
+  EXPECT_EQ(toConsoleText("x", Origin::Unclear, false), "? x");
+  EXPECT_EQ(toConsoleText("x", Origin::Continuation, true), "| x");
 }
 
 TEST(OriginReader, tellsTheServicesLinesFromWhatAPeerCouldHaveWritten) {
@@ -79,16 +79,16 @@ TEST(OriginReader, tellsTheServicesLinesFromWhatAPeerCouldHaveWritten) {
 }
 
 TEST(TraceLine, whatAPeerPutIntoALineSpeaksToNoConsole) {
-  EXPECT_EQ(shown("<<X>>: \x1b[2J", Origin::Service, false), "  <<X>>: \\x1b[2J");
-  EXPECT_EQ(shown("<<\x1b[2J>>: \x1b[2J", Origin::Service, true),
+  EXPECT_EQ(toConsoleText("<<X>>: \x1b[2J", Origin::Service, false), "  <<X>>: \\x1b[2J");
+  EXPECT_EQ(toConsoleText("<<\x1b[2J>>: \x1b[2J", Origin::Service, true),
             "  \x1b[36m<<\\x1b[2J>>\x1b[0m: \\x1b[2J");
 }
 
 TEST(TraceLine, colourIsForAConsoleWithoutNoColor) {
-  EXPECT_TRUE(wantsColour(true, nullptr));
-  EXPECT_TRUE(wantsColour(true, ""));
-  EXPECT_FALSE(wantsColour(true, "1"));
-  EXPECT_FALSE(wantsColour(false, nullptr));
+  EXPECT_TRUE(usesColour(true, nullptr));
+  EXPECT_TRUE(usesColour(true, ""));
+  EXPECT_FALSE(usesColour(true, "1"));
+  EXPECT_FALSE(usesColour(false, nullptr));
 }
 
 } // namespace
