@@ -66,7 +66,7 @@ TEST_F(AdapterImpCommunicationLayerTest, NamesTheEventPort) {
   EXPECT_EQ(layer_->getDefaultPort(), 42114U);
 }
 
-TEST_F(AdapterImpCommunicationLayerTest, UnopenedItHoldsNothing) {
+TEST_F(AdapterImpCommunicationLayerTest, BeforeOpenItHoldsNoSocket) {
   EXPECT_EQ(layer_->close(), 0U);
   EXPECT_EQ(receive(), "");
   layer_.reset();
@@ -84,7 +84,7 @@ TEST_F(AdapterImpCommunicationLayerTest, HandsEachMessageToTheAdapter) {
   EXPECT_EQ(layer_->close(), 0U);
 }
 
-TEST_F(AdapterImpCommunicationLayerTest, APortInUseFailsAndMayBeTriedAgain) {
+TEST_F(AdapterImpCommunicationLayerTest, APortInUseFailsAndMayBeRetried) {
   const std::uint16_t port = freeDatagramPort();
   TestSocket holder(socket(AF_INET, SOCK_DGRAM, 0));
   sockaddr_in everywhere{};
@@ -103,7 +103,7 @@ TEST_F(AdapterImpCommunicationLayerTest, APortInUseFailsAndMayBeTriedAgain) {
 }
 
 // One socket per process, on purpose: opening again is fine and makes none.
-TEST_F(AdapterImpCommunicationLayerTest, OpeningASecondTimeMakesNoSocket) {
+TEST_F(AdapterImpCommunicationLayerTest, OpeningASecondTimeCreatesNoSocket) {
   ASSERT_EQ(layer_->open(0), 0U);
   const SOCKET first = std::exchange(lastSocket, INVALID_SOCKET);
   EXPECT_EQ(layer_->open(0), 0U);

@@ -54,7 +54,7 @@ TEST(ByteBuffer, HoldsZeroBytes) {
   EXPECT_STREQ(buffer.text(), "a");
 }
 
-TEST(ByteBuffer, NoPointerAndNoBytesAppendNothing) {
+TEST(ByteBuffer, NullPointersAndEmptyInputAppendNothing) {
   ByteBuffer buffer(0, 1.5F);
   buffer.appendBytes(nullptr, 5);
   buffer.appendString(nullptr);
@@ -159,7 +159,7 @@ TEST(ByteBuffer, KeepsWhatFitsWhenItMayNotGrow) {
   EXPECT_EQ(infinite.size(), 0U);
 }
 
-TEST(ByteBuffer, ALengthThatWouldWrapAroundIsCutNotWritten) {
+TEST(ByteBuffer, ALengthThatWouldWrapIsTruncated) {
   // The count cannot be met by any buffer, so that no more bytes are read than fit.
   ByteBuffer buffer(8, 1.5F);
   buffer.appendString("abc");
@@ -168,7 +168,7 @@ TEST(ByteBuffer, ALengthThatWouldWrapAroundIsCutNotWritten) {
   EXPECT_STREQ(buffer.text(), "abcdefgh");
 }
 
-TEST(ByteBuffer, ACopyIsOneAndAHalfTimesItsContentAndGrowsFaster) {
+TEST(ByteBuffer, ACopyHasOneAndAHalfTimesTheLengthAndGrowsByTwo) {
   ByteBuffer source(1024, 1.5F);
   append(source, std::string(100, 'x'));
   const auto copy = source.clone();
@@ -181,7 +181,7 @@ TEST(ByteBuffer, ACopyIsOneAndAHalfTimesItsContentAndGrowsFaster) {
   EXPECT_EQ(source.size(), 100U);
 }
 
-TEST(ByteBuffer, ACopyOfLittleOrNothingHoldsIt) {
+TEST(ByteBuffer, ACopyOfAShortOrEmptyBufferHoldsItsContent) {
   ByteBuffer source(0, 1.5F);
   const auto nothing = source.clone();
   EXPECT_EQ(nothing->capacity(), 0U);

@@ -22,7 +22,7 @@ TEST(CodePage, TextOfADocumentIsInTheSystemsCodePage) {
   EXPECT_EQ(narrow(u"a\u4E2Db"), ansi(L"a\u4E2Db")) << "with or without that character";
 }
 
-TEST(CodePage, AnAnswersUtf8IsReadIntoIt) {
+TEST(CodePage, AnAnswerInUtf8IsConverted) {
   UPOSXMLAdapter adapter;
   EXPECT_EQ(adapter.fromXML("<r><instance><field name='ManufacturerName' type='M\xC3\xBCller'>"
                             "ORVEX</field></instance></r>"),
@@ -31,7 +31,7 @@ TEST(CodePage, AnAnswersUtf8IsReadIntoIt) {
             (InstanceList{{{"ManufacturerName", ansi(L"M\u00FCller"), "ORVEX"}}}));
 }
 
-TEST(CodePage, ARequestsTextIsReadFromIt) {
+TEST(CodePage, ARequestIsConvertedToUtf8) {
   std::string out;
   UPOSXMLAdapter().toXML("C", "request", "getInstance", ansi(L"M\u00FCller"), out);
   if (ansi(L"M\u00FCller") == ansi(L"Muller") || ansi(L"M\u00FCller") == "M?ller") {

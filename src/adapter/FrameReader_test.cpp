@@ -144,14 +144,14 @@ TEST(FrameReader, EndsAtOnceWithWhatWasCollectedWhenNothingMoreArrives) {
   }
 }
 
-TEST(FrameReader, AfterAnEndItReceivesAfresh) {
+TEST(FrameReader, AfterAnEndTheNextReadReceivesAgain) {
   Reader reader({}, -1);
   EXPECT_EQ(reader.read(), "");
   EXPECT_EQ(reader.read(), "");
   EXPECT_EQ(std::count(reader.calls.begin(), reader.calls.end(), "receive"), 2);
 }
 
-TEST(FrameReader, BytesBehindAnEndMarkBeginTheNextScan) {
+TEST(FrameReader, BytesAfterAnEndMarkBeginTheNextScan) {
   Reader reader({"\x1B"
                  "one\x08\x1B"
                  "two\x08"
@@ -180,7 +180,7 @@ TEST(FrameReader, AFullAreaIsUsedToItsLastByte) {
   }
 }
 
-TEST(FrameReader, EverySplitOfAMessageGivesTheSame) {
+TEST(FrameReader, EverySplitOfAMessageGivesTheSameBytes) {
   const std::string stream = "gar\x08"
                              "bage\x1Bmes\x1Bsage\x08tail";
   for (std::size_t first = 0; first <= stream.size(); ++first) {
@@ -197,7 +197,7 @@ TEST(FrameReader, EverySplitOfAMessageGivesTheSame) {
   }
 }
 
-TEST(FrameReader, ReportsTheCollectedBeforeEachReceiveAndAtTheEndMark) {
+TEST(FrameReader, ReportsTheCollectedBytesBeforeEachReceiveAndAtTheEndMark) {
   Reader reader({"x",
                  "\x1B"
                  "ab",
@@ -207,7 +207,7 @@ TEST(FrameReader, ReportsTheCollectedBeforeEachReceiveAndAtTheEndMark) {
                                         "receive", "used up:abc", "receive", "end mark:abc"));
 }
 
-TEST(FrameReader, ReportsNothingUsedUpWhileTheAreaHoldsMore) {
+TEST(FrameReader, ReportsNoConsumedAreaWhileBytesRemain) {
   Reader reader({"\x1B"
                  "one\x08\x1B"
                  "two\x08"});
@@ -217,7 +217,7 @@ TEST(FrameReader, ReportsNothingUsedUpWhileTheAreaHoldsMore) {
   EXPECT_THAT(reader.calls, ElementsAre("end mark:two"));
 }
 
-TEST(FrameReader, WhatIsLeftOfADroppedMessageIsNotTheNextOne) {
+TEST(FrameReader, TheRestOfADroppedMessageIsSkipped) {
   std::deque<std::string> pieces = {"\x1B"
                                     "ab",
                                     "cd", "ef", "gh\x08ij\x08", "k\x1Bl\x1Bm\x08"};
@@ -240,7 +240,7 @@ TEST(FrameReader, WhatIsLeftOfADroppedMessageIsNotTheNextOne) {
   EXPECT_TRUE(pieces.empty());
 }
 
-TEST(FrameReader, AppendsToWhatTheBufferHolds) {
+TEST(FrameReader, AppendsToTheContentOfTheBuffer) {
   Reader reader({"\x1B"
                  "abc\x08"});
   ByteBuffer out(0, 1.5F);

@@ -29,7 +29,7 @@ void failRequests(int pauses) {
 }
 
 // The trace is off: its lock would order the threads and hide a race from ThreadSanitizer.
-TEST(RequestBackOffThreads, FailingRequestsAndTheirTimersMakeOneQueueAndEndThePause) {
+TEST(RequestBackOffThreads, ConcurrentFailuresCreateOneQueueAndEndTheBackOff) {
   recorded_trace::setSwitchedOn(false);
   std::vector<std::thread> requests;
   for (int thread = 0; thread < 4; ++thread) {

@@ -212,7 +212,7 @@ TEST_F(ExchangeRequest, SendsTheFramedRequestInOneSendAndNothingElse) {
   EXPECT_EQ(UPOSConnector::streamReady, 1U);
 }
 
-TEST_F(ExchangeRequest, ARefusedSendIsNotLookedAtAndTheAnswerIsWaitedFor) {
+TEST_F(ExchangeRequest, ARefusedSendIsIgnoredAndTheAnswerAwaited) {
   const PatchedImport<decltype(send)> patch("send", refusedSend);
   realSend = patch.original();
   const PatchedImport<decltype(shutdown)> shutdownPatch("shutdown", observedShutdown);
@@ -350,7 +350,7 @@ TEST_F(ExchangeRequest, PercentSignsInAnAnswerAreHarmless) {
   EXPECT_EQ(recorded_trace::lines().back(), "%s%n%d 100% %");
 }
 
-TEST_F(ExchangeRequest, ThePortIsReadAtEachExchangeAndCutTo16Bits) {
+TEST_F(ExchangeRequest, ThePortIsReadAtEachExchangeAndTruncatedTo16Bits) {
   const auto answering = [](const char* answer) {
     return [answer](SOCKET connection) {
       receiveUntil(connection, '\x08');
@@ -366,7 +366,7 @@ TEST_F(ExchangeRequest, ThePortIsReadAtEachExchangeAndCutTo16Bits) {
   EXPECT_EQ(exchangeRequest("<request/>"), "two");
 }
 
-TEST_F(ExchangeRequest, WinsockIsStartedForEachExchangeWhateverItSays) {
+TEST_F(ExchangeRequest, WinsockIsStartedForEachExchangeAndItsResultIgnored) {
   const PatchedImport<decltype(WSAStartup)> patch("WSAStartup", observedStartup);
   realStartup = patch.original();
   EXPECT_EQ(exchangeFor(framed("one")), "one");
@@ -375,7 +375,7 @@ TEST_F(ExchangeRequest, WinsockIsStartedForEachExchangeWhateverItSays) {
   EXPECT_THAT(starts, ElementsAre(0x0101, 0x0101));
 }
 
-TEST_F(ExchangeRequest, ExchangesAtOnceHaveEachTheirOwnConnection) {
+TEST_F(ExchangeRequest, ConcurrentExchangesHaveTheirOwnConnections) {
   TestPeer peer([](SOCKET connection) {
     sendText(connection, "\x1B"
                          "to:");
@@ -419,7 +419,7 @@ TEST_F(ExchangeRequest, AnExceptionLeavesNoSocketBehind) {
   EXPECT_TRUE(closed);
 }
 
-TEST_F(ExchangeRequest, AFailedConnectStartsAPauseInWhichRequestsAreSkipped) {
+TEST_F(ExchangeRequest, AFailedConnectStartsABackOffInWhichRequestsAreSkipped) {
   const ClosedPort closed;
   configure(closed.port());
   EXPECT_EQ(exchangeRequest("<request/>"), "");
@@ -446,7 +446,7 @@ TEST_F(ExchangeRequest, AFailedConnectStartsAPauseInWhichRequestsAreSkipped) {
   EXPECT_THAT(starts, ElementsAre());
 }
 
-TEST_F(ExchangeRequest, AfterThePauseTheServerIsAskedAgain) {
+TEST_F(ExchangeRequest, AfterTheBackOffTheServerIsTriedAgain) {
   const ClosedPort closed;
   configure(closed.port(), "upos.requestSocket.retryTimeout=200\r\n");
   exchangeRequest("<request/>");
@@ -460,7 +460,7 @@ TEST_F(ExchangeRequest, AfterThePauseTheServerIsAskedAgain) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), kExpired), 1);
 }
 
-TEST_F(ExchangeRequest, ThePauseIsTheConfiguredOneAndFixedFromTheFirstExchangeOn) {
+TEST_F(ExchangeRequest, TheBackOffTimeIsReadOnceAtTheFirstExchange) {
   const ClosedPort closed;
   configure(closed.port(), "upos.requestSocket.retryTimeout=3000\r\n");
   const ULONGLONG begin = GetTickCount64();
@@ -505,7 +505,7 @@ TEST_F(ExchangeRequest, EachFailedConnectStartsOneTimerThatFiresOnce) {
   }
 }
 
-TEST_F(ExchangeRequest, WithoutATimerThereIsNoPause) {
+TEST_F(ExchangeRequest, WithoutATimerThereIsNoBackOff) {
   const PatchedImport<decltype(CreateTimerQueueTimer)> patch("CreateTimerQueueTimer", noTimer);
   const ClosedPort closed;
   configure(closed.port());
@@ -538,7 +538,7 @@ TEST_F(ExchangeRequest, WithoutATimerQueueTheNextExchangeTriesAgain) {
 }
 
 // The message promises a pause and the close of nothing fails: both are kept as they are.
-TEST_F(ExchangeRequest, ASocketThatCannotBeMadeIsTracedAndStartsNoPause) {
+TEST_F(ExchangeRequest, ASocketThatCannotBeCreatedIsTracedAndStartsNoBackOff) {
   const PatchedImport<decltype(socket)> patch("socket", noSocket);
   ConfigurationFile::write("upos.requestSocket.retryTimeout=4000\r\n");
   EXPECT_EQ(exchangeRequest("<request/>"), "");
@@ -586,7 +586,7 @@ TEST_F(ExchangeRequest, APortThatIsNoNumberIsAFailedConnect) {
   }
 }
 
-TEST_F(ExchangeRequest, TheTimersCallbackEndsThePause) {
+TEST_F(ExchangeRequest, TheTimersCallbackEndsTheBackOff) {
   requestBackOff.serverOffline = 1;
   TimeoutExpired(nullptr, TRUE);
   EXPECT_EQ(requestBackOff.serverOffline, 0);

@@ -115,7 +115,7 @@ TEST_F(UPOSDatagramConnectorTest, BindsThePortOnAllAddresses) {
   EXPECT_EQ(bound.sin_addr.s_addr, 0U);
 }
 
-TEST_F(UPOSDatagramConnectorTest, ASecondBindIsFineAndMakesNoSocket) {
+TEST_F(UPOSDatagramConnectorTest, ASecondBindSucceedsWithoutANewSocket) {
   bindAnyPort();
   const PatchedImport<decltype(socket)> patch("socket", countedSocket);
   realSocket = patch.original();
@@ -129,7 +129,7 @@ TEST_F(UPOSDatagramConnectorTest, ASecondBindIsFineAndMakesNoSocket) {
   EXPECT_EQ(socketsMade, 0);
 }
 
-TEST_F(UPOSDatagramConnectorTest, APortInUseFailsAndMayBeTriedAgain) {
+TEST_F(UPOSDatagramConnectorTest, APortInUseFailsAndMayBeRetried) {
   TestSocket holder(socket(AF_INET, SOCK_DGRAM, 0));
   sockaddr_in anywhere{};
   anywhere.sin_family = AF_INET;
@@ -168,7 +168,7 @@ TEST_F(UPOSDatagramConnectorTest, WithoutASocketBindFails) {
   EXPECT_EQ(connector_.Bind(0), 0U);
 }
 
-TEST_F(UPOSDatagramConnectorTest, CloseGivesThePlatformsResultAndFreesThePort) {
+TEST_F(UPOSDatagramConnectorTest, CloseReturnsThePlatformsResultAndFreesThePort) {
   EXPECT_EQ(connector_.Close(), 0);
   bindAnyPort();
   EXPECT_EQ(connector_.Close(), 0);
@@ -199,14 +199,14 @@ TEST_F(UPOSDatagramConnectorTest, TwoMessagesInOneDatagramAreReadOneByOne) {
   EXPECT_EQ(receive(), "three");
 }
 
-TEST_F(UPOSDatagramConnectorTest, AMessageOverTwoDatagramsIsReadWhole) {
+TEST_F(UPOSDatagramConnectorTest, AMessageSplitOverTwoDatagramsIsReadWhole) {
   bindAnyPort();
   sendDatagrams(port_, {"garbage\x1Bon", "e\x08\x1Bt", "w", "o\x08"});
   EXPECT_EQ(receive(), "one");
   EXPECT_EQ(receive(), "two");
 }
 
-TEST_F(UPOSDatagramConnectorTest, AnEmptyDatagramIsNothingReceived) {
+TEST_F(UPOSDatagramConnectorTest, AnEmptyDatagramIsIgnored) {
   bindAnyPort();
   sendDatagrams(port_, {"", "", "\x1Bon", "", "e\x08"});
   EXPECT_EQ(receive(), "one");
@@ -246,7 +246,7 @@ TEST_F(UPOSDatagramConnectorTest, AMessageUpToTheLimitIsReadWhole) {
   EXPECT_EQ(receive(), "next");
 }
 
-TEST_F(UPOSDatagramConnectorTest, OfATooLongMessageNothingIsReadAsTheNextOne) {
+TEST_F(UPOSDatagramConnectorTest, TheRestOfATooLongMessageIsSkipped) {
   bindAnyPort();
   connector_.maxMessageSize = 3 * 1024;
   recorded_trace::clear();
@@ -268,7 +268,7 @@ TEST_F(UPOSDatagramConnectorTest, ATooLongMessageWithoutAnEndDoesNotSwallowTheNe
   }
 }
 
-TEST_F(UPOSDatagramConnectorTest, AFailingReceivePausesASecondAndGoesOn) {
+TEST_F(UPOSDatagramConnectorTest, AFailingReceiveIsRetriedAfterASecond) {
   bindAnyPort();
   const PatchedImport<decltype(Sleep)> sleepPatch("Sleep", recordedSleep);
   const PatchedImport<decltype(recvfrom)> patch("recvfrom", recvfromThatMayFail);
@@ -279,7 +279,7 @@ TEST_F(UPOSDatagramConnectorTest, AFailingReceivePausesASecondAndGoesOn) {
   EXPECT_THAT(pauses, ElementsAre(1000, 1000, 1000));
 }
 
-TEST_F(UPOSDatagramConnectorTest, EndsWhenNothingIsBoundAnyMore) {
+TEST_F(UPOSDatagramConnectorTest, EndsWhenTheSocketIsNoLongerBound) {
   bindAnyPort();
   const PatchedImport<decltype(Sleep)> sleepPatch("Sleep", recordedSleep);
   closesocket(connector_.socket);

@@ -218,7 +218,7 @@ TEST_F(FromXml, OnceKeptALaterManufacturerDoesNotDiscard) {
                                             fieldLine(2, "ManufacturerName", "Somebody", 1)}));
 }
 
-TEST_F(FromXml, TheClassOfOneInstanceDoesNotColourTheNext) {
+TEST_F(FromXml, TheClassOfOneInstanceDoesNotAffectTheNext) {
   adapter_.fromXML(response(instance("UPOS_Scanner", field("ManufacturerName", "OEM")) +
                             instance("UPOS_LogicalDevice", field("ManufacturerName", "OEM"))));
   EXPECT_EQ(adapter_.getInstances().size(), 1U);

@@ -29,7 +29,7 @@ std::size_t allocationsOfAStart() {
 
 // A service that was short of memory for a moment, while the library started, answered nothing
 // until it was restarted.
-TEST(XmlLibraryStart, NeedsNoMemoryThatMayRunOut) {
+TEST(XmlLibraryStart, AllocatesNothingOnTheHeap) {
   recorded_trace::setSwitchedOn(false);
   allocationsOfAStart(); // the first one makes the locks and the area
   EXPECT_EQ(allocationsOfAStart(), 0U);
@@ -40,7 +40,7 @@ TEST(XmlLibraryStart, NeedsNoMemoryThatMayRunOut) {
 // The distribution's library asks for more than the area holds, and for some of it elsewhere. One
 // test, because a library whose start failed stays unusable. The start fails at its very last
 // allocation, where the library's own way is to end the process.
-TEST(XmlLibraryStartFailure, EndsInStatusesAndMessagesEverAfter) {
+TEST(XmlLibraryStartFailure, IsReportedByEveryLaterCall) {
   recorded_trace::setSwitchedOn(false);
   allocationsOfAStart(); // the first one makes the locks too
   const std::size_t needed = allocationsOfAStart();

@@ -99,7 +99,7 @@ TEST(UPOSXMLAdapter, NeverHoldsTheLibraryAcrossCalls) {
   EXPECT_FALSE(libraryIsRunning());
 }
 
-TEST(UPOSXMLAdapterThreads, EveryReadingAndBuildingWaitsForTheXmlLock) {
+TEST(UPOSXMLAdapterThreads, ReadingAndBuildingWaitForTheXmlLock) {
   std::vector<std::future<void>> calls;
   {
     const std::scoped_lock lock(xmlLock());

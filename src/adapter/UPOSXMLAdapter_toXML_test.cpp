@@ -112,7 +112,7 @@ TEST(ToXml, TracesItsFourArguments) {
                    "<<UPOSXMLAdapter>> toXML(className='not built', type='a b', cmd='', id='')"}));
 }
 
-TEST(ToXml, SaysNothingOnTheConsoleWhenItSucceeds) {
+TEST(ToXml, PrintsNothingOnSuccess) {
   EXPECT_EQ(build("C", "request", "getInstance", "ID").console, "");
 }
 
@@ -157,7 +157,7 @@ TEST(ToXml, ASuccessAfterAFailureReturnsTheFailuresStatus) {
 constexpr const XMLCh* kParts[] = {u"type", u"class", u"id"};
 constexpr Vocabulary kRequest{kParts, kParts, {}};
 
-TEST(ToXml, WhatIsBuiltReadsBack) {
+TEST(ToXml, BuiltDocumentsCanBeReadBack) {
   const std::vector<std::string> texts = {
       "SCANNER1", "A&B<\"'>]]>",      "  spaces  ",    "line\nfeed",
       "tab\ttab", "carriage\rreturn", "&#8; &amp;lt;", std::string(100'000, 'x')};

@@ -52,7 +52,7 @@ TEST(CheckAccess, ACallerWhomTheDescriptorDoesNotNameIsDenied) {
   EXPECT_EQ(check(kAdministrators), wbemResult(WBEM_E_ACCESS_DENIED));
 }
 
-TEST(CheckAccess, ThatTheOtherRightsAreGrantedIsNotEnough) {
+TEST(CheckAccess, OtherGrantedRightsAreNotEnough) {
   const Impersonating caller(SecurityImpersonation);
   EXPECT_EQ(check("O:BAG:BAD:(A;;0x2;;;AU)"), wbemResult(WBEM_E_ACCESS_DENIED));
 }
@@ -103,7 +103,7 @@ BOOL WINAPI demandAlways(PSECURITY_DESCRIPTOR, HANDLE, DWORD desired, PGENERIC_M
   return FALSE;
 }
 
-TEST(CheckAccess, AsksWithoutABufferFirstAndThenWithTheDemandedOne) {
+TEST(CheckAccess, QueriesTheBufferSizeFirst) {
   const Impersonating caller(SecurityImpersonation);
   offeredLengths.clear();
   demandedLength = 44;
@@ -112,7 +112,7 @@ TEST(CheckAccess, AsksWithoutABufferFirstAndThenWithTheDemandedOne) {
   EXPECT_EQ(offeredLengths, (std::vector<DWORD>{0, 44}));
 }
 
-TEST(CheckAccess, AGrantAtTheFirstCallIsTaken) {
+TEST(CheckAccess, AGrantAtTheFirstCallIsAccepted) {
   const Impersonating caller(SecurityImpersonation);
   const PatchedImport patch(
       "AccessCheck",
@@ -154,7 +154,7 @@ TEST(CheckAccess, TheTokenIsClosedAfterwards) {
   EXPECT_EQ(closed.size(), 2U);
 }
 
-TEST(SecurityDescriptor, NonsenseGivesNone) {
+TEST(SecurityDescriptor, InvalidTextGivesNone) {
   EXPECT_FALSE(provider::securityDescriptor("nonsense"));
 }
 
@@ -163,7 +163,7 @@ struct LevelRow {
   DWORD answer;
 };
 
-TEST(ThreadImpersonationLevel, AnswersTheTokensLevel) {
+TEST(ThreadImpersonationLevel, IsTheTokensLevel) {
   for (const LevelRow& row :
        {LevelRow{SecurityAnonymous, 1}, LevelRow{SecurityIdentification, 2},
         LevelRow{SecurityImpersonation, 3}, LevelRow{SecurityDelegation, 4}}) {
@@ -173,7 +173,7 @@ TEST(ThreadImpersonationLevel, AnswersTheTokensLevel) {
   }
 }
 
-TEST(ThreadImpersonationLevel, AThreadWithoutATokenAnswersAsDelegation) {
+TEST(ThreadImpersonationLevel, WithoutATokenItIsDelegation) {
   EXPECT_EQ(provider::threadImpersonationLevel(), 4U);
 }
 
@@ -182,7 +182,7 @@ struct OpenRow {
   DWORD answer;
 };
 
-TEST(ThreadImpersonationLevel, AnswersByTheErrorOfOpeningTheToken) {
+TEST(ThreadImpersonationLevel, DependsOnTheErrorOfOpeningTheToken) {
   static DWORD error;
   const PatchedImport patch(
       "OpenThreadToken", +[](HANDLE, DWORD access, BOOL, PHANDLE) -> BOOL {
@@ -199,7 +199,7 @@ TEST(ThreadImpersonationLevel, AnswersByTheErrorOfOpeningTheToken) {
   }
 }
 
-TEST(ThreadImpersonationLevel, AnUnreadableLevelAnswersAsAnonymous) {
+TEST(ThreadImpersonationLevel, AnUnreadableLevelIsAnonymous) {
   const Impersonating caller(SecurityImpersonation);
   const PatchedImport patch(
       "GetTokenInformation",

@@ -28,7 +28,7 @@ TEST_F(ProviderObject, ReferencesAreCountedFromZeroAndReturned) {
   EXPECT_EQ(object->Release(), 0U);
 }
 
-TEST_F(ProviderObject, ThreadsCountTogether) {
+TEST_F(ProviderObject, ReferencesAreCountedAcrossThreads) {
   std::vector<std::thread> threads;
   for (int thread = 0; thread < 4; ++thread) {
     threads.emplace_back([this] {
@@ -54,7 +54,7 @@ TEST_F(ProviderObject, LiveObjectsAreCounted) {
   EXPECT_EQ(CProvider_IWbemServices::liveObjects(), 1);
 }
 
-TEST_F(ProviderObject, EachInterfaceIsGivenAndCounted) {
+TEST_F(ProviderObject, EachInterfaceIsReturnedWithAReference) {
   expectInterface(IID_IUnknown, static_cast<IWbemServices*>(provider_));
   expectInterface(IID_IWbemServices, static_cast<IWbemServices*>(provider_));
   expectInterface(IID_IWbemPropertyProvider, static_cast<IWbemPropertyProvider*>(provider_));
@@ -62,7 +62,7 @@ TEST_F(ProviderObject, EachInterfaceIsGivenAndCounted) {
   expectInterface(IID_IWbemShutdown, static_cast<IWbemShutdown*>(provider_));
 }
 
-TEST_F(ProviderObject, ThePrimaryInterfaceStandsFirst) {
+TEST_F(ProviderObject, ThePrimaryInterfaceComesFirst) {
   EXPECT_EQ(static_cast<void*>(static_cast<IWbemServices*>(provider_)),
             static_cast<void*>(provider_));
   EXPECT_LT(static_cast<void*>(static_cast<IWbemServices*>(provider_)),
@@ -88,7 +88,7 @@ TEST_F(ProviderObject, EverySecondaryBaseForwardsToThePrimaryOne) {
 }
 
 // Kept: what asks for an event provider gets the IWbemServices interface.
-TEST_F(ProviderObject, AnEventProviderIsAnsweredWithThePrimaryInterface) {
+TEST_F(ProviderObject, TheEventProviderInterfaceGivesThePrimaryOne) {
   constexpr IID kEventProvider = {
       0xE245105B, 0xB06E, 0x11D0, {0xAD, 0x61, 0x00, 0xC0, 0x4F, 0xD8, 0xFD, 0xFF}};
   expectInterface(kEventProvider, static_cast<IWbemServices*>(provider_));
@@ -107,7 +107,7 @@ TEST_F(ProviderObject, AnyOtherInterfaceIsRefused) {
 
 // Called through the slot itself, as WMI does: each row is slot, name, result. Arguments beyond the
 // ones that an operation has are ignored by the calling convention, as are null ones here.
-TEST_F(ProviderObject, EachOperationThatIsNotServedAnswersItsFixedCode) {
+TEST_F(ProviderObject, EachUnimplementedOperationReturnsItsFixedCode) {
   using Method =
       HRESULT(STDMETHODCALLTYPE*)(IWbemServices*, void*, void*, void*, void*, void*, void*, void*);
   struct Row {
@@ -258,7 +258,7 @@ struct MutexCalls {
   static inline int created = 0;
 };
 
-TEST_F(Initialisation, EachCallMakesANewSemaphoreAndAnOwnedMutexAndTheOldSemaphoreStaysUsable) {
+TEST_F(Initialisation, EachCallCreatesASemaphoreAndAnOwnedMutexAndTheOldSemaphoreStaysUsable) {
   MutexCalls::created = 0;
   const PatchedImport patch(
       "CreateMutexA", +[](LPSECURITY_ATTRIBUTES security, BOOL owned, LPCSTR name) -> HANDLE {
@@ -326,14 +326,14 @@ TEST_F(Initialisation, TheEventHandleIsAutoResetNotSignalledAndClosedWhenReplace
   }
 }
 
-TEST_F(Initialisation, WithoutTheEventHandleTheResultIsOutOfMemoryAndWmiIsStillTold) {
+TEST_F(Initialisation, WithoutTheEventHandleTheResultIsOutOfMemoryAndWmiIsStillNotified) {
   const PatchedImport patch(
       "CreateEventA", +[](LPSECURITY_ATTRIBUTES, BOOL, BOOL, LPCSTR) -> HANDLE { return nullptr; });
   EXPECT_EQ(initialize(), wbemResult(WBEM_E_OUT_OF_MEMORY));
   EXPECT_EQ(initSink_.statuses, (InitSinkCalls{{WBEM_S_INITIALIZED, 0}}));
 }
 
-TEST_F(Initialisation, WithoutTheEventClassTheResultIsWmisAndWmiIsStillTold) {
+TEST_F(Initialisation, WithoutTheEventClassTheResultIsWmisAndWmiIsStillNotified) {
   namespace_->classes.erase(L"QuillmonEvent");
   EXPECT_EQ(initialize(), wbemResult(WBEM_E_NOT_FOUND));
   EXPECT_EQ(initSink_.statuses, (InitSinkCalls{{WBEM_S_INITIALIZED, 0}}));
@@ -378,7 +378,7 @@ TEST_F(InitialisationTexts, AreNotCopiedFromACallerWhoCannotBeImpersonated) {
   EXPECT_EQ(Texts::allocated, (WideTexts{L"root\\cimv2", L"QuillmonEvent"}));
 }
 
-TEST_F(InitialisationTexts, AreUserLocaleNamespaceAndTheNamespaceAfresh) {
+TEST_F(InitialisationTexts, AreUserLocaleAndNamespaceAndASecondCopyOfTheNamespace) {
   const fakes::InCall inside(call_);
   initialize();
   EXPECT_EQ(Texts::allocated,
@@ -430,7 +430,7 @@ TEST_F(Initialisation, RevertsACallerAtIdentificationLevelAtOnce) {
   EXPECT_EQ(call_.reverts, 2);
 }
 
-TEST_F(Initialisation, ARefusedImpersonationIsNoFailure) {
+TEST_F(Initialisation, ARefusedImpersonationDoesNotFailIt) {
   const fakes::InCall inside(call_);
   call_.failure = E_ACCESSDENIED;
   EXPECT_EQ(initialize(), WBEM_S_NO_ERROR);
@@ -484,7 +484,7 @@ protected:
   const PatchedImport<decltype(CoGetClassObject)> patch_{"CoGetClassObject", &FactoryCalls::get};
 };
 
-TEST_F(PathParser, IsAskedForOnceEvenWhenItIsMissing) {
+TEST_F(PathParser, IsRequestedOnceEvenIfMissing) {
   FactoryCalls::factory = nullptr;
   EXPECT_EQ(initialize(), WBEM_S_NO_ERROR);
   EXPECT_EQ(initialize(), WBEM_S_NO_ERROR);
@@ -493,7 +493,7 @@ TEST_F(PathParser, IsAskedForOnceEvenWhenItIsMissing) {
   EXPECT_EQ(tracedKeys(), "GetIntanceByPath: Number of Keys: 0");
 }
 
-TEST_F(PathParser, IsHeldUntilTheObjectIsCountedOut) {
+TEST_F(PathParser, IsReleasedAfterTheLiveObjectCount) {
   initialize();
   initialize();
   EXPECT_EQ(FactoryCalls::factory->references(), 2);
@@ -505,7 +505,7 @@ TEST_F(PathParser, IsHeldUntilTheObjectIsCountedOut) {
   EXPECT_EQ(liveAtTheEnd, 0);
 }
 
-TEST_F(PathParser, ReadsEachKeyIntoABufferOfThePathsLengthAndOne) {
+TEST_F(PathParser, ReadsEachKeyIntoABufferOfThePathsLengthPlusOne) {
   initialize();
   const std::wstring path = L"UPOS_Scanner.DeviceID=\"S1\"";
   EXPECT_EQ(retrieve(path.c_str()), WBEM_S_NO_ERROR);
@@ -516,7 +516,7 @@ TEST_F(PathParser, ReadsEachKeyIntoABufferOfThePathsLengthAndOne) {
             (std::vector<std::pair<ULONG, ULONG>>{{0, room}, {1, room}}));
 }
 
-TEST_F(PathParser, AFailureAtAnyStepIsNoneOfTheRetrievals) {
+TEST_F(PathParser, AFailureAtAnyStepDoesNotFailTheRetrieval) {
   initialize();
   for (const char* step : {"CreateInstance", "SetText", "GetKeyList", "GetCount"}) {
     SCOPED_TRACE(step);
@@ -535,7 +535,7 @@ TEST_F(PathParser, AFailureAtAnyStepIsNoneOfTheRetrievals) {
   EXPECT_EQ(tracedKeys(), "GetIntanceByPath: Number of Keys: 2");
 }
 
-TEST_F(Initialisation, MissingArgumentsAreSurvived) {
+TEST_F(Initialisation, ToleratesMissingArguments) {
   const PatchedImport configuration("GetPrivateProfileIntA", &readLimit);
   EXPECT_EQ(provider_->Initialize(nullptr, 0, nullptr, nullptr, nullptr, nullptr, &initSink_),
             wbemResult(WBEM_E_INVALID_PARAMETER));

@@ -60,7 +60,7 @@ protected:
 using Enumeration = InstanceRequests;
 using Retrieval = InstanceRequests;
 
-TEST_F(Enumeration, HandsOutOneInstancePerDeviceInOrder) {
+TEST_F(Enumeration, DeliversOneInstancePerDeviceInOrder) {
   script_.instances = {device("S1"), device("S2"), device("S3")};
   EXPECT_EQ(enumerate(), WBEM_S_NO_ERROR);
   EXPECT_EQ(sink_.indicated, (std::vector<Puts>{{L"DeviceID:8=S1", L"ModelName:8=Model of S1"},
@@ -106,7 +106,7 @@ TEST_F(Enumeration, ADeviceWithoutFieldsIsAnInstanceWithoutValues) {
             (std::vector<Puts>{{}, {L"DeviceID:8=S2", L"ModelName:8=Model of S2"}}));
 }
 
-TEST_F(Enumeration, ThatTheDeviceServerFailsIsFailed) {
+TEST_F(Enumeration, FailsWhenTheDeviceServerFails) {
   for (const std::uint32_t status : {1U, 0xFFFFFFFFU}) {
     recorded_trace::clear();
     sink_.statuses.clear();
@@ -128,7 +128,7 @@ TEST_F(Enumeration, ThatTheDeviceServerFailsIsFailed) {
   EXPECT_EQ(namespace_->requested, std::vector<std::wstring>{L"QuillmonEvent"});
 }
 
-TEST_F(Enumeration, OfAClassThatWmiDoesNotHaveEndsWithWmisCode) {
+TEST_F(Enumeration, OfAClassUnknownToWmiEndsWithWmisCode) {
   script_.instances = {device("S1")};
   EXPECT_EQ(enumerate(L"UPOS_Toaster"), wbemResult(WBEM_E_NOT_FOUND));
   EXPECT_EQ(sink_.statuses, (Statuses{wbemResult(WBEM_E_NOT_FOUND)}));
@@ -148,7 +148,7 @@ TEST_F(Enumeration, AClassMissingWithoutAnErrorSpawnsNothing) {
   EXPECT_TRUE(sink_.indicated.empty());
 }
 
-TEST_F(Enumeration, BeforeInitializeFailsWithoutHarm) {
+TEST_F(Enumeration, BeforeInitializeFails) {
   provider::providerState().namespaceServices = nullptr;
   script_.instances = {device("S1")};
   EXPECT_EQ(enumerate(), kFailed);
@@ -195,7 +195,7 @@ TEST_F(Enumeration, AClassNameBeyondAsciiTravelsInTheAnsiCodePage) {
             (Lines{win::narrow(L"UPOS_Caf\u00E9") + "|request|enumerateInstances|"}));
 }
 
-TEST_F(Enumeration, AnEmptyClassNameIsAskedForAndNotFound) {
+TEST_F(Enumeration, AnEmptyClassNameIsRequestedAndNotFound) {
   EXPECT_EQ(enumerate(L""), wbemResult(WBEM_E_NOT_FOUND));
   EXPECT_EQ(script_.requests, (Lines{"|request|enumerateInstances|"}));
 }
@@ -462,7 +462,7 @@ TEST_F(InstanceRequests, WidenTextInTheThreadsCodePage) {
   EXPECT_EQ(sink_.indicated, (std::vector<Puts>{{L"ModelName:8=" + win::widen("Caf\xE9 100%s")}}));
 }
 
-TEST_F(InstanceRequests, SurviveFieldsWithoutTheirThreeStrings) {
+TEST_F(InstanceRequests, TolerateFieldsWithoutThreeStrings) {
   script_.instances = {{{}, {"DeviceID"}, {"ModelName", "string"}}};
   EXPECT_EQ(enumerate(), WBEM_S_NO_ERROR);
   EXPECT_EQ(sink_.indicated.size(), 1U);
@@ -471,7 +471,7 @@ TEST_F(InstanceRequests, SurviveFieldsWithoutTheirThreeStrings) {
 
 // --- Retrieval ---
 
-TEST_F(Retrieval, HandsOutTheOneInstance) {
+TEST_F(Retrieval, DeliversTheInstance) {
   script_.instances = {device("S1")};
   EXPECT_EQ(retrieve(), WBEM_S_NO_ERROR);
   EXPECT_EQ(sink_.indicated, (std::vector<Puts>{{L"DeviceID:8=S1", L"ModelName:8=Model of S1"}}));
@@ -495,7 +495,7 @@ TEST_F(Retrieval, TracesItsStepsInOrder) {
   EXPECT_EQ(slotsAtTheEnd, 1);
 }
 
-TEST_F(Retrieval, OfADeviceThatIsNotThereFailsWithoutAStatus) {
+TEST_F(Retrieval, OfAMissingDeviceFailsWithoutAStatus) {
   EXPECT_EQ(retrieve(), kFailed);
   EXPECT_TRUE(sink_.indicated.empty());
   EXPECT_TRUE(sink_.statuses.empty());
@@ -520,7 +520,7 @@ TEST_F(Retrieval, TakesTheFirstOfSeveral) {
 }
 
 // The lookup has no status: only the fields count.
-TEST_F(Retrieval, DoesNotLookAtTheAnswersStatus) {
+TEST_F(Retrieval, IgnoresTheAnswersStatus) {
   script_.instances = {device("S1")};
   script_.status = 1;
   EXPECT_EQ(retrieve(), WBEM_S_NO_ERROR);
@@ -531,7 +531,7 @@ struct PathRow {
   const char* request;
 };
 
-TEST_F(Retrieval, AsksByTheTextOfThePath) {
+TEST_F(Retrieval, RequestsByTheTextOfThePath) {
   script_.instances = {device("S1")};
   for (const PathRow& row :
        {PathRow{L"UPOS_Scanner.DeviceID=\"S\\\"1\"", "UPOS_Scanner|request|getInstance|S\\\"1"},
@@ -564,13 +564,13 @@ TEST_F(Retrieval, TracesTheNumberOfKeysThatThePlatformsParserSees) {
   }
 }
 
-TEST_F(Retrieval, AnEmptyPathAsksForNothingAndFindsNoClass) {
+TEST_F(Retrieval, AnEmptyPathFindsNoClass) {
   EXPECT_EQ(retrieve(L""), wbemResult(WBEM_E_NOT_FOUND));
   EXPECT_EQ(script_.requests, (Lines{"|request|getInstance|"}));
   EXPECT_TRUE(sink_.statuses.empty());
 }
 
-TEST_F(Retrieval, OfAClassThatWmiDoesNotHaveFailsWithWmisCode) {
+TEST_F(Retrieval, OfAClassUnknownToWmiFailsWithWmisCode) {
   script_.instances = {device("S1")};
   EXPECT_EQ(retrieve(L"UPOS_Toaster.DeviceID=\"S1\""), wbemResult(WBEM_E_NOT_FOUND));
   EXPECT_TRUE(sink_.statuses.empty());
@@ -584,7 +584,7 @@ TEST_F(Retrieval, AClassMissingWithoutAnErrorFails) {
   EXPECT_EQ(retrieve(), kFailed);
 }
 
-TEST_F(Retrieval, ByAPathWithAnUnnamedKeyDoesNotComeBackThroughWmiAndWaitForItsOwnSlot) {
+TEST_F(Retrieval, ByAPathWithAnUnnamedKeyFailsWithoutAskingWmi) {
   script_.instances = {device("S1")};
   const std::size_t asked = namespace_->contexts.size();
   for (const wchar_t* path : {L"UPOS_Scanner=\"S1\"", L"UPOS_Scanner=5", L"UPOS_Scanner=@"}) {
@@ -605,7 +605,7 @@ TEST_F(Retrieval, AsksWmiForTheWholeClassTextAndFailsWithWmisCode) {
   }
 }
 
-TEST_F(Retrieval, BeforeInitializeFailsWithoutHarm) {
+TEST_F(Retrieval, BeforeInitializeFails) {
   provider::providerState().namespaceServices = nullptr;
   EXPECT_EQ(retrieve(), kFailed);
 }
@@ -624,7 +624,7 @@ TEST_F(Retrieval, ThatSpawnsNothingFails) {
   EXPECT_EQ(retrieve(), kFailed);
 }
 
-TEST_F(Retrieval, AFailedIndicateIsNotLookedAt) {
+TEST_F(Retrieval, AFailedIndicateIsIgnored) {
   script_.instances = {device("S1")};
   sink_.failIndicateAt = 1;
   EXPECT_EQ(retrieve(), WBEM_S_NO_ERROR);
@@ -789,7 +789,7 @@ TEST_F(Admission, WaitsFiveMinutesAndThenFails) {
   ReleaseSemaphore(semaphore, 1, nullptr);
 }
 
-TEST_F(Admission, ALimitOfZeroTurnsEveryRequestAway) {
+TEST_F(Admission, ALimitOfZeroRejectsEveryRequest) {
   initialize(0);
   const PatchedImport patch("WaitForSingleObject", &AdmissionWaits::wait);
   for (const TimeoutRow& row : kTimeouts) {
@@ -802,7 +802,7 @@ TEST_F(Admission, ALimitOfZeroTurnsEveryRequestAway) {
 }
 
 // Kept: only the time-out turns a request away.
-TEST_F(Admission, AWaitThatFailsAdmits) {
+TEST_F(Admission, AFailedWaitAdmits) {
   script_.instances = {device("S1")};
   initialize(static_cast<UINT>(-1));
   checkSlots_ = false;
@@ -813,7 +813,7 @@ TEST_F(Admission, AWaitThatFailsAdmits) {
   EXPECT_EQ(sink_.indicated.size(), 2U);
 }
 
-TEST_F(Admission, ASlotGoesBackToTheSemaphoreItCameFrom) {
+TEST_F(Admission, ASlotReturnsToTheSemaphoreItCameFrom) {
   const HANDLE first = provider::providerState().admissionSemaphore;
   script_.onRequest = [this] {
     initialize(1);
@@ -824,7 +824,7 @@ TEST_F(Admission, ASlotGoesBackToTheSemaphoreItCameFrom) {
   EXPECT_EQ(WaitForSingleObject(first, 0), static_cast<DWORD>(WAIT_OBJECT_0));
 }
 
-TEST_F(Admission, ManyRequestsLeaveNoSlotBehind) {
+TEST_F(Admission, ManyRequestsReturnAllSlots) {
   script_.instances = {device("S1")};
   for (int i = 0; i < 200; ++i) {
     script_.status = i % 3 == 0 ? 1 : 0;

@@ -34,7 +34,7 @@ constexpr auto kRows = std::to_array<Row>({
     {"high bytes pass", "A.B=\"caf\xE9\"", "A", "caf\xE9"},
 });
 
-TEST(ObjectPathText, ClassNameAndDeviceIdAreCutOutByTextAlone) {
+TEST(ObjectPathText, ClassNameAndDeviceIdAreFoundByTextSearch) {
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.trace);
     const ObjectPathText read = readObjectPath(row.path);
@@ -50,14 +50,14 @@ TEST(ObjectPathText, ALongPathIsReadWhole) {
   EXPECT_EQ(read.deviceId, id);
 }
 
-TEST(ObjectPathText, EmbeddedZerosArePartOfTheText) {
+TEST(ObjectPathText, EmbeddedNulsArePartOfTheText) {
   using namespace std::string_literals;
   const ObjectPathText read = readObjectPath("A\0B.C=\"1\0002\""s);
   EXPECT_EQ(read.className, "A\0B"s);
   EXPECT_EQ(read.deviceId, "1\0002"s);
 }
 
-TEST(NamesInstance, AClassTextWithAnUnnamedKeyOnly) {
+TEST(NamesInstance, IsTrueForAClassTextWithAnUnnamedKeyOnly) {
   for (const char* text : {"UPOS_Scanner=5", "UPOS_Scanner=\"S1\"", "UPOS_Scanner=\"\"",
                            "UPOS_Scanner=@", "UPOS_Scanner='S1'", "UPOS_Scanner=-5",
                            "UPOS_Scanner=0x1F", "UPOS_Scanner=TRUE", " UPOS_Scanner = 5 ",

@@ -50,7 +50,7 @@ constexpr Conversion kConversions[] = {
     {"no word stays text", "", L"7", VT_BSTR, 0},
 };
 
-TEST(PropertyConversion, ConvertsByTheWordAndLeavesTextWhatDoesNotConvert) {
+TEST(PropertyConversion, ConvertsByTheTypeWordAndLeavesOtherTextUnchanged) {
   provider::PropertyTypes types;
   types.fill();
   for (const Conversion& row : kConversions) {

@@ -27,7 +27,7 @@ TEST(PropertyTypes, TheSevenWordsHaveTheirCodes) {
   }
 }
 
-TEST(PropertyTypes, AnUnknownWordIsEnteredWithCodeZero) {
+TEST(PropertyTypes, AnUnknownWordIsInsertedWithCodeZero) {
   PropertyTypes types;
   types.fill();
   for (const char* word : {"", "String", "uint16", "datetime ", "sint64"}) {
@@ -36,7 +36,7 @@ TEST(PropertyTypes, AnUnknownWordIsEnteredWithCodeZero) {
   }
 }
 
-TEST(PropertyTypes, BeforeItIsFilledEveryWordIsUnknownAndFillingMendsIt) {
+TEST(PropertyTypes, EveryWordIsUnknownUntilTheTableIsFilled) {
   PropertyTypes types;
   EXPECT_EQ(types.typeOf("uint32"), 0);
   types.fill();
@@ -59,7 +59,7 @@ TEST(RequestTypes, AnswerAsTheTableDoesHoweverManyWordsThereAre) {
 }
 
 // Unguarded, a word entered by one thread is lost to another's: the sanitizers report the leak.
-TEST(PropertyTypes, ThreadsMayEnterUnknownWordsAtOnce) {
+TEST(PropertyTypes, ThreadsMayInsertUnknownWordsConcurrently) {
   PropertyTypes types;
   types.fill();
   constexpr int kThreads = 4;

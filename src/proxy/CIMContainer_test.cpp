@@ -32,7 +32,7 @@ TEST(CIMContainer, IsOneForTheProcess) {
   EXPECT_EQ(&CIMContainer::getInstance(), &CIMContainer::getInstance());
 }
 
-TEST(CIMContainer, FindsByIdToTheLetter) {
+TEST(CIMContainer, FindsByIdCaseSensitively) {
   CIMContainer container;
   container.add(device("S1"));
   EXPECT_EQ(container.find(device("S1", "another class"))->getClassName(), "Scanner");
@@ -41,7 +41,7 @@ TEST(CIMContainer, FindsByIdToTheLetter) {
   }
 }
 
-TEST(CIMContainer, AnEmptyIdIsAnIdLikeAnyOther) {
+TEST(CIMContainer, AnEmptyIdIsValid) {
   CIMContainer container;
   container.add(device("", "first"));
   container.add(device("", "second"));
@@ -64,7 +64,7 @@ TEST(CIMContainer, KeepsTheOrderOfAddingThroughRemovalAndReplacement) {
   EXPECT_EQ(container.find(device("b"))->getClassName(), "Scale");
 }
 
-TEST(CIMContainer, AddIgnoresAKnownIdWithoutATrace) {
+TEST(CIMContainer, AddIgnoresAKnownIdWithoutATraceLine) {
   CIMContainer container;
   recorded_trace::clear();
   container.add(device("S1", "Scanner"));
@@ -100,7 +100,7 @@ TEST(CIMContainer, ReplaceOfAnUnknownDeviceDoesNothing) {
   EXPECT_THAT(allIds(container), IsEmpty());
 }
 
-TEST(CIMContainer, ADevicesComingAndGoingIsTracedBeforeTheChange) {
+TEST(CIMContainer, AddAndRemoveTraceBeforeTheChange) {
   CIMContainer container;
   std::vector<std::string> seen;
   recorded_trace::setObserver([&](const std::string& line) {
@@ -113,7 +113,7 @@ TEST(CIMContainer, ADevicesComingAndGoingIsTracedBeforeTheChange) {
               ElementsAre("Adding CIMDevice: S1, is not", "Removing CIMDevice: S1, is there"));
 }
 
-TEST(CIMContainer, AReaderKeepsWhatItWasHanded) {
+TEST(CIMContainer, AReadersReferencesStayUnchanged) {
   CIMContainer container;
   container.add(device("S1"));
   container.add(device("S2"));
@@ -127,7 +127,7 @@ TEST(CIMContainer, AReaderKeepsWhatItWasHanded) {
   EXPECT_EQ(container.find(changed)->fields().at("DeviceID").value, "changed");
 }
 
-TEST(CIMContainer, GetInstancesComparesTheClassToTheLetter) {
+TEST(CIMContainer, GetInstancesComparesTheClassCaseSensitively) {
   CIMContainer container;
   container.add(device("1", "Scanner"));
   container.add(device("2", "Scale"));
@@ -140,7 +140,7 @@ TEST(CIMContainer, GetInstancesComparesTheClassToTheLetter) {
   EXPECT_THAT(container.getInstances(""), IsEmpty());
 }
 
-TEST(CIMContainer, OneDeviceOfAClassIsThatOfItsId) {
+TEST(CIMContainer, SelectReturnsTheDeviceWithTheId) {
   CIMContainer container;
   container.add(device("1", "Scanner"));
   container.add(device("2", "Scale"));
@@ -155,7 +155,7 @@ TEST(CIMContainer, OneDeviceOfAClassIsThatOfItsId) {
   EXPECT_EQ(selected("UPOS_LogicalDevice", "3"), "none");
 }
 
-TEST(CIMContainer, ASelectionCountsAndTracesAsTheList) {
+TEST(CIMContainer, SelectCountsAndTracesAsGetInstances) {
   CIMContainer container;
   const auto expectAsTheList = [&](const char* className) {
     SCOPED_TRACE(className);

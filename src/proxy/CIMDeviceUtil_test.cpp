@@ -140,7 +140,7 @@ TEST_F(CIMDeviceUtilTest, OtherTypesChangeNothing) {
   EXPECT_EQ(cached("S2"), nullptr);
 }
 
-TEST_F(CIMDeviceUtilTest, ReturnsTheEventAsItCameBesidesItsType) {
+TEST_F(CIMDeviceUtilTest, ReturnsTheEventUnchangedExceptItsType) {
   const Instance fields = {{"z", "datetime", "x"}, {"a", "string", "1"}};
   process(event("addInstance", "S1", "P"));
   const DeviceEvent returned =
@@ -192,14 +192,14 @@ TEST_F(CIMDeviceUtilTest, TracesTheStepsOfTheLastDeletion) {
                   "<<CIMDeviceUtil:processEvent>>: provider='P' type='delInstance' returning"));
 }
 
-TEST(CIMDeviceUtil, TextOfAPeerIsNoFormat) {
+TEST(CIMDeviceUtil, TextOfAPeerIsNotUsedAsAFormat) {
   CIMContainer container;
   recorded_trace::clear();
   CIMDeviceUtil::processEvent(event("addInstance", "%s%n", "%d"), container);
   EXPECT_THAT(recorded_trace::lines(), testing::Contains("Adding instance %d with ID %s%n"));
 }
 
-TEST(CIMDeviceUtil, WorksOnTheProcessesContainerByItself) {
+TEST(CIMDeviceUtil, UsesTheProcessesContainerByDefault) {
   CIMDeviceUtil::processEvent(event("addInstance", "default-container", "P"));
   const CIMDevice key("", "default-container", {});
   EXPECT_NE(CIMContainer::getInstance().find(key), nullptr);

@@ -76,7 +76,7 @@ TEST_F(DocumentHandOffTest, HandsOverAnEmptyAndAVeryLongDocument) {
   }
 }
 
-TEST_F(DocumentHandOffTest, ACancelledProducerGivesUpAndSoDoThoseBehindIt) {
+TEST_F(DocumentHandOffTest, ACancelledProducerGivesUpAndSoDoThoseWaitingBehindIt) {
   std::vector<std::future<bool>> puts;
   for (int i = 0; i < 5; ++i) {
     puts.push_back(startPut("never taken"));

@@ -55,20 +55,20 @@ TEST(EventSplitter, TwoDocumentsInOnePiece) {
   EXPECT_THAT(splitAll({S + "1" + E + S + "2" + E}), ElementsAre(S + "1" + E, S + "2" + E));
 }
 
-TEST(EventSplitter, BehindAStartMarkerDocumentsWithoutOneAreCutAtTheEndMarkers) {
+TEST(EventSplitter, AfterAStartMarkerDocumentsAreSplitAtEndMarkers) {
   EXPECT_THAT(splitAll({S + "1" + E + "2" + E + "3" + E}),
               ElementsAre(S + "1" + E, "2" + E, "3" + E));
 }
 
-TEST(EventSplitter, WithoutAStartMarkerAllThatIsPendingIsOneDocument) {
+TEST(EventSplitter, WithoutAStartMarkerAllPendingTextIsOneDocument) {
   EXPECT_THAT(splitAll({"1" + E + "2" + E + "3"}), ElementsAre("1" + E + "2" + E + "3"));
 }
 
-TEST(EventSplitter, EndMarkerAloneCompletesWhatIsPending) {
+TEST(EventSplitter, AnEndMarkerAloneCompletesThePendingText) {
   EXPECT_THAT(splitAll({S + "1", E}), ElementsAre(S + "1" + E));
 }
 
-TEST(EventSplitter, EndMarkerCutAnywhereIsSeen) {
+TEST(EventSplitter, AnEndMarkerSplitAnywhereIsFound) {
   for (std::size_t cut = 0; cut <= E.size(); ++cut) {
     EXPECT_THAT(splitAll({S + "1" + E.substr(0, cut), E.substr(cut)}), ElementsAre(S + "1" + E))
         << cut;
@@ -78,7 +78,7 @@ TEST(EventSplitter, EndMarkerCutAnywhereIsSeen) {
   }
 }
 
-TEST(EventSplitter, EndMarkerInThreePiecesIsSeen) {
+TEST(EventSplitter, AnEndMarkerInThreePiecesIsFound) {
   EXPECT_THAT(splitAll({"1</e", "v", "ent>", "2"}), ElementsAre("1" + E));
 }
 
@@ -86,7 +86,7 @@ TEST(EventSplitter, TextBeforeAStartMarkerIsADocumentOfItsOwn) {
   EXPECT_THAT(splitAll({"\r\n" + S + "1" + E}), ElementsAre("\r\n", S + "1" + E));
 }
 
-TEST(EventSplitter, StartMarkerClosesWhatIsPending) {
+TEST(EventSplitter, AStartMarkerCompletesThePendingText) {
   EXPECT_THAT(splitAll({S + "1", S + "2" + E}), ElementsAre(S + "1", S + "2" + E));
   EXPECT_THAT(splitAll({S + "1", "rest" + S + "2" + E}), ElementsAre(S + "1rest", S + "2" + E));
   EXPECT_THAT(splitAll({S + "1", "rest" + E + S + "2" + E}),
@@ -108,7 +108,7 @@ TEST(EventSplitter, ADocumentWithoutAStartMarkerIsADocument) {
   EXPECT_THAT(splitAll({"<event>1", "2" + E}), ElementsAre("<event>12" + E));
 }
 
-TEST(EventSplitter, StartMarkerCutAnywhereIsSeen) {
+TEST(EventSplitter, AStartMarkerSplitAnywhereIsFound) {
   for (std::size_t cut = 1; cut < S.size(); ++cut) {
     SCOPED_TRACE(cut);
     EXPECT_THAT(splitAll({S + "1", E + S.substr(0, cut), S.substr(cut) + "2" + E}),
@@ -120,7 +120,7 @@ TEST(EventSplitter, StartMarkerCutAnywhereIsSeen) {
   }
 }
 
-TEST(EventSplitter, WhatOnlyLooksLikeACutStartMarkerIsTextAgain) {
+TEST(EventSplitter, APrefixThatBecomesNoStartMarkerIsText) {
   EXPECT_THAT(splitAll({S + "1<", "/event>"}), ElementsAre(S + "1" + E));
   EXPECT_THAT(splitAll({S + "1" + E + "<", "event>2" + E}),
               ElementsAre(S + "1" + E, "<event>2" + E));
@@ -130,7 +130,7 @@ TEST(EventSplitter, WhatOnlyLooksLikeACutStartMarkerIsTextAgain) {
   EXPECT_THAT(splitAll({"1" + E + "<", "event>2" + E}), ElementsAre("1" + E, "<event>2" + E));
 }
 
-TEST(EventSplitter, StartMarkerCutBehindADocumentThatBeganInTheSamePieceIsPutTogether) {
+TEST(EventSplitter, AStartMarkerSplitAfterADocumentOfTheSamePieceIsFound) {
   EXPECT_THAT(splitAll({S + "1" + E + S.substr(0, 10), S.substr(10) + "2" + E}),
               ElementsAre(S + "1" + E, S + "2" + E));
 }
@@ -224,7 +224,7 @@ TEST(EventSplitter, RandomReceivesOutsideAStartMarkerGiveWhatTheLiteralRulesGive
 
 // Also where a text ends within what is no start marker in the end: what completes no document of
 // the rules' is the same.
-TEST(EventSplitter, ABegunStartMarkerChangesOnlyADocumentThatItEnds) {
+TEST(EventSplitter, AHeldBackPrefixChangesOnlyADocumentThatItEnds) {
   const Texts begun = {"<", "<?xml", S.substr(0, 54)};
   const Texts before = {"", "1", S, S + "1", S + "1" + E, "1" + E + S + "2" + E, S + "1" + E + "2"};
   const Texts after = {"|", "|" + E, "|" + S + "9" + E, "<", E, S + "9", "/event>", ""};

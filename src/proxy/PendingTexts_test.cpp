@@ -27,7 +27,7 @@ TEST(PendingTexts, NoDocumentOfATillComesNearTheLimits) {
   EXPECT_EQ(all.limits().total, 256U * 1024 * 1024);
 }
 
-TEST_F(PendingTextsTest, UpToTheLimitNobodyIsDropped) {
+TEST_F(PendingTextsTest, WithinTheLimitNoneIsDropped) {
   Client one(texts_);
   Client two(texts_);
   EXPECT_TRUE(one.held.hold(60));
@@ -38,7 +38,7 @@ TEST_F(PendingTextsTest, UpToTheLimitNobodyIsDropped) {
   EXPECT_EQ(one.told + two.told, 0);
 }
 
-TEST_F(PendingTextsTest, BeyondItTheOneThatHoldsTheMostIsDroppedOnce) {
+TEST_F(PendingTextsTest, BeyondTheLimitTheLargestIsDroppedOnce) {
   Client most(texts_);
   Client growing(texts_);
   Client other(texts_);
@@ -56,7 +56,7 @@ TEST_F(PendingTextsTest, BeyondItTheOneThatHoldsTheMostIsDroppedOnce) {
   EXPECT_TRUE(other.held.hold(100));
 }
 
-TEST_F(PendingTextsTest, OneThatHasDeliveredIsNotDroppedWhileAnyOtherHoldsSomething) {
+TEST_F(PendingTextsTest, ConnectionsThatHaveDeliveredAreDroppedLast) {
   Client known(texts_);
   Client first(texts_);
   Client second(texts_);
@@ -72,7 +72,7 @@ TEST_F(PendingTextsTest, OneThatHasDeliveredIsNotDroppedWhileAnyOtherHoldsSometh
   EXPECT_FALSE(known.held.hold(101));
 }
 
-TEST_F(PendingTextsTest, AsManyAreDroppedAsItTakes) {
+TEST_F(PendingTextsTest, AsManyAreDroppedAsNecessary) {
   std::deque<Client> crowd;
   for (int i = 0; i < 40; ++i) {
     EXPECT_TRUE(crowd.emplace_back(texts_).held.hold(1));
@@ -87,7 +87,7 @@ TEST_F(PendingTextsTest, AsManyAreDroppedAsItTakes) {
   EXPECT_EQ(dropped, 30);
 }
 
-TEST_F(PendingTextsTest, IdleConnectionsTakeNothingAndAreNeverDropped) {
+TEST_F(PendingTextsTest, IdleConnectionsAreNeverDropped) {
   std::deque<Client> idle;
   for (int i = 0; i < 300; ++i) {
     EXPECT_TRUE(idle.emplace_back(texts_).held.hold(0));
@@ -101,7 +101,7 @@ TEST_F(PendingTextsTest, IdleConnectionsTakeNothingAndAreNeverDropped) {
   }
 }
 
-TEST_F(PendingTextsTest, OneThatHasGoneHoldsNothing) {
+TEST_F(PendingTextsTest, AClosedConnectionHoldsNothing) {
   Client one(texts_);
   {
     Client gone(texts_);
@@ -111,7 +111,7 @@ TEST_F(PendingTextsTest, OneThatHasGoneHoldsNothing) {
   EXPECT_EQ(one.told, 0);
 }
 
-TEST_F(PendingTextsTest, ConnectionsMayComeGrowAndGoOnThreadsOfTheirOwn) {
+TEST_F(PendingTextsTest, ConnectionsMayUseTheirOwnThreads) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([this] {

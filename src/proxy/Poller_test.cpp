@@ -28,7 +28,7 @@ public:
   std::int64_t time;
 };
 
-TEST(Poller, IsDueOneFullPeriodAfterItWasMade) {
+TEST(Poller, IsDueOneFullPeriodAfterConstruction) {
   ClockedPoller poller(2);
   EXPECT_FALSE(poller.isPollingTime());
   poller.time = kNow + 119;
@@ -64,7 +64,7 @@ TEST(Poller, AFrequencyOfZeroOrLessIsAlwaysDue) {
   }
 }
 
-TEST(Poller, AClockThatGoesBackIsNotDue) {
+TEST(Poller, AClockSetBackIsNotDue) {
   ClockedPoller poller(1);
   poller.time = kNow - 1'000'000;
   EXPECT_FALSE(poller.isPollingTime());
@@ -93,7 +93,7 @@ TEST(Poller, TheTimeIsTruncatedTo32Bits) {
   EXPECT_FALSE(poller.isPollingTime());
 }
 
-TEST(PollerThreads, OfThreadsThatAskAtOnceAtLeastOneIsToldThatItIsTime) {
+TEST(PollerThreads, OfConcurrentCallsAtLeastOneIsTrue) {
   ClockedPoller poller(1);
   poller.time = kNow + 60;
   std::atomic<int> told = 0;

@@ -78,12 +78,12 @@ TEST_F(ProxyImpCommunicationLayerTest, OpenStartsTheServer) {
   EXPECT_EQ(opened_.front(), "Starting listening in TCPServer");
 }
 
-TEST_F(ProxyImpCommunicationLayerTest, OpenOfATakenPortFails) {
+TEST_F(ProxyImpCommunicationLayerTest, OpeningAPortInUseFails) {
   ProxyImpCommunicationLayer second;
   EXPECT_EQ(second.open(TCPServer::instance().port()), 0xFFFFFFFFU);
 }
 
-TEST_F(ProxyImpCommunicationLayerTest, EventsChangeTheCacheAndComeBackProcessed) {
+TEST_F(ProxyImpCommunicationLayerTest, EventsChangeTheCacheAndAreReturnedProcessed) {
   const DeviceEvent added = receive(eventDocument("addInstance", "L1", ""));
   EXPECT_EQ(added.type, "addInstance");
   EXPECT_EQ(added.deviceId, "L1");
@@ -124,7 +124,7 @@ TEST_F(ProxyImpCommunicationLayerTest, TracesTheDocumentBeforeItIsRead) {
                           "returning");
 }
 
-TEST_F(ProxyImpCommunicationLayerTest, AnAdapterThatFailsKeepsNoLaterDocumentWaiting) {
+TEST_F(ProxyImpCommunicationLayerTest, AFailingAdapterDoesNotBlockLaterDocuments) {
   client_->send(eventDocument("addInstance", "L3", ""));
   ThrowingAdapter failing;
   EXPECT_THROW(layer_->receiveEvent(&failing), std::runtime_error);

@@ -198,7 +198,7 @@ TEST_F(ProxyXmlAdapter, BeforeThePeriodIsOverNothingIsSent) {
 }
 
 // The first question of the two begins the next period, on purpose.
-TEST_F(ProxyXmlAdapter, RightAfterAPollBecameDueItIsTracedAndNothingIsSent) {
+TEST_F(ProxyXmlAdapter, WhenAPollIsDueItIsTracedAndNothingIsSent) {
   usePoller(60, 0, 3600);
   recorded_trace::clear();
   EXPECT_EQ(adapter_.sendRequest(kUpdateRequest), "");
@@ -207,7 +207,7 @@ TEST_F(ProxyXmlAdapter, RightAfterAPollBecameDueItIsTracedAndNothingIsSent) {
             (Lines{"<<ProxyImpXmlAdapter>> sendRequest() isPollingTime()=1"}));
 }
 
-TEST_F(ProxyXmlAdapter, SendsWhenThePeriodEndsBetweenTheTwoQuestions) {
+TEST_F(ProxyXmlAdapter, SendsWhenThePeriodEndsBetweenTheTwoCalls) {
   usePoller(1, 30); // 30 seconds at the first question, 60 at the second
   recorded_trace::clear();
   EXPECT_EQ(adapter_.sendRequest(kUpdateRequest), "");
@@ -268,7 +268,7 @@ TEST_F(ProxyXmlAdapter, AMissingProviderIsEmptyAndAnEventMayHaveNoFields) {
             "<<ProxyImpXmlAdapter>>     provider= fieldlist_length=0");
 }
 
-TEST_F(ProxyXmlAdapter, KeepsEveryFieldAlsoNestedRepeatedAndIncompleteOnes) {
+TEST_F(ProxyXmlAdapter, KeepsEveryFieldIncludingNestedRepeatedAndIncompleteOnes) {
   EventText text;
   text.content = "<field>no name</field><group><field name='a' type='t'>1</field></group>"
                  "<field name='a' type='t'>2</field><field name='b'/>";
@@ -318,7 +318,7 @@ TEST_F(ProxyXmlAdapter, TheSecondReadingOfAnUnreadableDocumentIsNotTraced) {
                           "<<XMLAdapter XML Exception >> : ", testing::_));
 }
 
-TEST_F(ProxyXmlAdapter, TheSecondReadingLeavesTheXmlLockToOthers) {
+TEST_F(ProxyXmlAdapter, TheSecondReadingDoesNotHoldTheXmlLock) {
   EventText text;
   text.content = repeated(20'000, "<field name='n' type='string'>v</field>");
   std::atomic<bool> done = false;
@@ -335,7 +335,7 @@ TEST_F(ProxyXmlAdapter, TheSecondReadingLeavesTheXmlLockToOthers) {
   reading.join();
 }
 
-TEST_F(ProxyXmlAdapter, EventsAreReadOnSeveralThreadsAtOnce) {
+TEST_F(ProxyXmlAdapter, EventsAreReadOnSeveralThreadsConcurrently) {
   recorded_trace::setSwitchedOn(false);
   std::vector<std::thread> threads;
   for (int number = 0; number < 4; ++number) {

@@ -106,7 +106,7 @@ protected:
   TCPServer server_;
 };
 
-TEST_F(TCPServerTest, ListensOnTheConfiguredAddressByDefaultTheMachinesOwn) {
+TEST_F(TCPServerTest, ListensOnTheConfiguredAddressByDefaultTheLoopback) {
   EXPECT_NE(server_.port(), 0);
   EXPECT_THAT(recorded_trace::lines(), ElementsAre("Starting listening in TCPServer"));
 }
@@ -149,7 +149,7 @@ TEST_F(TCPServerTest, WhatFollowsAZeroByteInOneReceiveIsLost) {
   EXPECT_EQ(next(), document("2"));
 }
 
-TEST_F(TCPServerTest, LongDocumentsCutAnywhereByTheReceivesComeWhole) {
+TEST_F(TCPServerTest, LongDocumentsSplitAnywhereAreTakenWhole) {
   TestClient client(server_.port());
   std::mt19937 random(5);
   std::vector<std::string> documents;
@@ -165,7 +165,7 @@ TEST_F(TCPServerTest, LongDocumentsCutAnywhereByTheReceivesComeWhole) {
   sending.join();
 }
 
-TEST_F(TCPServerTest, ByteByByteTheDocumentsAreTheSame) {
+TEST_F(TCPServerTest, DocumentsSentByteByByteAreTheSame) {
   TestClient client(server_.port());
   std::thread sending([&] {
     for (const char byte : document("1") + document("2")) {
@@ -177,7 +177,7 @@ TEST_F(TCPServerTest, ByteByByteTheDocumentsAreTheSame) {
   sending.join();
 }
 
-TEST_F(TCPServerTest, TracesWhatEachReceiveBrought) {
+TEST_F(TCPServerTest, TracesTheTextOfEachReceive) {
   TestClient client(server_.port());
   const std::string pieces[] = {document("1") + S.substr(0, 20), S.substr(20, 10),
                                 S.substr(30) + "<event>2" + E};
@@ -214,7 +214,7 @@ TEST_F(TCPServerTest, EachClientsStreamIsItsOwn) {
   EXPECT_EQ(next(), document("one"));
 }
 
-TEST_F(TCPServerTest, TracesAClientFromItsComingToItsGoing) {
+TEST_F(TCPServerTest, TracesAddingAndDeletingAClient) {
   {
     TestClient client(server_.port());
     client.send(document("%s%n"));
@@ -250,7 +250,7 @@ TEST_F(TCPServerTest, AResetEndsThatClientOnly) {
   EXPECT_THAT(linesStartingWith("Deleting client: "), testing::SizeIs(2));
 }
 
-TEST_F(TCPServerTest, AStallingClientKeepsNobodyWaiting) {
+TEST_F(TCPServerTest, AStallingClientBlocksNoOther) {
   TestClient silent(server_.port());
   TestClient halfDone(server_.port());
   halfDone.send(S + "<event>");
@@ -284,7 +284,7 @@ TEST_F(TCPServerTest, AFloodingClientTakesTurnsWithTheOthers) {
   EXPECT_LT(floods, 50 * 40);
 }
 
-TEST_F(TCPServerTest, ADocumentThatNeverEndsCostsItsClientTheConnection) {
+TEST_F(TCPServerTest, AClientWhoseDocumentNeverEndsIsDropped) {
   const auto server = limited({.perConnection = 100'000, .total = 1'000'000});
   TestClient endless(server->port());
   TestClient client(server->port());
@@ -308,7 +308,7 @@ TEST_F(TCPServerTest, ADocumentJustWithinTheLimitIsTaken) {
   }
 }
 
-TEST_F(TCPServerTest, OfTooMuchUnfinishedTextTheMostGoesThatHasNeverDelivered) {
+TEST_F(TCPServerTest, BeyondTheTotalLimitTheLargestThatNeverDeliveredIsDropped) {
   const auto server = limited({.perConnection = 100'000, .total = 200'000});
   TestClient known(server->port());
   known.send(document("known"));
@@ -328,7 +328,7 @@ TEST_F(TCPServerTest, OfTooMuchUnfinishedTextTheMostGoesThatHasNeverDelivered) {
   EXPECT_EQ(next(*server).size(), S.size() + 40'000 + E.size());
 }
 
-TEST_F(TCPServerTest, DocumentsThatNobodyHasTakenYetCountAsWell) {
+TEST_F(TCPServerTest, UntakenDocumentsCountTowardsTheLimit) {
   const auto server = limited({.perConnection = 100'000, .total = 200'000});
   TestClient known(server->port());
   known.send(document("known"));
@@ -362,7 +362,7 @@ TEST_F(TCPServerTest, BesideThreeHundredIdleClientsAnEventOf300KilobytesIsTaken)
   EXPECT_THAT(linesStartingWith("Dropping"), IsEmpty());
 }
 
-TEST_F(TCPServerTest, AThousandClientsComeSendAndLeave) {
+TEST_F(TCPServerTest, AThousandClientsConnectSendAndDisconnect) {
   constexpr int kClients = 1000;
   for (int i = 0; i < kClients; ++i) {
     TestClient client(server_.port());
@@ -374,7 +374,7 @@ TEST_F(TCPServerTest, AThousandClientsComeSendAndLeave) {
   EXPECT_THAT(linesStartingWith("Deleting client: "), testing::SizeIs(kClients));
 }
 
-TEST_F(TCPServerTest, AHundredThousandDocumentsComeAllAndInOrder) {
+TEST_F(TCPServerTest, AHundredThousandDocumentsArriveCompletelyAndInOrder) {
   constexpr int kDocuments = 100'000;
   TestClient client(server_.port());
   std::thread sending([&] {
@@ -395,7 +395,7 @@ TEST_F(TCPServerTest, AHundredThousandDocumentsComeAllAndInOrder) {
   sending.join();
 }
 
-TEST_F(TCPServerTest, AHundredClientsAtOnce) {
+TEST_F(TCPServerTest, AHundredClientsAreServedConcurrently) {
   std::list<TestClient> clients;
   for (int i = 0; i < 100; ++i) {
     clients.emplace_back(server_.port()).send(document(std::to_string(i)));
@@ -426,7 +426,7 @@ TEST_F(TCPServerTest, SendsToEveryClientInOrderOfAcceptance) {
                                                    "Sending message to clients: %s <request/>"));
 }
 
-TEST_F(TCPServerTest, SendsUpToTheFirstZeroByteAndNothingBehind) {
+TEST_F(TCPServerTest, SendsUpToTheFirstNul) {
   TestClient client(server_.port());
   client.send(document("1"));
   EXPECT_EQ(next(), document("1"));
@@ -435,7 +435,7 @@ TEST_F(TCPServerTest, SendsUpToTheFirstZeroByteAndNothingBehind) {
   EXPECT_EQ(client.receive(6), "onetwo");
 }
 
-TEST_F(TCPServerTest, SendingToNobodyDoesAndTracesNothing) {
+TEST_F(TCPServerTest, SendingWithoutClientsTracesNothing) {
   {
     TestClient client(server_.port());
     leave(client);
@@ -445,7 +445,7 @@ TEST_F(TCPServerTest, SendingToNobodyDoesAndTracesNothing) {
   EXPECT_THAT(recorded_trace::lines(), IsEmpty());
 }
 
-TEST_F(TCPServerTest, AClientThatDoesNotReadKeepsNoSenderWaiting) {
+TEST_F(TCPServerTest, AClientThatDoesNotReadBlocksNoSender) {
   TestClient deaf(server_.port());
   TestClient client(server_.port());
   for (TestClient* connected : {&deaf, &client}) {
@@ -462,7 +462,7 @@ TEST_F(TCPServerTest, AClientThatDoesNotReadKeepsNoSenderWaiting) {
   EXPECT_EQ(next(), document("3"));
 }
 
-TEST_F(TCPServerTest, SendingWhileClientsComeAndGoIsSafe) {
+TEST_F(TCPServerTest, SendingWhileClientsConnectAndDisconnectIsSafe) {
   std::atomic<bool> done = false;
   std::thread sending([&] {
     while (!done) {
@@ -535,7 +535,7 @@ TEST_F(TCPServerTest, ListensAgainOnTheSamePortAfterAStop) {
   }
 }
 
-TEST_F(TCPServerTest, AConsumerThatWaitsOutlivesAStop) {
+TEST_F(TCPServerTest, AConsumerKeepsWaitingAcrossAStop) {
   auto taken = std::async(std::launch::async, [this] { return next(); });
   EXPECT_EQ(server_.stop(), 0);
   EXPECT_EQ(taken.wait_for(50ms), std::future_status::timeout);
@@ -545,7 +545,7 @@ TEST_F(TCPServerTest, AConsumerThatWaitsOutlivesAStop) {
   EXPECT_EQ(taken.get(), document("after"));
 }
 
-TEST_F(TCPServerTest, ATakenPortIsReportedAndTriedAgain) {
+TEST_F(TCPServerTest, APortInUseIsReportedAndMayBeRetried) {
   TCPServer second;
   recorded_trace::clear();
   EXPECT_EQ(second.startListening(server_.port()), 0xFFFFFFFFU);
@@ -561,14 +561,14 @@ TEST_F(TCPServerTest, ATakenPortIsReportedAndTriedAgain) {
   EXPECT_EQ(second.take(), document("1"));
 }
 
-TEST_F(TCPServerTest, ListeningTwiceIsRefusedAndTheFirstGoesOn) {
+TEST_F(TCPServerTest, ListeningTwiceFailsAndTheFirstContinues) {
   EXPECT_EQ(server_.startListening(0), 0xFFFFFFFFU);
   TestClient client(server_.port());
   client.send(document("1"));
   EXPECT_EQ(next(), document("1"));
 }
 
-TEST_F(TCPServerTest, AnAddressThatIsNoneOfTheMachinesIsReportedAndTriedAgain) {
+TEST_F(TCPServerTest, AForeignAddressIsReportedAndMayBeRetried) {
   TCPServer other;
   for (const char* address : {"not an address", "", "203.0.113.1", "300.1.1.1", "localhost"}) {
     fake_configuration::set("provider.eventSocket.IP", address);

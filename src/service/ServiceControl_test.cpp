@@ -120,7 +120,7 @@ TEST_F(ServiceControl, AStopAndAShutdownAreReportedStoppedTwice) {
   }
 }
 
-TEST_F(ServiceControl, AnInterrogationIsAnsweredWithTheBlockAsItStands) {
+TEST_F(ServiceControl, AnInterrogationReportsTheCurrentStatus) {
   startAndFail();
   EXPECT_THAT(reportsOf(SERVICE_CONTROL_INTERROGATE),
               ElementsAre(reported(SERVICE_STOPPED, static_cast<DWORD>(kProcessFailed))));

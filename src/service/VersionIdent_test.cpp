@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(VersionIdent, TheUnexpandedKeywordHoldsNoLevel) {
+TEST(VersionIdent, AnUnexpandedIdentHasNoLevel) {
   EXPECT_FALSE(parseVersionIdent("%W%").found);
 }
 
@@ -13,7 +13,7 @@ TEST(VersionIdent, AnExpandedIdentGivesFiveCharactersOfReleaseAndTwoOfLevel) {
   EXPECT_EQ(version.level, "07");
 }
 
-TEST(VersionIdent, AnIdentThatEndsEarlyGivesWhatThereIs) {
+TEST(VersionIdent, ATruncatedIdentGivesTheAvailableParts) {
   EXPECT_EQ(parseVersionIdent("Pelmar").release, "");
   EXPECT_EQ(parseVersionIdent("Pelmar").level, "");
   EXPECT_EQ(parseVersionIdent("PelmarWMIS1").release, "1");
@@ -21,7 +21,7 @@ TEST(VersionIdent, AnIdentThatEndsEarlyGivesWhatThereIs) {
   EXPECT_EQ(parseVersionIdent("Pelmar ").level, "");
 }
 
-TEST(VersionIdent, TheVersionTextEndsWithoutALevel) {
+TEST(VersionIdent, TheVersionOutputHasNoLevel) {
   testing::internal::CaptureStdout();
   printVersion();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "ORVEX point-of-service device management\n"

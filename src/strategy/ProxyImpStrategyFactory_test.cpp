@@ -13,7 +13,7 @@ using com::orvex::StrategyFactory;
 
 namespace {
 
-TEST(ProxyImpStrategyFactory, IsTheFactoryOfTheProxyStrategyAndStays) {
+TEST(ProxyImpStrategyFactory, IsTheFactoryOfTheProxyStrategyPermanently) {
   setStrategy(1);
   StrategyFactory* const factory = getStrategyFactory();
   ASSERT_NE(dynamic_cast<com::orvex::ProxyImpStrategyFactory*>(factory), nullptr);
@@ -22,7 +22,7 @@ TEST(ProxyImpStrategyFactory, IsTheFactoryOfTheProxyStrategyAndStays) {
   EXPECT_EQ(getStrategyFactory(), factory);
 }
 
-TEST(ProxyImpStrategyFactory, MakesThePartsOfTheProxyStrategy) {
+TEST(ProxyImpStrategyFactory, CreatesThePartsOfTheProxyStrategy) {
   com::orvex::ProxyImpStrategyFactory factory;
   const std::unique_ptr<com::orvex::IUPOSXmlAdapter> xml(factory.createXmlAdapter());
   EXPECT_NE(dynamic_cast<com::orvex::ProxyImpXmlAdapter*>(xml.get()), nullptr);

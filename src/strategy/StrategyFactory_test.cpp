@@ -20,7 +20,7 @@ namespace {
 // The factory stays for the life of the process. In one process the tests run in this order; each
 // also passes alone in a process of its own.
 
-TEST(StrategyFactory, AnUnknownKindHasNoneUntilThereIsOne) {
+TEST(StrategyFactory, AnUnknownKindGivesNullUntilAFactoryExists) {
   setStrategy(2);
   EXPECT_EQ(getStrategyFactory(), nullptr);
   EXPECT_EQ(getStrategyFactory(), nullptr);
@@ -32,7 +32,7 @@ TEST(StrategyFactory, AnUnknownKindHasNoneUntilThereIsOne) {
   setStrategy(0);
 }
 
-TEST(StrategyFactory, ThreadsThatAskAtOnceGetTheSame) {
+TEST(StrategyFactory, ConcurrentCallsGiveTheSame) {
   StartSignal start;
   std::vector<StrategyFactory*> got(8);
   std::vector<std::thread> threads;
@@ -54,20 +54,20 @@ TEST(StrategyFactory, TheAdapterStrategyIsTheDefault) {
   EXPECT_NE(dynamic_cast<com::orvex::AdapterImpStrategyFactory*>(getStrategyFactory()), nullptr);
 }
 
-TEST(StrategyFactory, RepeatedCallsYieldTheSame) {
+TEST(StrategyFactory, RepeatedCallsGiveTheSame) {
   StrategyFactory* const first = getStrategyFactory();
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(getStrategyFactory(), first);
 }
 
-TEST(StrategyFactory, ChoosingLaterChangesNothing) {
+TEST(StrategyFactory, SettingTheStrategyLaterHasNoEffect) {
   StrategyFactory* const first = getStrategyFactory();
   setStrategy(1);
   EXPECT_EQ(getStrategyFactory(), first);
   setStrategy(0);
 }
 
-TEST(StrategyFactory, TheAdapterStrategyMakesItsOwnParts) {
+TEST(StrategyFactory, CreatesThePartsOfTheAdapterStrategy) {
   StrategyFactory* const factory = getStrategyFactory();
   ASSERT_NE(factory, nullptr);
   const std::unique_ptr<com::orvex::IUPOSXmlAdapter> xml(factory->createXmlAdapter());

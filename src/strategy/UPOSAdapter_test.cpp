@@ -110,7 +110,7 @@ protected:
 const InstanceList kThree = {
     {field("a0")}, {field("b0"), field("b1")}, {field("c0"), field("c1"), field("c2")}};
 
-TEST_F(UPOSAdapterTest, TracesItsAddressWhenMadeAndDestroyed) {
+TEST_F(UPOSAdapterTest, TracesItsAddressOnConstructionAndDestruction) {
   std::string address;
   {
     const UPOSAdapter adapter;
@@ -121,7 +121,7 @@ TEST_F(UPOSAdapterTest, TracesItsAddressWhenMadeAndDestroyed) {
                                                    "<<UPOSAdapter(" + address + ") destroyed"));
 }
 
-TEST_F(UPOSAdapterTest, AnEnumerationAsksWithAnEmptyIdAndTracesEachStep) {
+TEST_F(UPOSAdapterTest, AnEnumerationSendsAnEmptyIdAndTracesEachStep) {
   script.instances = kThree;
   UPOSAdapter adapter;
   recorded_trace::clear();
@@ -149,7 +149,7 @@ TEST_F(UPOSAdapterTest, AnEnumerationAsksWithAnEmptyIdAndTracesEachStep) {
           "<<UPOSAdapter::enumerateInstances>>: Returning request"));
 }
 
-TEST_F(UPOSAdapterTest, AFailedEnumerationKeepsTheFormerInstances) {
+TEST_F(UPOSAdapterTest, AFailedEnumerationKeepsThePreviousInstances) {
   const auto adapter = adapterWith(kThree);
   script.instances = {{field("new")}};
   for (const std::uint32_t failure : {1U, 0xFFFFFFFFU}) {
@@ -169,7 +169,7 @@ TEST_F(UPOSAdapterTest, AFailedEnumerationKeepsTheFormerInstances) {
   }
 }
 
-TEST_F(UPOSAdapterTest, ADeviceServerThatIsDownShowsAsAnEmptyAnswer) {
+TEST_F(UPOSAdapterTest, ADeviceServerThatIsDownGivesAnEmptyAnswer) {
   script.response = "";
   script.fromXmlStatus = 0xFFFFFFFF;
   UPOSAdapter adapter;
@@ -183,7 +183,7 @@ TEST_F(UPOSAdapterTest, ADeviceServerThatIsDownShowsAsAnEmptyAnswer) {
                                      "<<UPOSAdapter::enumerateInstances>>: answer: ''"}));
 }
 
-TEST_F(UPOSAdapterTest, TheStatusOfBuildingIsNotLookedAt) {
+TEST_F(UPOSAdapterTest, TheStatusOfBuildingIsIgnored) {
   script.toXmlStatus = 5;
   script.request = "";
   UPOSAdapter adapter;
@@ -207,7 +207,7 @@ TEST_F(UPOSAdapterTest, ALookupCarriesTheKeyAsTheId) {
                           "<<Request>>: <request/>", "Answer: '<response/>'"));
 }
 
-TEST_F(UPOSAdapterTest, ALookupTakesOverWhatThereIsWhateverTheStatus) {
+TEST_F(UPOSAdapterTest, ALookupTakesTheInstancesWhateverTheStatus) {
   const auto adapter = adapterWith(kThree);
   script.instances = {{field("partial")}};
   script.fromXmlStatus = 1;
@@ -220,7 +220,7 @@ TEST_F(UPOSAdapterTest, ALookupTakesOverWhatThereIsWhateverTheStatus) {
   EXPECT_EQ(adapter->getInstanceCount(), 0);
 }
 
-TEST_F(UPOSAdapterTest, PercentSignsOfAPeerAreTracedAsTheyStand) {
+TEST_F(UPOSAdapterTest, PercentSignsOfAPeerAreTracedUnchanged) {
   script.response = "%s%n%d";
   UPOSAdapter adapter;
   recorded_trace::clear();
@@ -239,7 +239,7 @@ TEST_F(UPOSAdapterTest, WithoutAFactoryAnEnumerationFailsAndALookupIsEmpty) {
   EXPECT_EQ(adapter->getInstanceCount(), 0);
 }
 
-TEST_F(UPOSAdapterTest, AnExceptionPassesAndLeavesNoXmlAdapterBehind) {
+TEST_F(UPOSAdapterTest, AnExceptionPassesAndReleasesTheXmlAdapter) {
   const auto adapter = adapterWith(kThree);
   script.sendingThrows = true;
   std::uint32_t status = 0;
@@ -250,7 +250,7 @@ TEST_F(UPOSAdapterTest, AnExceptionPassesAndLeavesNoXmlAdapterBehind) {
   EXPECT_EQ(adapter->getInstanceCount(), 3);
 }
 
-TEST_F(UPOSAdapterTest, SelectingGivesTheNumberOfProperties) {
+TEST_F(UPOSAdapterTest, SelectingReturnsTheNumberOfProperties) {
   const auto adapter = adapterWith(kThree);
   EXPECT_EQ(adapter->getInstanceCount(), 3);
   EXPECT_EQ(adapter->selectInstance(0), 1);
@@ -259,7 +259,7 @@ TEST_F(UPOSAdapterTest, SelectingGivesTheNumberOfProperties) {
   EXPECT_EQ(adapter->selectInstance(1), 2);
 }
 
-TEST_F(UPOSAdapterTest, SelectingWhatIsNotThereGivesNothing) {
+TEST_F(UPOSAdapterTest, SelectingAMissingInstanceReturnsZero) {
   const auto adapter = adapterWith(kThree);
   EXPECT_EQ(adapter->selectInstance(3), 0);
   EXPECT_EQ(adapter->selectInstance(2147483647), 0);

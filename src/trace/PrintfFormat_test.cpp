@@ -19,17 +19,17 @@ struct Row {
   std::string expected;
 };
 
-TEST(PrintfFormat, TextWithoutConversionsStaysAsItIs) {
+TEST(PrintfFormat, TextWithoutConversionsIsUnchanged) {
   EXPECT_EQ(format(""), "");
   EXPECT_EQ(format("<<XMLAdapter>>: Creating socket"), "<<XMLAdapter>>: Creating socket");
 }
 
-TEST(PrintfFormat, ArgumentsAreFilledInInOrder) {
+TEST(PrintfFormat, ArgumentsAreInsertedInOrder) {
   EXPECT_EQ(format("Key : %s, Value : %i", "FileSize", 500), "Key : FileSize, Value : 500");
   EXPECT_EQ(format("%s.%d", std::string("C:\\Quillmon.log"), 3), "C:\\Quillmon.log.3");
 }
 
-TEST(PrintfFormat, ANumberIsShownAsPrintfShowsIt) {
+TEST(PrintfFormat, NumbersAreFormattedAsByPrintf) {
   const std::initializer_list<Row> rows = {
       {"%d", "-42"},           {"%i", "-42"},           {"%6d", "   -42"},
       {"%-6d|", "-42   |"},    {"%06d", "-00042"},      {"%.4d", "-0042"},
@@ -49,7 +49,7 @@ TEST(PrintfFormat, PositiveNumbersTakeTheSignAndTheBlank) {
   EXPECT_EQ(format("%+d|% d|%+u|%.0d|%#x|%#o", 7, 7, 7, 0, 255, 8), "+7| 7|7||0xff|010");
 }
 
-TEST(PrintfFormat, A32BitUnsignedNumberShownSignedIsNegativeFromTwoGigabytesOn) {
+TEST(PrintfFormat, AnUnsigned32BitNumberFormattedAsSignedMayBeNegative) {
   EXPECT_EQ(format("%d", 4294967295U), "-1");
   EXPECT_EQ(format("%i", 0x80041001U), "-2147217407");
   EXPECT_EQ(format("%u", 4294967295U), "4294967295");
@@ -70,7 +70,7 @@ TEST(PrintfFormat, TextTakesWidthAndPrecision) {
   EXPECT_EQ(format("%hs", "narrow"), "narrow");
 }
 
-TEST(PrintfFormat, TextIsNotCutByAnyLength) {
+TEST(PrintfFormat, LongTextIsNotTruncated) {
   const std::string text(1'000'000, 'x');
   EXPECT_EQ(format("'%s'", text), "'" + text + "'");
 }
@@ -86,7 +86,7 @@ TEST(PrintfFormat, TextNeedNotBeTerminated) {
   EXPECT_EQ(format("%s", std::string_view(text.data(), text.size())), "abc");
 }
 
-TEST(PrintfFormat, ANullTextIsNamed) {
+TEST(PrintfFormat, ANullTextIsWrittenAsNull) {
   EXPECT_EQ(format("%s", static_cast<const char*>(nullptr)), "(null)");
 }
 
@@ -111,7 +111,7 @@ TEST(PrintfFormat, TwoPercentSignsAreOne) {
   EXPECT_EQ(format("%%d%%%%", 5), "%d%%");
 }
 
-TEST(PrintfFormat, WithoutArgumentsEveryConversionStaysAsItStands) {
+TEST(PrintfFormat, WithoutArgumentsEveryConversionIsUnchanged) {
   for (const char* text : {"%d",
                            "%s",
                            "%n",
@@ -161,11 +161,11 @@ TEST(PrintfFormat, ConversionsWithoutAnArgumentLeftStay) {
   EXPECT_EQ(format("%d %d %s", 1), "1 %d %s");
 }
 
-TEST(PrintfFormat, ArgumentsLeftOverAreNotShown) {
+TEST(PrintfFormat, ExcessArgumentsAreIgnored) {
   EXPECT_EQ(format("%d", 1, 2, "x"), "1");
 }
 
-TEST(PrintfFormat, AnAbsurdWidthIsCut) {
+TEST(PrintfFormat, AVeryLargeWidthIsLimited) {
   EXPECT_EQ(format("%99999999999999999999d", 5), std::string(1023, ' ') + "5");
   EXPECT_EQ(format("%-2147483648s|", "x"), "x" + std::string(1023, ' ') + "|");
   EXPECT_EQ(format("%.2147483647d", -5), "-" + std::string(1023, '0') + "5");

@@ -28,7 +28,7 @@ TEST(TimeStamp, HoursRunToTwentyThreeAndALeapSecondIsShown) {
   EXPECT_EQ(timeStamp(localTime(2016, 12, 31, 23, 59, 60)), "12/31/2016 23:59:60 ");
 }
 
-TEST(TimeStamp, AYearOfMoreThanFourDigitsIsNotCut) {
+TEST(TimeStamp, AYearOfMoreThanFourDigitsIsNotTruncated) {
   EXPECT_EQ(timeStamp(localTime(12345, 1, 1, 0, 0, 0)), "01/01/12345 00:00:00 ");
 }
 

@@ -87,7 +87,7 @@ TEST(TraceConfig, OtherLinesGiveNothing) {
   }
 }
 
-TEST(TraceConfig, SettingsAreCalledByTheirKeys) {
+TEST(TraceConfig, SettingsAreNamedByTheirKeys) {
   EXPECT_STREQ((TraceSetting{Key::FileSize, 0}.name()), "FileSize");
   EXPECT_STREQ((TraceSetting{Key::BackupCount, 0}.name()), "BackupCount");
 }
@@ -147,7 +147,7 @@ TEST(TraceConfig, AZeroByteEndsItsLine) {
             (Settings{{Key::FileSize, 5}, {Key::BackupCount, 2}}));
 }
 
-TEST(TraceConfig, EveryByteIsReadWithoutHarm) {
+TEST(TraceConfig, EveryByteIsAccepted) {
   std::string bytes;
   for (int i = 0; i < 4096; ++i) {
     const char byte = static_cast<char>(i * 31 % 256);

@@ -218,7 +218,7 @@ private:
 
 // -- The enabling event
 
-TEST_F(UPOSLog, WithoutTheEventNoFileIsMade) {
+TEST_F(UPOSLog, WithoutTheEventNoFileIsCreated) {
   const Outcome outcome = run({"trace", "unseen"});
   EXPECT_TRUE(outcome.ended);
   EXPECT_THAT(outcome.output, HasSubstr("trace done"));
@@ -230,14 +230,14 @@ TEST_F(UPOSLog, AnEventThatIsNotSignalledLeavesItOff) {
   EXPECT_FALSE(fs::exists(log()));
 }
 
-TEST_F(UPOSLog, StaysOnOnceTheEventWasSeenSignalled) {
+TEST_F(UPOSLog, StaysOnOnceTheEventWasFoundSignalled) {
   EXPECT_TRUE(
       run({"event", "trace", "before", "signal", "trace", "first", "reset", "trace", "second"})
           .ended);
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "first", "second"));
 }
 
-TEST_F(UPOSLog, ASignalThatNoTraceSawLeavesItOff) {
+TEST_F(UPOSLog, ASignalThatNoCallFoundLeavesItOff) {
   run({"event", "signal", "reset", "trace", "unseen"});
   EXPECT_FALSE(fs::exists(log()));
 }
@@ -247,13 +247,13 @@ TEST_F(UPOSLog, OneSignalOfAnAutomaticEventIsEnough) {
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "first", "second"));
 }
 
-TEST_F(UPOSLog, EachLineLooksForTheEvent) {
+TEST_F(UPOSLog, EachCallTestsTheEvent) {
   EXPECT_TRUE(run({"event", "trace", "unseen", "signal", "trace", "seen"}).ended);
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
 }
 
 // The first line is the one that sees the signal, and the later ones stay on without it.
-TEST_F(UPOSLog, ASignalThatIsResetAgainIsNoticedByALineInBetween) {
+TEST_F(UPOSLog, ASignalIsNoticedByACallBeforeItsReset) {
   EXPECT_TRUE(run({"event", "signal", "trace", "first", "reset", "trace", "second"}).ended);
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "first", "second"));
 }
@@ -263,7 +263,7 @@ TEST_F(UPOSLog, EveryThreadNoticesTheSignal) {
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "thread 0 line 0"));
 }
 
-TEST_F(UPOSLog, NeedsNoMoreThanToWaitForTheEvent) {
+TEST_F(UPOSLog, NeedsOnlyTheRightToWaitForTheEvent) {
   win::LocalMemory descriptor;
   ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorA(
       "D:(A;;0x00100000;;;WD)", SDDL_REVISION_1, descriptor.put(), nullptr));
@@ -293,12 +293,12 @@ TEST_F(UPOSLog, ALineIsTheLocalTimeTwoBlanksTheMessageAndCrLf) {
   EXPECT_EQ(content.substr(kStampLength - 1, 3), "  N");
 }
 
-TEST_F(UPOSLog, ALongMessageIsNotCut) {
+TEST_F(UPOSLog, ALongMessageIsNotTruncated) {
   runSwitchedOn({"long", "100000", "trace", "after"});
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, std::string(100000, 'x'), "after"));
 }
 
-TEST_F(UPOSLog, AHostileFormatIsWrittenAsItStands) {
+TEST_F(UPOSLog, AHostileFormatIsWrittenUnchanged) {
   runSwitchedOn({"format", "%s%n%p %999999999d 100%% 50%"});
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "%s%n%p %999999999d 100% 50%"));
 }
@@ -312,7 +312,7 @@ TEST_F(UPOSLog, ALineIsTheMessageByteByByte) {
   EXPECT_THAT(content, testing::EndsWith("  \n1%\x1B[2K\r\n"));
 }
 
-TEST_F(UPOSLog, AnExistingLogIsContinued) {
+TEST_F(UPOSLog, LinesAreAppendedToAnExistingLog) {
   writeFile(log(), "11/23/2024 14:45:56  earlier\r\n");
   runSwitchedOn({"trace", "later"});
   EXPECT_THAT(logged(), ElementsAre("earlier", kNoConfiguration, "later"));
@@ -320,11 +320,11 @@ TEST_F(UPOSLog, AnExistingLogIsContinued) {
 
 // -- Where the log lies
 
-TEST_F(UPOSLog, LiesBesideTheProgramWithoutTheRegistryKey) {
+TEST_F(UPOSLog, IsBesideTheProgramWithoutTheRegistryKey) {
   EXPECT_THAT(run({"path"}).output, HasSubstr(log().string() + "\r\n"));
 }
 
-TEST_F(UPOSLog, LiesBesideTheProgramWithoutTheRegistryValue) {
+TEST_F(UPOSLog, IsBesideTheProgramWithoutTheRegistryValue) {
   makeKey();
   runSwitchedOn({"trace", "first"});
   // The configuration is then looked for under its bare name, in the current directory.
@@ -332,7 +332,7 @@ TEST_F(UPOSLog, LiesBesideTheProgramWithoutTheRegistryValue) {
               ElementsAre("Name of Config file to read : zontrace.cfg", kNoConfiguration, "first"));
 }
 
-TEST_F(UPOSLog, LiesInTheLogFolderOfTheInstallation) {
+TEST_F(UPOSLog, IsInTheLogFolderOfTheInstallation) {
   install(folder_ / "home");
   const std::string output = runSwitchedOn({"trace", "first", "path"});
   EXPECT_THAT(messages(installed()), ElementsAre(nameLine(), kNoConfiguration, "first"));
@@ -350,7 +350,7 @@ TEST_F(UPOSLog, AnInstallationPathOfMoreThanAHundredCharactersIsReadWhole) {
                           "Key : FileSize, Value : 1000", "first"));
 }
 
-TEST_F(UPOSLog, LiesBesideTheProgramWhenTheInstallationIsMissing) {
+TEST_F(UPOSLog, IsBesideTheProgramWhenTheInstallationIsMissing) {
   setInstallDir((folder_ / "missing").string() + "\\");
   runSwitchedOn({"trace", "first"});
   EXPECT_THAT(logged(), ElementsAre("Name of Config file to read : " +
@@ -358,7 +358,7 @@ TEST_F(UPOSLog, LiesBesideTheProgramWhenTheInstallationIsMissing) {
                                     kNoConfiguration, "first"));
 }
 
-TEST_F(UPOSLog, AnInstallationWithoutALogFolderStillConfigures) {
+TEST_F(UPOSLog, AnInstallationWithoutALogFolderIsStillConfigured) {
   fs::create_directories(folder_ / "home");
   writeFile(folder_ / "home" / "zontrace.cfg", "BackupCount=1\r\n");
   setInstallDir((folder_ / "home").string() + "\\");
@@ -366,7 +366,7 @@ TEST_F(UPOSLog, AnInstallationWithoutALogFolderStillConfigures) {
   EXPECT_THAT(logged(), ElementsAre(nameLine(), "Key : BackupCount, Value : 1", "first"));
 }
 
-TEST_F(UPOSLog, NoSeparatorIsPutBeforeTheConfigurationFile) {
+TEST_F(UPOSLog, NoSeparatorIsAddedBeforeTheConfigurationFile) {
   fs::create_directories(folder_ / "home" / "Log");
   setInstallDir((folder_ / "home").string());
   writeFile(folder_ / "homezontrace.cfg", "FileSize=4000\r\n");
@@ -394,7 +394,7 @@ TEST_F(UPOSLog, AnEmptyConfigurationChangesNothing) {
   EXPECT_THAT(messages(installed()), ElementsAre(nameLine(), "first", "second"));
 }
 
-TEST_F(UPOSLog, ANonsenseConfigurationChangesNothing) {
+TEST_F(UPOSLog, AnInvalidConfigurationChangesNothing) {
   configure("\xff\xfe=" + std::string(5000, '\0') + "\nFileSize\n=BackupCount=3\n\x1a");
   runSwitchedOn({"trace", "first"});
   EXPECT_THAT(messages(installed()), ElementsAre(nameLine(), "first"));
@@ -409,7 +409,7 @@ TEST_F(UPOSLog, WithoutALimitTheLogGrowsAndNothingIsRotated) {
   EXPECT_FALSE(fs::exists(installed(1)));
 }
 
-TEST_F(UPOSLog, WithoutALimitEveryLineToAnExistingLogStartsARotationThreadAllTheSame) {
+TEST_F(UPOSLog, WithoutALimitEveryLineToAnExistingLogStartsARotationThread) {
   // The first line about the configuration makes the file.
   EXPECT_THAT(runSwitchedOn({"trace", "first", "countthreads"}), HasSubstr("\r\n1 threads\r\n"));
   EXPECT_THAT(runSwitchedOn({"trace", "a", "trace", "b", "countthreads"}),
@@ -430,7 +430,7 @@ TEST_F(UPOSLog, WithoutCopiesTheFullLogIsDeletedAndTheLineBeginsANewOne) {
   EXPECT_FALSE(fs::exists(installed(1)));
 }
 
-TEST_F(UPOSLog, TheLimitIsStampMessageAndSizeAsTheyWillBeButForOneBlank) {
+TEST_F(UPOSLog, TheLimitCountsStampMessageAndSizeButOneBlank) {
   configure("FileSize=1000\r\nBackupCount=1\r\n");
   runSwitchedOn({"trace", "measure"});
   const std::size_t size = fs::file_size(installed());
@@ -448,7 +448,7 @@ TEST_F(UPOSLog, TheLimitIsStampMessageAndSizeAsTheyWillBeButForOneBlank) {
   EXPECT_EQ(messages(installed()).size(), 1U);
 }
 
-TEST_F(UPOSLog, FullLogsMoveUpTheNumberedCopiesAndTheOldestIsDropped) {
+TEST_F(UPOSLog, RotationRenamesTheCopiesAndDeletesTheOldest) {
   configure("BackupCount=2\r\nFileSize=700\r\n");
   writeFile(installed(3), "not a copy of this configuration");
   runSwitchedOn({"long", "601", "long", "602", "long", "603", "long", "604"});
@@ -458,7 +458,7 @@ TEST_F(UPOSLog, FullLogsMoveUpTheNumberedCopiesAndTheOldestIsDropped) {
   EXPECT_EQ(readFile(installed(3)), "not a copy of this configuration");
 }
 
-TEST_F(UPOSLog, CopiesAreMadeFromTheFirstOn) {
+TEST_F(UPOSLog, RotationFillsTheCopiesFromTheFirst) {
   configure("BackupCount=5\r\nFileSize=700\r\n");
   runSwitchedOn({"long", "601", "long", "602"});
   EXPECT_THAT(messages(installed()), ElementsAre(std::string(602, 'x')));
@@ -512,13 +512,13 @@ TEST_F(UPOSLog, TheEchoReadsTheMessageAsAFormatAndTheFileDoesNot) {
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "50%% of %s %n"));
 }
 
-TEST_F(UPOSLog, EchoesNothingWhileSwitchedOff) {
+TEST_F(UPOSLog, EchoesNothingWhileOff) {
   EXPECT_THAT(run({"echo", "trace", "unseen"}).output, Not(HasSubstr("unseen")));
 }
 
 // -- Many writers
 
-TEST_F(UPOSLog, ManyThreadsFromTheFirstLineOnLoseNoneAndNeverMix) {
+TEST_F(UPOSLog, ManyThreadsLoseNoLineAndNeverMix) {
   runSwitchedOn({"threads", "8", "50"});
   Lines expected{kNoConfiguration};
   for (int i = 0; i < 8; ++i) {
@@ -529,7 +529,7 @@ TEST_F(UPOSLog, ManyThreadsFromTheFirstLineOnLoseNoneAndNeverMix) {
   EXPECT_THAT(logged(), testing::UnorderedElementsAreArray(expected));
 }
 
-TEST_F(UPOSLog, OfWritersThatAllComeFirstOnlyOneHasTheTurn) {
+TEST_F(UPOSLog, ConcurrentFirstWritersNeverOverlap) {
   // With the log there already each line starts a rotation, inside its turn.
   writeFile(log(), "");
   EXPECT_THAT(runSwitchedOn({"slowevents", "threads", "6", "1", "overlaps"}),
@@ -562,7 +562,7 @@ TEST_F(UPOSLog, ManyThreadsLoseNoLineInARotation) {
 
 // -- Names that others have taken
 
-TEST_F(UPOSLog, AMutexByTheNameOfTheWritersTurnLetTwoOfThemWriteAtOnce) {
+TEST_F(UPOSLog, WritersNeverOverlapThoughAMutexHasTheNameOfTheWriteEvent) {
   writeFile(log(), "");
   EXPECT_THAT(
       runSwitchedOn({"name", "mutex", "Write", "slowevents", "threads", "6", "5", "overlaps"}),
@@ -570,12 +570,12 @@ TEST_F(UPOSLog, AMutexByTheNameOfTheWritersTurnLetTwoOfThemWriteAtOnce) {
   EXPECT_EQ(logged().size(), 31U);
 }
 
-TEST_F(UPOSLog, AnEventByTheNameOfTheWritersTurnIsShared) {
+TEST_F(UPOSLog, AnExistingWriteEventIsShared) {
   runSwitchedOn({"name", "auto", "Write", "threads", "6", "5"});
   EXPECT_EQ(logged().size(), 31U);
 }
 
-TEST_F(UPOSLog, ATakenNameOfTheRotationsEndStopsNoRotation) {
+TEST_F(UPOSLog, RotationWorksThoughTheNameOfItsEventIsTaken) {
   for (const char* kind : {"mutex", "auto", "manual"}) {
     configure("BackupCount=5\r\nFileSize=1000\r\n");
     runSwitchedOn({"name", kind, "BackUp", "threads", "4", "10"});
@@ -589,14 +589,14 @@ TEST_F(UPOSLog, ATakenNameOfTheRotationsEndStopsNoRotation) {
   }
 }
 
-TEST_F(UPOSLog, AProcessThatTookTheRotationsSignalAwayHungTheTraceForEver) {
+TEST_F(UPOSLog, RotationEndsThoughAnotherProcessConsumesItsSignal) {
   configure("BackupCount=5\r\nFileSize=1000\r\n");
   runSwitchedOn({"thief", "BackUp", "threads", "1", "40"});
   EXPECT_TRUE(fs::exists(installed(1)));
   EXPECT_EQ(messages(installed()).back(), "thread 0 line 39");
 }
 
-TEST_F(UPOSLog, AMutexByTheNameOfTheEnablingEventLeavesItOff) {
+TEST_F(UPOSLog, AMutexWithTheNameOfTheEnablingEventLeavesItOff) {
   const Outcome outcome = run({"name", "mutex", kEnablingEvent, "trace", "unseen"});
   EXPECT_TRUE(outcome.ended);
   EXPECT_THAT(outcome.output, HasSubstr("trace done"));
@@ -605,7 +605,7 @@ TEST_F(UPOSLog, AMutexByTheNameOfTheEnablingEventLeavesItOff) {
 
 // -- Failures
 
-TEST_F(UPOSLog, ALogThatCannotBeRenamedGrowsOnAndLosesNothing) {
+TEST_F(UPOSLog, ALogThatCannotBeRenamedGrowsAndLosesNoLine) {
   configure("BackupCount=2\r\nFileSize=300\r\n");
   runSwitchedOn({"trace", "first", "pin", "threads", "1", "20"});
   EXPECT_FALSE(fs::exists(installed(2)));
@@ -613,7 +613,7 @@ TEST_F(UPOSLog, ALogThatCannotBeRenamedGrowsOnAndLosesNothing) {
   EXPECT_GT(fs::file_size(installed()), 600U);
 }
 
-TEST_F(UPOSLog, ADirectoryInThePlaceOfACopyStopsTheRotationAndLosesNothing) {
+TEST_F(UPOSLog, ADirectoryInPlaceOfACopyStopsTheRotationAndLosesNoLine) {
   configure("BackupCount=1\r\nFileSize=300\r\n");
   fs::create_directories(installed(1));
   runSwitchedOn({"threads", "1", "20"});
@@ -621,7 +621,7 @@ TEST_F(UPOSLog, ADirectoryInThePlaceOfACopyStopsTheRotationAndLosesNothing) {
   EXPECT_EQ(messages(installed()).size(), 23U);
 }
 
-TEST_F(UPOSLog, ALogOfTheInstallationThatAnotherProcessHasLockedIsWrittenBesideTheProgram) {
+TEST_F(UPOSLog, IsBesideTheProgramWhenTheLogOfTheInstallationIsLocked) {
   install(folder_ / "home");
   writeFile(installed(), "old\r\n");
   const win::Handle locked(CreateFileA(installed().string().c_str(), GENERIC_READ, 0, nullptr,
@@ -633,35 +633,35 @@ TEST_F(UPOSLog, ALogOfTheInstallationThatAnotherProcessHasLockedIsWrittenBesideT
   EXPECT_EQ(logged().back(), "text");
 }
 
-TEST_F(UPOSLog, AnUnopenableLogLosesTheLineAndKeepsTheTurnSoThatTheNextTraceHangs) {
+TEST_F(UPOSLog, AnUnopenableLogLosesTheLineAndBlocksTheNextCall) {
   runUntilItHangs({"trace", "first", "occupy", "trace", "lost", "path", "trace", "waits"},
                   "Quillmon.log\r\npath done\r\n");
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "first"));
 }
 
-TEST_F(UPOSLog, AnUnopenableLogIsEchoedAllTheSame) {
+TEST_F(UPOSLog, AnUnopenableLogIsStillEchoed) {
   runUntilItHangs({"trace", "first", "occupy", "echo", "trace", "lost", "trace", "waits"},
                   " lost\r\r\ntrace done\r\n");
 }
 
-TEST_F(UPOSLog, ADirectoryInThePlaceOfTheLogHangsTheFirstTrace) {
+TEST_F(UPOSLog, ADirectoryInPlaceOfTheLogBlocksTheFirstCall) {
   // Its line about the configuration keeps the turn that the line itself then waits for.
   fs::create_directories(log());
   runUntilItHangs({"trace", "waits"}, "signal done\r\n");
 }
 
-TEST_F(UPOSLog, ARotationThatCannotStartHangsItsOwnLineAndWritesNeitherItNorTheError) {
+TEST_F(UPOSLog, ARotationThatCannotStartBlocksItsLineAndWritesNeitherItNorTheError) {
   runUntilItHangs({"trace", "first", "nothreads", "trace", "waits"}, "nothreads done\r\n");
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "first"));
 }
 
-TEST_F(UPOSLog, ALineLostForWantOfMemoryDoesNotKeepTheTurn) {
+TEST_F(UPOSLog, ALineLostForLackOfMemoryReleasesTheWriteEvent) {
   const std::string output = runSwitchedOn({"shortage", "trace", "after"});
   EXPECT_THAT(output, Not(HasSubstr("\r\n0 shortages")));
   EXPECT_THAT(logged(), testing::Contains("after"));
 }
 
-TEST_F(UPOSLog, AWantOfMemoryInEchoOrRotationDoesNotKeepTheTurn) {
+TEST_F(UPOSLog, LackOfMemoryInEchoOrRotationReleasesTheWriteEvent) {
   configure("BackupCount=2\r\nFileSize=300\r\n");
   const std::string output = runSwitchedOn({"echo", "shortage", "shortage", "trace", "after"});
   EXPECT_THAT(output, Not(HasSubstr("\r\n0 shortages")));

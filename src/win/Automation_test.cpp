@@ -27,7 +27,7 @@ TEST(Automation, EmptyTextsConvertToEmptyTexts) {
   EXPECT_EQ(win::widen(""), L"");
 }
 
-TEST(Automation, TextSurvivesTheWayThereAndBack) {
+TEST(Automation, TextSurvivesARoundTrip) {
   EXPECT_EQ(win::narrow(L"SCANNER1"), "SCANNER1");
   EXPECT_EQ(win::widen("SCANNER1"), L"SCANNER1");
   EXPECT_EQ(win::narrow(win::widen("caf\xE9")), "caf\xE9");
@@ -78,7 +78,7 @@ TEST(Automation, ANullBstrReadsAsEmpty) {
   EXPECT_EQ(none.text(), L"");
 }
 
-TEST(Automation, AVariantTakesTheTextOver) {
+TEST(Automation, AVariantTakesOwnershipOfTheText) {
   win::Bstr text(L"value");
   const BSTR address = text.get();
   win::Variant variant(std::move(text));

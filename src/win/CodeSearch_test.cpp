@@ -57,7 +57,7 @@ TEST(CodeSearch, CodeThatIsPlantedBesideTheProgramIsNotLoaded) {
   EXPECT_TRUE(loads("version.dll"));
 }
 
-TEST(CodeSearch, CodeOfOtherMachinesAndOfUntrustedProcessesIsRefused) {
+TEST(CodeSearch, RemoteAndLowIntegrityImagesAreRefused) {
   const PatchedImport<decltype(SetProcessMitigationPolicy)> patch("SetProcessMitigationPolicy",
                                                                   observedPolicy);
   win::loadCodeFromSystemOnly();

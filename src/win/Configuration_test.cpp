@@ -22,7 +22,7 @@ TEST_F(Configuration, AMissingKeyGivesTheDefault) {
   EXPECT_EQ(configuration::readInt("provider.eventSocket.Port", 42114), 42114U);
 }
 
-TEST_F(Configuration, ValuesAreReadAfreshAtEachCall) {
+TEST_F(Configuration, EachCallReadsTheFile) {
   ConfigurationFile::write("upos.requestSocket.Port=1000\r\n");
   EXPECT_EQ(configuration::readInt("upos.requestSocket.Port", 42115), 1000U);
   ConfigurationFile::write("upos.requestSocket.Port=2000\r\n");
@@ -34,7 +34,7 @@ TEST_F(Configuration, TextThatIsNoNumberReadsAsZero) {
   EXPECT_EQ(configuration::readInt("provider.maxQueryThreads", 1), 0U);
 }
 
-TEST_F(Configuration, AnOverlongTextIsCut) {
+TEST_F(Configuration, ALongTextIsTruncated) {
   ConfigurationFile::write("provider.eventSocket.IP=" + std::string(1000, '1') + "\r\n");
   EXPECT_EQ(configuration::readText("provider.eventSocket.IP", "").size(), 255U);
 }

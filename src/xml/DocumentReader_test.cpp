@@ -56,7 +56,7 @@ TEST_F(DocumentReaderTest, RefusesEveryUnreadableDocument) {
   }
 }
 
-TEST_F(DocumentReaderTest, TellsTheLibrarysMessageWithItsPlace) {
+TEST_F(DocumentReaderTest, ThrowsTheLibrarysMessageWithLineAndColumn) {
   EXPECT_EQ(failureOf("<r>\n  </s>"), "expected end of tag 'r' (line 2, column 5)");
   EXPECT_EQ(failureOf("<r>&none;</r>"), "entity 'none' not found (line 1, column 10)");
 }
@@ -93,7 +93,7 @@ TEST_F(DocumentReaderTest, TheDeepestDocumentNeedsNoMoreStackThanAnyOther) {
   EXPECT_EQ(text, "deep");
 }
 
-TEST_F(DocumentReaderTest, SiblingsAreNotDepth) {
+TEST_F(DocumentReaderTest, SiblingsDoNotCountAsDepth) {
   const std::string siblings = "<r>" + repeated(100'000, "<a/>") + repeated(100'000, "<a></a>");
   const DocumentReader reader(siblings + "</r>", kEverything);
   EXPECT_EQ(reader.elements(u"a").size(), 200'000U);
@@ -133,7 +133,7 @@ TEST_F(DocumentReaderTest, AnElementComesWithTheFieldsBelowItInDocumentOrder) {
   EXPECT_EQ(found, (std::vector<List>{{"1", "a", "b", "c", "d"}, {"2", "b", "c"}, {"3"}}));
 }
 
-TEST_F(DocumentReaderTest, TheRootIsAmongTheElements) {
+TEST_F(DocumentReaderTest, ElementsIncludeTheRoot) {
   const DocumentReader reader("<a n='1'><a n='2'/></a>", kEverything);
   EXPECT_EQ(names(reader.elements(u"a")), (List{"1", "2"}));
 }
@@ -168,13 +168,13 @@ TEST_F(DocumentReaderTest, KeepsOnlyWhatTheProtocolNames) {
   EXPECT_EQ(root.getChildNodes()->getLength(), 1U);
 }
 
-TEST_F(DocumentReaderTest, AnElementThatIsNotNamedStillCountsAsDepth) {
+TEST_F(DocumentReaderTest, AnElementThatIsNotKeptCountsAsDepth) {
   const std::string deep = "<r>" + repeated(DocumentReader::kMaximumDepth, "<x>");
   EXPECT_EQ(failureOf(deep).substr(0, 33), "Elements are nested too deeply (l");
 }
 
-TEST_F(DocumentReaderTest, AnElementsAttributesTookTimeInTheSquareOfTheirNumber) {
-  // 250,000 of them took a minute, within the XML lock.
+TEST_F(DocumentReaderTest, ManyAttributesOfAnElementAreReadInLinearTime) {
+  // In quadratic time 250,000 attributes take a minute, within the XML lock.
   std::string document = "<response><instance name='UPOS_Scanner'";
   for (int i = 0; i < 250'000; ++i) {
     document += " a" + std::to_string(i) + "=''";
@@ -212,7 +212,7 @@ std::string nestedInFields(std::size_t depth, const std::string& text) {
 const std::string kTooMuch = "Nested fields repeat too much of the document";
 
 // A document of a megabyte grew to a gigabyte of fields.
-TEST_F(DocumentReaderTest, NestedFieldsDidRepeatADocumentAThousandTimes) {
+TEST_F(DocumentReaderTest, NestedFieldsThatRepeatADocumentTooOftenAreRefused) {
   const std::string text(200'000, 'x');
   EXPECT_EQ(readAllFields("<instance>" + nestedInFields(7, text) + "</instance>"), "1400000");
   EXPECT_EQ(readAllFields("<instance>" + nestedInFields(9, text) + "</instance>"), kTooMuch);
@@ -230,8 +230,7 @@ TEST_F(DocumentReaderTest, ASmallDocumentMayRepeatItsFieldsUpToAMegabyte) {
   EXPECT_EQ(readAllFields("<instance>" + nestedInFields(1'000, "x") + "</instance>"), "1000");
 }
 
-// Each instance was walked for its fields, and each field for its text.
-TEST_F(DocumentReaderTest, ManyElementsInNestedOnesTookTimeInTheSquareOfTheirNumber) {
+TEST_F(DocumentReaderTest, ManyElementsInNestedOnesAreReadInLinearTime) {
   constexpr std::size_t kDepth = DocumentReader::kMaximumDepth - 2;
   EXPECT_EQ(readAllFields(nestedInInstances(kDepth, repeated(200'000, "<event/>"))), "0");
   EXPECT_EQ(readAllFields("<instance>" + nestedInFields(kDepth, repeated(200'000, "<event/>")) +
@@ -239,7 +238,7 @@ TEST_F(DocumentReaderTest, ManyElementsInNestedOnesTookTimeInTheSquareOfTheirNum
             kTooMuch);
 }
 
-TEST_F(DocumentReaderTest, FieldsWithoutNestingMayBeAsManyAsTheyAre) {
+TEST_F(DocumentReaderTest, FieldsWithoutNestingStayWithinTheBudget) {
   EXPECT_EQ(readAllFields("<instance>" + repeated(100'000, "<field/>") + "</instance>"), "0");
   EXPECT_EQ(readAllFields("<?xml version='1.0' encoding='ISO-8859-1'?><instance>" +
                           repeated(1'000, "<field name='\xFC' type='\xFC'>\xFC</field>") +
@@ -278,7 +277,7 @@ TEST_F(DocumentReaderTest, ReadsHugeValues) {
   EXPECT_TRUE(textOf("<r>" + huge + "</r>") == huge);
 }
 
-TEST_F(DocumentReaderTest, FollowsNothingOutOfTheDocument) {
+TEST_F(DocumentReaderTest, OpensNothingOutsideTheDocument) {
   // Each is well-formed and names a file that cannot be read: a look at it would be a failure.
   EXPECT_EQ(textOf("<?xml-stylesheet href='file:///none/such.xsl'?><r>a</r>"), "a");
   EXPECT_EQ(textOf("<r xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance'"

@@ -37,7 +37,7 @@ protected:
   std::string console_;
 };
 
-TEST_F(ReadBoundary, SaysNothingWhenNothingIsThrown) {
+TEST_F(ReadBoundary, TracesNothingWithoutAnException) {
   bool ran = false;
   EXPECT_TRUE(run([&] { ran = true; }));
   EXPECT_TRUE(ran);
@@ -94,7 +94,7 @@ TEST_F(ReadBoundary, TracesAnythingElseInOneLineAndOnTheConsole) {
   }
 }
 
-TEST_F(ReadBoundary, AMessagesPercentSignsStandAsTheyAre) {
+TEST_F(ReadBoundary, PercentSignsInAMessageAreTracedUnchanged) {
   EXPECT_FALSE(run([] { throw XmlFailure("%s%n%d 100%% %"); }));
   EXPECT_EQ(recorded_trace::lines(), (Lines{"<<XMLAdapter XML Exception >> : ", "%s%n%d 100%% %"}));
 }

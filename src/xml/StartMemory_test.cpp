@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kMoreThanTheArea = 1'000'000;
 
-TEST(StartMemory, BlocksOfTheAreaNeedNoneOfTheHeap) {
+TEST(StartMemory, BlocksOfTheAreaUseNoHeap) {
   StartMemory memory;
   const StartMemory::Area area(memory);
   const std::size_t before = failing_memory::allocations();
@@ -21,7 +21,7 @@ TEST(StartMemory, BlocksOfTheAreaNeedNoneOfTheHeap) {
   memory.deallocate(block);
 }
 
-TEST(StartMemory, OutsideOfAStartBlocksComeFromTheHeap) {
+TEST(StartMemory, OutsideAStartBlocksComeFromTheHeap) {
   StartMemory memory;
   const std::size_t before = failing_memory::allocations();
   memory.deallocate(memory.allocate(100));
@@ -44,7 +44,7 @@ TEST(StartMemory, BlocksDoNotOverlapAndAreAligned) {
   }
 }
 
-TEST(StartMemory, WhatTheAreaHasNoRoomForComesFromTheHeap) {
+TEST(StartMemory, BlocksThatDoNotFitComeFromTheHeap) {
   StartMemory memory;
   const StartMemory::Area area(memory);
   const std::size_t before = failing_memory::allocations();
@@ -59,7 +59,7 @@ TEST(StartMemory, WhatTheAreaHasNoRoomForComesFromTheHeap) {
   memory.deallocate(memory.allocate(kMoreThanTheArea));
 }
 
-TEST(StartMemory, TheAreaIsUsedAnewOnceAllOfItsBlocksAreBack) {
+TEST(StartMemory, TheAreaIsReusedOnceAllBlocksAreFreed) {
   StartMemory memory;
   void* kept = nullptr;
   const auto first = [&] {
@@ -75,14 +75,14 @@ TEST(StartMemory, TheAreaIsUsedAnewOnceAllOfItsBlocksAreBack) {
   memory.deallocate(once);
 }
 
-TEST(StartMemory, WithoutMemoryThrowsTheLibrarysException) {
+TEST(StartMemory, OutOfMemoryThrowsTheLibrarysException) {
   StartMemory memory;
   failing_memory::failAfter(0);
   EXPECT_THROW(memory.allocate(100), xercesc::OutOfMemoryException);
   EXPECT_TRUE(failing_memory::disarm());
 }
 
-TEST(StartMemory, NothingGivenBackIsNothing) {
+TEST(StartMemory, FreeingNullDoesNothing) {
   StartMemory memory;
   memory.deallocate(nullptr);
 }

@@ -15,7 +15,7 @@ bool libraryIsRunning() {
   return xercesc::XMLPlatformUtils::fgMemoryManager != nullptr;
 }
 
-TEST(XmlLibrary, RunsForTheLengthOfASession) {
+TEST(XmlLibrary, RunsDuringASession) {
   ASSERT_FALSE(libraryIsRunning());
   {
     const XmlLibrary library;
@@ -63,7 +63,7 @@ TEST(XmlLock, IsOneForTheProcess) {
   EXPECT_EQ(&xmlLock(), elsewhere);
 }
 
-TEST(XmlText, KeepsAsciiAndEmptyTextAsTheyAre) {
+TEST(XmlText, KeepsAsciiAndEmptyText) {
   const XmlLibrary library;
   EXPECT_EQ(narrow(nullptr), "");
   EXPECT_EQ(narrow(u""), "");

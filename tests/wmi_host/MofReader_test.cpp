@@ -105,7 +105,7 @@ struct ErrorRow {
   const char* error;
 };
 
-TEST(MofReader, SaysWhereAndWhyItStops) {
+TEST(MofReader, ReportsLineAndReasonOfAnError) {
   const ErrorRow rows[] = {
       {"class A {};", "test.mof:1: namespace root\\default: only root\\cimv2 is served"},
       {"#pragma namespace(\"root\\\\other\")\nclass A {};", "only root\\cimv2"},

@@ -9,7 +9,7 @@ using ctl::BinaryPath;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(BinaryPath, aPathIsCutIntoProgramAndArguments) {
+TEST(BinaryPath, APathIsSplitIntoProgramAndArguments) {
   struct Row {
     const char* text;
     const char* program;
@@ -34,20 +34,20 @@ TEST(BinaryPath, aPathIsCutIntoProgramAndArguments) {
   }
 }
 
-TEST(BinaryPath, aBlankIsWrittenInQuotes) {
+TEST(BinaryPath, APathWithABlankIsQuoted) {
   EXPECT_EQ(BinaryPath::parse("C:/Program Files/Q/q.exe -o").text(),
             "\"C:\\Program Files\\Q\\q.exe\" -o");
   EXPECT_EQ(BinaryPath::parse("C:/Q/q.exe").text(), "C:\\Q\\q.exe");
 }
 
-TEST(BinaryPath, withoutQuotesWindowsTriesEachPieceBeforeABlank) {
+TEST(BinaryPath, HijackCandidatesEndBeforeEachBlankOfAnUnquotedPath) {
   EXPECT_THAT(BinaryPath::parse("C:/Program Files/My Till/q.exe -o").hijackCandidates(),
               ElementsAre("C:\\Program.exe", "C:\\Program Files\\My.exe"));
   EXPECT_THAT(BinaryPath::parse("\"C:/Program Files/q.exe\"").hijackCandidates(), IsEmpty());
   EXPECT_THAT(BinaryPath::parse("C:/Q/q.exe -o").hijackCandidates(), IsEmpty());
 }
 
-TEST(BinaryPath, theSecondCharacterOfTheOptionSelectsTheProxyStrategy) {
+TEST(BinaryPath, TheSecondCharacterOfTheOptionSelectsTheProxyStrategy) {
   EXPECT_TRUE(BinaryPath::parse("C:/q.exe -o").isProxy());
   EXPECT_TRUE(BinaryPath::parse("C:/q.exe /o").isProxy());
   EXPECT_FALSE(BinaryPath::parse("C:/q.exe -O").isProxy());

@@ -13,13 +13,13 @@ bool accepts(const char* key, const char* value) {
   return validationError(*findConfigKey(key), value).empty();
 }
 
-TEST(ConfigKeys, everyDefaultIsSensible) {
+TEST(ConfigKeys, EveryDefaultIsValid) {
   for (const ConfigKey& key : configKeys()) {
     EXPECT_EQ(validationError(key, key.defaultValue), "") << key.name;
   }
 }
 
-TEST(ConfigKeys, everyKeyAndItsDefaultStandsInTheOperationsPaper) {
+TEST(ConfigKeys, EveryKeyAndItsDefaultIsDocumented) {
   std::ifstream file(DOCS_FOLDER "/operations.md");
   std::ostringstream paper;
   paper << file.rdbuf();
@@ -30,12 +30,12 @@ TEST(ConfigKeys, everyKeyAndItsDefaultStandsInTheOperationsPaper) {
   }
 }
 
-TEST(ConfigKeys, aKeyIsFoundWhateverItsLetterCase) {
+TEST(ConfigKeys, KeysAreCaseInsensitive) {
   EXPECT_STREQ(findConfigKey("PROVIDER.maxquerythreads")->name, "provider.maxQueryThreads");
   EXPECT_EQ(findConfigKey("provider.maxQueryThread"), nullptr);
 }
 
-TEST(ConfigKeys, aNumberIsDecimalWholeAndInRange) {
+TEST(ConfigKeys, ANumberIsDecimalWholeAndInRange) {
   for (const char* good : {"1", "65535", "042114"}) {
     EXPECT_TRUE(accepts("provider.eventSocket.Port", good)) << good;
   }
@@ -45,12 +45,12 @@ TEST(ConfigKeys, aNumberIsDecimalWholeAndInRange) {
   }
 }
 
-TEST(ConfigKeys, theReasonNamesTheRange) {
+TEST(ConfigKeys, TheErrorNamesTheRange) {
   EXPECT_EQ(validationError(*findConfigKey("provider.eventSocket.Port"), "0"),
             "must be a number from 1 to 65535");
 }
 
-TEST(ConfigKeys, anAddressHasFourPartsOfAByte) {
+TEST(ConfigKeys, AnAddressHasFourPartsOfAByte) {
   for (const char* good : {"127.0.0.1", "0.0.0.0", "255.255.255.255"}) {
     EXPECT_TRUE(accepts("provider.eventSocket.IP", good)) << good;
   }

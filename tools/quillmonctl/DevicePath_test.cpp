@@ -6,30 +6,30 @@ namespace {
 
 using namespace ctl;
 
-TEST(DevicePath, aClassMayBeNamedWithoutItsPrefix) {
+TEST(DevicePath, AClassMayBeNamedWithoutItsPrefix) {
   EXPECT_EQ(className("Scanner"), "UPOS_Scanner");
   EXPECT_EQ(className("UPOS_Scanner"), "UPOS_Scanner");
   EXPECT_EQ(className("__Win32Provider"), "__Win32Provider");
   EXPECT_EQ(className(""), "UPOS_LogicalDevice");
 }
 
-TEST(DevicePath, anIdAloneIsADeviceOfAnyClass) {
+TEST(DevicePath, AnIdAloneIsADeviceOfAnyClass) {
   EXPECT_EQ(objectPath("SCANNER1"), "UPOS_LogicalDevice.DeviceID=\"SCANNER1\"");
 }
 
-TEST(DevicePath, aSlashPartsClassAndId) {
+TEST(DevicePath, ASlashSeparatesClassAndId) {
   EXPECT_EQ(objectPath("Scanner/SCANNER1"), "UPOS_Scanner.DeviceID=\"SCANNER1\"");
   EXPECT_EQ(objectPath("UPOS_Scale/A/B"), "UPOS_Scale.DeviceID=\"A/B\"");
 }
 
-TEST(DevicePath, anObjectPathStaysAsItIs) {
+TEST(DevicePath, AnObjectPathIsUnchanged) {
   for (const char* path : {"UPOS_Scanner.DeviceID=\"SCANNER1\"", "UPOS_Scanner=\"a/b\"", "X=@",
                            "\\\\.\\root\\cimv2:UPOS_Scanner.DeviceID='S'", "root\\cimv2:X=1"}) {
     EXPECT_EQ(objectPath(path), path);
   }
 }
 
-TEST(DevicePath, aPathNamesAClass) {
+TEST(DevicePath, APathNamesAClass) {
   EXPECT_EQ(classOf("UPOS_Scanner.DeviceID=\"A.B:C\""), "UPOS_Scanner");
   EXPECT_EQ(classOf("UPOS_Scanner=\"A\""), "UPOS_Scanner");
   EXPECT_EQ(classOf("\\\\.\\root\\cimv2:UPOS_Scale.DeviceID=\"X\""), "UPOS_Scale");

@@ -10,19 +10,19 @@ using namespace ctl;
 const SystemError kDenied = {SystemError::Kind::Win32, 5, "Access is denied"};
 const SystemError kNotFound = {SystemError::Kind::HResult, 0x80041002, "Not found"};
 
-TEST(Failure, theMessageNamesStepNumberTextAndWhatToDo) {
+TEST(Failure, TheMessageNamesStepNumberTextAndAdvice) {
   const Failure failure("opening the door", kDenied, "Knock.");
   EXPECT_EQ(toText(failure), "quillmonctl: failed: opening the door\n"
                              "  error 5: Access is denied\n"
                              "  what to do: Knock.\n");
 }
 
-TEST(Failure, anHresultIsSaidInHexadecimal) {
+TEST(Failure, AnHresultIsPrintedInHexadecimal) {
   EXPECT_EQ(describe(kNotFound), "error 0x80041002: Not found");
   EXPECT_EQ(describe({SystemError::Kind::Win32, 7, ""}), "error 7");
 }
 
-TEST(Failure, deniedAccessHasAnExitCodeOfItsOwn) {
+TEST(Failure, DeniedAccessHasItsOwnExitCode) {
   EXPECT_EQ(Failure("x", kDenied, "").exitCode, ExitCode::AccessDenied);
   EXPECT_EQ(Failure("x", {SystemError::Kind::HResult, 0x80041003, ""}, "").exitCode,
             ExitCode::AccessDenied);
@@ -30,7 +30,7 @@ TEST(Failure, deniedAccessHasAnExitCodeOfItsOwn) {
   EXPECT_EQ(Failure("x", kNotFound, "").exitCode, ExitCode::Failed);
 }
 
-TEST(Failure, forScriptsItIsOneObject) {
+TEST(Failure, TheJsonFormIsOneObject) {
   Failure failure("opening \"it\"\n", kNotFound, "Look\telsewhere.");
   failure.undone = {"closed"};
   const Json json = Json::parse(toJson(failure))["error"];
@@ -42,7 +42,7 @@ TEST(Failure, forScriptsItIsOneObject) {
   EXPECT_EQ(json["undone"], Json({"closed"}));
 }
 
-TEST(Failure, whatIsNotUtf8IsReplacedAndNotRefused) {
+TEST(Failure, InvalidUtf8IsReplaced) {
   const Json json = Json::parse(toJson(Failure("a\xFF"
                                                "b",
                                                "")));
@@ -51,7 +51,7 @@ TEST(Failure, whatIsNotUtf8IsReplacedAndNotRefused) {
   EXPECT_EQ(json["error"]["code"], nullptr);
 }
 
-TEST(Failure, longTextsStayWithinTheWidth) {
+TEST(Failure, LongTextsStayWithinTheWidth) {
   const std::string text = toText(Failure(std::string(50, 'a') + " " + std::string(50, 'b'),
                                           kDenied, adviceFor(kDenied) + adviceFor(kNotFound)));
   for (std::size_t start = 0, end = 0; (end = text.find('\n', start)) != std::string::npos;
@@ -60,7 +60,7 @@ TEST(Failure, longTextsStayWithinTheWidth) {
   }
 }
 
-TEST(Failure, theCommonErrorsHaveAnAdvice) {
+TEST(Failure, CommonErrorsHaveAdvice) {
   for (const std::uint32_t number : {2U, 3U, 5U, 32U, 1060U, 1072U, 1073U}) {
     EXPECT_NE(adviceFor({SystemError::Kind::Win32, number, ""}), "") << number;
   }

@@ -15,7 +15,7 @@ std::string afterSet(std::string_view text, std::string_view key, std::string_vi
   return file.text();
 }
 
-TEST(PropertiesFile, whatIsNotSetStaysByteForByte) {
+TEST(PropertiesFile, OtherLinesAreUnchanged) {
   const char* const texts[] = {"",
                                "\r\n",
                                "[default]",
@@ -28,7 +28,7 @@ TEST(PropertiesFile, whatIsNotSetStaysByteForByte) {
   }
 }
 
-TEST(PropertiesFile, aValueComesWithoutBlanksAndQuotes) {
+TEST(PropertiesFile, AValueIsReturnedWithoutBlanksAndQuotes) {
   const PropertiesFile file("[default]\r\n a\t=  1 2  \r\nb=\"x\"\r\nc='y'\r\nd=\"z\r\ne=\r\n");
   EXPECT_EQ(file.value("a"), "1 2");
   EXPECT_EQ(file.value("b"), "x");
@@ -38,38 +38,38 @@ TEST(PropertiesFile, aValueComesWithoutBlanksAndQuotes) {
   EXPECT_EQ(file.value("f"), std::nullopt);
 }
 
-TEST(PropertiesFile, letterCaseOfSectionAndKeyDoesNotCount) {
+TEST(PropertiesFile, SectionAndKeyAreCaseInsensitive) {
   EXPECT_EQ(PropertiesFile("[DEFAULT]\nA.b=1\n").value("a.B"), "1");
 }
 
-TEST(PropertiesFile, theFirstSectionAndTheFirstKeyCount) {
+TEST(PropertiesFile, TheFirstSectionAndTheFirstKeyCount) {
   const PropertiesFile file("[other]\na=0\n[default]\na=1\na=2\n[default]\na=3\nb=4\n");
   EXPECT_EQ(file.value("a"), "1");
   EXPECT_EQ(file.value("b"), std::nullopt);
 }
 
-TEST(PropertiesFile, aCommentIsNoKey) {
+TEST(PropertiesFile, ACommentIsNoKey) {
   EXPECT_EQ(PropertiesFile("[default]\n;a=1\n#a=2\n").value("a"), std::nullopt);
 }
 
-TEST(PropertiesFile, settingReplacesTheValueAndKeepsTheLinesForm) {
+TEST(PropertiesFile, SettingReplacesTheValueAndKeepsTheLinesFormat) {
   EXPECT_EQ(afterSet("; top\r\n[default]\r\n  a =  1\r\n; end\r\n", "A", "22"),
             "; top\r\n[default]\r\n  a =  22\r\n; end\r\n");
   EXPECT_EQ(afterSet("[default]\na=", "a", "1"), "[default]\na=1");
 }
 
-TEST(PropertiesFile, settingAddsTheKeyAtTheSectionsEnd) {
+TEST(PropertiesFile, SettingAddsTheKeyAtTheSectionsEnd) {
   EXPECT_EQ(afterSet("[default]\r\na=1\r\n\r\n[other]\r\nb=2\r\n", "b", "3"),
             "[default]\r\na=1\r\nb=3\r\n\r\n[other]\r\nb=2\r\n");
   EXPECT_EQ(afterSet("[default]\na=1", "b", "3"), "[default]\na=1\nb=3\n");
 }
 
-TEST(PropertiesFile, settingAddsTheSectionWhereThereIsNone) {
+TEST(PropertiesFile, SettingAddsAMissingSection) {
   EXPECT_EQ(afterSet("", "a", "1"), "[default]\r\na=1\r\n");
   EXPECT_EQ(afterSet("[other]\na=1", "a", "2"), "[other]\na=1\n[default]\na=2\n");
 }
 
-TEST(PropertiesFile, whatHasBeenSetIsFound) {
+TEST(PropertiesFile, ASetValueIsFound) {
   PropertiesFile file("[x]\n[default]\n\n[y]\n");
   file.set("a", "1");
   file.set("b", "2");
@@ -80,7 +80,7 @@ TEST(PropertiesFile, whatHasBeenSetIsFound) {
   EXPECT_THAT(file.problems(), IsEmpty());
 }
 
-TEST(PropertiesFile, whatTheReaderPassesOverIsSaid) {
+TEST(PropertiesFile, IgnoredLinesAreReported) {
   EXPECT_THAT(PropertiesFile("a=1\n[default]\nb\nc=1\nC=2\n[other]\nd=1\n").problems(),
               ElementsAre("line 1: a stands outside of the section [default]",
                           "line 3: neither a comment nor KEY=VALUE",
@@ -88,13 +88,13 @@ TEST(PropertiesFile, whatTheReaderPassesOverIsSaid) {
                           "line 7: d stands outside of the section [default]"));
 }
 
-TEST(PropertiesFile, aFileWithoutTheSectionIsSaid) {
+TEST(PropertiesFile, AMissingSectionIsReported) {
   EXPECT_THAT(PropertiesFile("[defaults]\na=1\n").problems(),
               ElementsAre("line 1: no section [default]: nothing in the file counts"));
   EXPECT_THAT(PropertiesFile("").problems(), IsEmpty());
 }
 
-TEST(PropertiesFile, aFileInAnotherEncodingIsSaid) {
+TEST(PropertiesFile, AnotherEncodingIsReported) {
   EXPECT_EQ(PropertiesFile("\xEF\xBB\xBF[default]\na=1\n").problems().front().substr(0, 43),
             "line 1: begins with a byte order mark; save");
   EXPECT_THAT(PropertiesFile("\xFF\xFE[").problems(),

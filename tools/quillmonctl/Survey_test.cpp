@@ -50,14 +50,14 @@ Level verdictOf(const Survey& survey, const std::string& check) {
   return worst;
 }
 
-TEST(Survey, aHealthyMachineHasOnlyGoodVerdicts) {
+TEST(Survey, AHealthyMachineHasOnlyGoodVerdicts) {
   for (const Verdict& verdict : judge(healthy())) {
     EXPECT_EQ(verdict.level, Level::Good) << verdict.check;
     EXPECT_EQ(verdict.advice, "") << verdict.check;
   }
 }
 
-TEST(Survey, eachFaultIsFoundAndHasAnAdvice) {
+TEST(Survey, EachFaultIsFoundAndHasAdvice) {
   struct Row {
     const char* check;
     Level level;
@@ -122,7 +122,7 @@ TEST(Survey, eachFaultIsFoundAndHasAnAdvice) {
   }
 }
 
-TEST(Survey, inTheProxyStrategyAConnectedDeviceServerIsEnough) {
+TEST(Survey, InTheProxyStrategyAConnectedDeviceServerIsEnough) {
   Survey survey = healthy();
   survey.service.path = BinaryPath::parse("C:/Quillmon/quillmon.exe -o");
   survey.sockets.requestReachable = false;
@@ -132,7 +132,7 @@ TEST(Survey, inTheProxyStrategyAConnectedDeviceServerIsEnough) {
   EXPECT_EQ(toJson(survey)["sockets"]["device_servers_connected"], 1);
 }
 
-TEST(Survey, theTextStaysWithinTheWidthHoweverLongTheFindings) {
+TEST(Survey, TheTextStaysWithinTheWidthHoweverLongTheFindings) {
   Survey survey = healthy();
   survey.service.pathText = "C:\\" + std::string(200, 'p') + ".exe";
   survey.wmi.answerError = SystemError{SystemError::Kind::HResult, 1, std::string(200, 'e')};
@@ -147,7 +147,7 @@ TEST(Survey, theTextStaysWithinTheWidthHoweverLongTheFindings) {
   }
 }
 
-TEST(Survey, theTraceIsOnWhileItsEventIsSignalledOrTheServiceStillWrites) {
+TEST(Survey, TheTraceIsOnWhileItsEventIsSignalledOrTheLogGrows) {
   Survey survey = healthy();
   EXPECT_EQ(toJson(survey)["trace"]["on"], false);
   survey.trace.isSignalled = true;
@@ -158,7 +158,7 @@ TEST(Survey, theTraceIsOnWhileItsEventIsSignalledOrTheServiceStillWrites) {
   EXPECT_NE(toText(survey).find("on, until the service ends"), std::string::npos);
 }
 
-TEST(Survey, whereAKeysValueCameFromIsSaid) {
+TEST(Survey, TheSourceOfAKeysValueIsReported) {
   Survey survey = healthy();
   EXPECT_EQ(toJson(survey)["configuration"]["keys"][0]["source"], "default");
   survey.configuration.keys[0].isFromFile = true;

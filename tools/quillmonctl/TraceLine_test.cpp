@@ -6,7 +6,7 @@ namespace {
 
 using namespace ctl;
 
-TEST(TraceLine, aLineIsCutWithoutLosingAnything) {
+TEST(TraceLine, ALineIsSplitCompletely) {
   struct Row {
     const char* line;
     const char* component;
@@ -34,20 +34,20 @@ TEST(TraceLine, aLineIsCutWithoutLosingAnything) {
   }
 }
 
-TEST(TraceLine, theComponentIsInColourWhereColourIsWanted) {
+TEST(TraceLine, TheComponentIsColouredOnRequest) {
   const char* const line = "11/21/2026 17:29:05  <<X>>: y";
   EXPECT_EQ(toConsoleText(line, Origin::Service, false), std::string("  ") + line);
   EXPECT_EQ(toConsoleText(line, Origin::Service, true),
             "  \x1b[2m11/21/2026 17:29:05\x1b[0m  \x1b[36m<<X>>\x1b[0m: y");
 }
 
-TEST(TraceLine, theOriginIsMarkedInFrontOfTheLine) {
+TEST(TraceLine, TheOriginIsMarkedInFrontOfTheLine) {
   EXPECT_EQ(toConsoleText("x", Origin::Service, false), "  x");
   EXPECT_EQ(toConsoleText("x", Origin::Unclear, false), "? x");
   EXPECT_EQ(toConsoleText("x", Origin::Continuation, true), "| x");
 }
 
-TEST(OriginReader, tellsTheServicesLinesFromWhatAPeerCouldHaveWritten) {
+TEST(OriginReader, DistinguishesTheServicesLinesFromTextOfPeers) {
   const std::string stamp = "11/21/2026 17:29:05  ";
   struct Row {
     std::string line; // the LF is cut off
@@ -78,13 +78,13 @@ TEST(OriginReader, tellsTheServicesLinesFromWhatAPeerCouldHaveWritten) {
   }
 }
 
-TEST(TraceLine, whatAPeerPutIntoALineSpeaksToNoConsole) {
+TEST(TraceLine, ControlCharactersOfAPeerAreMadeVisible) {
   EXPECT_EQ(toConsoleText("<<X>>: \x1b[2J", Origin::Service, false), "  <<X>>: \\x1b[2J");
   EXPECT_EQ(toConsoleText("<<\x1b[2J>>: \x1b[2J", Origin::Service, true),
             "  \x1b[36m<<\\x1b[2J>>\x1b[0m: \\x1b[2J");
 }
 
-TEST(TraceLine, colourIsForAConsoleWithoutNoColor) {
+TEST(TraceLine, ColourIsForAConsoleWithoutNoColor) {
   EXPECT_TRUE(usesColour(true, nullptr));
   EXPECT_TRUE(usesColour(true, ""));
   EXPECT_FALSE(usesColour(true, "1"));

@@ -6,13 +6,13 @@ namespace {
 
 using namespace ctl;
 
-TEST(ZipFile, theChecksumIsThePublishedOne) {
+TEST(ZipFile, TheChecksumIsThePublishedOne) {
   EXPECT_EQ(checksum("123456789"), 0xCBF43926U);
   EXPECT_EQ(checksum(""), 0U);
 }
 
 // tests/system/test_quillmonctl.py opens an archive with a reader that nobody here wrote.
-TEST(ZipFile, anArchiveEndsWithADirectoryOfItsFiles) {
+TEST(ZipFile, AnArchiveEndsWithADirectoryOfItsFiles) {
   ZipFile zip(0x5A758800);
   zip.add("a.txt", "one");
   zip.add("log/b", std::string(70000, 'x'));
