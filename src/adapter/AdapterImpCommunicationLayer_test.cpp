@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Gives the message back as the event's device id.
+/// Returns the message as the event's device id.
 class EchoingXmlAdapter : public com::orvex::IUPOSXmlAdapter {
 public:
   std::uint32_t toXML(std::string, std::string, std::string, std::string, std::string&) override {
@@ -102,7 +102,7 @@ TEST_F(AdapterImpCommunicationLayerTest, APortInUseFailsAndMayBeRetried) {
   EXPECT_EQ(layer_->close(), 0U);
 }
 
-// One socket per process, on purpose: opening again is fine and makes none.
+// By design one socket per process: opening again succeeds and creates none.
 TEST_F(AdapterImpCommunicationLayerTest, OpeningASecondTimeCreatesNoSocket) {
   ASSERT_EQ(layer_->open(0), 0U);
   const SOCKET first = std::exchange(lastSocket, INVALID_SOCKET);

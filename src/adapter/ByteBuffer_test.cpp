@@ -129,7 +129,7 @@ TEST(ByteBuffer, TakesEverySizeUpToAFewThousand) {
 }
 
 TEST(ByteBuffer, LosesNoByteWhereSinglePrecisionWould) {
-  // 16777217 has no single-precision form; neither has its one and a half.
+  // Neither 16777217 nor 1.5 times it is representable in single precision.
   ByteBuffer buffer(16777217, 1.5F);
   const std::string half(8388600, 'x');
   append(buffer, half);
@@ -155,12 +155,12 @@ TEST(ByteBuffer, KeepsWhatFitsWhenItMayNotGrow) {
   EXPECT_STREQ(needed.text(), "");
 
   ByteBuffer infinite(0, std::numeric_limits<float>::infinity());
-  infinite.appendString("X"); // nothing times infinity is no number
+  infinite.appendString("X"); // 0 times infinity is NaN
   EXPECT_EQ(infinite.size(), 0U);
 }
 
 TEST(ByteBuffer, ALengthThatWouldWrapIsTruncated) {
-  // The count cannot be met by any buffer, so that no more bytes are read than fit.
+  // No buffer can hold so many bytes, so no more bytes are read than fit.
   ByteBuffer buffer(8, 1.5F);
   buffer.appendString("abc");
   buffer.appendBytes("defghijk", std::numeric_limits<std::uint32_t>::max());

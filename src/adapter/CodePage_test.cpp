@@ -9,7 +9,7 @@
 
 namespace {
 
-/// What the system makes of `text` in its ANSI code page.
+/// `text` converted by the system to its ANSI code page.
 std::string ansi(const std::wstring& text) {
   char bytes[100] = {};
   WideCharToMultiByte(CP_ACP, 0, text.c_str(), -1, bytes, sizeof bytes, nullptr, nullptr);

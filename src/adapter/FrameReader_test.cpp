@@ -13,7 +13,7 @@ using testing::ElementsAre;
 
 namespace {
 
-/// A reader on a source that hands out its pieces one by one, then `end`.
+/// A reader on a source that returns its pieces one by one, then `end`.
 class Reader {
 public:
   explicit Reader(std::deque<std::string> pieces, int end = 0)
@@ -37,7 +37,7 @@ public:
           const std::string piece = pieces_.front();
           pieces_.pop_front();
           EXPECT_LE(piece.size(), 1024U);
-          // What was not received is not ours to read: a mark there would end the message.
+          // Bytes that were not received must not be read: a mark there would end the message.
           std::fill_n(area, size, kFrameEnd);
           std::copy(piece.begin(), piece.end(), area);
           return static_cast<int>(piece.size());
@@ -58,7 +58,7 @@ public:
 private:
   std::deque<std::string> pieces_;
   int end_;
-  // On the heap, where the sanitizer sees an access beyond it.
+  // On the heap, so that the sanitizer detects an access beyond it.
   std::unique_ptr<FrameArea> frameOwner_ = std::make_unique<FrameArea>();
   FrameArea& frame_ = *frameOwner_;
 };

@@ -16,14 +16,14 @@ const std::string kDocument =
     "</instance><event type='addInstance' classname='Scanner'><field name='DeviceID'>S1</field>"
     "<field name='ManufacturerName'>Veltran</field></event></r>";
 
-/// Memory runs out at every single allocation of a call in turn. The library is running all the
-/// while: what a failed start leaves behind is another test program's.
+/// Fails each allocation of a call in turn. The library is already running; failed starts are
+/// tested in another program.
 class OutOfMemory : public testing::Test {
 protected:
   void SetUp() override { recorded_trace::setSwitchedOn(false); }
   void TearDown() override { recorded_trace::setSwitchedOn(true); }
 
-  /// Runs `call` while the allocation after `granted` more fails; false when it needed no more.
+  /// Runs `call` with the allocation after `granted` more failing; false if it needed no more.
   template <class Call>
   bool fails(std::size_t granted, const Call& call) {
     testing::internal::CaptureStderr();

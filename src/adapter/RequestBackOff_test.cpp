@@ -17,8 +17,7 @@ std::atomic<int> fired = 0;
 std::mutex starting;
 std::vector<std::thread> timers; // guarded by starting
 
-/// A request thread that meets a device server which is down, as the exchange meets it, until there
-/// have been so many pauses.
+/// A request thread whose connects fail, until there have been `pauses` back-offs.
 void failRequests(int pauses) {
   while (fired < pauses) {
     if (requestBackOff.serverOffline == 0) {
@@ -48,18 +47,18 @@ TEST(RequestBackOffThreads, ConcurrentFailuresCreateOneQueueAndEndTheBackOff) {
   EXPECT_GE(started, 100U);
   EXPECT_EQ(fired, static_cast<int>(started));
   EXPECT_EQ(requestBackOff.retryTimeout, 10000U);
-  // Each timer ends the pause; the last one to fire finds nobody who starts another.
+  // Each timer ends the back-off, and after the last one no thread starts another.
   EXPECT_EQ(requestBackOff.serverOffline, 0);
 }
 
 } // namespace
 
-// In place of the platform's: each timer is a thread that fires at once.
+// Replaces the platform's: each timer is a thread that fires at once.
 namespace win {
 
 Error createTimerQueue(void*& queue) noexcept {
   ++queues;
-  std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the others come meanwhile
+  std::this_thread::sleep_for(std::chrono::milliseconds(20)); // lets the others arrive
   queue = &queues;
   return 0;
 }

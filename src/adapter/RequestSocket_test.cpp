@@ -25,8 +25,8 @@ namespace {
 const std::string kSkipped = "<<XMLAdapter>>: Just recently Java failed, I will skip it for now...";
 const std::string kExpired = "<<TimeoutExpired>>: Timeout expired! Java drivers will be hit again.";
 
-// Functions in place of imported ones. The peers of the tests run in the same process: what counts
-// or changes calls looks at those of the exchange only, by its thread or its 1024-byte area.
+// Replacements for imported functions. The peers of the tests run in the same process, so counting
+// and changing calls is restricted to the exchange, by its thread or its 1024-byte area.
 
 DWORD exchangeThread = 0;
 std::vector<std::string> sends;
@@ -120,10 +120,10 @@ BOOL WINAPI recordedTimer(HANDLE* timer, HANDLE queue, WAITORTIMERCALLBACK callb
 
 class ExchangeRequest : public testing::Test {
 protected:
-  // Each test finds the process as it starts: its timers do not reach into the next one.
+  // Restores the process-wide state, so that the tests are independent.
   ExchangeRequest() {
     requestBackOff.serverOffline = 0;
-    requestBackOff.retryTimeout = 10000;
+    requestBackOff.retryTimeout = configuration::kDefaultRetryTimeout;
     requestBackOff.timerQueue = nullptr;
     requestBackOff.timer = nullptr;
     UPOSConnector::streamReady = 0;
@@ -150,7 +150,7 @@ protected:
     ConfigurationFile::write("upos.requestSocket.Port=" + std::to_string(port) + "\r\n" + more);
   }
 
-  /// What an exchange returns when the device server sends `answer` and closes.
+  /// Exchanges with a device server that sends `answer` and closes.
   static std::string exchangeFor(const std::string& answer) {
     TestPeer peer([&answer](SOCKET connection) {
       receiveUntil(connection, '\x08');
@@ -323,7 +323,7 @@ TEST_F(ExchangeRequest, APeerThatClosesOrHalfClosesEndsTheAnswer) {
     });
     configure(peer.port());
     EXPECT_EQ(exchangeRequest("<request/>"), row.expected);
-    EXPECT_EQ(requestBackOff.serverOffline, 0); // a bad answer is no failed connect
+    EXPECT_EQ(requestBackOff.serverOffline, 0); // a bad answer is not a failed connect
   }
 }
 
@@ -346,7 +346,7 @@ TEST_F(ExchangeRequest, APeerThatResetsEndsTheAnswer) {
 
 TEST_F(ExchangeRequest, PercentSignsInAnAnswerAreHarmless) {
   EXPECT_EQ(exchangeFor(framed("%s%n%d 100%% %")), "%s%n%d 100%% %");
-  // Written as the format itself: only the doubled one is undone.
+  // Traced as the format: only "%%" changes.
   EXPECT_EQ(recorded_trace::lines().back(), "%s%n%d 100% %");
 }
 
@@ -537,7 +537,7 @@ TEST_F(ExchangeRequest, WithoutATimerQueueTheNextExchangeTriesAgain) {
   EXPECT_EQ(lines[3], "<<configureTimers>>: CreateTimerQueue() succeeded!!");
 }
 
-// The message promises a pause and the close of nothing fails: both are kept as they are.
+// Kept: the message announces a back-off that is not started, and closing no socket fails.
 TEST_F(ExchangeRequest, ASocketThatCannotBeCreatedIsTracedAndStartsNoBackOff) {
   const PatchedImport<decltype(socket)> patch("socket", noSocket);
   ConfigurationFile::write("upos.requestSocket.retryTimeout=4000\r\n");
@@ -580,7 +580,7 @@ TEST_F(ExchangeRequest, APortThatIsNoNumberIsAFailedConnect) {
     requestBackOff.serverOffline = 0;
     ConfigurationFile::write(std::string("upos.requestSocket.Port=") + port + "\r\n");
     const auto read = configuration::readInt("upos.requestSocket.Port", 42115);
-    ASSERT_EQ(read % 65536, 0U); // no other device server is asked by mistake
+    ASSERT_EQ(read % 65536, 0U); // never another device server
     EXPECT_EQ(exchangeRequest("<request/>"), "");
     EXPECT_EQ(requestBackOff.serverOffline, 1);
   }

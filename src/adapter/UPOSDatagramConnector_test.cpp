@@ -122,7 +122,7 @@ TEST_F(UPOSDatagramConnectorTest, ASecondBindSucceedsWithoutANewSocket) {
   const SOCKET before = connector_.socket;
   EXPECT_EQ(connector_.Bind(port_), 0U);
   EXPECT_EQ(connector_.socket, before);
-  // One per process, on purpose: another connector is told the same and gets none.
+  // By design one per process: another connector gets the same result and no socket.
   UPOSDatagramConnector other;
   EXPECT_EQ(other.Bind(port_), 0U);
   EXPECT_EQ(other.socket, 0U);
@@ -141,7 +141,7 @@ TEST_F(UPOSDatagramConnectorTest, APortInUseFailsAndMayBeRetried) {
   EXPECT_EQ(connector_.Bind(port), 0xFFFFFFFFU);
   EXPECT_EQ(UPOSDatagramConnector::datagramBound, 0U);
   EXPECT_EQ(connector_.Bind(port), 0xFFFFFFFFU);
-  EXPECT_EQ(socketsClosed, 2); // what could not be bound is not left behind
+  EXPECT_EQ(socketsClosed, 2); // sockets that could not be bound are closed
   holder.close();
   EXPECT_EQ(connector_.Bind(port), 0U);
 }

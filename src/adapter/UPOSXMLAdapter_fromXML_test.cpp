@@ -120,8 +120,8 @@ TEST_F(FromXml, TheRootMayBeAnInstanceItself) {
   EXPECT_EQ(adapter_.getInstances().size(), 1U);
 }
 
-// On purpose, and relied upon: a discarded device's fields stay pending and come before those of
-// the next device that is kept.
+// By design: a discarded device's fields stay pending and are put in front of those of the next
+// kept device.
 TEST_F(FromXml, AKeptDeviceBeginsWithTheFieldsOfTheDiscardedOnesBeforeIt) {
   EXPECT_EQ(adapter_.fromXML(response(
                 instance("UPOS_Scanner",
@@ -333,7 +333,7 @@ TEST_F(FromXml, ADeviceCostsNoMoreAllocationsInALargeAnswerThanInASmallOne) {
   const std::size_t few = allocationsOf(100);
   const std::size_t many = allocationsOf(1000);
   recorded_trace::setSwitchedOn(true);
-  EXPECT_GT(few, 100U * 8U); // counted at all
+  EXPECT_GT(few, 100U * 8U); // allocations are counted
   EXPECT_LE(many, 10 * few);
 }
 

@@ -17,7 +17,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-/// Allocations of one start of the library.
+/// Number of allocations of one start of the library.
 std::size_t allocationsOfAStart() {
   const std::size_t before = failing_memory::allocations();
   const XmlLibrary library;
@@ -27,8 +27,7 @@ std::size_t allocationsOfAStart() {
 
 #ifdef _WIN32
 
-// A service that was short of memory for a moment, while the library started, answered nothing
-// until it was restarted.
+// A start that runs out of memory would leave the library unusable until the service is restarted.
 TEST(XmlLibraryStart, AllocatesNothingOnTheHeap) {
   recorded_trace::setSwitchedOn(false);
   allocationsOfAStart(); // the first one makes the locks and the area
@@ -37,9 +36,9 @@ TEST(XmlLibraryStart, AllocatesNothingOnTheHeap) {
 
 #else
 
-// The distribution's library asks for more than the area holds, and for some of it elsewhere. One
-// test, because a library whose start failed stays unusable. The start fails at its very last
-// allocation, where the library's own way is to end the process.
+// The distribution's library needs more than the area, and partly allocates elsewhere. One test,
+// because a library whose start failed stays unusable. The start fails at its last allocation,
+// where the library's default is to end the process.
 TEST(XmlLibraryStartFailure, IsReportedByEveryLaterCall) {
   recorded_trace::setSwitchedOn(false);
   allocationsOfAStart(); // the first one makes the locks too

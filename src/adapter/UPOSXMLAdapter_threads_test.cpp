@@ -61,7 +61,7 @@ TEST(UPOSXMLAdapterThreads, RequestsAnswersAndEventsOnSeveralThreadsDoNotMix) {
       events += event.deviceId == id && event.type == "addInstance" ? 1 : 0;
     }
   });
-  // Reads outside the XML lock, as whoever reads an event a second time does.
+  // Reads outside the XML lock, like the second reading of an event.
   std::thread readingOutside([&] {
     for (int round = 0; round < kRounds; ++round) {
       const XmlLibrary library;

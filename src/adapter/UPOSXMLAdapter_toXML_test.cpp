@@ -16,7 +16,7 @@ std::string exchanged;
 
 } // namespace
 
-/// Stands in for the request socket.
+/// Replaces the request exchange.
 std::string exchangeRequest(const std::string& request) {
   exchanged = request;
   return "answer to " + request;
@@ -43,7 +43,7 @@ Built build(const std::string& className, const std::string& type, const std::st
   return built;
 }
 
-/// The status word is one for the process, so its first value is read before any test runs.
+/// The status is process-wide, so its first value is read before any test runs.
 class FirstStatus : public testing::Environment {
 public:
   void SetUp() override { value = build("UPOS_Scanner", "request", "getInstance", "ID").status; }
@@ -142,8 +142,8 @@ TEST(ToXml, AFrameMarkInTheTextNeverReachesTheDocument) {
   }
 }
 
-// Kept for its callers' sake: the status word is the process's and is never set back, so a success
-// after a failure still tells of the failure.
+// By design: the status is process-wide and never reset, so a success after a failure still returns
+// the failure.
 TEST(ToXml, ASuccessAfterAFailureReturnsTheFailuresStatus) {
   EXPECT_EQ(build("C", "a b", "getInstance", "ID").status, 2U);
   const Built built = build("C", "request", "getInstance", "ID");

@@ -11,7 +11,7 @@ using win::wbemResult;
 
 constexpr GENERIC_MAPPING kMapping = {0, 0, 0x000F0001, 0x000F0001};
 
-/// The thread carries a token of the given level for as long as the object lives.
+/// Gives the thread a token of the given level for one scope.
 class Impersonating {
 public:
   explicit Impersonating(SECURITY_IMPERSONATION_LEVEL level, bool denied = false)
@@ -61,7 +61,7 @@ TEST(CheckAccess, WithoutATokenTheResultIsFailed) {
   EXPECT_EQ(check(kUsers), wbemResult(WBEM_E_FAILED));
 }
 
-// Kept: the Win32 code for a refused token never equals the HRESULT it is compared with.
+// Kept: a Win32 code never equals the HRESULT that it is compared with.
 TEST(CheckAccess, ATokenThatMayNotBeOpenedIsFailedNotDenied) {
   const PatchedImport patch(
       "OpenThreadToken", +[](HANDLE, DWORD, BOOL, PHANDLE) -> BOOL {
@@ -135,7 +135,7 @@ TEST(CheckAccess, ADenialAtTheFirstCallIsFinal) {
         *allowed = FALSE;
         return TRUE;
       });
-  SetLastError(ERROR_INSUFFICIENT_BUFFER); // left over from before: not to be believed
+  SetLastError(ERROR_INSUFFICIENT_BUFFER); // stale; must be ignored
   EXPECT_EQ(check(kUsers), wbemResult(WBEM_E_ACCESS_DENIED));
   EXPECT_EQ(calls, 1);
 }

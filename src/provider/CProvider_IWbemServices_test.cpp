@@ -87,7 +87,7 @@ TEST_F(ProviderObject, EverySecondaryBaseForwardsToThePrimaryOne) {
   }
 }
 
-// Kept: what asks for an event provider gets the IWbemServices interface.
+// Kept: IID_IWbemEventProvider gives the IWbemServices interface.
 TEST_F(ProviderObject, TheEventProviderInterfaceGivesThePrimaryOne) {
   constexpr IID kEventProvider = {
       0xE245105B, 0xB06E, 0x11D0, {0xAD, 0x61, 0x00, 0xC0, 0x4F, 0xD8, 0xFD, 0xFF}};
@@ -105,8 +105,8 @@ TEST_F(ProviderObject, AnyOtherInterfaceIsRefused) {
   provider_->Release();
 }
 
-// Called through the slot itself, as WMI does: each row is slot, name, result. Arguments beyond the
-// ones that an operation has are ignored by the calling convention, as are null ones here.
+// Called through the vtable slot, as by WMI. Each row: slot, name, result. The calling convention
+// ignores excess arguments.
 TEST_F(ProviderObject, EachUnimplementedOperationReturnsItsFixedCode) {
   using Method =
       HRESULT(STDMETHODCALLTYPE*)(IWbemServices*, void*, void*, void*, void*, void*, void*, void*);
@@ -209,7 +209,7 @@ TEST_F(Initialisation, ReportsToWmiAndFetchesTheEventClass) {
   EXPECT_EQ(namespace_->requested, std::vector<std::wstring>{L"QuillmonEvent"});
   EXPECT_EQ(namespace_->contexts, std::vector<IWbemContext*>{context_});
   EXPECT_EQ(eventClass_->references(), 2);
-  // The field's, the one that is kept on purpose, and the test's own.
+  // The field's, the process-wide one and the test's own.
   EXPECT_EQ(namespace_->references(), 3);
   EXPECT_EQ(provider::providerState().namespaceServices, namespace_);
 }
@@ -281,7 +281,7 @@ TEST_F(Initialisation, ASecondCallReplacesWithoutLeaking) {
   initialize();
   initialize();
   EXPECT_EQ(eventClass_->references(), 2);
-  // Two kept on purpose, one in the field, the test's own.
+  // Two process-wide ones, the field's and the test's own.
   EXPECT_EQ(namespace_->references(), 4);
   EXPECT_EQ(initSink_.statuses.size(), 2U);
 }
@@ -299,7 +299,7 @@ struct EventHandles {
     created.push_back(CreateEventW(security, manual, signalled, nullptr));
     return created.back();
   }
-  /// Remembers instead of closing.
+  /// Records the handle instead of closing it.
   static BOOL WINAPI close(HANDLE handle) {
     closed.push_back(handle);
     return TRUE;
@@ -352,7 +352,7 @@ struct Texts {
     allocated.push_back(text);
     return text == fail ? nullptr : SysAllocStringLen(text, static_cast<UINT>(std::wcslen(text)));
   }
-  /// Remembers instead of freeing.
+  /// Records the text instead of freeing it.
   static void WINAPI free(BSTR text) {
     if (text != nullptr) {
       freed.push_back(text);

@@ -19,7 +19,7 @@ public:
 
 } // namespace
 
-// Linked in place of the real one.
+// Replaces the real one.
 com::orvex::StrategyFactory* com::orvex::getStrategyFactory() {
   static FakeFactory factory;
   return &factory;
@@ -34,13 +34,13 @@ using Statuses = std::vector<HRESULT>;
 
 const HRESULT kFailed = wbemResult(WBEM_E_FAILED);
 
-/// Calls one of the two requests; for what both have in common.
+/// Tests that apply to both requests.
 enum class Request { Enumeration, Retrieval };
 
 class InstanceRequests : public ProviderTest {
 protected:
   InstanceRequests() { initialize(); }
-  // Whatever happened, no request keeps its slot.
+  // Every request returns its slot.
   ~InstanceRequests() override {
     if (checkSlots_) {
       EXPECT_EQ(freeSlots(), static_cast<int>(limit_));
@@ -88,7 +88,7 @@ TEST_F(Enumeration, TracesItsStepsInOrderAndEndsInOrder) {
       "adapter destroyed",
   };
   EXPECT_EQ(traced(), expected);
-  // The adapter is gone and the slot is free before WMI hears of the end.
+  // The adapter is destroyed and the slot is free before WMI gets the final status.
   EXPECT_EQ(traced(sink_.tracedBeforeStatus), expected);
   EXPECT_EQ(slotsAtTheEnd, 1);
 }
@@ -171,7 +171,7 @@ TEST_F(Enumeration, AnInstanceMissingWithoutAnErrorEndsItToo) {
   EXPECT_TRUE(sink_.indicated.empty());
 }
 
-// The status is the last one, so only a failure at the last instance is the enumeration's.
+// The status is that of the last instance, so earlier failures do not count.
 TEST_F(Enumeration, AFailedIndicateCountsOnlyAtTheEnd) {
   script_.instances = {device("S1"), device("S2"), device("S3")};
   sink_.failIndicateAt = 2;
@@ -217,7 +217,7 @@ TEST_F(Enumeration, WithoutAResponseHandlerIsRefused) {
   EXPECT_EQ(traced(), (Lines{"<<<< CreateInstanceEnumAsync >>>>"}));
 }
 
-// --- Who may enumerate ---
+// --- Access ---
 
 std::vector<std::string> descriptors;
 BOOL WINAPI recordDescriptor(LPCSTR text, DWORD revision, PSECURITY_DESCRIPTOR* descriptor,
@@ -233,7 +233,7 @@ BOOL WINAPI refuseDescriptor(LPCSTR, DWORD, PSECURITY_DESCRIPTOR* descriptor, PU
   return FALSE;
 }
 
-// The two differ on purpose: only the enumeration is open to authenticated users.
+// The two differ by design: only the enumeration is open to authenticated users.
 TEST_F(InstanceRequests, BuildTheirDescriptors) {
   descriptors.clear();
   const PatchedImport patch("ConvertStringSecurityDescriptorToSecurityDescriptorA",
@@ -249,7 +249,7 @@ TEST_F(InstanceRequests, BuildTheirDescriptors) {
                    "0x10000001;;;SY)(A;;0x10000001;;;S-1-5-20)(A;;0x10000001;;;S-1-5-19)"}));
 }
 
-// A descriptor is freed on each path on which it was built.
+// A descriptor is freed on every path.
 struct Freed {
   static inline std::vector<PSECURITY_DESCRIPTOR> built;
   static inline std::vector<HLOCAL> freed;
@@ -317,7 +317,7 @@ TEST_F(Enumeration, OutsideACallEndsWithThePlatformsCode) {
   EXPECT_EQ(sink_.statuses, (Statuses{outside}));
 }
 
-// On purpose: a denied caller sees an empty enumeration, not an error.
+// By design: a denied caller gets an empty enumeration, not an error.
 TEST_F(Enumeration, ByADeniedCallerIsEmptyAndSuccessful) {
   script_.instances = {device("S1")};
   CloseHandle(call_.token);
@@ -374,7 +374,7 @@ TEST_F(InstanceRequests, AskTheDeviceServerInTheServicesOwnContext) {
 
 // --- Trace ---
 
-// The switch may come on at any line, so no line may be traced in one case and not in the other.
+// Tracing may be switched on before any line, so every line must test the switch itself.
 TEST_F(InstanceRequests, EachLineTestsTheTracesSwitch) {
   script_.instances = std::vector<Instance>(100, device("S1"));
   for (const Request kind : {Request::Enumeration, Request::Retrieval}) {
@@ -519,7 +519,7 @@ TEST_F(Retrieval, TakesTheFirstOfSeveral) {
   EXPECT_EQ(sink_.indicated[0][0], L"DeviceID:8=S1");
 }
 
-// The lookup has no status: only the fields count.
+// A lookup has no status; only the number of fields decides.
 TEST_F(Retrieval, IgnoresTheAnswersStatus) {
   script_.instances = {device("S1")};
   script_.status = 1;
@@ -631,7 +631,7 @@ TEST_F(Retrieval, AFailedIndicateIsIgnored) {
   EXPECT_EQ(sink_.statuses, (Statuses{WBEM_S_NO_ERROR}));
 }
 
-// Kept: a retrieval checks no access, its descriptor is built and discarded.
+// Kept: a retrieval performs no access check; its descriptor is built and discarded.
 TEST_F(Retrieval, ByADeniedCallerIsServed) {
   script_.instances = {device("S1")};
   CloseHandle(call_.token);
@@ -677,7 +677,7 @@ TEST_F(Retrieval, WithoutAPathIsRefused) {
   EXPECT_TRUE(script_.requests.empty());
 }
 
-// --- Exceptions on the way ---
+// --- Exceptions ---
 
 TEST_F(InstanceRequests, AnExceptionInTheEnumerationEndsItForTheClient) {
   struct Row {
@@ -713,7 +713,7 @@ TEST_F(InstanceRequests, AnExceptionInTheRetrievalIsItsResult) {
 
 // --- Admission ---
 
-/// Watches the waits for the admission semaphore; every other wait goes on as it is.
+/// Replaces the waits for the admission semaphore; other waits are unchanged.
 struct AdmissionWaits {
   static inline std::vector<DWORD> timeouts;
   /// Real: the platform's wait, shortened.
@@ -725,7 +725,7 @@ struct AdmissionWaits {
       return WaitForSingleObjectEx(handle, timeout, FALSE);
     }
     timeouts.push_back(timeout);
-    recorded_trace::setSwitchedOn(true); // as when somebody switches it on meanwhile
+    recorded_trace::setSwitchedOn(true); // switched on during the wait
     return real ? WaitForSingleObjectEx(handle, 50, FALSE) : answer;
   }
 };
@@ -801,7 +801,7 @@ TEST_F(Admission, ALimitOfZeroRejectsEveryRequest) {
   EXPECT_TRUE(script_.requests.empty());
 }
 
-// Kept: only the time-out turns a request away.
+// Kept: only a time-out rejects a request.
 TEST_F(Admission, AFailedWaitAdmits) {
   script_.instances = {device("S1")};
   initialize(static_cast<UINT>(-1));
@@ -835,8 +835,8 @@ TEST_F(Admission, ManyRequestsReturnAllSlots) {
   }
 }
 
-/// Counts who is inside the exchange with the device server at once, and holds the first ones until
-/// as many as are allowed have met there.
+/// Counts concurrent exchanges with the device server, and holds the first ones until as many as
+/// are allowed are inside.
 class Meeting {
 public:
   explicit Meeting(int expected) : expected_(expected) {}
@@ -846,7 +846,7 @@ public:
     arrived_.notify_all();
     arrived_.wait_for(lock, std::chrono::seconds(20), [this] { return most_ >= expected_; });
     lock.unlock();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // room for one too many to show
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // lets an excess request arrive
     lock.lock();
     --inside_;
   }

@@ -58,7 +58,7 @@ TEST(RequestTypes, AnswerAsTheTableDoesHoweverManyWordsThereAre) {
   }
 }
 
-// Unguarded, a word entered by one thread is lost to another's: the sanitizers report the leak.
+// Without the lock, concurrent insertions lose a word; the sanitizers report the leak.
 TEST(PropertyTypes, ThreadsMayInsertUnknownWordsConcurrently) {
   PropertyTypes types;
   types.fill();

@@ -307,7 +307,7 @@ TEST(CIMDeviceUtilThreads, ReadersSeeWholeDevicesWhileEventsChangeThem) {
   const auto read = [&] {
     while (!done.load(std::memory_order_relaxed)) {
       for (const auto& device : container.getInstances("UPOS_LogicalDevice")) {
-        // Both fields are written by one event: they differ in a half-changed device only.
+        // One event writes both fields, so they differ only in a half-changed device.
         ASSERT_EQ(device->fields().at("one").value, device->fields().at("two").value);
         ASSERT_FALSE(device->instances().empty());
         seen.fetch_add(1, std::memory_order_relaxed);

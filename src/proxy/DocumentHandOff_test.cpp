@@ -24,7 +24,7 @@ protected:
   std::future<std::string> startTake() {
     return std::async(std::launch::async, [this] { return handOff_.take(); });
   }
-  /// As sure as one can be that something does not happen.
+  /// True if the future is not ready within a short wait.
   template <class Future>
   static bool isWaiting(Future& future) {
     return future.wait_for(50ms) == std::future_status::timeout;

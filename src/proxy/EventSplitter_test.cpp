@@ -126,7 +126,7 @@ TEST(EventSplitter, APrefixThatBecomesNoStartMarkerIsText) {
               ElementsAre(S + "1" + E, "<event>2" + E));
   EXPECT_THAT(splitAll({S + "1<?xml", "<?xml", S + "2" + E}),
               ElementsAre(S + "1<?xml<?xml", S + "2" + E));
-  // By the rules without a cut marker the first document would end with the "<".
+  // Without the held-back prefix the first document would end with the "<".
   EXPECT_THAT(splitAll({"1" + E + "<", "event>2" + E}), ElementsAre("1" + E, "<event>2" + E));
 }
 

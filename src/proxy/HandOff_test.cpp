@@ -9,8 +9,7 @@
 
 namespace {
 
-/// Waits that order nothing but what their signals order, so that ThreadSanitizer sees whether the
-/// hand-off's own protocol keeps the threads apart.
+/// Synchronises only by its signals, so that ThreadSanitizer checks the protocol of the hand-off.
 struct BareWaits {
   using Cancelled = const std::atomic<bool>&;
 
@@ -59,7 +58,7 @@ TEST(HandOffThreads, DocumentsOfManyProducersReachTheConsumerWholeAndInOrder) {
   for (int producer = 0; producer < kProducers; ++producer) {
     producers.emplace_back([&, producer] {
       for (int i = 0; i < kDocuments; ++i) {
-        // Longer than a string keeps within itself.
+        // Longer than the short-string buffer.
         ASSERT_TRUE(handOff.put(
             std::to_string(producer) + std::string(100, ' ') + std::to_string(i), cancelled));
       }

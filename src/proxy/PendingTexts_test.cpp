@@ -48,7 +48,7 @@ TEST_F(PendingTextsTest, BeyondTheLimitTheLargestIsDroppedOnce) {
   EXPECT_TRUE(growing.held.hold(31));
   EXPECT_EQ(most.told, 1);
   EXPECT_TRUE(most.held.isDropped());
-  EXPECT_FALSE(most.held.hold(51)); // counts no more
+  EXPECT_FALSE(most.held.hold(51)); // no longer counted
   EXPECT_TRUE(growing.held.hold(80));
   EXPECT_FALSE(growing.held.hold(81));
   EXPECT_EQ(growing.told, 1);
@@ -130,7 +130,7 @@ TEST_F(PendingTextsTest, ConnectionsMayUseTheirOwnThreads) {
     thread.join();
   }
   Client last(texts_);
-  EXPECT_TRUE(last.held.hold(100)); // nothing of theirs is left
+  EXPECT_TRUE(last.held.hold(100)); // the others hold nothing
 }
 
 } // namespace

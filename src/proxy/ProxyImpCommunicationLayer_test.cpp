@@ -72,7 +72,7 @@ TEST_F(ProxyImpCommunicationLayerTest, NamesTheEventPortAndItsDefault) {
   EXPECT_EQ(layer_->getDefaultPort(), 42114U);
 }
 
-// The first test of the process to open the layer sees the poller being made.
+// The first test that opens the layer creates the poller.
 TEST_F(ProxyImpCommunicationLayerTest, OpenStartsTheServer) {
   ASSERT_FALSE(opened_.empty());
   EXPECT_EQ(opened_.front(), "Starting listening in TCPServer");

@@ -25,14 +25,14 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-Lines sent; // what went to the device servers
+Lines sent; // to the device servers
 std::mutex sending;
 
 const std::string kUpdateRequest =
     "<?xml version='1.0' encoding='UTF-8' standalone='no' ?><request><type>updateInstances</type>"
     "</request>";
 
-/// A poller made at 0 seconds, with a clock that goes on by `step` seconds at each look.
+/// A poller created at 0 seconds, whose clock advances by `step` seconds at each reading.
 class SteppingPoller : public Poller {
 public:
   SteppingPoller(std::int32_t minutes, std::int64_t step, std::int64_t time)
@@ -44,7 +44,7 @@ private:
   std::int64_t time_;
 };
 
-/// Never destroyed: the process's poller stays in its place.
+/// Never destroyed: the process keeps using it.
 void usePoller(std::int32_t minutes, std::int64_t step, std::int64_t time = 0) {
   static auto& used = *new std::vector<Poller*>;
   used.push_back(new SteppingPoller(minutes, step, time));
@@ -197,7 +197,7 @@ TEST_F(ProxyXmlAdapter, BeforeThePeriodIsOverNothingIsSent) {
             (Lines{"<<ProxyImpXmlAdapter>> sendRequest() isPollingTime()=0"}));
 }
 
-// The first question of the two begins the next period, on purpose.
+// By design the first of the two calls starts the next period.
 TEST_F(ProxyXmlAdapter, WhenAPollIsDueItIsTracedAndNothingIsSent) {
   usePoller(60, 0, 3600);
   recorded_trace::clear();
@@ -208,7 +208,7 @@ TEST_F(ProxyXmlAdapter, WhenAPollIsDueItIsTracedAndNothingIsSent) {
 }
 
 TEST_F(ProxyXmlAdapter, SendsWhenThePeriodEndsBetweenTheTwoCalls) {
-  usePoller(1, 30); // 30 seconds at the first question, 60 at the second
+  usePoller(1, 30); // 30 seconds at the first call, 60 at the second
   recorded_trace::clear();
   EXPECT_EQ(adapter_.sendRequest(kUpdateRequest), "");
   EXPECT_EQ(sent, (Lines{kUpdateRequest}));
@@ -326,7 +326,7 @@ TEST_F(ProxyXmlAdapter, TheSecondReadingDoesNotHoldTheXmlLock) {
     EXPECT_EQ(adapter_.fromXMLEvent(text.text()).fields.size(), 20'000U);
     done = true;
   });
-  // Its field lines are the second reading's.
+  // The field lines come from the second reading.
   while (!done && recorded_trace::lines().size() < 3) {
     std::this_thread::yield();
   }
@@ -359,7 +359,7 @@ TEST_F(ProxyXmlAdapter, EventsAreReadOnSeveralThreadsConcurrently) {
 
 } // namespace
 
-/// In place of the event socket server.
+/// Replaces the event socket server's sender.
 void sendToClients(const std::string& text) {
   const std::scoped_lock lock(sending);
   sent.push_back(text);

@@ -20,7 +20,7 @@ std::string numbered(std::string name, int number) {
 // The trace is off: its lock would order the threads and hide a race from ThreadSanitizer.
 TEST(ProxyImpXmlAdapterThreads, RequestsAreAnsweredFromTheCacheWhileEventsChangeIt) {
   recorded_trace::setSwitchedOn(false);
-  const XmlLibrary library; // the events' own starts of it would take most of the time
+  const XmlLibrary library; // spares the library's start for each event
   std::atomic<bool> done = false;
   std::atomic<int> answered = 0;
   const auto request = [&] {
@@ -30,7 +30,7 @@ TEST(ProxyImpXmlAdapterThreads, RequestsAreAnsweredFromTheCacheWhileEventsChange
       adapter.toXML("UPOS_LogicalDevice", "request", "enumerateInstances", "", text);
       adapter.fromXML(adapter.sendRequest(text));
       for (const Instance& device : adapter.getInstances()) {
-        // Both fields come with one event: they differ in a half-changed device only.
+        // One event writes both fields, so they differ only in a half-changed device.
         ASSERT_EQ(device.size(), 4U);
         ASSERT_EQ(device[2][2], device[3][2]);
         answered.fetch_add(1, std::memory_order_relaxed);

@@ -33,7 +33,7 @@ std::string document(const std::string& content) {
   return S + "<event>" + content + E;
 }
 
-/// The line with "%p" in place of the address that follows `start`.
+/// The line with the address after `start` replaced by "%p".
 std::string withoutAddress(std::string line, const std::string& start) {
   return line.starts_with(start) ? line.replace(start.size(), 16, "%p") : line;
 }
@@ -63,7 +63,7 @@ protected:
     } while (server_.startListening(portOfItsOwn()) != 0);
   }
 
-  /// Outside the ports that the platform gives to connections, any of which may take it while the
+  /// Outside the platform's range of ephemeral ports, so that no connection takes it while the
   /// server is stopped.
   static std::uint16_t portOfItsOwn() {
     static unsigned count = GetCurrentProcessId();
@@ -71,15 +71,15 @@ protected:
   }
 
   std::string next() { return next(server_); }
-  /// A connection is there before the server has accepted it.
+  /// Waits until the server has accepted a connection.
   static void waitUntilAdded(std::size_t clients) { waitForLines("Adding client ", clients); }
-  /// The server closes a client's connection after it has deleted the client.
+  /// Disconnects; waits until the server has deleted the client, after which it closes the socket.
   static void leave(TestClient& client) {
     client.halfClose();
     client.waitUntilClosed();
   }
 
-  /// A server with limits that take less time to reach than the real ones.
+  /// A server with small limits.
   std::unique_ptr<TCPServer> limited(PendingLimits limits) {
     auto server = std::make_unique<TCPServer>(limits);
     EXPECT_EQ(server->startListening(0), 0U);
@@ -90,7 +90,7 @@ protected:
     server.release();
     return taken;
   }
-  /// As far as it gets: the server may have dropped it.
+  /// Ignores errors: the server may have dropped the client.
   static void sendUntilDropped(TestClient& client, const std::string& text) {
     try {
       client.send(text);
@@ -182,7 +182,7 @@ TEST_F(TCPServerTest, TracesTheTextOfEachReceive) {
   const std::string pieces[] = {document("1") + S.substr(0, 20), S.substr(20, 10),
                                 S.substr(30) + "<event>2" + E};
   for (std::size_t i = 0; i < std::size(pieces); ++i) {
-    client.send(pieces[i]); // alone on its way, as the one before has been received
+    client.send(pieces[i]); // separately: the previous piece has been received
     waitForLines("Data received from socket: ", i + 1);
     if (i == 0) {
       EXPECT_EQ(next(), document("1"));
@@ -246,7 +246,7 @@ TEST_F(TCPServerTest, AResetEndsThatClientOnly) {
   }
   other.send(document("1"));
   EXPECT_EQ(next(), document("1"));
-  EXPECT_EQ(server_.stop(), 0); // waits for both to be deleted
+  EXPECT_EQ(server_.stop(), 0); // waits until both are deleted
   EXPECT_THAT(linesStartingWith("Deleting client: "), testing::SizeIs(2));
 }
 
@@ -454,7 +454,7 @@ TEST_F(TCPServerTest, AClientThatDoesNotReadBlocksNoSender) {
   }
   const std::string text(100'000, 'x');
   for (int i = 0; i < 200; ++i) {
-    server_.sendToClients(text); // 20 MB: more than any connection holds
+    server_.sendToClients(text); // 20 MB: more than a connection buffers
   }
   client.send(document("2"));
   EXPECT_EQ(next(), document("2"));

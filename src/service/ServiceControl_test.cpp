@@ -73,8 +73,7 @@ protected:
     return {SERVICE_WIN32, state, SERVICE_ACCEPT_STOP, exitCode};
   }
 
-  /// The service's start, with a body that fails: what follows finds the status block as it leaves
-  /// it.
+  /// Starts the service with a body that fails, which sets the status block.
   static void startAndFail() { ServiceMain(0, nullptr); }
 
   static std::vector<Reported> reportsOf(int control) {
@@ -126,7 +125,7 @@ TEST_F(ServiceControl, AnInterrogationReportsTheCurrentStatus) {
               ElementsAre(reported(SERVICE_STOPPED, static_cast<DWORD>(kProcessFailed))));
 }
 
-// Kept: the state takes the last error of the thread that handles the control.
+// Kept: the state becomes the last error of the handler's thread.
 TEST_F(ServiceControl, AnUnknownControlPutsTheLastErrorIntoTheState) {
   startAndFail();
   ServiceCtrlHandler(SERVICE_CONTROL_STOP);
@@ -139,7 +138,7 @@ TEST_F(ServiceControl, AnUnknownControlPutsTheLastErrorIntoTheState) {
 
 } // namespace
 
-/// In place of the service's body.
+/// Replaces the service's body.
 HRESULT Process() noexcept {
   reportsBeforeProcess = reports;
   return kProcessFailed;

@@ -17,8 +17,8 @@ using com::orvex::StrategyFactory;
 
 namespace {
 
-// The factory stays for the life of the process. In one process the tests run in this order; each
-// also passes alone in a process of its own.
+// The factory is process-wide and permanent. In one process the tests run in this order; each also
+// passes in its own process.
 
 TEST(StrategyFactory, AnUnknownKindGivesNullUntilAFactoryExists) {
   setStrategy(2);

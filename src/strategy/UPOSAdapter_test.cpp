@@ -16,7 +16,7 @@ using testing::ElementsAre;
 
 namespace {
 
-/// What the XML adapters of a test do, and what they were asked.
+/// The behaviour of a test's XML adapters, and their recorded calls.
 struct Script {
   std::uint32_t toXmlStatus = 0;
   std::string request = "<request/>";
@@ -69,7 +69,7 @@ com::orvex::StrategyFactory* factory = &scriptedFactory;
 
 } // namespace
 
-// In place of the product's.
+// Replaces the product's.
 com::orvex::StrategyFactory* com::orvex::getStrategyFactory() {
   return factory;
 }
@@ -136,7 +136,7 @@ TEST_F(UPOSAdapterTest, AnEnumerationSendsAnEmptyIdAndTracesEachStep) {
       recorded_trace::lines(),
       ElementsAre(
           "<<UPOSAdapter::enumerateInstances>>: xml->toXML(UPOS_Scale, REQUEST, ENUMERATE, ...)",
-          // Labelled as the class, kept.
+          // Kept: labelled as the class.
           "<<UPOSAdapter::enumerateInstances>>: Invoking request to Java code - class "
           "'<request/>'",
           "<<Request>>: '<request/>'",
@@ -323,7 +323,7 @@ TEST_F(UPOSAdapterTest, ReadingAPropertyCopiesNothingButTheStringAskedFor) {
   const auto adapter = adapterWith({Instance(1000, field("a property whose name is on the heap"))});
   std::string out(100, ' '); // with storage for any of them
   const int before = countedAllocations();
-  ASSERT_GT(before, 1000); // counted at all
+  ASSERT_GT(before, 1000); // allocations are counted
   ASSERT_EQ(adapter->selectInstance(0), 1000);
   for (std::int32_t i = 0; i < 1000; ++i) {
     for (std::int32_t number = 0; number < 3; ++number) {

@@ -151,7 +151,7 @@ TEST(TraceConfig, EveryByteIsAccepted) {
   std::string bytes;
   for (int i = 0; i < 4096; ++i) {
     const char byte = static_cast<char>(i * 31 % 256);
-    bytes += byte == '\x1a' ? ' ' : byte; // Windows ends a text there
+    bytes += byte == '\x1a' ? ' ' : byte; // ends a text file on Windows
   }
   EXPECT_EQ(read(bytes + "\nFileSize=9\n"), (Settings{{Key::FileSize, 9}}));
 }

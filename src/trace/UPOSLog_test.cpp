@@ -41,7 +41,7 @@ void writeFile(const fs::path& path, std::string_view content) {
   std::ofstream(path, std::ios::binary) << content;
 }
 
-/// The messages of a log file; whatever is not a whole, stamped line fails the test.
+/// The messages of a log file. A line that is incomplete or lacks a time stamp fails the test.
 Lines messages(const fs::path& log) {
   constexpr std::string_view kShape = "dd/dd/dddd dd:dd:dd  ";
   Lines found;
@@ -67,13 +67,13 @@ std::string quoted(const std::string& text) {
 }
 
 struct Outcome {
-  bool ended = false; ///< by itself; otherwise it hung and was killed
+  bool ended = false; ///< false: it blocked and was killed
   DWORD exitCode = 0;
   std::string output;
 };
 
-/// Each case has a folder of its own with the probe in it, and the machine's one enabling event and
-/// registry key to itself.
+/// Each case has its own folder with the probe, and exclusive use of the machine's enabling event
+/// and registry key.
 class UPOSLog : public testing::Test {
 protected:
   void SetUp() override {
@@ -97,8 +97,8 @@ protected:
     ReleaseMutex(oneAtATime_.get());
   }
 
-  /// Runs the probe in its folder. It is killed when it has not ended after a minute, or a second
-  /// after its output ended in `hangsAfter`.
+  /// Runs the probe in its folder. Kills it after a minute, or one second after its output has
+  /// ended with `hangsAfter`.
   Outcome run(const Lines& commands, std::string_view hangsAfter = {}) {
     const fs::path output = folder_ / "output.txt";
     std::string commandLine = quoted((folder_ / "probe.exe").string());
@@ -143,7 +143,7 @@ protected:
     return outcome;
   }
 
-  /// As run, with tracing switched on first; the probe has to come to its end.
+  /// As run, with tracing switched on; expects the probe to end.
   std::string runSwitchedOn(const Lines& commands) {
     Lines all{"event", "signal"};
     all.insert(all.end(), commands.begin(), commands.end());
@@ -153,7 +153,7 @@ protected:
     return outcome.output;
   }
 
-  /// As run, with tracing switched on first; the probe has to hang once its output ends so.
+  /// As run, with tracing switched on; expects the probe to block after that output.
   std::string runUntilItHangs(const Lines& commands, const std::string& hangsAfter) {
     Lines all{"event", "signal"};
     all.insert(all.end(), commands.begin(), commands.end());
@@ -167,7 +167,7 @@ protected:
   fs::path log() const { return folder_ / "Quillmon.log"; }
   Lines logged() const { return messages(log()); }
 
-  /// Makes `home` the installation: its folder for the log, and the registry value that names it.
+  /// Makes `home` the installation: creates its log folder and sets the registry value.
   void install(const fs::path& home) {
     fs::create_directories(home / "Log");
     setInstallDir(home.string() + "\\");
@@ -182,7 +182,7 @@ protected:
     install(folder_ / "home");
     writeFile(folder_ / "home" / "zontrace.cfg", content);
   }
-  /// The line that its log begins with.
+  /// The first line of its log.
   std::string nameLine() const {
     return "Name of Config file to read : " + (folder_ / "home").string() + "\\zontrace.cfg";
   }
@@ -252,7 +252,7 @@ TEST_F(UPOSLog, EachCallTestsTheEvent) {
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "seen"));
 }
 
-// The first line is the one that sees the signal, and the later ones stay on without it.
+// The first call consumes the signal; later calls stay on without it.
 TEST_F(UPOSLog, ASignalIsNoticedByACallBeforeItsReset) {
   EXPECT_TRUE(run({"event", "signal", "trace", "first", "reset", "trace", "second"}).ended);
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "first", "second"));
@@ -303,7 +303,7 @@ TEST_F(UPOSLog, AHostileFormatIsWrittenUnchanged) {
   EXPECT_THAT(logged(), ElementsAre(kNoConfiguration, "%s%n%p %999999999d 100% 50%"));
 }
 
-// Whoever searches the log finds a peer's text as it came: nothing is replaced, nothing put in.
+// A peer's text is written unchanged, so that it can be searched for.
 TEST_F(UPOSLog, ALineIsTheMessageByteByByte) {
   const std::string text = "answer\r\n01/02/2026 03:04:05  [Process]\n1\r9\t\x1B[2K\x01\x7F\xE9";
   runSwitchedOn({"trace", text, "format", "\n1%%\x1B[2K"});
@@ -318,7 +318,7 @@ TEST_F(UPOSLog, LinesAreAppendedToAnExistingLog) {
   EXPECT_THAT(logged(), ElementsAre("earlier", kNoConfiguration, "later"));
 }
 
-// -- Where the log lies
+// -- The location of the log
 
 TEST_F(UPOSLog, IsBesideTheProgramWithoutTheRegistryKey) {
   EXPECT_THAT(run({"path"}).output, HasSubstr(log().string() + "\r\n"));
@@ -327,7 +327,7 @@ TEST_F(UPOSLog, IsBesideTheProgramWithoutTheRegistryKey) {
 TEST_F(UPOSLog, IsBesideTheProgramWithoutTheRegistryValue) {
   makeKey();
   runSwitchedOn({"trace", "first"});
-  // The configuration is then looked for under its bare name, in the current directory.
+  // The configuration is then read from the current directory.
   EXPECT_THAT(logged(),
               ElementsAre("Name of Config file to read : zontrace.cfg", kNoConfiguration, "first"));
 }
@@ -410,7 +410,7 @@ TEST_F(UPOSLog, WithoutALimitTheLogGrowsAndNothingIsRotated) {
 }
 
 TEST_F(UPOSLog, WithoutALimitEveryLineToAnExistingLogStartsARotationThread) {
-  // The first line about the configuration makes the file.
+  // The first line, about the configuration, creates the file.
   EXPECT_THAT(runSwitchedOn({"trace", "first", "countthreads"}), HasSubstr("\r\n1 threads\r\n"));
   EXPECT_THAT(runSwitchedOn({"trace", "a", "trace", "b", "countthreads"}),
               HasSubstr("\r\n3 threads\r\n"));
@@ -437,7 +437,7 @@ TEST_F(UPOSLog, TheLimitCountsStampMessageAndSizeButOneBlank) {
   const std::size_t overhead = kStampLength + 2;
   fs::remove(installed());
 
-  // Exactly the limit stays, and the one blank that is not counted puts the file beyond it.
+  // A size of exactly the limit is kept; the blank that is not counted exceeds it.
   runSwitchedOn({"trace", "measure", "long", std::to_string(1000 - overhead - size)});
   EXPECT_FALSE(fs::exists(installed(1)));
   EXPECT_EQ(fs::file_size(installed()), 1001U);
@@ -498,7 +498,7 @@ TEST_F(UPOSLog, IsSilentOnTheConsoleUnlessAskedToEcho) {
 
 TEST_F(UPOSLog, EchoesStampAndMessageToTheConsole) {
   const std::string output = runSwitchedOn({"echo", "trace", "first"});
-  // One blank, and the message's own line end on a stream that makes one more carriage return.
+  // One blank; the message's line end gets a second carriage return from the text stream.
   const std::size_t found = output.find("first\r\r\n");
   ASSERT_NE(found, std::string::npos) << output;
   EXPECT_EQ(output.substr(found - kStampLength, kStampLength),
@@ -530,7 +530,7 @@ TEST_F(UPOSLog, ManyThreadsLoseNoLineAndNeverMix) {
 }
 
 TEST_F(UPOSLog, ConcurrentFirstWritersNeverOverlap) {
-  // With the log there already each line starts a rotation, inside its turn.
+  // With an existing log each line starts a rotation while it holds the write event.
   writeFile(log(), "");
   EXPECT_THAT(runSwitchedOn({"slowevents", "threads", "6", "1", "overlaps"}),
               HasSubstr("\r\n0 overlaps\r\n"));
@@ -560,7 +560,7 @@ TEST_F(UPOSLog, ManyThreadsLoseNoLineInARotation) {
   EXPECT_EQ(found, expected);
 }
 
-// -- Names that others have taken
+// -- Names that other processes use
 
 TEST_F(UPOSLog, WritersNeverOverlapThoughAMutexHasTheNameOfTheWriteEvent) {
   writeFile(log(), "");
@@ -645,7 +645,7 @@ TEST_F(UPOSLog, AnUnopenableLogIsStillEchoed) {
 }
 
 TEST_F(UPOSLog, ADirectoryInPlaceOfTheLogBlocksTheFirstCall) {
-  // Its line about the configuration keeps the turn that the line itself then waits for.
+  // The line about the configuration keeps the write event, which the call itself then waits for.
   fs::create_directories(log());
   runUntilItHangs({"trace", "waits"}, "signal done\r\n");
 }

@@ -27,7 +27,7 @@ bool loads(const char* name) {
   return module != nullptr;
 }
 
-/// Some library under a name of its own, beside this program.
+/// A library with a unique name beside this program.
 class PlantedLibrary {
 public:
   PlantedLibrary() {
@@ -62,7 +62,7 @@ TEST(CodeSearch, RemoteAndLowIntegrityImagesAreRefused) {
                                                                   observedPolicy);
   win::loadCodeFromSystemOnly();
   EXPECT_EQ(policyKind, ProcessImageLoadPolicy);
-  EXPECT_EQ(policyFlags, 7U); // no remote images, none of low integrity, the system's folder first
+  EXPECT_EQ(policyFlags, 7U); // no remote or low-integrity images; the system folder first
 }
 
 } // namespace

@@ -21,7 +21,7 @@ constexpr std::size_t kSmallStack = std::size_t{128} * 1024;
 
 constexpr const XMLCh* kElements[] = {u"a", u"r", u"field"};
 constexpr const XMLCh* kAttributes[] = {u"n", u"name", u"type"};
-/// For documents of these tests' own making.
+/// The vocabulary of these tests.
 constexpr Vocabulary kEverything{kElements, kElements, kAttributes};
 
 std::vector<std::string> names(const Elements& elements) {
@@ -183,7 +183,7 @@ TEST_F(DocumentReaderTest, ManyAttributesOfAnElementAreReadInLinearTime) {
   EXPECT_EQ(attributeOf(*reader.elements(u"instance").at(0), u"name"), "UPOS_Scanner");
 }
 
-/// How much the fields of `document` are when each instance reads all fields below it, or why not.
+/// The total size of the fields when each instance reads all fields below it, or the error.
 std::string readAllFields(const std::string& document) {
   std::size_t read = 0;
   try {
@@ -211,7 +211,7 @@ std::string nestedInFields(std::size_t depth, const std::string& text) {
 
 const std::string kTooMuch = "Nested fields repeat too much of the document";
 
-// A document of a megabyte grew to a gigabyte of fields.
+// Without the budget a document of one megabyte yields a gigabyte of fields.
 TEST_F(DocumentReaderTest, NestedFieldsThatRepeatADocumentTooOftenAreRefused) {
   const std::string text(200'000, 'x');
   EXPECT_EQ(readAllFields("<instance>" + nestedInFields(7, text) + "</instance>"), "1400000");
@@ -264,7 +264,7 @@ TEST_F(DocumentReaderTest, ReadsAByteOrderMarkAndForeignEncodings) {
   EXPECT_EQ(textOf("\xEF\xBB\xBF<?xml version='1.0' encoding='UTF-8'?><r>marked</r>"), "marked");
   EXPECT_EQ(textOf("<?xml version='1.0' encoding='ISO-8859-1'?><r>M\xFCller</r>"),
             narrow(u"M\u00FCller"));
-  // The bytes decide against a declaration that cannot be true.
+  // The bytes override a declaration that contradicts them.
   EXPECT_EQ(textOf("<?xml version='1.0' encoding='UTF-16'?><r>M\xC3\xBCller</r>"),
             narrow(u"M\u00FCller"));
 }
@@ -278,7 +278,7 @@ TEST_F(DocumentReaderTest, ReadsHugeValues) {
 }
 
 TEST_F(DocumentReaderTest, OpensNothingOutsideTheDocument) {
-  // Each is well-formed and names a file that cannot be read: a look at it would be a failure.
+  // Each is well-formed and names an unreadable file, so that opening it would fail.
   EXPECT_EQ(textOf("<?xml-stylesheet href='file:///none/such.xsl'?><r>a</r>"), "a");
   EXPECT_EQ(textOf("<r xmlns:xsi='http://www.w3.org/2001/XMLSchema-instance'"
                    " xsi:noNamespaceSchemaLocation='file:///none/such.xsd'>b</r>"),

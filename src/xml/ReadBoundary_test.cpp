@@ -25,7 +25,7 @@ class ReadBoundary : public testing::Test {
 protected:
   void SetUp() override { recorded_trace::clear(); }
 
-  /// Runs `read` within the boundary, keeps what was written to standard error.
+  /// Runs `read` guarded; captures standard error.
   bool run(const std::function<void()>& read) {
     testing::internal::CaptureStderr();
     const bool whole = readGuarded("<< the unknown line >> : ", read);
