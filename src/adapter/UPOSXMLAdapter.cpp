@@ -124,7 +124,7 @@ std::uint32_t UPOSXMLAdapter::fromXML(std::string response) {
 
 std::uint32_t UPOSXMLAdapter::readResponse(std::string response) {
   DocumentReader document(response);
-  std::string().swap(response); // a large answer is not held beside its tree and its list
+  std::string().swap(response); // frees a large answer before the list grows
   const Elements errors = document.elements(u"error");
   UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",
                  static_cast<int>(errors.size()));

@@ -70,7 +70,7 @@ HRESULT spawnInstance(IWbemClassObject* classObject, ComPtr<IWbemClassObject>& i
 void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount,
                provider::RequestTypes& types, IWbemClassObject* instance,
                std::string_view traceFormat) {
-  std::string name; // these keep their storage from field to field
+  std::string name; // reused for all fields
   std::string type;
   std::string text;
   std::wstring wideName;

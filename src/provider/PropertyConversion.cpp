@@ -8,8 +8,8 @@ namespace provider {
 
 namespace {
 
-/// The number that one to nine digits are in every locale; nearly every number is such a text, and
-/// the platform looks the locale up for it.
+/// Reads one to nine digits, which are the same number in every locale. Faster than the platform,
+/// which looks the locale up.
 std::optional<LONG> plainNumber(std::wstring_view text) noexcept {
   const auto isDigit = [](wchar_t each) { return each >= L'0' && each <= L'9'; };
   if (text.empty() || text.size() > 9 || !std::all_of(text.begin(), text.end(), isDigit)) {

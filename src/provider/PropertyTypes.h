@@ -34,9 +34,9 @@ private:
   std::map<std::string, PropertyType> types_;
 };
 
-/// The table as one request sees it: the first words that it meets are looked up once.
+/// A cache of the table for one request: looks up each of the first eight words once.
 ///
-/// Owner: one request, on its stack. Errors: as the table's.
+/// Owner and thread: the request. Errors: std::bad_alloc.
 class RequestTypes {
 public:
   explicit RequestTypes(PropertyTypes& table) : table_(table) {}
@@ -49,7 +49,7 @@ private:
   };
 
   PropertyTypes& table_;
-  std::array<Known, 8> known_; // the table's seven, and one more
+  std::array<Known, 8> known_; // the table's seven words and one more
   std::size_t count_ = 0;
 };
 

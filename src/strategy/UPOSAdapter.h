@@ -23,11 +23,10 @@ public:
   void getInstance(std::string className, std::string key);
 
   [[nodiscard]] std::int32_t getInstanceCount() const noexcept;
-  /// Selects an instance and returns its number of properties; 0, without a change, if `index` is
-  /// out of range.
+  /// The number of properties of an instance; 0 if `index` is out of range.
   std::int32_t selectInstance(std::int32_t index);
   /// Gets one string of a property: item 0 name, 1 type word, 2 value. If an index is out of range:
-  /// the first string of the last selected property, or empty text. Inline, since it is called
+  /// the first string of the property read last, or empty text. Inline, since it is called
   /// three times per field.
   void getPropertyItem(std::string* out, std::int32_t instanceIndex, std::int32_t propertyIndex,
                        std::int32_t item) {
@@ -46,13 +45,13 @@ public:
 private:
   template <class List>
   static bool has(const List& list, std::int32_t index) noexcept {
-    return static_cast<std::uint32_t>(index) < list.size(); // a negative index is far above
+    return static_cast<std::uint32_t>(index) < list.size(); // a negative index becomes a large one
   }
   void setInstances(InstanceList instances);
 
   std::string unused1_; // kept for the layout
   std::string unused2_;
   InstanceList instances_;
-  const Field* currentProperty_ = nullptr; ///< the last selected property, in instances_
-  std::string lastName_; ///< the name of the last selected property of the previous instances_
+  const Field* currentProperty_ = nullptr; ///< the property read last, in instances_
+  std::string lastName_; ///< the name of the property read last in the previous instances_
 };

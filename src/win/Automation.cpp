@@ -28,8 +28,8 @@ std::size_t checkedResult(int result) {
   return static_cast<std::size_t>(result);
 }
 
-/// Every ANSI code page of Windows has ASCII as it is: such a text, nearly every one, is widened
-/// without asking the platform.
+/// Every ANSI code page of Windows contains ASCII unchanged, so ASCII text is widened without the
+/// platform.
 bool isAscii(std::string_view text) noexcept {
   return std::all_of(text.begin(), text.end(), [](char each) { return (each & 0x80) == 0; });
 }

@@ -224,7 +224,7 @@ std::vector<DocumentReader::WithFields> DocumentReader::elementsWithFields(const
     std::size_t end;
   };
   std::vector<Place> places;
-  std::vector<std::size_t> open; // indices in `places` of the elements that enclose the current node
+  std::vector<std::size_t> open; // indices in `places` of the enclosing elements
   fields_.clear();
   walkBelow(
       *parser_->getDocument(), path_,

@@ -87,6 +87,6 @@ private:
   xercesc::MemBufInputSource source_;
   std::unique_ptr<Parser> parser_;
   Elements fields_;
-  std::vector<const xercesc::DOMNode*> path_; ///< these two keep their storage from field to field
+  std::vector<const xercesc::DOMNode*> path_; ///< like text_, reused for all fields
   std::basic_string<XMLCh> text_;
 };

@@ -13,8 +13,8 @@ struct Release {
   void operator()(XMLCh* text) const { xercesc::XMLString::release(&text); }
 };
 
-/// Every ANSI code page of Windows, and every locale of the native builds, has ASCII as it is: such
-/// a text, nearly every one, is copied without asking the platform.
+/// Every ANSI code page of Windows, and every locale of the native builds, contains ASCII
+/// unchanged. ASCII text is therefore copied without the platform.
 constexpr XMLCh kEndOfAscii = 0x80;
 
 } // namespace
