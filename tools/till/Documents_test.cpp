@@ -34,7 +34,7 @@ std::string complaintAbout(std::string_view request,
   return "no complaint";
 }
 
-TEST(Request, isReadWithAnyDeclaration) {
+TEST(Request, IsReadWithAnyDeclaration) {
   const std::string body =
       "<request><type>getInstance</type><class>UPOS_Scale</class><id>SCALE1</id></request>";
   for (const char* declaration :
@@ -49,7 +49,7 @@ TEST(Request, isReadWithAnyDeclaration) {
   }
 }
 
-TEST(Request, forAnEnumerationHasNoId) {
+TEST(Request, ForAnEnumerationHasNoId) {
   const Request request =
       read("<request>\n <type>enumerateInstances</type>\n <class>UPOS_Scanner</class>\n</request>");
   EXPECT_EQ(request.type, "enumerateInstances");
@@ -57,14 +57,14 @@ TEST(Request, forAnEnumerationHasNoId) {
   EXPECT_EQ(request.id, "");
 }
 
-TEST(Request, isUnescaped) {
+TEST(Request, IsUnescaped) {
   EXPECT_EQ(read("<request><type>getInstance</type><class>A&lt;B</class>"
                  "<id>Tom &amp; <![CDATA[<Jerry>]]></id></request>")
                 .id,
             "Tom & <Jerry>");
 }
 
-TEST(Request, isUtf8WhateverItDeclares) {
+TEST(Request, IsUtf8WhateverItDeclares) {
   const std::string body = "<request><type>getInstance</type><class>UPOS_Scale</class>"
                            "<id>W\xC3\xA4hrung \xE2\x82\xAC</id></request>";
   for (const char* declaration : {"", "<?xml version='1.0' encoding='windows-1252'?>",
@@ -73,7 +73,7 @@ TEST(Request, isUtf8WhateverItDeclares) {
   }
 }
 
-TEST(Request, thatIsNoUtf8IsReadAsItDeclares) {
+TEST(Request, ThatIsNoUtf8IsReadAsItDeclares) {
   const std::string body = "<request><type>getInstance</type><class>UPOS_Scale</class>"
                            "<id>W\xE4hrung \x80</id></request>";
   EXPECT_EQ(read("<?xml version='1.0' encoding='windows-1252'?>" + body).id,
@@ -82,7 +82,7 @@ TEST(Request, thatIsNoUtf8IsReadAsItDeclares) {
               StartsWith("malformed request: "));
 }
 
-TEST(Request, thatCannotBeReadIsNamed) {
+TEST(Request, ThatCannotBeReadIsNamed) {
   const struct {
     const char* request;
     const char* complaint;
@@ -116,7 +116,7 @@ TEST(Request, thatCannotBeReadIsNamed) {
   }
 }
 
-TEST(Request, nestedWithoutBoundIsRefused) {
+TEST(Request, NestedWithoutBoundIsRefused) {
   std::string deep = "<request>";
   for (int i = 0; i < 100000; ++i) {
     deep += "<a>";
@@ -124,12 +124,12 @@ TEST(Request, nestedWithoutBoundIsRefused) {
   EXPECT_EQ(complaintAbout(deep), "malformed request: elements are nested too deeply");
 }
 
-TEST(Request, ofBytesThatAreNoTextIsMalformed) {
+TEST(Request, OfBytesThatAreNoTextIsMalformed) {
   EXPECT_THAT(complaintAbout(std::string(1000, '\0')), StartsWith("malformed request: "));
   EXPECT_THAT(complaintAbout("\xFF\xFE<\0r\0"), StartsWith("malformed request: "));
 }
 
-TEST(UpdateRequest, isAcceptedInAnyWellFormedShape) {
+TEST(UpdateRequest, IsAcceptedInAnyWellFormedShape) {
   for (const char* request :
        {"<?xml version='1.0' encoding='UTF-8' standalone='no' ?>"
         "<request><type>updateInstances</type></request>",
@@ -141,7 +141,7 @@ TEST(UpdateRequest, isAcceptedInAnyWellFormedShape) {
   }
 }
 
-TEST(UpdateRequest, isNoOtherRequest) {
+TEST(UpdateRequest, IsNoOtherRequest) {
   const struct {
     const char* request;
     const char* complaint;
@@ -160,7 +160,7 @@ TEST(UpdateRequest, isNoOtherRequest) {
   }
 }
 
-TEST(Response, listsEachInstanceUnderItsOwnClass) {
+TEST(Response, ListsEachInstanceUnderItsOwnClass) {
   const Device first = scanner();
   const Device second{"UPOS_Scale", "SCALE1", true, {}};
   EXPECT_EQ(responseDocument({&first, &second}),
@@ -172,11 +172,11 @@ TEST(Response, listsEachInstanceUnderItsOwnClass) {
             R"(</instance></response>)");
 }
 
-TEST(Response, mayBeWithoutInstances) {
+TEST(Response, MayBeWithoutInstances) {
   EXPECT_EQ(responseDocument({}), R"(<?xml version="1.0" encoding="UTF-8"?><response></response>)");
 }
 
-TEST(Response, escapesWhatMarkupWouldMisread) {
+TEST(Response, EscapesWhatMarkupWouldMisread) {
   const Device device{"UPOS_Scale", "A&\"B\"", true, {{"x<y", "string", "1 < 2 > 0\n\t\r"}}};
   const std::string document = responseDocument({&device});
   EXPECT_THAT(document, HasSubstr("A&amp;&quot;B&quot;"));
@@ -189,13 +189,13 @@ TEST(Response, escapesWhatMarkupWouldMisread) {
   EXPECT_EQ(root.children[0].children[1].text, "1 < 2 > 0\n\t\r");
 }
 
-TEST(ErrorAnswer, namesTheError) {
+TEST(ErrorAnswer, NamesTheError) {
   EXPECT_EQ(
       errorDocument("no <type>"),
       R"(<?xml version="1.0" encoding="UTF-8"?><response><error name="no &lt;type&gt;"/></response>)");
 }
 
-TEST(HugeAnswer, holdsAsManyInstancesAsAskedForAllToBeKept) {
+TEST(HugeAnswer, HoldsAsManyInstancesAsAskedForAllToBeKept) {
   const XmlElement root = readXml(hugeDocument("UPOS_Scale", 1000));
   ASSERT_EQ(root.children.size(), 1000U);
   EXPECT_EQ(*root.children[999].attribute("name"), "UPOS_Scale");
@@ -203,7 +203,7 @@ TEST(HugeAnswer, holdsAsManyInstancesAsAskedForAllToBeKept) {
   EXPECT_EQ(root.children[999].children[1].text, "Veltran");
 }
 
-TEST(EventDocument, isExactlyWhatTheProtocolShows) {
+TEST(EventDocument, IsExactlyWhatTheProtocolShows) {
   EXPECT_EQ(eventDocument(scanner(), "Scanner", "modifyInstance", "1", EventFields::DatagramOnly),
             "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>"
             R"(<event type="modifyInstance" classname="Scanner" modifyInstanceCode="1" )"
@@ -211,12 +211,12 @@ TEST(EventDocument, isExactlyWhatTheProtocolShows) {
             R"(<field name="ManufacturerName" type="string">Veltran</field></event>)");
 }
 
-TEST(EventDocument, mayCarryAllFieldsOfTheDevice) {
+TEST(EventDocument, MayCarryAllFieldsOfTheDevice) {
   EXPECT_THAT(eventDocument(scanner(), "Scanner", "addInstance", "", EventFields::All),
               HasSubstr(R"(<field name="GoodScanCount" type="uint32">7</field></event>)"));
 }
 
-TEST(XmlText, isUtf8OfAllowedCharacters) {
+TEST(XmlText, IsUtf8OfAllowedCharacters) {
   for (const char* text : {"", "abc\t\r\n", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",
                            "\xED\x9F\xBF", "\xEF\xBF\xBD", "\xF4\x8F\xBF\xBF"}) {
     EXPECT_TRUE(isXmlText(text)) << text;

@@ -7,12 +7,12 @@ namespace {
 
 using namespace std::string_literals;
 
-TEST(Frame, wrapsTheMessageBetweenEscapeAndBackspace) {
+TEST(Frame, WrapsTheMessageBetweenEscapeAndBackspace) {
   EXPECT_EQ(frame("abc"), "\x1B"
                           "abc\x08");
 }
 
-TEST(FrameScanner, givesTheBytesBetweenTheMarks) {
+TEST(FrameScanner, GivesTheBytesBetweenTheMarks) {
   FrameScanner scanner;
   EXPECT_EQ(scanner.feed("noise\x08\x1B"
                          "abc\x08more\x1B"
@@ -20,7 +20,7 @@ TEST(FrameScanner, givesTheBytesBetweenTheMarks) {
             "abc");
 }
 
-TEST(FrameScanner, joinsAMessageFedByteByByte) {
+TEST(FrameScanner, JoinsAMessageFedByteByByte) {
   FrameScanner scanner;
   const std::string stream = "x\x1B"
                              "hello \0 there"s;
@@ -32,7 +32,7 @@ TEST(FrameScanner, joinsAMessageFedByteByByte) {
   EXPECT_EQ(scanner.fed(), stream.size() + 1);
 }
 
-TEST(FrameScanner, keepsAStartMarkInsideTheMessage) {
+TEST(FrameScanner, KeepsAStartMarkInsideTheMessage) {
   FrameScanner scanner;
   EXPECT_EQ(scanner.feed("\x1B"
                          "a\x1B"
@@ -41,14 +41,14 @@ TEST(FrameScanner, keepsAStartMarkInsideTheMessage) {
             "b");
 }
 
-TEST(FrameScanner, dropsAnEndMarkOutsideAMessage) {
+TEST(FrameScanner, DropsAnEndMarkOutsideAMessage) {
   FrameScanner scanner;
   EXPECT_EQ(scanner.feed("\x08\x08"), std::nullopt);
   EXPECT_FALSE(scanner.started());
   EXPECT_EQ(scanner.feed("\x1B\x08"), "");
 }
 
-TEST(FrameScanner, countsDroppedBytesToo) {
+TEST(FrameScanner, CountsDroppedBytesToo) {
   FrameScanner scanner;
   EXPECT_EQ(scanner.feed(std::string(5000, 'x')), std::nullopt);
   EXPECT_EQ(scanner.fed(), 5000U);
@@ -56,7 +56,7 @@ TEST(FrameScanner, countsDroppedBytesToo) {
 
 using Documents = std::vector<std::string>;
 
-TEST(RequestScanner, givesEachDocumentUpToItsEndTag) {
+TEST(RequestScanner, GivesEachDocumentUpToItsEndTag) {
   RequestScanner scanner;
   EXPECT_EQ(scanner.feed("<request>a</request>\r\n <request>b</request>\n<requ"),
             (Documents{"<request>a</request>", "<request>b</request>"}));
@@ -65,7 +65,7 @@ TEST(RequestScanner, givesEachDocumentUpToItsEndTag) {
   EXPECT_EQ(scanner.pendingSize(), 0U);
 }
 
-TEST(RequestScanner, givesTheSameDocumentsByteByByte) {
+TEST(RequestScanner, GivesTheSameDocumentsByteByByte) {
   const std::string stream = " <?xml version='1.0'?><request>1</request>\t\n"
                              "<request></requ></request>junk</request></request>";
   const Documents whole = RequestScanner().feed(stream);
@@ -81,7 +81,7 @@ TEST(RequestScanner, givesTheSameDocumentsByteByByte) {
   EXPECT_EQ(pieces, whole);
 }
 
-TEST(RequestScanner, keepsNoBlanksWhileItWaits) {
+TEST(RequestScanner, KeepsNoBlanksWhileItWaits) {
   RequestScanner scanner;
   EXPECT_EQ(scanner.feed(std::string(1000, ' ')), Documents());
   EXPECT_EQ(scanner.pendingSize(), 0U);

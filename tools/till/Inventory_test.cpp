@@ -25,7 +25,7 @@ std::string complaintAbout(const std::string& document) {
   return "no complaint";
 }
 
-TEST(Inventory, givesTheDevicesInOrder) {
+TEST(Inventory, GivesTheDevicesInOrder) {
   const Inventory inventory = readInventory(R"(<?xml version="1.0"?>
 <till name="T">
   <!-- remark -->
@@ -52,11 +52,11 @@ TEST(Inventory, givesTheDevicesInOrder) {
   EXPECT_EQ(inventory.attachedCount(), 1U);
 }
 
-TEST(Inventory, mayBeOfATillWithoutDevices) {
+TEST(Inventory, MayBeOfATillWithoutDevices) {
   EXPECT_TRUE(readInventory("<till/>", "t.xml").devices().empty());
 }
 
-TEST(Inventory, namesTheLineOfAMistake) {
+TEST(Inventory, NamesTheLineOfAMistake) {
   const std::string device = "<till>\n<device class=\"UPOS_Scale\" id=\"S\">\n";
   const std::string end = "</device>\n</till>";
   const struct {
@@ -102,7 +102,7 @@ TEST(Inventory, namesTheLineOfAMistake) {
   }
 }
 
-TEST(Inventory, warnsOfWhatTheServiceCannotUse) {
+TEST(Inventory, WarnsOfWhatTheServiceCannotUse) {
   const Inventory inventory = readInventory(R"(<till>
 <device class="UPOS_Scale" id="S"/>
 <device class="UPOS_Scale" id='a"b'>
@@ -125,7 +125,7 @@ TEST(Inventory, warnsOfWhatTheServiceCannotUse) {
   EXPECT_EQ(inventory.devices().size(), 2U);
 }
 
-TEST(Inventory, namesAMissingFile) {
+TEST(Inventory, NamesAMissingFile) {
   try {
     readFile("no/such/till.xml");
     FAIL() << "no complaint";
@@ -134,7 +134,7 @@ TEST(Inventory, namesAMissingFile) {
   }
 }
 
-TEST(SampleTill, isARealisticTill) {
+TEST(SampleTill, IsARealisticTill) {
   const Inventory inventory = readInventory(readFile(SAMPLES_FOLDER "/till.xml"), "till.xml");
   EXPECT_THAT(inventory.warnings, IsEmpty());
   std::set<std::string> classes;
