@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -56,7 +57,7 @@ int main(int argc, char* argv[]) {
   wmi_host::Repository repository = wmi_host::systemRepository();
   try {
     wmi_host::readMof(repository, text.str(), argv[1]);
-  } catch (const wmi_host::MofError& error) {
+  } catch (const std::runtime_error& error) {
     std::cout << error.what() << "\r\nCompiler returned error 0x80044000\r\n";
     return 3;
   }

@@ -223,7 +223,8 @@ std::wstring Class::text(std::wstring_view qualifier) const {
 }
 
 bool Class::derivesFrom(std::wstring_view ancestor) const {
-  return sameName(name, ancestor) || (superclass && superclass->derivesFrom(ancestor));
+  return ancestor.empty() || sameName(name, ancestor) ||
+         (superclass && superclass->derivesFrom(ancestor));
 }
 
 Object Object::ofClass(ClassPointer type) {

@@ -63,7 +63,6 @@ struct Qualifier {
   static constexpr int kToSubclass = 2;
   static constexpr int kNotOverridable = 0x10;
   static constexpr int kPropagated = 0x20;
-  static constexpr int kAmended = 0x80;
 
   std::wstring name;
   CimType type = CimType::boolean;
@@ -97,7 +96,7 @@ struct Class {
   std::wstring text(std::wstring_view qualifier) const;
   bool isAbstract() const { return flag(L"abstract"); }
   bool isDynamic() const { return flag(L"dynamic"); }
-  /// True for the class itself, too.
+  /// True for the class itself, too, and for the empty name.
   bool derivesFrom(std::wstring_view ancestor) const;
 };
 using ClassPointer = std::shared_ptr<const Class>;
