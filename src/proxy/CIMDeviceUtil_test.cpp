@@ -1,19 +1,19 @@
 #include "RecordedTrace.h"
 #include "proxy/CIMDeviceUtil.h"
+#include "proxy/testing/CacheModel.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <map>
 #include <random>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
+using proxy_testing::CacheModel;
+using proxy_testing::seen;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -207,69 +207,6 @@ TEST(CIMDeviceUtil, UsesTheProcessesContainerByDefault) {
   EXPECT_EQ(CIMContainer::getInstance().find(key), nullptr);
 }
 
-/// The cache's rules once more, as plainly as they can be put.
-class Model {
-public:
-  struct Device {
-    std::string className;
-    std::string id;
-    std::vector<std::string> listed;
-    std::map<std::string, std::string> fields;
-    bool operator==(const Device&) const = default;
-  };
-
-  std::string process(const DeviceEvent& event) {
-    const auto device = std::find_if(devices.begin(), devices.end(),
-                                     [&](const Device& d) { return d.id == event.deviceId; });
-    const bool known = device != devices.end();
-    if (event.type == "addInstance" && !known) {
-      devices.push_back({event.className, event.deviceId, {event.provider}, {}});
-      set(devices.back(), event);
-    } else if (event.type == "addInstance") {
-      device->listed.push_back(event.provider);
-      set(*device, event);
-      return "NA";
-    } else if (event.type == "modifyInstance" && known) {
-      set(*device, event);
-      return event.modifyInstanceCode.empty() || event.modifyInstanceCode == " " ? "NA"
-                                                                                 : event.type;
-    } else if (event.type == "delInstance" && known) {
-      const auto found = std::find(device->listed.begin(), device->listed.end(), event.provider);
-      if (found != device->listed.end()) {
-        device->listed.erase(found);
-      }
-      if (!device->listed.empty()) {
-        return "NA";
-      }
-      devices.erase(device);
-    } else if (event.type == "modifyInstance" || event.type == "delInstance") {
-      return "NA";
-    }
-    return event.type;
-  }
-
-  std::vector<Device> devices;
-
-private:
-  static void set(Device& device, const DeviceEvent& event) {
-    for (const Field& field : event.fields) {
-      device.fields[field[0]] = field[1] + ":" + field[2];
-    }
-  }
-};
-
-std::vector<Model::Device> contentOf(const CIMContainer& container) {
-  std::vector<Model::Device> devices;
-  for (const auto& device : container.getInstances("UPOS_LogicalDevice")) {
-    Model::Device seen{device->getClassName(), device->getDeviceId(), device->instances(), {}};
-    for (const auto& [name, value] : device->fields()) {
-      seen.fields[name] = value.type + ":" + value.value;
-    }
-    devices.push_back(seen);
-  }
-  return devices;
-}
-
 TEST(CIMDeviceUtil, RandomEventsGiveTheModelsTypesAndTheModelsCache) {
   std::mt19937 random(20);
   const auto pick = [&random](std::initializer_list<const char*> words) {
@@ -278,7 +215,7 @@ TEST(CIMDeviceUtil, RandomEventsGiveTheModelsTypesAndTheModelsCache) {
   recorded_trace::setSwitchedOn(false);
   for (int round = 0; round < 200; ++round) {
     CIMContainer container;
-    Model model;
+    CacheModel model;
     for (int step = 0; step < 100; ++step) {
       DeviceEvent next =
           event(pick({"addInstance", "addInstance", "modifyInstance", "delInstance", "delInstance",
@@ -289,8 +226,8 @@ TEST(CIMDeviceUtil, RandomEventsGiveTheModelsTypesAndTheModelsCache) {
         next.fields.push_back({pick({"x", "y", "z"}), "string", std::to_string(random() % 10)});
       }
       ASSERT_EQ(CIMDeviceUtil::processEvent(next, container).type, model.process(next));
-      ASSERT_EQ(contentOf(container), model.devices);
-      for (const Model::Device& device : model.devices) {
+      ASSERT_EQ(seen(container.getInstances("UPOS_LogicalDevice")), model.devices);
+      for (const CacheModel::Device& device : model.devices) {
         ASSERT_NE(container.find(CIMDevice("", device.id, {})), nullptr);
       }
     }

@@ -1,15 +1,17 @@
-#include "proxy/EventSplitter.h"
+#include "proxy/testing/SplitterRules.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <numeric>
 #include <random>
 #include <string>
 #include <string_view>
 #include <vector>
 
+using proxy_testing::begunStartMarker;
+using proxy_testing::joined;
+using proxy_testing::SplitterRules;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -29,10 +31,6 @@ Texts splitAll(const Texts& pieces) {
     }
   }
   return documents;
-}
-
-std::string joined(const Texts& texts) {
-  return std::accumulate(texts.begin(), texts.end(), std::string());
 }
 
 Texts byteByByte(const std::string& text) {
@@ -149,56 +147,14 @@ TEST(EventSplitter, IncompleteTextStaysPending) {
   EXPECT_EQ(splitter.pendingSize(), 2U);
 }
 
-/// Whether a start marker may have begun at the end of the text.
-bool endsWithinAStartMarker(const std::string& text) {
-  for (std::size_t length = 1; length < S.size(); ++length) {
-    if (text.ends_with(S.substr(0, length))) {
-      return true;
-    }
-  }
-  return false;
-}
-
-/// The rules word by word, however slow, for texts that end outside a start marker.
-class LiteralRules {
-public:
-  Texts split(std::string text) {
-    Texts documents;
-    const std::size_t p = text.find(S);
-    if (p != std::string::npos) {
-      pending += text.substr(0, p);
-      if (!pending.empty()) {
-        text = text.substr(p);
-        documents.push_back(pending);
-        pending = "";
-      }
-      while (text.find(E) != std::string::npos) {
-        const std::size_t length = text.find(E) + E.size();
-        documents.push_back(text.substr(0, length));
-        text = text.substr(length);
-      }
-      pending += text;
-    } else {
-      pending += text;
-      if (pending.find(E) != std::string::npos) {
-        documents.push_back(pending);
-        pending = "";
-      }
-    }
-    return documents;
-  }
-
-  std::string pending;
-};
-
-TEST(EventSplitter, RandomReceivesOutsideAStartMarkerGiveWhatTheLiteralRulesGive) {
+TEST(EventSplitter, RandomReceivesOutsideAStartMarkerGiveWhatTheSplitterRulesGive) {
   std::mt19937 random(52);
   const Texts alphabet = {S,        E,         "a",     "<",   "</event",       ">",          "</",
                           "event>", "</e</ev", "</eve", "nt>", S.substr(0, 20), S.substr(20), "<<",
                           "\n"};
   for (int round = 0; round < 20'000; ++round) {
     EventSplitter splitter;
-    LiteralRules rules;
+    SplitterRules rules;
     std::string sent;
     std::string given;
     for (auto pieces = 1 + random() % 8; pieces > 0; --pieces) {
@@ -209,7 +165,7 @@ TEST(EventSplitter, RandomReceivesOutsideAStartMarkerGiveWhatTheLiteralRulesGive
       if (random() % 2 == 0 && !piece.empty()) {
         piece.resize(random() % piece.size());
       }
-      if (endsWithinAStartMarker(piece)) {
+      if (begunStartMarker(piece) != 0) {
         piece += "|";
       }
       const Texts documents = splitter.split(piece);
@@ -231,7 +187,7 @@ TEST(EventSplitter, AHeldBackPrefixChangesOnlyADocumentThatItEnds) {
   for (const std::string& first : before) {
     for (const std::string& middle : begun) {
       for (const std::string& last : after) {
-        LiteralRules rules;
+        SplitterRules rules;
         Texts expected;
         for (const std::string& text : {first + middle, last, "|" + E}) {
           for (const std::string& document : rules.split(text)) {

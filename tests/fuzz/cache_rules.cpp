@@ -2,18 +2,16 @@
 // type;device id;class name;code;provider;name,type,value;name,type,value...
 
 #include "Fuzzing.h"
-#include "proxy/CIMContainer.h"
 #include "proxy/CIMDeviceUtil.h"
+#include "proxy/testing/CacheModel.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <limits>
-#include <map>
-#include <utility>
+#include <iterator>
 
 using fuzzing::require;
+using proxy_testing::CacheModel;
+using proxy_testing::seen;
+using Device = CacheModel::Device;
 
 namespace {
 
@@ -33,114 +31,12 @@ DeviceEvent eventOf(std::string_view line) {
   return event;
 }
 
-struct Device {
-  std::string className;
-  std::string id;
-  std::vector<std::string> listed;
-  std::map<std::string, std::pair<std::string, std::string>> fields;
-  bool operator==(const Device&) const = default;
-};
-
-/// As a stream reads a decimal number, by the C library.
-std::string numberOf(const std::string& text, unsigned long long largest) {
-  const char* digits = text.c_str();
-  digits += std::strspn(digits, " \t\n\v\f\r");
-  const bool negative = *digits == '-';
-  digits += negative || *digits == '+' ? 1 : 0;
-  if (*digits < '0' || *digits > '9') {
-    return "0";
-  }
-  errno = 0;
-  const unsigned long long number = std::strtoull(digits, nullptr, 10);
-  if (errno == ERANGE || number > largest) {
-    return std::to_string(largest);
-  }
-  return std::to_string(negative ? (0 - number) & largest : number);
-}
-
-/// The cache's rules once more, on a plain list.
-class Model {
-public:
-  std::string process(const DeviceEvent& event) {
-    const auto device = std::find_if(devices.begin(), devices.end(),
-                                     [&](const Device& d) { return d.id == event.deviceId; });
-    const bool known = device != devices.end();
-    if (event.type == "addInstance") {
-      if (!known) {
-        devices.push_back({event.className, event.deviceId, {event.provider}, {}});
-        merge(devices.back(), event);
-        return event.type;
-      }
-      device->listed.push_back(event.provider);
-      merge(*device, event);
-      return "NA";
-    }
-    if (event.type == "modifyInstance") {
-      if (known) {
-        merge(*device, event);
-      }
-      const bool coded = !event.modifyInstanceCode.empty() && event.modifyInstanceCode != " ";
-      return known && coded ? event.type : "NA";
-    }
-    if (event.type == "delInstance") {
-      if (!known) {
-        return "NA";
-      }
-      const auto listed = std::find(device->listed.begin(), device->listed.end(), event.provider);
-      if (listed != device->listed.end()) {
-        device->listed.erase(listed);
-      }
-      if (!device->listed.empty()) {
-        return "NA";
-      }
-      devices.erase(device);
-    }
-    return event.type;
-  }
-
-  std::vector<Device> devices;
-
-private:
-  static void merge(Device& device, const DeviceEvent& event) {
-    for (const Field& field : event.fields) {
-      const std::string& type = field[1];
-      if (type == "uint32") {
-        device.fields[field[0]] = {type, numberOf(field[2], 0xFFFFFFFFU)};
-      } else if (type == "uint64") {
-        device.fields[field[0]] = {
-            type, numberOf(field[2], std::numeric_limits<unsigned long long>::max())};
-      } else if (type == "boolean") {
-        const bool on = field[2] == "true" || field[2] == "TRUE";
-        device.fields[field[0]] = {type, on ? "true" : "false"};
-      } else if (type == "string") {
-        device.fields[field[0]] = {type, field[2]};
-      }
-    }
-  }
-};
-
-Device seen(const CIMDevice& device) {
-  Device copy{device.getClassName(), device.getDeviceId(), device.instances(), {}};
-  for (const auto& [name, value] : device.fields()) {
-    copy.fields[name] = {value.type, value.value};
-  }
-  return copy;
-}
-
-std::vector<Device> seen(const std::vector<CIMContainer::Reference>& references) {
-  std::vector<Device> devices;
-  for (const CIMContainer::Reference& reference : references) {
-    devices.push_back(seen(*reference));
-  }
-  return devices;
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string_view lines = fuzzing::textOf(data, size);
   CIMContainer container;
-  Model model;
+  CacheModel model;
   std::vector<CIMContainer::Reference> held;
   std::vector<Device> heldAs;
   while (!lines.empty()) {

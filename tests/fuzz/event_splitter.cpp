@@ -1,63 +1,22 @@
 // Any text on a device server's connection, in pieces of any length.
 
 #include "Fuzzing.h"
-#include "proxy/EventSplitter.h"
+#include "proxy/testing/SplitterRules.h"
 
 #include <algorithm>
 #include <iterator>
 
 using fuzzing::require;
+using proxy_testing::begunStartMarker;
+using proxy_testing::joined;
+using proxy_testing::SplitterRules;
 
 namespace {
 
 using Documents = std::vector<std::string>;
 
-/// The splitter's rules for one received text, put as plainly as they can be.
-void split(std::string received, std::string& pending, Documents& documents) {
-  const std::string start(EventSplitter::kStartMarker);
-  const std::string end(EventSplitter::kEndMarker);
-  const std::size_t position = received.find(start);
-  if (position == std::string::npos) {
-    pending += received;
-    if (pending.find(end) != std::string::npos) {
-      documents.push_back(pending);
-      pending.clear();
-    }
-    return;
-  }
-  pending += received.substr(0, position);
-  received.erase(0, position);
-  if (!pending.empty()) {
-    documents.push_back(pending);
-    pending.clear();
-  }
-  std::size_t found = 0;
-  while ((found = received.find(end)) != std::string::npos) {
-    documents.push_back(received.substr(0, found + end.size()));
-    received.erase(0, found + end.size());
-  }
-  pending += received;
-}
-
-std::string joined(const Documents& documents) {
-  std::string all;
-  for (const std::string& document : documents) {
-    all += document;
-  }
-  return all;
-}
-
 void append(Documents& documents, Documents more) {
   std::move(more.begin(), more.end(), std::back_inserter(documents));
-}
-
-/// How much of a start marker has begun at the end of the text.
-std::size_t begunStartMarker(std::string_view text) {
-  std::size_t begun = EventSplitter::kStartMarker.size() - 1;
-  while (!text.ends_with(EventSplitter::kStartMarker.substr(0, begun))) {
-    --begun;
-  }
-  return begun;
 }
 
 /// Any texts at all: as the rules say for texts that end outside a start marker, and nothing lost
@@ -66,7 +25,7 @@ void splitAnything(const std::vector<std::string_view>& texts) {
   EventSplitter splitter;
   Documents documents;
   Documents expected;
-  std::string pending;
+  SplitterRules rules;
   std::string held;
   std::string received;
   for (const std::string_view text : texts) {
@@ -74,12 +33,12 @@ void splitAnything(const std::vector<std::string_view>& texts) {
     append(documents, splitter.split(text));
     held += text;
     const std::size_t whole = held.size() - begunStartMarker(held);
-    split(held.substr(0, whole), pending, expected);
+    append(expected, rules.split(held.substr(0, whole)));
     held.erase(0, whole);
     require(documents == expected, "the documents are those of the rules");
-    require(splitter.pendingSize() == pending.size() + held.size(),
+    require(splitter.pendingSize() == rules.pending.size() + held.size(),
             "what is pending is what the rules leave");
-    require(joined(documents) + pending + held == received, "no character is lost or added");
+    require(joined(documents) + rules.pending + held == received, "no character is lost or added");
   }
 }
 
@@ -88,13 +47,13 @@ void splitUncut(const std::vector<std::string_view>& texts) {
   EventSplitter splitter;
   Documents documents;
   Documents expected;
-  std::string pending;
+  SplitterRules rules;
   for (const std::string_view text : texts) {
     if (begunStartMarker(text) != 0) {
       return;
     }
     append(documents, splitter.split(text));
-    split(std::string(text), pending, expected);
+    append(expected, rules.split(std::string(text)));
     require(documents == expected, "without a begun marker the rules hold to the letter");
   }
 }
