@@ -42,14 +42,14 @@ program_packages=(
   wine64 googletest libfmt-dev libasio-dev libcli11-dev nlohmann-json3-dev python3
 )
 build_packages=(
-  "${cross_packages[@]}" "${program_packages[@]}" g++ make ccache libxerces-c-dev
+  "${cross_packages[@]}" "${program_packages[@]}" g++ make ccache git libxerces-c-dev
 )
 test_packages=(
-  clang-14 clang-format-14 clang-tidy-14 git libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
+  clang-14 clang-format-14 clang-tidy-14 libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
   python3-pytest valgrind
 )
-package_packages=(git nsis osslsigncode)
-soak_packages=(gnuplot-nox python3)
+package_packages=(nsis osslsigncode)
+soak_packages=(gnuplot-nox)
 
 # The one version of the XML library that the product is linked with. Its mutexes are the platform's
 # own: the compiler's standard ones keep their memory when they are destroyed, and the library makes
