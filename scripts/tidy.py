@@ -1,15 +1,20 @@
 #!/usr/bin/env python3
-"""scripts/tidy.py FILE...: runs clang-tidy over the FILEs that build/host compiles, two at a time.
+"""scripts/tidy.py FILE...: runs clang-tidy over the FILEs. It uses the compile commands of the native
+flavour and, for sources that only Windows has, those of the Windows flavour with clang's MinGW target.
 
-build/lint records the files that were clean. A file is analysed again only after a change to itself,
-to a header that it includes, to its compile command, to .clang-tidy or to the tool.
+The files of one target are analysed as one text, so that their headers are read once; as two texts if
+their names clash, and so on. build/lint records what was clean; it is analysed again only
+after a change to a source, to a header that it includes, to its compile command, to .clang-tidy or to
+the tool.
 """
 
 import concurrent.futures
 import hashlib
 import json
 import os
+import re
 import shlex
+import shutil
 import subprocess
 import sys
 from pathlib import Path
@@ -17,6 +22,51 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 STAMPS = ROOT / "build" / "lint"
 TIDY = "clang-tidy-14"
+PRECOMPILED = re.compile(r"(-Xclang )?-include(-pch)? (-Xclang )?\S+ ")
+
+# In the tools the static analyser looks at each function without much of what it calls.
+SHALLOW = ["-Xclang", "-analyzer-config", "-Xclang", "mode=shallow"]
+
+
+def said(*command):
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          stdin=subprocess.DEVNULL, text=True).stdout
+
+
+def mingw_includes():
+    """MinGW's include folders but the compiler's own, in whose place clang has others."""
+    listed = said("x86_64-w64-mingw32-g++-posix", "-E", "-x", "c++", "-v", "-")
+    folders = re.findall(r"^ (/.*)$", listed.partition("search starts here:\n#include <...>")[2],
+                         re.MULTILINE)
+    return [word for folder in folders
+            if not re.search(r"/gcc/[^/]+/[^/]+/include(-fixed)?$", folder)
+            for word in ("-isystem", folder)]
+
+
+def without(words, option, values):
+    at = words.index(option) if option in words else len(words)
+    return words[:at] + words[at + 1 + values:]
+
+
+def by_target(wanted):
+    """{(flavour, target): [(file, folder, compile command), ...]}: each file once."""
+    groups, seen = {}, set()
+    for flavour in ("host", "windows"):
+        build = ROOT / "build" / flavour
+        for entry in json.loads((build / "compile_commands.json").read_text()):
+            if entry["file"] not in wanted or entry["file"] in seen:
+                continue
+            seen.add(entry["file"])
+            words = shlex.split(PRECOMPILED.sub("", entry["command"]))
+            target = re.search(r"CMakeFiles/(.*)\.dir/", words[words.index("-o") + 1])[1]
+            words = words[next(i for i, word in enumerate(words) if "++" in word) + 1:]
+            words = without(without(words, "-o", 1), "-c", 1)
+            if flavour == "windows":
+                words = [word for word in words if not word.startswith("-W")]
+                words = ["--target=x86_64-w64-mingw32", "-nostdinc++", *mingw_includes(), *words]
+            groups.setdefault((flavour, target), []).append(
+                (entry["file"], entry["directory"], words))
+    return groups, sorted(wanted - seen)
 
 
 def digest(*texts):
@@ -33,54 +83,63 @@ def content(path):
     return content_digests[path].encode()
 
 
-def compiler(entry, *more):
-    """The compile command without its output and without a compiler cache."""
-    words = shlex.split(entry["command"])
-    words = words[next(i for i, word in enumerate(words) if "clang++" in word):]
-    out = words.index("-o")
-    return words[:out] + words[out + 2:] + list(more)
+def key(command, sources, included, tool):
+    configs = [str(ROOT / ".clang-tidy"), str(ROOT / "tests" / ".clang-tidy")]
+    return digest(tool, " ".join(command).encode(),
+                  *(text for path in (*configs, *sources, *included)
+                    for text in (path.encode(), content(path))))
 
 
-def included(entry):
-    """The source and all its headers, the system's too."""
-    rule = subprocess.run(compiler(entry, "-M"), cwd=entry["directory"], check=True,
-                          stdout=subprocess.PIPE, text=True).stdout
-    names = rule.partition(":")[2].replace("\\\n", " ").split()
-    return sorted({os.path.join(entry["directory"], name) for name in names})
-
-
-def key(entry, files, tool):
-    return digest(tool, content(ROOT / ".clang-tidy"), " ".join(compiler(entry)).encode(),
-                  *(text for path in files for text in (path.encode(), content(path))))
-
-
-def lint(entry, tool):
-    """What there is to say about the file: nothing if it is clean."""
-    stamp = STAMPS / (os.path.relpath(entry["file"], ROOT).replace("/", "_") + ".json")
+def lint(name, entries, tool):
+    """What there is to say about the files: nothing if they are clean."""
+    sources = [source for source, _, _ in entries]
+    folder, words = entries[0][1:]
+    part = Path(sources[0]).relative_to(ROOT).parts[0]
+    if part == "tools":
+        words = [*words, *SHALLOW]
+    place = STAMPS / "tests" if part in ("tests", "bench") else STAMPS
+    command = ["clang++-14", *words, *(f"-I{one}" for one in sorted(map(os.path.dirname, sources)))]
+    stamp = STAMPS / f"{name}.json"
     if stamp.exists():
         kept = json.loads(stamp.read_text())
-        if kept["key"] == key(entry, kept["files"], tool):
+        if kept["key"] == key(command, sources, kept["included"], tool):
             return ""
-    files = included(entry)
-    before = key(entry, files, tool)
-    result = subprocess.run([TIDY, "--quiet", "-p", ROOT / "build" / "host", entry["file"]],
-                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    if result.returncode != 0:
-        return result.stdout or f"{TIDY} failed on {entry['file']}"
-    stamp.write_text(json.dumps({"key": before, "files": files}))
-    return ""
+    text = place / name
+    text.write_text("".join(Path(source).read_text() for source in sources))
+    rule = STAMPS / f"{name}.d"
+    compiled = subprocess.run([*command, "-w", "-fsyntax-only", "-MD", "-MF", rule, text], cwd=folder,
+                              stderr=subprocess.PIPE, text=True)
+    if compiled.returncode != 0:
+        half = len(entries) // 2
+        return compiled.stderr if half == 0 else (lint(f"1.{name}", entries[:half], tool) +
+                                                  lint(f"2.{name}", entries[half:], tool))
+    included = sorted({os.path.join(folder, word) for word in
+                       rule.read_text().partition(":")[2].replace("\\\n", " ").split()} - {str(text)})
+    before = key(command, sources, included, tool)
+    result = subprocess.run([TIDY, "--quiet", text, "--",
+                             *command[1:]], cwd=folder, stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, text=True)
+    if result.returncode == 0:
+        stamp.write_text(json.dumps({"key": before, "included": included}))
+        return ""
+    places = [f"{os.path.relpath(source, ROOT)}:{line}" for source in sources
+              for line, _ in enumerate(Path(source).read_text().splitlines(), 1)]
+    return re.sub(re.escape(str(text)) + r":(\d+)", lambda at: places[int(at[1]) - 1],
+                  result.stdout) or f"{TIDY} failed on {name}\n"
 
 
 def main():
-    STAMPS.mkdir(parents=True, exist_ok=True)
-    wanted = {str(ROOT / name) for name in sys.argv[1:]}
-    database = json.loads((ROOT / "build" / "host" / "compile_commands.json").read_text())
-    entries = {entry["file"]: entry for entry in database if entry["file"] in wanted}
-    tool = subprocess.run([TIDY, "--version"], check=True, stdout=subprocess.PIPE).stdout
+    (STAMPS / "tests").mkdir(parents=True, exist_ok=True)
+    shutil.copy(ROOT / "tests" / ".clang-tidy", STAMPS / "tests") # found beside the text
+    groups, left_out = by_target({str(ROOT / name) for name in sys.argv[1:]})
+    if left_out:
+        sys.exit("no flavour compiles " + " ".join(left_out))
+    tool = said(TIDY, "--version").encode()
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        found = [text for text in pool.map(lambda entry: lint(entry, tool), entries.values()) if text]
-    print("\n".join(found), end="")
-    return 1 if found else 0
+        found = list(pool.map(lambda group: lint(f"{group[0][0]}.{group[0][1]}.cpp", group[1], tool),
+                              groups.items()))
+    print("".join(found), end="")
+    return 1 if any(found) else 0
 
 
 sys.exit(main())

@@ -290,7 +290,7 @@ void CProvider_IWbemServices::tracePathKeys(LPCWSTR objectPath) const {
 
   std::wstring name(std::wstring_view(objectPath).size() + 1, L'\0');
   for (ULONG key = 0; key < count; ++key) {
-    ULONG length = static_cast<ULONG>(name.size());
+    auto length = static_cast<ULONG>(name.size());
     ULONG type = 0;
     win::Variant value;
     keys->GetKey2(key, 0, &length, name.data(), value.get(), &type);

@@ -234,7 +234,7 @@ win::Socket TCPServer::accept(SOCKET listener) noexcept {
       WaitForSingleObject(stopping_.get(), kPauseAfterErrorMilliseconds);
     }
   }
-  return win::Socket();
+  return {};
 }
 
 void TCPServer::registerClient(const ClientPointer& client) {

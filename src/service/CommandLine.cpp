@@ -66,7 +66,7 @@ int RunInteractive() {
 int runCommandLine(int argc, char* argv[]) {
   if (argc >= 3) {
     printNotStarted();
-    std::exit(0);
+    std::exit(0); // NOLINT(concurrency-mt-unsafe): there is one thread
   }
   if (argc != 2) {
     return startAsService();
@@ -96,7 +96,7 @@ int runCommandLine(int argc, char* argv[]) {
     return 0;
   case 'v':
     printVersion();
-    std::exit(0);
+    std::exit(0); // NOLINT(concurrency-mt-unsafe): there is one thread
   default:
     return startAsService();
   }

@@ -60,7 +60,7 @@ HRESULT startEventThread(IWbemDecoupledBasicEventProvider& eventProvider, IWbemS
     eventProvider.Release();
     return win::wbemResult(WBEM_E_FAILED);
   }
-  context.release(); // owned by the thread
+  static_cast<void>(context.release()); // owned by the thread
   return S_OK;
 }
 

@@ -31,6 +31,7 @@ public:
   /// Calls `accept` for each setting of `file` (opened as text), in order. A line longer than the
   /// buffer is read as several lines.
   template <class Accept>
+  // NOLINTNEXTLINE(misc-no-recursion): readConfig runs once
   static void readFile(std::FILE* file, Accept accept) {
     std::array<char, 1024> line;
     while (std::fgets(line.data(), static_cast<int>(line.size()), file) != nullptr) {

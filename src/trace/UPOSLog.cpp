@@ -120,6 +120,7 @@ const std::string& UPOSLog::logFilePath() {
   return logLocation().path;
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): readConfig runs once
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {
   try {
@@ -129,6 +130,7 @@ void UPOSLog::emit(std::string_view format,
   }
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): readConfig runs once
 void UPOSLog::write(const std::string& path, const std::string& message) {
   // All memory is allocated before the write event is taken, so that std::bad_alloc cannot leave it
   // taken.
@@ -211,6 +213,7 @@ void UPOSLog::backup() {
   }
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): readConfig runs once
 void UPOSLog::readConfig() {
   // Set first: the lines traced below must not recurse.
   if (configRead.exchange(true)) {
@@ -232,6 +235,7 @@ void UPOSLog::readConfig() {
   }
   // Kept: a setting applies from its own trace line on. If the size comes first, a log that is then
   // too long is deleted, whatever backup count follows.
+  // NOLINTNEXTLINE(misc-no-recursion): readConfig runs once
   TraceConfig::readFile(file.get(), [](const TraceSetting& setting) {
     if (setting.key == TraceSetting::Key::FileSize) {
       fileSizeLimit = static_cast<std::uint32_t>(setting.value);

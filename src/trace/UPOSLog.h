@@ -20,6 +20,7 @@ class UPOSLog {
 public:
   /// Traces one line, see formatPrintf. A peer's text is safe as a format.
   template <class... Arguments>
+  // NOLINTNEXTLINE(misc-no-recursion): readConfig runs once
   static void trace(std::string_view format, const Arguments&... arguments) noexcept {
     if (isSwitchedOn()) {
       emit(format, {TraceArgument(arguments)...});

@@ -105,6 +105,7 @@ struct TracesAtExit {
 void traceFromThreads(int count, int lines) {
   StartSignal start;
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) {
     threads.emplace_back([&start, i, lines] {
       start.wait();
@@ -181,7 +182,7 @@ bool perform(std::string_view command, const char* first, const char* second, in
   }
   if (command == "threads" && second != nullptr) {
     used += 2;
-    traceFromThreads(std::atoi(first), std::atoi(second));
+    traceFromThreads(std::stoi(first), std::stoi(second));
     return true;
   }
   if (command == "path") {

@@ -40,6 +40,7 @@ void printError(std::string_view text) {
 bool showsColour() {
   const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
   DWORD mode = 0;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
   return usesColour(GetConsoleMode(out, &mode) != FALSE, std::getenv("NO_COLOR")) &&
          SetConsoleMode(out, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != FALSE;
 }

@@ -27,7 +27,7 @@ constexpr DWORD kSetupRights = SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG | SER
                                SERVICE_START | SERVICE_STOP | DELETE;
 
 std::string programOf(const SetupOptions& options) {
-  const std::string program =
+  std::string program =
       options.program.empty() ? programFolder() + "\\quillmon.exe" : absolutePath(options.program);
   if (!exists(program)) {
     failWin32(fmt::format("looking for the service's program {}", program), ERROR_FILE_NOT_FOUND,

@@ -55,6 +55,7 @@ std::string wmiText(HRESULT result) {
   return trimmed(text.text());
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): as deep as a path
 void createFolders(const std::string& folder) {
   if (folder.size() <= 2 || exists(folder)) { // a drive is there, or nothing helps
     return;

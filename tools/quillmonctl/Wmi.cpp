@@ -135,7 +135,7 @@ Wmi::End Wmi::instances(const std::string& className, unsigned seconds, const Ta
   for (;;) {
     ComPtr<IWbemClassObject> object;
     ULONG count = 0;
-    const HRESULT result = objects->Next(static_cast<LONG>(seconds * 1000), 1, &object, &count);
+    const HRESULT result = objects->Next(static_cast<LONG>(seconds) * 1000, 1, &object, &count);
     check(result, step.c_str());
     if (count == 1) {
       if (!take(toJson(*object.Get()))) {

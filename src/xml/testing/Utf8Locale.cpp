@@ -10,6 +10,7 @@ class Utf8Locale : public testing::Environment {
 public:
   void SetUp() override {
 #ifndef _WIN32
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): before any thread
     ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
 #endif
   }
