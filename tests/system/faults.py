@@ -218,13 +218,9 @@ class Faults:
 
 # -- what all walks need
 
-WALKED = set()
-
-
 def walks(functions):
     """Marks a test: in it these functions fail, besides those of memory."""
     functions = set(functions.split())
-    WALKED.update(functions)
 
     def decorate(test):
         @functools.wraps(test)
