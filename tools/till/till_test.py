@@ -372,7 +372,7 @@ class AdapterTest(TillTestCase):
         till.expect(r"connection dropped: no whole request in time")
 
     def test_gives_up_on_a_client_that_does_not_read(self):
-        till = self.start("--misbehave", "huge 200000", "--request-timeout", "1000")
+        till = self.start("--misbehave", "huge 50000", "--request-timeout", "1000")
         with till.connect() as client:
             client.sendall(ESC + ASK + BS)
             till.expect(r"connection dropped: the client does not take the answer")
