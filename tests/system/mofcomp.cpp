@@ -7,7 +7,6 @@
 #include "MofReader.h"
 #include "win/Handles.h"
 
-#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -51,12 +50,9 @@ int main(int argc, char* argv[]) {
     std::cout << "An error occurred while opening the namespace\r\n";
     return static_cast<int>(exitCode);
   }
-  std::ifstream file(argv[1], std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
   wmi_host::Repository repository = wmi_host::systemRepository();
   try {
-    wmi_host::readMof(repository, text.str(), argv[1]);
+    wmi_host::readMofFile(repository, argv[1], argv[1]);
   } catch (const std::runtime_error& error) {
     std::cout << error.what() << "\r\nCompiler returned error 0x80044000\r\n";
     return 3;

@@ -3,8 +3,10 @@
 #include "Wql.h"
 
 #include <algorithm>
+#include <fstream>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 
 namespace wmi_host {
@@ -438,6 +440,17 @@ void readMof(Repository& repository, std::string_view text, const std::string& f
   } catch (const std::runtime_error& error) {
     throw std::runtime_error(fileName + ":" + std::to_string(parser.line()) + ": " + error.what());
   }
+}
+
+void readMofFile(Repository& repository, const std::filesystem::path& file,
+                 const std::string& fileName) {
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) {
+    throw std::runtime_error(fileName + ": cannot be read");
+  }
+  std::ostringstream text;
+  text << stream.rdbuf();
+  readMof(repository, text.str(), fileName);
 }
 
 Repository systemRepository() {

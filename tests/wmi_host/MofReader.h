@@ -2,6 +2,7 @@
 
 #include "Cim.h"
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,9 @@ namespace wmi_host {
 /// Applies statement by statement, as the MOF compiler does: what stood before an error is kept.
 /// Throws std::runtime_error with "file:line: reason".
 void readMof(Repository& repository, std::string_view text, const std::string& fileName);
+/// The same with the text of a file; `fileName` is how messages call it.
+void readMofFile(Repository& repository, const std::filesystem::path& file,
+                 const std::string& fileName);
 
 /// A repository with the system classes that every namespace has.
 Repository systemRepository();

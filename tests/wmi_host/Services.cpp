@@ -8,9 +8,6 @@
 #include "win/Automation.h"
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -124,13 +121,7 @@ std::shared_ptr<const Repository> loadRepository() noexcept {
   try {
     Repository repository = systemRepository();
     for (const std::wstring& path : settings::list(L"Mof")) {
-      std::ifstream file(std::filesystem::path(path), std::ios::binary);
-      if (!file) {
-        throw std::runtime_error(win::narrow(path) + ": cannot be read");
-      }
-      std::ostringstream text;
-      text << file.rdbuf();
-      readMof(repository, text.str(), win::narrow(path));
+      readMofFile(repository, path, win::narrow(path));
     }
     return std::make_shared<const Repository>(std::move(repository));
   } catch (const std::exception& error) {

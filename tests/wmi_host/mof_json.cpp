@@ -4,10 +4,8 @@
 #include "MofReader.h"
 
 #include <algorithm>
-#include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -51,12 +49,9 @@ int main(int argc, char* argv[]) {
     std::cerr << "usage: mof_json FILE\n";
     return 2;
   }
-  std::ifstream file(argv[1], std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
   wmi_host::Repository repository = wmi_host::systemRepository();
   try {
-    wmi_host::readMof(repository, text.str(), argv[1]);
+    wmi_host::readMofFile(repository, argv[1], argv[1]);
   } catch (const std::exception& error) {
     std::cerr << error.what() << "\n";
     return 1;
