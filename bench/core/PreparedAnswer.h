@@ -4,5 +4,5 @@
 
 /// The devices that an XML adapter of this program has read, whatever the document.
 namespace prepared_answer {
-inline InstanceList devices;
+inline model::InstanceList devices;
 }

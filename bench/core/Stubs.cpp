@@ -7,6 +7,11 @@
 #include "trace/UPOSLog.h"
 #include "win/Configuration.h"
 
+using model::DeviceEvent;
+using model::InstanceList;
+using trace::TraceArgument;
+using trace::UPOSLog;
+
 bool UPOSLog::isSwitchedOn() noexcept {
   return false;
 }

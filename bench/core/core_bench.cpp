@@ -21,6 +21,21 @@
 #include <cstring>
 #include <string>
 
+using adapter::ByteBuffer;
+using adapter::FrameArea;
+using adapter::kFrameBegin;
+using adapter::kFrameEnd;
+using adapter::readFrame;
+using com::orvex::UPOSAdapter;
+using model::DeviceEvent;
+using model::Instance;
+using proxy::CIMContainer;
+using proxy::CIMDeviceUtil;
+using proxy::EventSplitter;
+using trace::formatPrintf;
+using trace::TraceArgument;
+using xml::XmlLibrary;
+
 namespace {
 
 using com::orvex::ProxyImpXmlAdapter;

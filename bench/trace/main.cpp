@@ -16,6 +16,8 @@
 #include <map>
 #include <string>
 
+using trace::UPOSLog;
+
 namespace bench {
 namespace {
 

@@ -13,6 +13,8 @@
 #include <memory>
 #include <string>
 
+using xml::XmlLibrary;
+
 namespace bench {
 namespace {
 

@@ -3,6 +3,10 @@
 #include "model/IUPOSXmlAdapter.h"
 #include "win/Configuration.h"
 
+using adapter::ByteBuffer;
+using adapter::UPOSDatagramConnector;
+using model::DeviceEvent;
+
 namespace com::orvex {
 
 std::uint32_t AdapterImpCommunicationLayer::open(std::uint16_t port) {

@@ -14,7 +14,7 @@ namespace com::orvex {
 class AdapterImpCommunicationLayer : public CommunicationLayer {
 public:
   /// Does not wait before `open`, but reads an empty message.
-  DeviceEvent receiveEvent(IUPOSXmlAdapter* adapter) override;
+  model::DeviceEvent receiveEvent(IUPOSXmlAdapter* adapter) override;
   /// May be retried after a failure. The event port is bound once per process: a second open
   /// returns 0 and leaves a connector without a socket.
   std::uint32_t open(std::uint16_t port) override;
@@ -23,8 +23,8 @@ public:
   std::uint32_t getDefaultPort() override;
 
 private:
-  std::unique_ptr<ByteBuffer> buffer_; ///< one event message
-  std::unique_ptr<UPOSDatagramConnector> connector_;
+  std::unique_ptr<adapter::ByteBuffer> buffer_; ///< one event message
+  std::unique_ptr<adapter::UPOSDatagramConnector> connector_;
 };
 
 } // namespace com::orvex

@@ -8,6 +8,16 @@
 #include <memory>
 #include <string>
 
+using adapter::UPOSDatagramConnector;
+using adapter_testing::freeDatagramPort;
+using adapter_testing::portOf;
+using adapter_testing::sendDatagrams;
+using adapter_testing::StartedWinsock;
+using adapter_testing::TestSocket;
+using model::DeviceEvent;
+using model::InstanceList;
+using test_support::PatchedImport;
+
 namespace {
 
 /// Returns the message as the event's device id.

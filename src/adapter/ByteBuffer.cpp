@@ -5,6 +5,8 @@
 #include <cstring>
 #include <limits>
 
+namespace adapter {
+
 namespace {
 
 constexpr float kMinGrowth = 1.5F;
@@ -88,3 +90,5 @@ void ByteBuffer::clear() noexcept {
 std::unique_ptr<ByteBuffer> ByteBuffer::clone() const {
   return std::make_unique<ByteBuffer>(*this);
 }
+
+} // namespace adapter

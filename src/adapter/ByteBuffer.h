@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <memory>
 
+namespace adapter {
+
 /// A growable byte string for received data, always NUL-terminated.
 ///
 /// Owner: one reader. Threads: one at a time.
@@ -38,3 +40,5 @@ private:
   std::uint32_t capacity_;
   float growth_;
 };
+
+} // namespace adapter

@@ -6,6 +6,8 @@
 #include <limits>
 #include <string>
 
+using adapter::ByteBuffer;
+
 namespace {
 
 std::string content(const ByteBuffer& buffer) {

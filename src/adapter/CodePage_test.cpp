@@ -7,6 +7,10 @@
 
 #include <string>
 
+using model::InstanceList;
+using xml::narrow;
+using xml::XmlLibrary;
+
 namespace {
 
 /// `text` converted by the system to its ANSI code page.

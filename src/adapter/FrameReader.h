@@ -6,6 +6,8 @@
 #include <array>
 #include <cstdint>
 
+namespace adapter {
+
 /// The framing of the request socket and of the event port. A message is the bytes between ESC and
 /// the next BS. Bytes before the ESC are dropped; an ESC inside a message is data. There is no
 /// length field and no escaping.
@@ -62,3 +64,5 @@ void readFrame(FrameArea& frame, ByteBuffer& out, Receive receive, OnAreaConsume
     frame.count = received;
   }
 }
+
+} // namespace adapter

@@ -9,6 +9,10 @@
 #include <string>
 #include <vector>
 
+using adapter::ByteBuffer;
+using adapter::FrameArea;
+using adapter::kFrameEnd;
+using adapter::readFrame;
 using testing::ElementsAre;
 
 namespace {

@@ -8,6 +8,9 @@
 #include <string>
 #include <utility>
 
+using model::DeviceEvent;
+using xml::XmlLibrary;
+
 namespace {
 
 const std::string kDocument =

@@ -5,6 +5,10 @@
 
 #include <mutex>
 
+using trace::UPOSLog;
+
+namespace adapter {
+
 constinit RequestBackOff requestBackOff;
 
 namespace {
@@ -59,3 +63,5 @@ void TimeoutExpired(void*, unsigned char) noexcept {
   UPOSLog::trace("<<TimeoutExpired>>: Timeout expired! Java drivers will be hit again.");
   requestBackOff.serverOffline = 0;
 }
+
+} // namespace adapter

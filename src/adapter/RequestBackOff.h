@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
+namespace adapter {
+
 /// The back-off after a failed connect: for `retryTimeout` milliseconds every request gets an empty
 /// answer at once, so that WMI clients do not wait for a device server that is down.
 ///
@@ -27,3 +29,5 @@ void signalServerIsOfflineFor5Seconds();
 
 /// The timer's callback; ends the back-off.
 void TimeoutExpired(void* context, unsigned char fired) noexcept;
+
+} // namespace adapter

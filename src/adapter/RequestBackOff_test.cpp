@@ -10,6 +10,10 @@
 #include <thread>
 #include <vector>
 
+using adapter::configureTimers;
+using adapter::requestBackOff;
+using adapter::signalServerIsOfflineFor5Seconds;
+
 namespace {
 
 std::atomic<int> queues = 0;

@@ -6,6 +6,10 @@
 #include "trace/UPOSLog.h"
 #include "win/Configuration.h"
 
+using trace::UPOSLog;
+
+namespace adapter {
+
 namespace {
 
 /// Closes its socket on every path. By design also a socket that was never created: the failing
@@ -85,3 +89,5 @@ std::string exchangeRequest(const std::string& request) {
   }
   return sendAndReceive(connection.get(), request);
 }
+
+} // namespace adapter

@@ -16,6 +16,21 @@
 #include <thread>
 #include <vector>
 
+using adapter::exchangeRequest;
+using adapter::kFrameAreaSize;
+using adapter::requestBackOff;
+using adapter::TimeoutExpired;
+using adapter::UPOSConnector;
+using adapter_testing::boundSocket;
+using adapter_testing::portOf;
+using adapter_testing::receiveRest;
+using adapter_testing::receiveUntil;
+using adapter_testing::sendText;
+using adapter_testing::StartedWinsock;
+using adapter_testing::TestPeer;
+using adapter_testing::TestSocket;
+using test_support::ConfigurationFile;
+using test_support::PatchedImport;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::Not;

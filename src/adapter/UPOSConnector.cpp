@@ -4,6 +4,10 @@
 
 #include <string_view>
 
+using trace::UPOSLog;
+
+namespace adapter {
+
 namespace {
 
 // Despite the label no copy is made: tracing that is switched off must not cost a copy.
@@ -33,3 +37,5 @@ int UPOSConnector::Receive2(ByteBuffer* out) {
       });
   return 0;
 }
+
+} // namespace adapter

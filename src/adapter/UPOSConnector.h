@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdint>
 
+namespace adapter {
+
 /// Reads the answer of one request exchange from its connected socket, which it does not own.
 ///
 /// Owner and thread: the exchange.
@@ -27,3 +29,5 @@ struct UPOSConnector {
   /// 1 since the first exchange of the process.
   static inline std::atomic<std::uint32_t> streamReady = 0;
 };
+
+} // namespace adapter

@@ -10,6 +10,16 @@
 #include <string>
 #include <utility>
 
+using adapter::ByteBuffer;
+using adapter::UPOSConnector;
+using adapter_testing::boundSocket;
+using adapter_testing::portOf;
+using adapter_testing::sendText;
+using adapter_testing::StartedWinsock;
+using adapter_testing::TestSocket;
+using test_support::countedAllocations;
+using test_support::loopback;
+using test_support::PatchedImport;
 using testing::ElementsAre;
 
 namespace {

@@ -3,6 +3,10 @@
 #include "trace/UPOSLog.h"
 #include "win/Handles.h"
 
+using trace::UPOSLog;
+
+namespace adapter {
+
 namespace {
 
 constexpr std::uint32_t kFailed = 0xFFFFFFFF;
@@ -83,3 +87,5 @@ int UPOSDatagramConnector::Close() {
   }
   return result;
 }
+
+} // namespace adapter

@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdint>
 
+namespace adapter {
+
 /// Receives the device server's event messages as datagrams on the event port. One socket per
 /// process: while one is bound, Bind creates no other.
 ///
@@ -36,3 +38,5 @@ struct UPOSDatagramConnector {
 private:
   int receiveDatagram(char* area, int size) const;
 };
+
+} // namespace adapter

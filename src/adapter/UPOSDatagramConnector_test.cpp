@@ -9,6 +9,14 @@
 #include <string>
 #include <vector>
 
+using adapter::ByteBuffer;
+using adapter::UPOSDatagramConnector;
+using adapter_testing::freeDatagramPort;
+using adapter_testing::portOf;
+using adapter_testing::sendDatagrams;
+using adapter_testing::StartedWinsock;
+using adapter_testing::TestSocket;
+using test_support::PatchedImport;
 using testing::ElementsAre;
 
 namespace {

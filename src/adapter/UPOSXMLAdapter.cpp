@@ -16,6 +16,20 @@
 #include <string_view>
 #include <utility>
 
+using adapter::exchangeRequest;
+using model::DeviceEvent;
+using model::Field;
+using trace::UPOSLog;
+using xml::attributeOf;
+using xml::buildRequestDocument;
+using xml::CoreUnavailable;
+using xml::DocumentReader;
+using xml::Elements;
+using xml::elementsBelow;
+using xml::readGuarded;
+using xml::XmlLibrary;
+using xml::xmlLock;
+
 namespace {
 
 constexpr std::uint32_t kDomError = 2;

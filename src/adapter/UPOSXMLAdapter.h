@@ -24,14 +24,14 @@ public:
   /// 0xFFFFFFFF for an unreadable one.
   std::uint32_t fromXML(std::string response) override;
   std::string sendRequest(std::string request) override;
-  InstanceList getInstances() override { return instances_; }
+  model::InstanceList getInstances() override { return instances_; }
   /// The type and class are "NA" for an event of a foreign manufacturer and for an unreadable one.
-  DeviceEvent fromXMLEvent(std::string message) override;
+  model::DeviceEvent fromXMLEvent(std::string message) override;
 
 protected:
-  InstanceList instances_;
+  model::InstanceList instances_;
   /// The fields of the instance being read.
-  Instance pendingFields_;
+  model::Instance pendingFields_;
 
 private:
   std::uint32_t readResponse(std::string response);

@@ -8,6 +8,12 @@
 #include <string>
 #include <vector>
 
+using model::DeviceEvent;
+using model::Instance;
+using model::InstanceList;
+using xml_testing::UnreadableDocument;
+using xml_testing::unreadableDocuments;
+
 namespace {
 
 using Lines = std::vector<std::string>;

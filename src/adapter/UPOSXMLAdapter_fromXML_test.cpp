@@ -9,6 +9,11 @@
 #include <string>
 #include <vector>
 
+using model::InstanceList;
+using xml_testing::repeated;
+using xml_testing::UnreadableDocument;
+using xml_testing::unreadableDocuments;
+
 namespace {
 
 using Lines = std::vector<std::string>;

@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
-std::string exchangeRequest(const std::string& request) {
+using xml::XmlLibrary;
+
+std::string adapter::exchangeRequest(const std::string& request) {
   return request;
 }
 

@@ -12,6 +12,13 @@
 #include <thread>
 #include <vector>
 
+using model::DeviceEvent;
+using model::InstanceList;
+using xml::attributeOf;
+using xml::DocumentReader;
+using xml::XmlLibrary;
+using xml::xmlLock;
+
 namespace {
 
 bool libraryIsRunning() {

@@ -10,6 +10,11 @@
 #include <string>
 #include <vector>
 
+using xml::DocumentReader;
+using xml::narrow;
+using xml::Vocabulary;
+using xml::XmlLibrary;
+
 namespace {
 
 std::string exchanged;
@@ -17,7 +22,7 @@ std::string exchanged;
 } // namespace
 
 /// Replaces the request exchange.
-std::string exchangeRequest(const std::string& request) {
+std::string adapter::exchangeRequest(const std::string& request) {
   exchanged = request;
   return "answer to " + request;
 }

@@ -16,7 +16,7 @@ class CommunicationLayer {
 public:
   virtual ~CommunicationLayer() = default;
   /// Blocks until an event message has arrived; returns it as read by `adapter`.
-  virtual DeviceEvent receiveEvent(IUPOSXmlAdapter* adapter) = 0;
+  virtual model::DeviceEvent receiveEvent(IUPOSXmlAdapter* adapter) = 0;
   /// 0, or 0xFFFFFFFF when the port could not be opened.
   virtual std::uint32_t open(std::uint16_t port) = 0;
   /// The result of closing the socket.

@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace model {
+
 /// One event of the device server, as read by an XML adapter.
 struct DeviceEvent {
   std::string deviceId;
@@ -17,3 +19,5 @@ struct DeviceEvent {
   std::string provider;
   Instance fields;
 };
+
+} // namespace model

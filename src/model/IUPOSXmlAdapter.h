@@ -24,8 +24,8 @@ public:
   /// Sends a request and returns the answer; empty when there is none.
   virtual std::string sendRequest(std::string request) = 0;
   /// A copy of the instances read so far.
-  virtual InstanceList getInstances() = 0;
-  virtual DeviceEvent fromXMLEvent(std::string message) = 0;
+  virtual model::InstanceList getInstances() = 0;
+  virtual model::DeviceEvent fromXMLEvent(std::string message) = 0;
 };
 
 } // namespace com::orvex

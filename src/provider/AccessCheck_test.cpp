@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <sddl.h>
 
+using test_support::PatchedImport;
+
 namespace {
 
 using win::wbemResult;

@@ -14,6 +14,9 @@
 #include <string_view>
 
 using provider::providerState;
+using trace::formatPrintf;
+using trace::TraceArgument;
+using trace::UPOSLog;
 using win::wbemResult;
 
 CProvider_IWbemServices::CProvider_IWbemServices() noexcept {

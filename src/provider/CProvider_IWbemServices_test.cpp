@@ -5,6 +5,9 @@
 
 #include <thread>
 
+using provider_testing::ProviderTest;
+using test_support::PatchedImport;
+
 namespace {
 
 using win::wbemResult;

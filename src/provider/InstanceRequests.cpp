@@ -18,9 +18,14 @@
 #include <string>
 #include <string_view>
 
+using com::orvex::UPOSAdapter;
 using Microsoft::WRL::ComPtr;
 using provider::AdmissionSlot;
+using provider::namesInstance;
+using provider::ObjectPathText;
 using provider::providerState;
+using provider::readObjectPath;
+using trace::UPOSLog;
 using win::wbemResult;
 
 namespace {

@@ -9,6 +9,10 @@
 #include <stdexcept>
 #include <thread>
 
+using model::Instance;
+using provider_testing::ProviderTest;
+using test_support::PatchedImport;
+
 namespace {
 
 class FakeFactory : public com::orvex::StrategyFactory {

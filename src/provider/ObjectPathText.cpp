@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+namespace provider {
+
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r\n";
@@ -53,3 +55,5 @@ ObjectPathText readObjectPath(std::string_view path) {
   const std::size_t length = path.rfind('"') - start;
   return {std::string(path.substr(0, path.find('.'))), std::string(path.substr(start, length))};
 }
+
+} // namespace provider

@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+namespace provider {
+
 /// The parts of an object path, `Class.Key="id"`, that a retrieval uses. Text search only: escapes
 /// are not decoded and no path is rejected. Errors: std::bad_alloc only.
 struct ObjectPathText {
@@ -18,3 +20,5 @@ ObjectPathText readObjectPath(std::string_view path);
 /// True if the class text names an instance by an unnamed key: `UPOS_Scanner=5`,
 /// `UPOS_Scanner="S1"`, the singleton `UPOS_Scanner=@`; with or without a namespace in front.
 bool namesInstance(std::string_view classText) noexcept;
+
+} // namespace provider

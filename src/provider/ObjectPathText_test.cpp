@@ -5,6 +5,10 @@
 #include <array>
 #include <string>
 
+using provider::namesInstance;
+using provider::ObjectPathText;
+using provider::readObjectPath;
+
 namespace {
 
 struct Row {

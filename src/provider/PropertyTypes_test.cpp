@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+using test_support::StartSignal;
+
 namespace {
 
 using provider::PropertyTypes;

@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <utility>
 
+using trace::UPOSLog;
+
+namespace proxy {
+
 namespace {
 constexpr std::string_view kAllDevices = "UPOS_LogicalDevice";
 constexpr std::string_view kGetInstancesLine = "CIMContainer::getInstances(%s)";
@@ -103,3 +107,5 @@ CIMContainer::Selection CIMContainer::select(const std::string& className,
       std::ranges::find_if(devices, [&](const Reference& device) { return device->hasId(id); });
   return {devices.size(), found != devices.end() ? *found : nullptr};
 }
+
+} // namespace proxy

@@ -10,6 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
+namespace proxy {
+
 /// The proxy strategy's device cache: one device per device id (case-sensitive), in order of
 /// arrival.
 ///
@@ -65,3 +67,5 @@ private:
   std::unordered_map<std::string_view, Records::iterator> index_;
   std::unordered_map<std::string, std::size_t> classCounts_;
 };
+
+} // namespace proxy

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+using proxy::CIMContainer;
+using proxy::CIMDevice;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

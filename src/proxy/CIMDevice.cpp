@@ -7,6 +7,13 @@
 #include <sstream>
 #include <utility>
 
+using model::DeviceEvent;
+using model::Field;
+using model::Instance;
+using trace::UPOSLog;
+
+namespace proxy {
+
 namespace {
 
 // Reads as a C++ stream does; an empty text gives 0.
@@ -90,3 +97,5 @@ void CIMDevice::addStringField(const std::string& name, const std::string& value
 void CIMDevice::addBooleanField(const std::string& name, bool value) {
   fields_.insert_or_assign(name, Value{"boolean", value ? "true" : "false"});
 }
+
+} // namespace proxy

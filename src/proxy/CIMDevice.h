@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+namespace proxy {
+
 /// A cached device of the proxy strategy: class, id, the WMI classes under which it is published,
 /// and its typed fields. A value type.
 ///
@@ -26,8 +28,8 @@ public:
   /// a decimal number: invalid text gives 0, overflow the largest number, a negative number wraps.
   /// "boolean" is true for "true" and "TRUE" only. "string" is stored unchanged. Fields of other
   /// types are ignored.
-  CIMDevice(std::string className, std::string deviceId, const Instance& record);
-  explicit CIMDevice(const DeviceEvent& event);
+  CIMDevice(std::string className, std::string deviceId, const model::Instance& record);
+  explicit CIMDevice(const model::DeviceEvent& event);
 
   std::string getClassName() const { return className_; }
   std::string getDeviceId() const { return deviceId_; }
@@ -53,10 +55,12 @@ public:
   void addBooleanField(const std::string& name, bool value);
 
 private:
-  void addRecordField(const Field& field);
+  void addRecordField(const model::Field& field);
 
   std::string className_;
   std::string deviceId_;
   std::vector<std::string> instances_;
   Fields fields_;
 };
+
+} // namespace proxy

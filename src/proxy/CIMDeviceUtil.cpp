@@ -2,6 +2,11 @@
 
 #include "trace/UPOSLog.h"
 
+using model::DeviceEvent;
+using trace::UPOSLog;
+
+namespace proxy {
+
 namespace {
 
 constexpr const char* kNotPublished = "NA";
@@ -65,3 +70,5 @@ DeviceEvent CIMDeviceUtil::processEvent(DeviceEvent event, CIMContainer& contain
                  event.provider, event.type);
   return event;
 }
+
+} // namespace proxy

@@ -3,6 +3,8 @@
 #include "model/DeviceEvent.h"
 #include "proxy/CIMContainer.h"
 
+namespace proxy {
+
 /// Applies device events to the cache.
 ///
 /// Threads: the event thread only; does not block readers of the container.
@@ -12,6 +14,8 @@ public:
   /// published: an add of a known device; a modification without a code (empty or one blank); a
   /// modification or deletion of an unknown device; a deletion after which the device is still
   /// published under another class. An event of another type changes nothing.
-  static DeviceEvent processEvent(DeviceEvent event,
-                                  CIMContainer& container = CIMContainer::getInstance());
+  static model::DeviceEvent processEvent(model::DeviceEvent event,
+                                         CIMContainer& container = CIMContainer::getInstance());
 };
+
+} // namespace proxy

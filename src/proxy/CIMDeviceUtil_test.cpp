@@ -12,6 +12,11 @@
 #include <thread>
 #include <vector>
 
+using model::DeviceEvent;
+using model::Instance;
+using proxy::CIMContainer;
+using proxy::CIMDevice;
+using proxy::CIMDeviceUtil;
 using proxy_testing::CacheModel;
 using proxy_testing::seen;
 using testing::ElementsAre;

@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+using model::DeviceEvent;
+using model::Instance;
+using proxy::CIMDevice;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -2,6 +2,8 @@
 
 #include <system_error>
 
+namespace proxy {
+
 namespace {
 
 win::Handle checkedHandle(HANDLE created) {
@@ -43,3 +45,5 @@ bool KernelWaits::Turn::acquireUnless(HANDLE cancelled) noexcept {
 void KernelWaits::Turn::release() noexcept {
   ReleaseMutex(mutex_.get());
 }
+
+} // namespace proxy

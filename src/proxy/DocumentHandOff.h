@@ -3,6 +3,8 @@
 #include "proxy/HandOff.h"
 #include "win/Handles.h"
 
+namespace proxy {
+
 /// The hand-off's synchronisation on Windows: kernel objects, so that one wait can be for two of
 /// them. Errors: constructors throw std::system_error.
 struct KernelWaits {
@@ -35,3 +37,5 @@ struct KernelWaits {
 };
 
 using DocumentHandOff = HandOff<KernelWaits>;
+
+} // namespace proxy

@@ -12,6 +12,7 @@
 #include <vector>
 
 using namespace std::chrono_literals;
+using proxy::DocumentHandOff;
 
 namespace {
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+namespace proxy {
+
 namespace {
 
 /// Length of the longest suffix of `text` that is a proper prefix of the start marker.
@@ -48,3 +50,5 @@ std::vector<std::string> EventSplitter::splitText(std::string_view text) {
   pending_ = text;
   return documents;
 }
+
+} // namespace proxy

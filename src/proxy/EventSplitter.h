@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+namespace proxy {
+
 /// Splits the stream of one connection into event documents.
 ///
 /// Owner and thread: the connection's. Complexity: linear in the received text.
@@ -39,3 +41,5 @@ private:
   std::string pending_;  // never contains the end marker
   std::string heldBack_; // follows pending_: a proper prefix of the start marker
 };
+
+} // namespace proxy

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+using proxy::EventSplitter;
 using proxy_testing::begunStartMarker;
 using proxy_testing::joined;
 using proxy_testing::SplitterRules;

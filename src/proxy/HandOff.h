@@ -3,6 +3,8 @@
 #include <string>
 #include <utility>
 
+namespace proxy {
+
 /// Hands documents from many producers to one consumer, one at a time: `put` waits until the
 /// consumer waits in `take`; the next `take` waits until the consumer has called `release`.
 ///
@@ -50,3 +52,5 @@ private:
   typename Waits::Signal consumerWaiting_{false};
   std::string slot_; // the producer's from consumerWaiting to documentReady, else the consumer's
 };
+
+} // namespace proxy

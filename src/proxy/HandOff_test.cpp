@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+using proxy::HandOff;
+
 namespace {
 
 /// Synchronises only by its signals, so that ThreadSanitizer checks the protocol of the hand-off.

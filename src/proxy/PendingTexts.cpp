@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+namespace proxy {
+
 PendingTexts::Connection::Connection(PendingTexts& owner, std::function<void()> onDropped)
     : owner_(owner), onDropped_(std::move(onDropped)) {
   std::scoped_lock lock(owner_.mutex_);
@@ -53,3 +55,5 @@ void PendingTexts::dropOne() {
   set(dropped, 0);
   dropped.onDropped_();
 }
+
+} // namespace proxy

@@ -5,6 +5,8 @@
 #include <mutex>
 #include <set>
 
+namespace proxy {
+
 struct PendingLimits {
   std::size_t perConnection = std::size_t{64} << 20; ///< of an incomplete document
   std::size_t total = std::size_t{256} << 20;
@@ -60,3 +62,5 @@ private:
   std::set<Connection*> connections_;
   std::size_t bytes_ = 0; // total of the connections that are not dropped
 };
+
+} // namespace proxy

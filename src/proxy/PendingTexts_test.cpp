@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+using proxy::PendingTexts;
+
 namespace {
 
 struct Client {

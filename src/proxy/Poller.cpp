@@ -5,6 +5,8 @@
 
 #include <chrono>
 
+using trace::UPOSLog;
+
 namespace com::orvex {
 
 namespace {

@@ -7,6 +7,11 @@
 #include "trace/UPOSLog.h"
 #include "win/Configuration.h"
 
+using model::DeviceEvent;
+using proxy::CIMDeviceUtil;
+using proxy::TCPServer;
+using trace::UPOSLog;
+
 namespace com::orvex {
 
 namespace {

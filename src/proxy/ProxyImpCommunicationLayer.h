@@ -11,7 +11,7 @@ namespace com::orvex {
 class ProxyImpCommunicationLayer : public CommunicationLayer {
 public:
   /// The event's type is "NA" if it is not to be published.
-  DeviceEvent receiveEvent(IUPOSXmlAdapter* adapter) override;
+  model::DeviceEvent receiveEvent(IUPOSXmlAdapter* adapter) override;
   /// Starts the server, then the poller. May be retried after a failure.
   std::uint32_t open(std::uint16_t port) override;
   std::uint32_t close() override;

@@ -18,6 +18,13 @@
 using com::orvex::CommunicationLayer;
 using com::orvex::ProxyImpCommunicationLayer;
 using com::orvex::ProxyImpXmlAdapter;
+using model::DeviceEvent;
+using model::InstanceList;
+using proxy::CIMContainer;
+using proxy::CIMDevice;
+using proxy::EventSplitter;
+using proxy::TCPServer;
+using proxy_testing::TestClient;
 using testing::ElementsAre;
 using testing::IsSupersetOf;
 

@@ -11,6 +11,19 @@
 #include <utility>
 #include <vector>
 
+using model::DeviceEvent;
+using model::Field;
+using model::Instance;
+using proxy::CIMContainer;
+using proxy::CIMDevice;
+using proxy::sendToClients;
+using trace::UPOSLog;
+using xml::attributeOf;
+using xml::DocumentReader;
+using xml::Elements;
+using xml::elementsBelow;
+using xml::XmlLibrary;
+
 namespace com::orvex {
 
 namespace {

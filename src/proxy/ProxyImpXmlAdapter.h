@@ -25,7 +25,7 @@ public:
   std::string sendRequest(std::string request) override;
   /// As the base class; also sets the provider and all fields, even if the event is not to be
   /// published. An unreadable document leaves both empty.
-  DeviceEvent fromXMLEvent(std::string message) override;
+  model::DeviceEvent fromXMLEvent(std::string message) override;
 
 private:
   void updateInstances(const std::string& className, const std::string& cmd, const std::string& id);

@@ -18,8 +18,17 @@
 
 using com::orvex::Poller;
 using com::orvex::ProxyImpXmlAdapter;
+using model::DeviceEvent;
+using model::Instance;
+using model::InstanceList;
+using proxy::CIMContainer;
+using proxy::CIMDevice;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using xml::xmlLock;
+using xml_testing::repeated;
+using xml_testing::UnreadableDocument;
+using xml_testing::unreadableDocuments;
 
 namespace {
 
@@ -360,7 +369,7 @@ TEST_F(ProxyXmlAdapter, EventsAreReadOnSeveralThreadsConcurrently) {
 } // namespace
 
 /// Replaces the event socket server's sender.
-void sendToClients(const std::string& text) {
+void proxy::sendToClients(const std::string& text) {
   const std::scoped_lock lock(sending);
   sent.push_back(text);
 }

@@ -10,6 +10,10 @@
 #include <thread>
 #include <vector>
 
+using model::Instance;
+using proxy::CIMDeviceUtil;
+using xml::XmlLibrary;
+
 namespace {
 
 std::string numbered(std::string name, int number) {

@@ -12,6 +12,10 @@
 #include <system_error>
 #include <utility>
 
+using trace::UPOSLog;
+
+namespace proxy {
+
 namespace {
 
 constexpr std::uint32_t kFailed = 0xFFFFFFFF;
@@ -328,3 +332,5 @@ void TCPServer::waitUntilReadable(const Client& client) noexcept {
 bool TCPServer::isStopping() const noexcept {
   return WaitForSingleObject(stopping_.get(), 0) == WAIT_OBJECT_0;
 }
+
+} // namespace proxy

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+namespace proxy {
+
 /// The proxy strategy's event socket server. Device servers connect to it; each connection's stream
 /// is split into event documents, which are handed to one consumer, one at a time. It also sends
 /// text to every connected device server.
@@ -144,3 +146,5 @@ private:
   std::unique_ptr<Listening> listening_; // used by the consumer only
   const std::shared_ptr<Receivers> receivers_ = std::make_shared<Receivers>();
 };
+
+} // namespace proxy

@@ -20,6 +20,11 @@
 #include <vector>
 
 using namespace std::chrono_literals;
+using proxy::EventSplitter;
+using proxy::PendingLimits;
+using proxy::sendToClients;
+using proxy::TCPServer;
+using proxy_testing::TestClient;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;

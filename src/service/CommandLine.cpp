@@ -13,6 +13,10 @@
 #include <algorithm>
 #include <cstdlib>
 
+using trace::UPOSLog;
+
+namespace service {
+
 namespace {
 
 void printNotStarted() {
@@ -101,3 +105,5 @@ int runCommandLine(int argc, char* argv[]) {
     return startAsService();
   }
 }
+
+} // namespace service

@@ -19,6 +19,10 @@ using com::orvex::CommunicationLayer;
 using com::orvex::IUPOSXmlAdapter;
 using com::orvex::StrategyFactory;
 using Microsoft::WRL::ComPtr;
+using model::DeviceEvent;
+using trace::UPOSLog;
+
+namespace service {
 
 namespace {
 
@@ -127,3 +131,5 @@ DWORD WINAPI EventThread(void* context) noexcept {
   });
   return static_cast<DWORD>(result);
 }
+
+} // namespace service

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <wbemprov.h>
 
+namespace service {
+
 /// The event thread's parameter. Allocated by the starter, owned by the thread. Each interface
 /// pointer holds a reference.
 struct EventThreadContext {
@@ -19,3 +21,5 @@ struct EventThreadContext {
 /// Errors: an event for which memory runs out is lost; without COM, and after any other exception,
 /// the thread ends.
 DWORD WINAPI EventThread(void* context) noexcept;
+
+} // namespace service

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <gtest/gtest.h>
 
+using service::modulePath;
+
 TEST(ModulePath, APathWithABackslashIsKeptWithForwardSlashes) {
   EXPECT_EQ(modulePath("C:\\Program Files\\Quillmon\\quillmon.exe"),
             "C:/Program Files/Quillmon/quillmon.exe");

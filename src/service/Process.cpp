@@ -5,6 +5,10 @@
 
 #include <objbase.h>
 
+using trace::UPOSLog;
+
+namespace service {
+
 namespace {
 
 HRESULT InitialiseComSecurity(DWORD authnLevel, DWORD impLevel) {
@@ -34,3 +38,5 @@ HRESULT Process() noexcept {
   UPOSLog::trace("[Process] exit t_Result = %i", result);
   return result;
 }
+
+} // namespace service

@@ -8,6 +8,10 @@
 #include <atomic>
 #include <mutex>
 
+using trace::UPOSLog;
+
+namespace service {
+
 namespace {
 
 char serviceName[] = "QuillmonServ";
@@ -137,3 +141,5 @@ void blockForever() {
     Sleep(INFINITE);
   }
 }
+
+} // namespace service

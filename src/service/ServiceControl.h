@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace service {
+
 // The Windows service "QuillmonServ": installation and life cycle. Results of the service control
 // manager are checked only where a console line depends on them; its handles stay open until the
 // process ends.
@@ -32,3 +34,5 @@ void WINAPI ServiceCtrlHandler(DWORD control) noexcept;
 
 /// Blocks for ever: the thread of a started service must not return.
 [[noreturn]] void blockForever();
+
+} // namespace service

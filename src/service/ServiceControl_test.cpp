@@ -12,6 +12,12 @@
 #include <thread>
 #include <vector>
 
+using service::runServiceDispatcher;
+using service::ServiceCtrlHandler;
+using service::ServiceMain;
+using test_support::PatchedImport;
+using test_support::StartSignal;
+
 namespace {
 
 using testing::ElementsAre;
@@ -139,7 +145,7 @@ TEST_F(ServiceControl, AnUnknownControlPutsTheLastErrorIntoTheState) {
 } // namespace
 
 /// Replaces the service's body.
-HRESULT Process() noexcept {
+HRESULT service::Process() noexcept {
   reportsBeforeProcess = reports;
   return kProcessFailed;
 }

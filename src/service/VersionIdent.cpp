@@ -2,6 +2,8 @@
 
 #include "service/Console.h"
 
+namespace service {
+
 namespace {
 
 // Kept: never expanded, so every build prints "No level info found".
@@ -38,3 +40,5 @@ void printVersion() {
     console::print("No level info found");
   }
 }
+
+} // namespace service

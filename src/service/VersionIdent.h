@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+namespace service {
+
 /// The release and level of an expanded version-control ident.
 struct VersionLevel {
   bool found = false;
@@ -15,3 +17,5 @@ VersionLevel parseVersionIdent(std::string_view ident);
 
 /// Prints the banner and the version of this build.
 void printVersion();
+
+} // namespace service

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+using service::parseVersionIdent;
+using service::printVersion;
+using service::VersionLevel;
+
 TEST(VersionIdent, AnUnexpandedIdentHasNoLevel) {
   EXPECT_FALSE(parseVersionIdent("%W%").found);
 }

@@ -12,6 +12,9 @@
 #include <new>
 
 using Microsoft::WRL::ComPtr;
+using trace::UPOSLog;
+
+namespace service {
 
 namespace {
 
@@ -153,3 +156,5 @@ HRESULT Process_DecoupledInstance() {
   UPOSLog::trace("[Process_DecoupledInstance] exit t_Result = %i", result);
   return result;
 }
+
+} // namespace service

@@ -3,6 +3,8 @@
 #include <windows.h>
 #include <wbemprov.h>
 
+namespace service {
+
 /// Registers the provider object and the event provider with WMI, starts the event thread, pumps
 /// messages on the calling thread until WM_QUIT, and withdraws both registrations.
 /// Errors: a failed registration of the provider object is ignored; a failure of the event provider
@@ -16,3 +18,5 @@ HRESULT RegisterDecoupledInstance(IWbemDecoupledRegistrar** registrar);
 /// Registers the event provider under the same name and starts the event thread. Sets
 /// `eventProvider` to null on failure.
 HRESULT StartEventProvider(IWbemDecoupledBasicEventProvider** eventProvider);
+
+} // namespace service

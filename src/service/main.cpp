@@ -3,6 +3,8 @@
 
 #include <exception>
 
+using service::runCommandLine;
+
 int main(int argc, char* argv[]) {
   win::loadCodeFromSystemOnly();
   try {

@@ -14,6 +14,7 @@
 using com::orvex::getStrategyFactory;
 using com::orvex::setStrategy;
 using com::orvex::StrategyFactory;
+using test_support::StartSignal;
 
 namespace {
 

@@ -8,8 +8,10 @@
 #include <memory>
 #include <utility>
 
-using com::orvex::IUPOSXmlAdapter;
-using com::orvex::StrategyFactory;
+using model::InstanceList;
+using trace::UPOSLog;
+
+namespace com::orvex {
 
 namespace {
 
@@ -96,3 +98,5 @@ std::int32_t UPOSAdapter::selectInstance(std::int32_t index) {
              ? static_cast<std::int32_t>(instances_[static_cast<std::size_t>(index)].size())
              : 0;
 }
+
+} // namespace com::orvex

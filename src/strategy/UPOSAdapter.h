@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+namespace com::orvex {
+
 /// Answers one enumeration or one lookup of the WMI provider through the selected strategy, and
 /// gives access to the result by index.
 ///
@@ -31,7 +33,7 @@ public:
   void getPropertyItem(std::string* out, std::int32_t instanceIndex, std::int32_t propertyIndex,
                        std::int32_t item) {
     if (has(instances_, instanceIndex)) {
-      const Instance& instance = instances_[static_cast<std::size_t>(instanceIndex)];
+      const model::Instance& instance = instances_[static_cast<std::size_t>(instanceIndex)];
       if (has(instance, propertyIndex)) {
         currentProperty_ = &instance[static_cast<std::size_t>(propertyIndex)];
         *out =
@@ -47,11 +49,13 @@ private:
   static bool has(const List& list, std::int32_t index) noexcept {
     return static_cast<std::uint32_t>(index) < list.size(); // a negative index becomes a large one
   }
-  void setInstances(InstanceList instances);
+  void setInstances(model::InstanceList instances);
 
   std::string unused1_; // kept for the layout
   std::string unused2_;
-  InstanceList instances_;
-  const Field* currentProperty_ = nullptr; ///< the property read last, in instances_
+  model::InstanceList instances_;
+  const model::Field* currentProperty_ = nullptr; ///< the property read last, in instances_
   std::string lastName_; ///< the name of the property read last in the previous instances_
 };
+
+} // namespace com::orvex

@@ -12,7 +12,15 @@
 #include <optional>
 #include <stdexcept>
 
+using com::orvex::UPOSAdapter;
+using model::DeviceEvent;
+using model::Field;
+using model::Instance;
+using model::InstanceList;
+using test_support::countedAllocations;
 using testing::ElementsAre;
+using trace::formatPrintf;
+using trace::TraceArgument;
 
 namespace {
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+namespace trace {
+
 LogLocation installedLogLocation(bool (*isWritable)(const std::string& path)) {
   LogLocation location;
   win::RegistryKey key;
@@ -39,3 +41,5 @@ std::string fallbackLogPath(const std::string& program) {
 std::string traceConfigurationFile(const std::string& installDir) {
   return installDir + "zontrace.cfg";
 }
+
+} // namespace trace

@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+namespace trace {
+
 /// The location of the trace log and of its configuration, in the system's ANSI code page.
 /// Threads: any.
 struct LogLocation {
@@ -19,3 +21,5 @@ std::string fallbackLogPath(const std::string& program);
 
 /// The path of zontrace.cfg. Adds no separator: INSTALLDIR ends with a backslash.
 std::string traceConfigurationFile(const std::string& installDir);
+
+} // namespace trace

@@ -6,6 +6,8 @@
 #include <optional>
 #include <type_traits>
 
+namespace trace {
+
 namespace {
 
 /// Limit of a field's width and of a number's precision.
@@ -266,3 +268,5 @@ std::string formatPrintf(std::string_view format, std::initializer_list<TraceArg
     }
   }
 }
+
+} // namespace trace

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <variant>
 
+namespace trace {
+
 /// One argument of a trace line, tagged with its kind. Refers to text without copying it: valid
 /// only during the call.
 class TraceArgument {
@@ -34,3 +36,5 @@ private:
 /// beyond the arguments is read. %p prints 16 upper-case hexadecimal digits, as on Windows.
 /// Threads: any. Errors: std::bad_alloc only.
 std::string formatPrintf(std::string_view format, std::initializer_list<TraceArgument> arguments);
+
+} // namespace trace

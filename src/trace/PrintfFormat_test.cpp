@@ -7,6 +7,9 @@
 #include <initializer_list>
 #include <vector>
 
+using trace::formatPrintf;
+using trace::TraceArgument;
+
 namespace {
 
 template <class... Arguments>

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdio>
 
+namespace trace {
+
 std::string timeStamp(const std::tm& local) {
   std::array<char, 80> text{};
   const int length =
@@ -11,3 +13,5 @@ std::string timeStamp(const std::tm& local) {
                     local.tm_mday, local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec);
   return {text.data(), static_cast<std::size_t>(std::max(length, 0))};
 }
+
+} // namespace trace

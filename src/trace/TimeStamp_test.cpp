@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+using trace::timeStamp;
+
 namespace {
 
 std::tm localTime(int year, int month, int day, int hour, int minute, int second) {

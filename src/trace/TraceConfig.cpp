@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <limits>
 
+namespace trace {
+
 namespace {
 
 constexpr std::int32_t kMaxFileSize = 10'000'000;
@@ -62,3 +64,5 @@ std::optional<TraceSetting> TraceConfig::readLine(std::string_view line) noexcep
   }
   return std::nullopt;
 }
+
+} // namespace trace

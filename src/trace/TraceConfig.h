@@ -6,6 +6,8 @@
 #include <optional>
 #include <string_view>
 
+namespace trace {
+
 /// A valid line of the trace log's configuration file. `value` is clamped to its range.
 struct TraceSetting {
   enum class Key { FileSize, BackupCount };
@@ -41,3 +43,5 @@ public:
     }
   }
 };
+
+} // namespace trace

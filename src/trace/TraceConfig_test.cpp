@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+using trace::TraceConfig;
+using trace::TraceSetting;
+
 void PrintTo(const TraceSetting& setting, std::ostream* out) {
   *out << setting.name() << '=' << setting.value;
 }

@@ -17,6 +17,8 @@
 #include <string>
 #include <utility>
 
+namespace trace {
+
 namespace {
 
 // Threads may trace while the process ends, so this state is never destroyed and the handle of the
@@ -245,3 +247,5 @@ void UPOSLog::readConfig() {
     trace("Key : %s, Value : %i", setting.name(), setting.value);
   });
 }
+
+} // namespace trace

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+namespace trace {
+
 /// The diagnostic trace of the whole service: one printf-style entry point, no object.
 ///
 /// Off until an external tool signals the named event "Global\TRC_QUILLMON"; then on until the
@@ -44,3 +46,5 @@ private:
   static std::uint32_t rotate() noexcept;
   static void backup();
 };
+
+} // namespace trace

@@ -35,6 +35,10 @@
 #include <thread>
 #include <vector>
 
+using test_support::PatchedImport;
+using test_support::StartSignal;
+using trace::UPOSLog;
+
 namespace {
 
 std::atomic<int> untilShortage = -1;

@@ -16,6 +16,8 @@
 #include <string_view>
 #include <vector>
 
+using trace::timeStamp;
+
 namespace {
 
 namespace fs = std::filesystem;

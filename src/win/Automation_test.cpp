@@ -5,6 +5,8 @@
 
 #include <system_error>
 
+using test_support::PatchedImport;
+
 namespace {
 
 int callsBeforeFailure = 0;

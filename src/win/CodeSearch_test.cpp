@@ -6,6 +6,8 @@
 
 #include <string>
 
+using test_support::PatchedImport;
+
 namespace {
 
 DWORD policyFlags = 0;

@@ -5,6 +5,8 @@
 
 #include <string>
 
+using test_support::ConfigurationFile;
+
 namespace {
 
 class Configuration : public testing::Test {

@@ -12,6 +12,10 @@
 #include <array>
 #include <cstring>
 
+using model::Field;
+
+namespace xml {
+
 namespace {
 
 using xercesc::DOMElement;
@@ -275,3 +279,5 @@ void DocumentReader::charge(std::size_t cost) {
   }
   readBudget_ -= cost;
 }
+
+} // namespace xml

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+namespace xml {
+
 using Elements = std::vector<const xercesc::DOMElement*>;
 
 /// All elements of that name below `scope`, at any depth, in document order. Linear time, unlike
@@ -75,7 +77,7 @@ public:
 
   /// A "field" element as name, type word and value (its text content). Throws XmlFailure when the
   /// budget is exhausted.
-  Field readField(const xercesc::DOMElement& element);
+  model::Field readField(const xercesc::DOMElement& element);
 
 private:
   class Parser;
@@ -90,3 +92,5 @@ private:
   std::vector<const xercesc::DOMNode*> path_; ///< like text_, reused for all fields
   std::basic_string<XMLCh> text_;
 };
+
+} // namespace xml

@@ -10,6 +10,19 @@
 #include <string>
 #include <vector>
 
+using model::Field;
+using xml::attributeOf;
+using xml::DocumentReader;
+using xml::Elements;
+using xml::elementsBelow;
+using xml::narrow;
+using xml::Vocabulary;
+using xml::XmlFailure;
+using xml::XmlLibrary;
+using xml_testing::repeated;
+using xml_testing::UnreadableDocument;
+using xml_testing::unreadableDocuments;
+
 namespace {
 
 class DocumentReaderTest : public testing::Test {

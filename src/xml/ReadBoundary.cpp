@@ -10,6 +10,10 @@
 #include <iostream>
 #include <string>
 
+using trace::UPOSLog;
+
+namespace xml {
+
 namespace {
 
 constexpr std::string_view kXmlLine = "<<XMLAdapter XML Exception >> : ";
@@ -45,3 +49,5 @@ void traceCurrentException(std::string_view unknownLine) noexcept {
     std::cerr << "Unexpected Exception \n";
   }
 }
+
+} // namespace xml

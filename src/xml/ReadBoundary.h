@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+namespace xml {
+
 /// Traces the current exception: two lines for the library's and XmlFailure; `unknownLine`, and a
 /// line on standard error, for any other.
 void traceCurrentException(std::string_view unknownLine) noexcept;
@@ -18,3 +20,5 @@ bool readGuarded(std::string_view unknownLine, const Read& read) noexcept {
     return false;
   }
 }
+
+} // namespace xml

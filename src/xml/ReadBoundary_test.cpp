@@ -17,6 +17,11 @@
 #include <string>
 #include <vector>
 
+using xml::narrow;
+using xml::readGuarded;
+using xml::XmlFailure;
+using xml::XmlLibrary;
+
 namespace {
 
 using Lines = std::vector<std::string>;

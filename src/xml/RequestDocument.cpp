@@ -8,6 +8,8 @@
 #include <memory>
 #include <stdexcept>
 
+namespace xml {
+
 namespace {
 
 /// DOM objects are freed with release(), not with delete.
@@ -67,3 +69,5 @@ std::string buildRequestDocument(const std::string& className, const std::string
   }
   return serialise(*core, *document);
 }
+
+} // namespace xml

@@ -2,6 +2,8 @@
 
 #include <string>
 
+namespace xml {
+
 /// Builds the request document: root element `type` with the children "type" (`cmd`), "class" and,
 /// unless `id` is empty, "id". UTF-8, with the library's XML declaration. The arguments are narrow
 /// text in the local code page.
@@ -15,3 +17,5 @@ std::string buildRequestDocument(const std::string& className, const std::string
 
 /// Thrown when the library has no DOM implementation with the feature "Core".
 class CoreUnavailable {};
+
+} // namespace xml

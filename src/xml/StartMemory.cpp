@@ -5,6 +5,8 @@
 #include <functional>
 #include <new>
 
+namespace xml {
+
 StartMemory::Area::Area(StartMemory& memory) noexcept : memory_(memory) {
   memory_.usesArea_ = true;
   if (memory_.blocks_ == 0) {
@@ -52,3 +54,5 @@ bool StartMemory::isInArea(const void* block) const noexcept {
   const std::less<> isBefore;
   return !isBefore(block, area_) && isBefore(block, area_ + kAreaSize);
 }
+
+} // namespace xml

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstddef>
 
+namespace xml {
+
 /// The XML library's memory manager. A start of the library allocates about 1,500 small blocks,
 /// which its end frees. These blocks come from a static area: a start is then cheap, and it cannot
 /// run out of memory half-way, after which the library could neither be ended nor started again.
@@ -41,3 +43,5 @@ private:
   std::atomic<std::size_t> blocks_ = 0; // allocated in the area; any thread may free one
   bool usesArea_ = false;
 };
+
+} // namespace xml

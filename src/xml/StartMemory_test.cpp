@@ -8,6 +8,8 @@
 #include <cstring>
 #include <vector>
 
+using xml::StartMemory;
+
 namespace {
 
 constexpr std::size_t kMoreThanTheArea = 1'000'000;

@@ -11,6 +11,8 @@
 
 #include <optional>
 
+namespace xml {
+
 namespace {
 
 using xercesc::PanicHandler;
@@ -132,3 +134,5 @@ void XmlLibrary::require() const {
     throw XmlFailure(failure_);
   }
 }
+
+} // namespace xml

@@ -5,6 +5,8 @@
 #include <mutex>
 #include <string>
 
+namespace xml {
+
 class StartMemory;
 
 /// The XML lock: one per process, created on first use, never destroyed. Taken before any document
@@ -39,3 +41,5 @@ private:
   bool started_ = false;
   std::string failure_;
 };
+
+} // namespace xml

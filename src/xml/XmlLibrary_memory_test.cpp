@@ -5,6 +5,8 @@
 
 #include <vector>
 
+using xml::XmlLibrary;
+
 namespace {
 
 std::size_t blocksInUse() {

@@ -9,6 +9,13 @@
 #include <thread>
 #include <vector>
 
+using xml::DocumentReader;
+using xml::Elements;
+using xml::narrow;
+using xml::widen;
+using xml::XmlLibrary;
+using xml::xmlLock;
+
 namespace {
 
 bool libraryIsRunning() {

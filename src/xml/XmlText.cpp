@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <memory>
 
+namespace xml {
+
 namespace {
 
 struct Release {
@@ -40,3 +42,5 @@ std::basic_string<XMLCh> widen(const std::string& text) {
   const std::unique_ptr<XMLCh, Release> converted(xercesc::XMLString::transcode(text.c_str()));
   return converted.get();
 }
+
+} // namespace xml

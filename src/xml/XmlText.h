@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace xml {
+
 // Conversions between the XML library's UTF-16 and the service's narrow strings in the local code
 // page. Threads: any, within an XmlLibrary session. Errors: out of memory only.
 
@@ -14,3 +16,5 @@ std::string narrow(const XMLCh* text);
 /// Converts from the local code page, up to the first NUL. An invalid character becomes a
 /// replacement character.
 std::basic_string<XMLCh> widen(const std::string& text);
+
+} // namespace xml

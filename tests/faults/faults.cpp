@@ -32,6 +32,9 @@
 #include <unordered_map>
 #include <utility>
 
+using test_support::importSlot;
+using test_support::PatchedImport;
+
 namespace {
 
 // -- what the test and this DLL share, in a file that both map: see tests/system/faults.py

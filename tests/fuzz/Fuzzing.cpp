@@ -8,6 +8,10 @@
 #include <cstdlib>
 #include <iostream>
 
+using trace::formatPrintf;
+using trace::TraceArgument;
+using trace::UPOSLog;
+
 namespace fuzzing {
 
 void require(bool holds, const char* what) {

@@ -14,6 +14,14 @@
 #include <algorithm>
 #include <cstring>
 
+using model::Field;
+using xml::DocumentReader;
+using xml::narrow;
+using xml::protocolVocabulary;
+using xml::XmlLibrary;
+
+namespace fuzzing {
+
 namespace {
 
 using xercesc::MemoryManager;
@@ -138,3 +146,5 @@ bool PlainDocument::isTooMuch(std::size_t cost, std::size_t documentSize) {
   return cost >
          std::max(DocumentReader::kMaxReadPerByte * documentSize, DocumentReader::kMinReadBudget);
 }
+
+} // namespace fuzzing

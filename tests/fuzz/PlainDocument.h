@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+namespace fuzzing {
+
 /// A document as the XML library reads it by itself: its parser with its default settings and its
 /// own search by tag name. What the service's readers make of a document is compared with this.
 ///
@@ -27,7 +29,7 @@ public:
   static std::vector<Element*> elementsBelow(Element& scope, const XMLCh* name);
 
   /// An element's attributes "name" and "type" and its text.
-  static Field field(Element& element);
+  static model::Field field(Element& element);
   /// What a field costs the service's readers, and whether they refuse so much in a document of
   /// that size.
   static std::size_t costOf(Element& element);
@@ -46,3 +48,5 @@ private:
   const xercesc::DOMDocument* document_ = nullptr; // the parser's
   bool acceptable_;
 };
+
+} // namespace fuzzing

@@ -12,6 +12,10 @@ using fuzzing::require;
 using proxy_testing::CacheModel;
 using proxy_testing::seen;
 using Device = CacheModel::Device;
+using model::DeviceEvent;
+using proxy::CIMContainer;
+using proxy::CIMDevice;
+using proxy::CIMDeviceUtil;
 
 namespace {
 

@@ -10,7 +10,10 @@
 #include <cstring>
 #include <string>
 
+using fuzzing::PlainDocument;
 using fuzzing::require;
+using model::DeviceEvent;
+using xml::narrow;
 
 namespace {
 

@@ -7,6 +7,7 @@
 #include <iterator>
 
 using fuzzing::require;
+using proxy::EventSplitter;
 using proxy_testing::begunStartMarker;
 using proxy_testing::joined;
 using proxy_testing::SplitterRules;

@@ -6,6 +6,12 @@
 #include <memory>
 #include <optional>
 
+using adapter::ByteBuffer;
+using adapter::FrameArea;
+using adapter::kFrameAreaSize;
+using adapter::kFrameBegin;
+using adapter::kFrameEnd;
+using adapter::readFrame;
 using fuzzing::require;
 
 namespace {

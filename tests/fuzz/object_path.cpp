@@ -6,6 +6,7 @@
 #include <algorithm>
 
 using fuzzing::require;
+using provider::readObjectPath;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // On the heap, where the sanitizer sees an access beyond it.

@@ -7,7 +7,10 @@
 
 #include <string>
 
+using fuzzing::PlainDocument;
 using fuzzing::require;
+using xml::narrow;
+using xml::widen;
 
 namespace {
 

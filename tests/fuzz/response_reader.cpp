@@ -9,7 +9,12 @@
 #include <cstring>
 #include <string>
 
+using fuzzing::PlainDocument;
 using fuzzing::require;
+using model::Field;
+using model::Instance;
+using model::InstanceList;
+using xml::narrow;
 
 namespace {
 

@@ -8,6 +8,8 @@
 #include <memory>
 
 using fuzzing::require;
+using trace::TraceConfig;
+using trace::TraceSetting;
 
 namespace {
 

@@ -9,6 +9,8 @@
 #include <optional>
 
 using fuzzing::require;
+using trace::formatPrintf;
+using trace::TraceArgument;
 
 namespace {
 

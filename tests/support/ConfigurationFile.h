@@ -6,6 +6,8 @@
 #include <fstream>
 #include <string>
 
+namespace test_support {
+
 /// The service's real configuration file on drive C of the prefix, for one test. Tests of several
 /// programs may run at once on one prefix, so the file is held until the test ends.
 class ConfigurationFile {
@@ -32,3 +34,5 @@ public:
 private:
   win::Handle turn_;
 };
+
+} // namespace test_support

@@ -8,7 +8,7 @@ namespace {
 std::atomic<int> allocations = 0;
 }
 
-int countedAllocations() {
+int test_support::countedAllocations() {
   return allocations;
 }
 

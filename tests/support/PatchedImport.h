@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+namespace test_support {
+
 /// The entry of this program's import address table, also when a DLL in it asks; null when the
 /// program imports no such function.
 inline std::uintptr_t* importSlot(std::string_view name) {
@@ -69,3 +71,5 @@ private:
   std::uintptr_t* slot_;
   std::uintptr_t original_;
 };
+
+} // namespace test_support

@@ -6,6 +6,10 @@
 #include <mutex>
 #include <utility>
 
+using trace::formatPrintf;
+using trace::TraceArgument;
+using trace::UPOSLog;
+
 namespace {
 std::mutex mutex;
 std::vector<std::string> recorded;

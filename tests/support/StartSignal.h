@@ -3,6 +3,8 @@
 #include <condition_variable>
 #include <mutex>
 
+namespace test_support {
+
 /// Lets the threads that wait for it begin at once. Not std::latch, std::barrier or
 /// std::atomic::wait: those of the Windows compiler's library lose a wake-up now and then.
 class StartSignal {
@@ -22,3 +24,5 @@ private:
   std::condition_variable changed_;
   bool given_ = false;
 };
+
+} // namespace test_support

@@ -20,6 +20,13 @@
 #include <memory>
 #include <thread>
 
+using trace::fallbackLogPath;
+using trace::installedLogLocation;
+using trace::LogLocation;
+using trace::TraceConfig;
+using trace::traceConfigurationFile;
+using trace::TraceSetting;
+
 namespace ctl {
 namespace {
 

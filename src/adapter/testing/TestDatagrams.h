@@ -8,6 +8,8 @@
 #include <initializer_list>
 #include <string>
 
+namespace adapter_testing {
+
 /// Sends each text as one datagram to the loopback, in order.
 inline void sendDatagrams(std::uint16_t port, std::initializer_list<std::string> datagrams) {
   const TestSocket sender(socket(AF_INET, SOCK_DGRAM, 0));
@@ -22,3 +24,5 @@ inline void sendDatagrams(std::uint16_t port, std::initializer_list<std::string>
 inline std::uint16_t freeDatagramPort() {
   return portOf(TestSocket(boundSocket(SOCK_DGRAM)).get());
 }
+
+} // namespace adapter_testing

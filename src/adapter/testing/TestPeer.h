@@ -10,6 +10,8 @@
 #include <thread>
 #include <utility>
 
+namespace adapter_testing {
+
 using test_support::loopback;
 
 /// Starts Winsock for one scope.
@@ -140,3 +142,5 @@ private:
   std::atomic<int> connections_ = 0;
   std::thread thread_;
 };
+
+} // namespace adapter_testing

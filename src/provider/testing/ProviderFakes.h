@@ -428,7 +428,7 @@ public:
 /// The answers of the fake strategy. Set by the test before the calls; `onRequest` runs during the
 /// exchange with the device server and may throw.
 struct Script {
-  InstanceList instances;
+  model::InstanceList instances;
   std::uint32_t status = 0;
   std::function<void()> onRequest;
 
@@ -464,8 +464,8 @@ public:
     }
     return "ANSWER";
   }
-  InstanceList getInstances() override { return script->instances; }
-  DeviceEvent fromXMLEvent(std::string) override { return {}; }
+  model::InstanceList getInstances() override { return script->instances; }
+  model::DeviceEvent fromXMLEvent(std::string) override { return {}; }
 };
 
 } // namespace fakes

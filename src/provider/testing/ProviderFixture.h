@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+namespace provider_testing {
+
 /// A provider object as created by the registration, and calls of a caller with access.
 class ProviderTest : public testing::Test {
 protected:
@@ -48,7 +50,7 @@ protected:
   /// Calls Initialize as WMI does, with the configured `limit`.
   HRESULT initialize(UINT limit = 1) {
     limit_ = limit;
-    const PatchedImport configuration("GetPrivateProfileIntA", &readLimit);
+    const test_support::PatchedImport configuration("GetPrivateProfileIntA", &readLimit);
     ++initialisations_;
     wchar_t user[] = L"tilluser";
     wchar_t nameSpace[] = L"root\\cimv2";
@@ -121,3 +123,5 @@ protected:
   int initialisations_ = 0;
   IWbemContext* const context_ = reinterpret_cast<IWbemContext*>(0x1234); // only handed on
 };
+
+} // namespace provider_testing

@@ -28,7 +28,7 @@ public:
   };
 
   /// The type under which the event is published.
-  std::string process(const DeviceEvent& event) {
+  std::string process(const model::DeviceEvent& event) {
     const auto device = std::find_if(devices.begin(), devices.end(),
                                      [&](const Device& d) { return d.id == event.deviceId; });
     const bool known = device != devices.end();
@@ -85,8 +85,8 @@ private:
     return std::to_string(negative ? (0 - number) & largest : number);
   }
 
-  static void merge(Device& device, const DeviceEvent& event) {
-    for (const Field& field : event.fields) {
+  static void merge(Device& device, const model::DeviceEvent& event) {
+    for (const model::Field& field : event.fields) {
       const std::string& type = field[1];
       if (type == "uint32") {
         device.fields[field[0]] = {type, numberOf(field[2], 0xFFFFFFFFU)};
@@ -104,7 +104,7 @@ private:
 };
 
 /// What the cache holds, as the model holds it.
-inline CacheModel::Device seen(const CIMDevice& device) {
+inline CacheModel::Device seen(const proxy::CIMDevice& device) {
   CacheModel::Device copy{device.getClassName(), device.getDeviceId(), device.instances(), {}};
   for (const auto& [name, value] : device.fields()) {
     copy.fields[name] = {value.type, value.value};
@@ -112,9 +112,10 @@ inline CacheModel::Device seen(const CIMDevice& device) {
   return copy;
 }
 
-inline std::vector<CacheModel::Device> seen(const std::vector<CIMContainer::Reference>& devices) {
+inline std::vector<CacheModel::Device>
+seen(const std::vector<proxy::CIMContainer::Reference>& devices) {
   std::vector<CacheModel::Device> copies;
-  for (const CIMContainer::Reference& device : devices) {
+  for (const proxy::CIMContainer::Reference& device : devices) {
     copies.push_back(seen(*device));
   }
   return copies;

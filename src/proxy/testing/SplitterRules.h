@@ -15,8 +15,8 @@ public:
   /// The documents that one received text completes.
   std::vector<std::string> split(std::string received) {
     std::vector<std::string> documents;
-    const std::string start(EventSplitter::kStartMarker);
-    const std::string end(EventSplitter::kEndMarker);
+    const std::string start(proxy::EventSplitter::kStartMarker);
+    const std::string end(proxy::EventSplitter::kEndMarker);
     const std::size_t position = received.find(start);
     if (position == std::string::npos) {
       pending += received;
@@ -46,8 +46,8 @@ public:
 
 /// How much of a start marker has begun at the end of the text.
 inline std::size_t begunStartMarker(std::string_view text) {
-  std::size_t begun = EventSplitter::kStartMarker.size() - 1;
-  while (!text.ends_with(EventSplitter::kStartMarker.substr(0, begun))) {
+  std::size_t begun = proxy::EventSplitter::kStartMarker.size() - 1;
+  while (!text.ends_with(proxy::EventSplitter::kStartMarker.substr(0, begun))) {
     --begun;
   }
   return begun;

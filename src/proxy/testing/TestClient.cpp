@@ -4,6 +4,10 @@
 
 #include <system_error>
 
+using proxy::TCPServer;
+
+namespace proxy_testing {
+
 namespace {
 
 void require(bool done, const char* operation) {
@@ -65,3 +69,5 @@ void TestClient::waitUntilClosed() {
   while (receivesAnything()) {
   }
 }
+
+} // namespace proxy_testing

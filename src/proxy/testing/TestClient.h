@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+namespace proxy_testing {
+
 /// A device server's connection. Every operation blocks until it is complete and throws
 /// std::system_error on failure.
 class TestClient {
@@ -29,3 +31,5 @@ public:
 private:
   win::Socket socket_;
 };
+
+} // namespace proxy_testing

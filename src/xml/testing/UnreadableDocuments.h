@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+namespace xml_testing {
+
 /// A document from which a reader must take nothing. Where possible it holds an instance and an
 /// event of a kept manufacturer before its flaw.
 struct UnreadableDocument {
@@ -91,3 +93,5 @@ inline std::vector<UnreadableDocument> unreadableDocuments() {
   }
   return documents;
 }
+
+} // namespace xml_testing
