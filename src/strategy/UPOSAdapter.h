@@ -51,8 +51,6 @@ private:
   }
   void setInstances(model::InstanceList instances);
 
-  std::string unused1_; // kept for the layout
-  std::string unused2_;
   model::InstanceList instances_;
   const model::Field* currentProperty_ = nullptr; ///< the property read last, in instances_
   std::string lastName_; ///< the name of the property read last in the previous instances_
