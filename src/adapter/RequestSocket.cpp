@@ -67,8 +67,8 @@ std::string exchangeRequest(const std::string& request) {
   }
   WSADATA winsock;
   WSAStartup(MAKEWORD(1, 1), &winsock); // by design once per exchange and never cleaned up
-  const auto port =
-      static_cast<std::uint16_t>(configuration::readInt("upos.requestSocket.Port", 42115));
+  const auto port = static_cast<std::uint16_t>(
+      configuration::readInt("upos.requestSocket.Port", configuration::kDefaultRequestPort));
   configureTimers();
   UPOSLog::trace("<<XMLAdapter>>: Creating socket");
   const sockaddr_in server = serverAddress(port);

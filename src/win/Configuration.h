@@ -15,6 +15,9 @@ inline constexpr const char* kFile = "\\POS\\JavaPOS\\Config\\quillmon.propertie
 inline constexpr const char* kEventPortKey = "provider.eventSocket.Port";
 inline constexpr std::uint16_t kDefaultEventPort = 42114;
 
+/// The default of "upos.requestSocket.Port".
+inline constexpr std::uint16_t kDefaultRequestPort = 42115;
+
 /// The default of "upos.requestSocket.retryTimeout", in milliseconds.
 inline constexpr int kDefaultRetryTimeout = 10000;
 

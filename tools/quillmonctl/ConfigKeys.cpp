@@ -1,6 +1,7 @@
 #include "quillmonctl/ConfigKeys.h"
 
 #include "quillmonctl/IgnoreCase.h"
+#include "win/Configuration.h"
 
 #include <fmt/format.h>
 
@@ -39,15 +40,16 @@ const std::vector<ConfigKey>& configKeys() {
   static const std::vector<ConfigKey> keys = {
       {"provider.maxQueryThreads", Kind::Number, "1", 1, 1000, "", "WMI requests served at once",
        kAtStart},
-      {"provider.eventSocket.Port", Kind::Number, "42114", 1, 65535, "",
-       "port that device events come to", kAtStart},
+      {configuration::kEventPortKey, Kind::Number, std::to_string(configuration::kDefaultEventPort),
+       1, 65535, "", "port that device events come to", kAtStart},
       {"provider.eventSocket.IP", Kind::Address, "127.0.0.1", 0, 0, "",
        "address of the proxy strategy's event server", kAtStart},
       {"provider.dataUpdate.frequency", Kind::Number, "60", 0, 10080, "minutes",
        "between updates in the proxy strategy", kAtStart},
-      {"upos.requestSocket.Port", Kind::Number, "42115", 1, 65535, "",
-       "the device server's port for requests", "the next request"},
-      {"upos.requestSocket.retryTimeout", Kind::Number, "10000", 0, 3600000, "milliseconds",
+      {"upos.requestSocket.Port", Kind::Number, std::to_string(configuration::kDefaultRequestPort),
+       1, 65535, "", "the device server's port for requests", "the next request"},
+      {"upos.requestSocket.retryTimeout", Kind::Number,
+       std::to_string(configuration::kDefaultRetryTimeout), 0, 3600000, "milliseconds",
        "without a new attempt after a failed connect", kAtStart},
   };
   return keys;

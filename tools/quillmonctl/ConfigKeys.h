@@ -12,7 +12,7 @@ struct ConfigKey {
   enum class Kind { Number, Address };
   const char* name;
   Kind kind;
-  const char* defaultValue;
+  std::string defaultValue;
   int minimum;
   int maximum;
   const char* unit; ///< "", "minutes", "milliseconds"

@@ -291,7 +291,8 @@ Survey::Configuration surveyConfiguration() {
         known.kind == ConfigKey::Kind::Number
             ? std::to_string(static_cast<int>(
                   configuration::readInt(known.name, std::stoi(known.defaultValue), path.c_str())))
-            : utf8FromAnsi(configuration::readText(known.name, known.defaultValue, path.c_str()));
+            : utf8FromAnsi(
+                  configuration::readText(known.name, known.defaultValue.c_str(), path.c_str()));
     key.problem = validationError(known, key.value);
     if (key.problem.empty() && key.effective != key.value) {
       key.problem = "the service reads something else";

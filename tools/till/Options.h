@@ -1,5 +1,7 @@
 #pragma once
 
+#include "win/Configuration.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -11,8 +13,8 @@ struct Options {
   std::string inventory;
   bool isProxy = false;
   bool wholeClassname = false;
-  std::uint16_t requestPort = 42115;
-  std::uint16_t eventPort = 42114;
+  std::uint16_t requestPort = configuration::kDefaultRequestPort;
+  std::uint16_t eventPort = configuration::kDefaultEventPort;
   std::string script;
   std::string misbehave = "none";
   std::string misbehaveEvents = "none";
