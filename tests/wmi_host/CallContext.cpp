@@ -80,8 +80,8 @@ private:
 
 } // namespace
 
-CallScope::CallScope() : security_(new ServerSecurity) {
-  CoSwitchCallContext(security_, &previous_);
+CallScope::CallScope() : security_(adopt<IServerSecurity>(new ServerSecurity)) {
+  CoSwitchCallContext(security_.Get(), &previous_);
 }
 
 CallScope::~CallScope() {
@@ -92,7 +92,6 @@ CallScope::~CallScope() {
   }
   IUnknown* ours = nullptr;
   CoSwitchCallContext(previous_, &ours);
-  security_->Release();
 }
 
 } // namespace wmi_host

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <objidl.h>
+#include <wrl/client.h>
 
 namespace wmi_host {
 
@@ -15,7 +16,7 @@ public:
   ~CallScope();
 
 private:
-  IServerSecurity* security_; // COM does not add a reference
+  Microsoft::WRL::ComPtr<IServerSecurity> security_; // COM does not add a reference
   IUnknown* previous_ = nullptr;
 };
 
