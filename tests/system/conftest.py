@@ -24,6 +24,23 @@ def shared_machine():
 
 
 @pytest.fixture(scope="module")
+def till(shared_machine):
+    """The sample till and the running service, for all tests of a file."""
+    till = shared_machine.start_till()
+    shared_machine.install_service()
+    shared_machine.wait_for_event_port(till.events)
+    return till
+
+
+@pytest.fixture
+def watcher(shared_machine):
+    """A subscriber to the events of a service that runs."""
+    watcher = shared_machine.watch_events()
+    yield watcher
+    watcher.kill()
+
+
+@pytest.fixture(scope="module")
 def template_machine():
     """Makes machines for a file that shares more than one."""
     with contextlib.ExitStack() as machines:

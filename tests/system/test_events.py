@@ -23,13 +23,6 @@ def till(shared_machine):
     return till
 
 
-@pytest.fixture
-def watcher(shared_machine, till):
-    watcher = shared_machine.watch_events()
-    yield watcher
-    watcher.kill()
-
-
 # -- the till's events
 
 

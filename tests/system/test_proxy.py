@@ -23,13 +23,6 @@ def server(port):
         yield server
 
 
-@pytest.fixture
-def watcher(shared_machine, port):
-    watcher = shared_machine.watch_events()
-    yield watcher
-    watcher.kill()
-
-
 # -- the main job
 
 

@@ -3,19 +3,9 @@
 import json
 import re
 
-import pytest
-
 from machine import ROOT
 
 CLIENTS = ROOT / "samples" / "clients"
-
-
-@pytest.fixture(scope="module")
-def till(shared_machine):
-    till = shared_machine.start_till()
-    shared_machine.install_service()
-    shared_machine.wait_for_event_port(till.events)
-    return till
 
 
 def cscript(machine, name, *arguments):

@@ -14,15 +14,6 @@ LOGICAL = ["SCANNER1", "SCALE1", "PRINTER1", "DRAWER1", "DISPLAY1", "MSR1", "KEY
 CONNECT = 'Set wmi = GetObject("winmgmts:\\\\.\\root\\cimv2")\n'
 
 
-@pytest.fixture(scope="module")
-def till(shared_machine):
-    """The sample till and the running service, for all tests of this file."""
-    till = shared_machine.start_till()
-    shared_machine.install_service()
-    shared_machine.wait_for_event_port(till.events)
-    return till
-
-
 @pytest.fixture
 def answering(shared_machine, till):
     """Puts another device server in the till's place for one test."""
