@@ -27,7 +27,7 @@ def refused(shared_machine):
     return results
 
 
-def test_no_option_from_a_console_is_refused(refused):
+def test_without_an_option_a_start_from_a_console_is_refused(refused):
     assert refused["none"] == (NOT_STARTED, 0)
 
 

@@ -124,7 +124,7 @@ PORT_TEXTS = {
 
 
 @pytest.mark.parametrize("text", PORT_TEXTS.values(), ids=PORT_TEXTS.keys())
-def test_a_request_port_that_reads_as_the_device_server_s(running, text):
+def test_a_request_port_that_reads_as_the_device_server_s_reaches_it(running, text):
     port = running.peer.port
     running.keys(**{REQUESTS: text.format(
         port=port, plus_16_bits=port + 2 ** 16, minus_16_bits=port - 2 ** 16,
@@ -327,7 +327,7 @@ EVENT_PORT_TEXTS = {
 
 
 @pytest.mark.parametrize("text", EVENT_PORT_TEXTS.values(), ids=EVENT_PORT_TEXTS.keys())
-def test_an_event_port_that_reads_as_this_one(configured, text):
+def test_an_event_port_that_reads_as_a_free_one_is_opened(configured, text):
     port = configured.events
     configured.keys(**{EVENTS: text.format(
         port=port, plus_16_bits=port + 2 ** 16, minus_16_bits=port - 2 ** 16,

@@ -116,11 +116,11 @@ def test_each_request_has_a_connection_of_its_own(service):
         "no start mark", "all but the end mark is taken as it is", "garbage around the marks",
         "end marks outside", "start mark at the end of a receive", "a thousand messages behind",
         "a second start mark is data", "an end mark inside ends it", "start marks inside"])
-def test_a_frame_and_a_close(service, answer, expected):
+def test_the_first_message_between_the_marks_is_the_answer(service, answer, expected):
     assert service.answer(answer) == expected
 
 
-def test_a_byte_at_a_time(service):
+def test_single_bytes_are_joined(service):
     def answer(connection, _):
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         for byte in NORMAL:
@@ -273,7 +273,7 @@ def test_a_client_that_gives_up_leaves_its_request_to_itself(service):
         "wrong end tag", "attribute twice", "attribute without quotes", "unknown entity",
         "character 0", "character 8", "bare ampersand", "open CDATA", "bad comment", "XML 2.0",
         "blank before the declaration", "zero byte behind", "zero byte inside", "zero byte first"])
-def test_a_document(service, document, expected):
+def test_a_well_formed_document_without_an_error_is_listed(service, document, expected):
     assert service.answer(framed(document)) == expected
 
 
@@ -302,7 +302,7 @@ def test_an_undeclared_encoding_is_utf_8(service, document, model):
     ("UTF-16", b"Cafe", "Cafe"),
 ], ids=["Latin-1", "Latin-1 as UTF-8", "UTF-8 as ASCII", "unknown", "EBCDIC", "empty", "endless",
         "a wrong UTF-16 is seen through"])
-def test_a_declared_encoding(service, encoding, text, model):
+def test_a_declared_encoding_is_read_if_the_bytes_are_of_it(service, encoding, text, model):
     answer = framed(b'<?xml version="1.0" encoding="' + encoding.encode() + b'"?>'
                     + response(device(ModelName="@")).encode().replace(b"@", text))
     assert service.answer(answer, "ModelName") == ([["SCANNER1", model]] if model else FAILED)
@@ -313,7 +313,7 @@ def test_a_declared_encoding(service, encoding, text, model):
     (response(device()).encode("utf-16"), FAILED),
     (response(device()).encode("utf-16-be"), FAILED),
 ], ids=["UTF-8", "UTF-16 ends at its first zero byte", "UTF-16 big endian begins with one"])
-def test_a_byte_order_mark(service, document, expected):
+def test_only_the_byte_order_mark_of_utf_8_is_skipped(service, document, expected):
     assert service.answer(framed(document)) == expected
 
 
@@ -327,12 +327,12 @@ def test_a_byte_order_mark(service, document, expected):
     ("x" * 100000, "x" * 100000),
 ], ids=["entities", "CDATA and comments", "elements inside", "conversions", "blanks", "empty",
         "long"])
-def test_a_value(service, text, value):
+def test_a_value_is_the_text_content_of_its_field(service, text, value):
     assert service.answer(framed(response(device(ModelName=text))), "ModelName") == [
         ["SCANNER1", value]]
 
 
-def test_line_ends_in_a_value(service):
+def test_line_ends_in_a_value_become_line_feeds_unless_written_as_references(service):
     service.peer.answer = framed(response(device(ModelName="A\r\nB&#13;&#10;C")))
     done = service.client.run("list", "UPOS_Scanner", "ModelName")
     # A raw CR LF is one LF in XML, one written as references stays; the client's own line ends are
@@ -366,7 +366,7 @@ def test_a_type_word_that_lies_costs_its_own_property_only(service, name, word, 
     assert service.answer(answer, name, "SerialNumber") == [["SCANNER1", value, "last"]]
 
 
-def test_thousands_of_unknown_type_words(service):
+def test_thousands_of_unknown_type_words_cost_nothing(service):
     fields = {f"F{i}": (f"word{i}", "v") for i in range(3000)}
     answer = framed(response(device(**fields, ModelName=("word7", "last"))))
     assert service.answer(answer, "ModelName") == [["SCANNER1", "last"]]
@@ -478,7 +478,7 @@ def test_nested_elements_are_all_read(service, document, rows):
 ], ids=["deep", "deep behind an instance", "deep and open", "deep in a field", "wide",
         "a value in pieces", "attributes", "a long name", "fields",
         "discarded devices whose fields stay pending"])
-def test_a_document_without_measure(service, document, expected):
+def test_a_deep_or_large_document_is_read_or_refused_in_bounded_time(service, document, expected):
     used = service.machine.service_time()
     assert service.answer(framed(document)) == expected
     assert service.machine.service_time() - used < 20

@@ -139,7 +139,7 @@ def walk_requests(machine, action, status_of, table):
 @walks("""ConvertStringSecurityDescriptorToSecurityDescriptorA CoImpersonateClient OpenThreadToken
        AccessCheck CoRevertToSelf WideCharToMultiByte MultiByteToWideChar WSAStartup socket connect
        send recv closesocket VariantChangeType""")
-def test_listing_devices(machine):
+def test_a_call_that_fails_costs_its_own_list_at_most(machine):
     start(machine, "-d")
     walk_requests(machine, lambda: names(machine, "UPOS_Scanner"),
                   lambda outcome: outcome[1], LISTING)
@@ -148,7 +148,7 @@ def test_listing_devices(machine):
 @walks("""ConvertStringSecurityDescriptorToSecurityDescriptorA CoImpersonateClient CoRevertToSelf
        WideCharToMultiByte MultiByteToWideChar WSAStartup socket connect send recv closesocket
        VariantChangeType""")
-def test_fetching_a_device(machine):
+def test_a_call_that_fails_costs_its_own_retrieval_at_most(machine):
     start(machine, "-d")
     walk_requests(machine, lambda: fetched(machine, 'UPOS_Scanner.DeviceID="S1"'),
                   lambda outcome: OK if isinstance(outcome, dict) else outcome, FETCHING)
@@ -156,7 +156,7 @@ def test_fetching_a_device(machine):
 
 @walks("""CreateSemaphoreA CreateMutexA CreateEventA CoGetClassObject CoImpersonateClient
        OpenThreadToken GetTokenInformation CoRevertToSelf CreateTimerQueue""")
-def test_the_first_request(machine):
+def test_a_call_that_fails_in_the_first_request_costs_no_later_one(machine):
     """It sets the provider up, and the timers of the back-off. Whatever is missing then, the next
     request is served."""
     faults = machine.faults
@@ -266,7 +266,7 @@ def walk_events(machine, subscriber, action, after):
 
 
 @walks("MultiByteToWideChar recvfrom")
-def test_receiving_events_as_datagrams(machine):
+def test_a_call_that_fails_costs_no_later_datagram(machine):
     start(machine, "-d")
     with Subscriber(machine) as subscriber:
         walk_events(
@@ -276,7 +276,7 @@ def test_receiving_events_as_datagrams(machine):
 
 @walks("""CreateEventA WSAEventSelect _beginthreadex accept recv MultiByteToWideChar
        WSAEnumNetworkEvents""")
-def test_receiving_events_from_a_connected_device_server(machine):
+def test_a_call_that_fails_costs_no_later_connection(machine):
     start(machine, "-O")
     with Subscriber(machine) as subscriber:
         with DeviceServer(machine.events) as server:

@@ -84,12 +84,12 @@ def walk_starts(machine, option, beyond=()):
 
 @walks("""OpenSCManagerA OpenServiceA QueryServiceStatus CoInitializeEx CoInitializeSecurity
        CoCreateInstance CreateThread GetMessageA WSAStartup socket bind""")
-def test_starting_in_the_adapter_strategy(machine):
+def test_a_start_in_which_a_call_fails_has_the_documented_outcome(machine):
     walk_starts(machine, "-d")
 
 
 @walks("CreateMutexA CreateEventA WSAStartup socket bind listen _beginthreadex")
-def test_starting_in_the_proxy_strategy(machine):
+def test_a_start_of_the_proxy_strategy_in_which_a_call_fails_has_the_documented_outcome(machine):
     """What it calls beyond the adapter strategy's start."""
     def start_the_other():
         machine.faults.start("-d", armed=True)
@@ -111,7 +111,7 @@ MOVING = {"MoveFileA", "DeleteFileA"}
 
 @walks("""OpenEventW RegOpenKeyExA RegQueryValueExA _fsopen fgets fwrite fclose CreateEventA
        CreateThread GetFileAttributesExA MoveFileA DeleteFileA""")
-def test_writing_and_rotating_the_trace(machine):
+def test_a_call_that_fails_costs_the_trace_a_line_or_stops_it(machine):
     """A line that cannot be written, or a rotation that cannot start, keeps the writers' turn for
     good; every other failure costs a line at most."""
     configure_trace(machine, "BackupCount=5\nFileSize=150\n")
@@ -154,7 +154,7 @@ def test_writing_and_rotating_the_trace(machine):
 
 
 @walks("GetModuleFileNameA")
-def test_a_trace_beside_a_program_of_unknown_place(machine):
+def test_the_trace_of_a_program_of_unknown_place_is_in_the_root_folder(machine):
     machine.delete_registry(KESTRUNE, "INSTALLDIR")
     for _ in machine.faults.walk(what=lambda function, _: function == "GetModuleFileNameA"):
         machine.faults.start("-d", armed=True)
@@ -198,7 +198,7 @@ def expect_lines(failed, code, lines, expected):
 
 
 @walks("OpenSCManagerA GetCurrentDirectoryA puts fflush")
-def test_printing_the_version(machine):
+def test_the_version_is_printed_whatever_call_fails(machine):
     faults, known = machine.faults, ()
     for program in (r"C:\Quillmon\quillmon.exe", "quillmon.exe"):
         def print_version():
@@ -209,7 +209,7 @@ def test_printing_the_version(machine):
 
 
 @walks("StartServiceCtrlDispatcherA")
-def test_a_start_from_a_console(machine):
+def test_a_start_without_its_dispatcher_is_refused(machine):
     faults, function = machine.faults, "StartServiceCtrlDispatcherA"
     for _ in faults.walk(what=lambda called, _: called == function):
         if faults.shared.chosen >= 0:
@@ -221,7 +221,7 @@ def test_a_start_from_a_console(machine):
 
 
 @walks("OpenSCManagerA CreateServiceA StartServiceA puts fflush")
-def test_installing(machine):
+def test_an_installation_in_which_a_call_fails_says_so(machine):
     for _ in machine.faults.walk():
         failed, code, lines = run_command(machine.faults, "-i")
         last = {"OpenSCManagerA": REFUSED + "6", "CreateServiceA": REFUSED + "6",
@@ -235,7 +235,7 @@ def test_installing(machine):
 
 
 @walks("OpenSCManagerA OpenServiceA ControlService DeleteService puts fflush")
-def test_uninstalling(machine):
+def test_a_removal_says_uninstalled_once_the_service_was_opened(machine):
     state = None
     for _ in machine.faults.walk():
         if state is None:

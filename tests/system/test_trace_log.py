@@ -367,7 +367,7 @@ def test_the_installation_folder_s_log_folder_takes_the_log(tracing):
 
 
 @pytest.mark.parametrize("length", [99, 100, 121, 200])
-def test_an_installation_folder_of_any_length(tracing, length):
+def test_an_installation_folder_of_any_length_takes_the_log(tracing, length):
     folder = "C:\\Veltran\\".ljust(length - 1, "x") + "\\"
     tracing.set_install_dir(folder, log_folder=False)
     log = tracing.install_dir / folder[len("C:\\Veltran\\"):-1] / "Log" / "Quillmon.log"
@@ -448,7 +448,7 @@ def accepted(*settings_):
     return [f"Key : {key}, Value : {value}" for key, value in settings_]
 
 
-def test_which_lines_are_accepted_and_as_which_number(tracing):
+def test_a_valid_line_is_accepted_as_its_clamped_number(tracing):
     size, count = "FileSize", "BackupCount"
     rows = [
         ("BackupCount = 3", (count, 3)),

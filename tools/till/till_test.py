@@ -435,7 +435,7 @@ class AdapterTest(TillTestCase):
             with self.assertRaises(TimeoutError):
                 client.recv(1)
 
-    def test_resets(self):
+    def test_resets_the_connection_on_demand(self):
         till = self.start("--misbehave", "reset")
         with self.assertRaises(RESETS):
             till.exchange(ASK)
@@ -958,8 +958,8 @@ class ProxyTest(TillTestCase):
         service.hang_up()
         self.assertEqual(till.wait(), 0)
 
-    def test_a_request_unread_at_the_end_reset_the_connection(self):
-        # What the service had not read by then was lost with it.
+    def test_reads_requests_until_the_service_closes_when_it_quits(self):
+        # A reset would lose what the service has not read by then.
         service, till = self.connect()
         till.type("change S1 1")
         till.type("quit")
