@@ -28,6 +28,7 @@ using adapter::kFrameEnd;
 using adapter::readFrame;
 using com::orvex::UPOSAdapter;
 using model::DeviceEvent;
+using model::Fields;
 using model::Instance;
 using proxy::CIMContainer;
 using proxy::CIMDeviceUtil;
@@ -66,7 +67,7 @@ void fill(CIMContainer& container, std::size_t count) {
   }
 }
 
-Instance fieldsOf(std::size_t device) {
+Fields fieldsOf(std::size_t device) {
   return eventOf("addInstance", device).fields;
 }
 
@@ -178,7 +179,7 @@ BENCHMARK(bare_proxyEvent);
 
 /// From the list that was read to what becomes a VARIANT, as the provider does it.
 void handOn(benchmark::State& state) {
-  prepared_answer::devices.assign(sizeOf(state), fieldsOf(1));
+  prepared_answer::devices.assign(sizeOf(state), Instance(fieldsOf(1)));
   provider::PropertyTypes types;
   types.fill();
   UPOSAdapter adapter;

@@ -168,8 +168,7 @@ std::uint32_t UPOSXMLAdapter::readResponse(std::string response) {
           static_cast<int>(number), name, fieldType, value, value, keep ? 1 : 0);
     }
     if (keep) {
-      instances_.push_back(std::move(pendingFields_));
-      pendingFields_.clear();
+      instances_.emplace_back(std::exchange(pendingFields_, {}));
     } else {
       // By design the fields of a discarded device stay pending and are put in front of those of
       // the next kept instance.

@@ -31,7 +31,7 @@ public:
 protected:
   model::InstanceList instances_;
   /// The fields of the instance being read.
-  model::Instance pendingFields_;
+  model::Fields pendingFields_;
 
 private:
   std::uint32_t readResponse(std::string response);

@@ -9,7 +9,7 @@
 #include <vector>
 
 using model::DeviceEvent;
-using model::Instance;
+using model::Fields;
 using model::InstanceList;
 using xml_testing::UnreadableDocument;
 using xml_testing::unreadableDocuments;
@@ -57,7 +57,7 @@ TEST_F(FromXmlEvent, ReadsAnEvent) {
   EXPECT_EQ(result.className, "Scanner");
   EXPECT_EQ(result.modifyInstanceCode, "1");
   EXPECT_EQ(result.provider, "") << "the proxy strategy's";
-  EXPECT_EQ(result.fields, Instance{}) << "the proxy strategy's";
+  EXPECT_EQ(result.fields, Fields{}) << "the proxy strategy's";
   EXPECT_EQ(recorded_trace::lines(), Lines{});
 }
 
@@ -180,7 +180,7 @@ TEST_F(FromXmlEvent, NothingComesFromAnUnreadableDocument) {
     EXPECT_EQ(result.deviceId, "");
     EXPECT_EQ(result.modifyInstanceCode, "");
     EXPECT_EQ(result.provider, "");
-    EXPECT_EQ(result.fields, Instance{});
+    EXPECT_EQ(result.fields, Fields{});
     const Lines lines = recorded_trace::lines();
     ASSERT_EQ(lines.size(), 2U) << testing::PrintToString(lines);
     EXPECT_EQ(lines[0], "<<XMLAdapter XML Exception >> : ");

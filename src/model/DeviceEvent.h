@@ -17,7 +17,7 @@ struct DeviceEvent {
   /// The WMI class under which the device is published. Like `fields`, set by the proxy strategy
   /// only.
   std::string provider;
-  Instance fields;
+  Fields fields;
 };
 
 } // namespace model

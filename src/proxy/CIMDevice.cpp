@@ -3,12 +3,14 @@
 #include "trace/UPOSLog.h"
 
 #include <algorithm>
+#include <iterator>
 #include <locale>
 #include <sstream>
 #include <utility>
 
 using model::DeviceEvent;
 using model::Field;
+using model::Fields;
 using model::Instance;
 using trace::UPOSLog;
 
@@ -26,16 +28,32 @@ Number readNumber(const std::string& text) {
   return number;
 }
 
+const std::string& nameIn(const Field& field) {
+  return field[0];
+}
+
+const std::string& nameOf(const Field* field) {
+  return (*field)[0];
+}
+
 int count(const std::vector<std::string>& instances) {
   return static_cast<int>(instances.size());
 }
 
 } // namespace
 
-CIMDevice::CIMDevice(std::string className, std::string deviceId, const Instance& record)
+CIMDevice::CIMDevice(std::string className, std::string deviceId, const Fields& record)
     : className_(std::move(className)), deviceId_(std::move(deviceId)) {
+  // Sorted first, so that each addition is one at the end. Stable, since the last of a name counts.
+  std::vector<const Field*> sorted;
+  sorted.reserve(record.size());
   for (const Field& field : record) {
-    addRecordField(field);
+    sorted.push_back(&field);
+  }
+  std::ranges::stable_sort(sorted, {}, nameOf);
+  fields_.reserve(record.size());
+  for (const Field* field : sorted) {
+    addRecordField(*field);
   }
 }
 
@@ -77,25 +95,36 @@ void CIMDevice::deleteInstance(const std::string& className) {
 }
 
 void CIMDevice::merge(const CIMDevice& other) {
-  for (const auto& [name, value] : other.fields_) {
-    fields_.insert_or_assign(name, value);
+  Fields merged;
+  merged.reserve(fields_.size() + other.fields_.size());
+  std::ranges::set_union(other.fields_, fields_, std::back_inserter(merged), {}, nameIn, nameIn);
+  fields_ = std::move(merged);
+}
+
+void CIMDevice::addField(const std::string& name, const char* type, std::string value) {
+  const auto place = std::ranges::lower_bound(fields_, name, {}, nameIn);
+  if (place != fields_.end() && (*place)[0] == name) {
+    (*place)[1] = type;
+    (*place)[2] = std::move(value);
+  } else {
+    fields_.insert(place, {name, type, std::move(value)});
   }
 }
 
 void CIMDevice::addUint32Field(const std::string& name, std::uint32_t value) {
-  fields_.insert_or_assign(name, Value{"uint32", std::to_string(value)});
+  addField(name, "uint32", std::to_string(value));
 }
 
 void CIMDevice::addUint64Field(const std::string& name, std::uint64_t value) {
-  fields_.insert_or_assign(name, Value{"uint64", std::to_string(value)});
+  addField(name, "uint64", std::to_string(value));
 }
 
 void CIMDevice::addStringField(const std::string& name, const std::string& value) {
-  fields_.insert_or_assign(name, Value{"string", value});
+  addField(name, "string", value);
 }
 
 void CIMDevice::addBooleanField(const std::string& name, bool value) {
-  fields_.insert_or_assign(name, Value{"boolean", value ? "true" : "false"});
+  addField(name, "boolean", value ? "true" : "false");
 }
 
 } // namespace proxy

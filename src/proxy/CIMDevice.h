@@ -3,7 +3,6 @@
 #include "model/DeviceEvent.h"
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,19 +15,11 @@ namespace proxy {
 /// Threads: one writer or many readers. Errors: std::bad_alloc only.
 class CIMDevice {
 public:
-  /// A field's type word and value, both as text.
-  struct Value {
-    std::string type;
-    std::string value;
-  };
-  /// By name.
-  using Fields = std::map<std::string, Value>;
-
   /// Takes the fields of `record` in order. "uint32" and "uint64" are parsed as a C++ stream parses
   /// a decimal number: invalid text gives 0, overflow the largest number, a negative number wraps.
   /// "boolean" is true for "true" and "TRUE" only. "string" is stored unchanged. Fields of other
   /// types are ignored.
-  CIMDevice(std::string className, std::string deviceId, const model::Instance& record);
+  CIMDevice(std::string className, std::string deviceId, const model::Fields& record);
   explicit CIMDevice(const model::DeviceEvent& event);
 
   std::string getClassName() const { return className_; }
@@ -38,7 +29,8 @@ public:
   bool hasId(std::string_view id) const noexcept { return deviceId_ == id; }
   /// The classes in order of publication; a class may occur several times.
   const std::vector<std::string>& instances() const noexcept { return instances_; }
-  const Fields& fields() const noexcept { return fields_; }
+  /// In order of their names, which are unique.
+  const model::Fields& fields() const noexcept { return fields_; }
 
   void addInstance(const std::string& className);
   /// Removes the first occurrence of the class, if any.
@@ -56,11 +48,12 @@ public:
 
 private:
   void addRecordField(const model::Field& field);
+  void addField(const std::string& name, const char* type, std::string value);
 
   std::string className_;
   std::string deviceId_;
   std::vector<std::string> instances_;
-  Fields fields_;
+  model::Fields fields_;
 };
 
 } // namespace proxy

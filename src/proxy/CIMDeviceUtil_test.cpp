@@ -13,6 +13,7 @@
 #include <vector>
 
 using model::DeviceEvent;
+using model::Fields;
 using model::Instance;
 using proxy::CIMContainer;
 using proxy::CIMDevice;
@@ -26,7 +27,7 @@ using testing::StartsWith;
 namespace {
 
 DeviceEvent event(const std::string& type, const std::string& id, const std::string& provider,
-                  const std::string& code = "", const Instance& fields = {}) {
+                  const std::string& code = "", const Fields& fields = {}) {
   DeviceEvent made;
   made.deviceId = id;
   made.type = type;
@@ -55,7 +56,7 @@ TEST_F(CIMDeviceUtilTest, FirstAddIsPublishedAndStored) {
   ASSERT_NE(cached("S1"), nullptr);
   EXPECT_EQ(cached("S1")->getClassName(), "Scanner");
   EXPECT_THAT(cached("S1")->instances(), ElementsAre("UPOS_Scanner"));
-  EXPECT_EQ(cached("S1")->fields().at("a").value, "1");
+  EXPECT_EQ(cached("S1")->fields().at(0)[2], "1");
 }
 
 TEST_F(CIMDeviceUtilTest, SecondAddListsTheClassTwiceAndMergesUnpublished) {
@@ -79,9 +80,9 @@ TEST_F(CIMDeviceUtilTest, ModificationWithACodeIsPublished) {
   for (const char* code : {"1", "0", "  ", "NA", "\t"}) {
     EXPECT_EQ(process(event("modifyInstance", "S1", "P", code, {{"a", "string", code}})),
               "modifyInstance");
-    EXPECT_EQ(cached("S1")->fields().at("a").value, code);
+    EXPECT_EQ(cached("S1")->fields().at(0)[2], code);
   }
-  EXPECT_EQ(cached("S1")->fields().at("b").value, "1");
+  EXPECT_EQ(cached("S1")->fields().at(1)[2], "1");
   EXPECT_THAT(cached("S1")->instances(), ElementsAre("P"));
 }
 
@@ -89,7 +90,7 @@ TEST_F(CIMDeviceUtilTest, ModificationWithoutACodeIsAppliedUnpublished) {
   process(event("addInstance", "S1", "P"));
   for (const char* code : {"", " "}) {
     EXPECT_EQ(process(event("modifyInstance", "S1", "P", code, {{"a", "string", code}})), "NA");
-    EXPECT_EQ(cached("S1")->fields().at("a").value, code);
+    EXPECT_EQ(cached("S1")->fields().at(0)[2], code);
   }
 }
 
@@ -146,7 +147,7 @@ TEST_F(CIMDeviceUtilTest, OtherTypesChangeNothing) {
 }
 
 TEST_F(CIMDeviceUtilTest, ReturnsTheEventUnchangedExceptItsType) {
-  const Instance fields = {{"z", "datetime", "x"}, {"a", "string", "1"}};
+  const Fields fields = {{"z", "datetime", "x"}, {"a", "string", "1"}};
   process(event("addInstance", "S1", "P"));
   const DeviceEvent returned =
       CIMDeviceUtil::processEvent(event("modifyInstance", "S1", "P", " ", fields), container_);
@@ -250,7 +251,7 @@ TEST(CIMDeviceUtilThreads, ReadersSeeWholeDevicesWhileEventsChangeThem) {
     while (!done.load(std::memory_order_relaxed)) {
       for (const auto& device : container.getInstances("UPOS_LogicalDevice")) {
         // One event writes both fields, so they differ only in a half-changed device.
-        ASSERT_EQ(device->fields().at("one").value, device->fields().at("two").value);
+        ASSERT_EQ(device->fields().at(0)[2], device->fields().at(1)[2]);
         ASSERT_FALSE(device->instances().empty());
         seen.fetch_add(1, std::memory_order_relaxed);
       }

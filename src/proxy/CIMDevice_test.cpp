@@ -8,6 +8,7 @@
 #include <vector>
 
 using model::DeviceEvent;
+using model::Fields;
 using model::Instance;
 using proxy::CIMDevice;
 using testing::ElementsAre;
@@ -15,21 +16,17 @@ using testing::IsEmpty;
 
 namespace {
 
-CIMDevice deviceOf(const Instance& record) {
+CIMDevice deviceOf(const Fields& record) {
   return CIMDevice("Scanner", "S1", record);
 }
 
-std::vector<std::vector<std::string>> fieldsOf(const CIMDevice& device) {
-  std::vector<std::vector<std::string>> fields;
-  for (const auto& [name, value] : device.fields()) {
-    fields.push_back({name, value.type, value.value});
-  }
-  return fields;
+Fields fieldsOf(const CIMDevice& device) {
+  return device.fields();
 }
 
 std::string stored(const std::string& type, const std::string& value) {
   const CIMDevice device = deviceOf({{"f", type, value}});
-  return device.fields().at("f").type == type ? device.fields().at("f").value : "wrong type";
+  return device.fields().at(0)[1] == type ? device.fields().at(0)[2] : "wrong type";
 }
 
 TEST(CIMDevice, IsBuiltFromAnEventsClassIdAndFields) {

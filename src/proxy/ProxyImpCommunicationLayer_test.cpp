@@ -25,7 +25,6 @@ using proxy::CIMDevice;
 using proxy::EventSplitter;
 using proxy::TCPServer;
 using proxy_testing::TestClient;
-using testing::ElementsAre;
 using testing::IsSupersetOf;
 
 namespace {
@@ -151,9 +150,8 @@ TEST_F(ProxyImpCommunicationLayerTest, CachedDevicesAnswerRequests) {
   ProxyImpXmlAdapter request;
   std::string out;
   request.toXML("UPOS_LogicalDevice", "request", "getInstance", "L4", out);
-  EXPECT_THAT(request.getInstances(),
-              ElementsAre(ElementsAre(ElementsAre("DeviceID", "string", "L4"),
-                                      ElementsAre("ManufacturerName", "string", "ORVEX"))));
+  EXPECT_EQ(request.getInstances(), (InstanceList{{{"DeviceID", "string", "L4"},
+                                                   {"ManufacturerName", "string", "ORVEX"}}}));
   EXPECT_EQ(receive(eventDocument("delInstance", "L4", "")).type, "delInstance");
 }
 

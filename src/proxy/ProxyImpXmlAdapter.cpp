@@ -8,11 +8,13 @@
 #include "xml/DocumentReader.h"
 #include "xml/XmlLibrary.h"
 
+#include <memory>
 #include <utility>
 #include <vector>
 
 using model::DeviceEvent;
 using model::Field;
+using model::Fields;
 using model::Instance;
 using proxy::CIMContainer;
 using proxy::CIMDevice;
@@ -31,13 +33,9 @@ namespace {
 constexpr const char* kUpdateRequest = "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>"
                                        "<request><type>updateInstances</type></request>";
 
-Instance instanceOf(const CIMDevice& device) {
-  Instance instance;
-  instance.reserve(device.fields().size());
-  for (const auto& [name, value] : device.fields()) {
-    instance.push_back({name, value.type, value.value});
-  }
-  return instance;
+/// Shares the cached device's fields.
+Instance instanceOf(const CIMContainer::Reference& device) {
+  return Instance(std::shared_ptr<const Fields>(device, &device->fields()));
 }
 
 void readProviderAndFields(const std::string& message, DeviceEvent& event) {
@@ -83,15 +81,16 @@ void ProxyImpXmlAdapter::updateInstances(const std::string& className, const std
     traceSize(selection.count);
     instances_.clear();
     if (selection.device != nullptr) {
-      instances_.push_back(instanceOf(*selection.device));
+      instances_.push_back(instanceOf(selection.device));
     }
     return;
   }
   const std::vector<CIMContainer::Reference> devices = cache.getInstances(className);
   traceSize(devices.size());
   instances_.clear();
-  for (const auto& device : devices) {
-    instances_.push_back(instanceOf(*device));
+  instances_.reserve(devices.size());
+  for (const CIMContainer::Reference& device : devices) {
+    instances_.push_back(instanceOf(device));
   }
 }
 

@@ -19,7 +19,7 @@
 using com::orvex::Poller;
 using com::orvex::ProxyImpXmlAdapter;
 using model::DeviceEvent;
-using model::Instance;
+using model::Fields;
 using model::InstanceList;
 using proxy::CIMContainer;
 using proxy::CIMDevice;
@@ -73,7 +73,7 @@ protected:
   }
 
   static void cache(const std::string& className, const std::string& id,
-                    const Instance& fields = {}) {
+                    const Fields& fields = {}) {
     CIMContainer::getInstance().add(CIMDevice(className, id, fields));
   }
   InstanceList ask(const std::string& className, const std::string& cmd,
@@ -241,9 +241,9 @@ TEST_F(ProxyXmlAdapter, ReadsAllOfAnEvent) {
   EXPECT_EQ(event.className, "Scanner");
   EXPECT_EQ(event.modifyInstanceCode, "1");
   EXPECT_EQ(event.provider, "UPOS_Scanner");
-  EXPECT_EQ(event.fields, (Instance{{"DeviceID", "string", "S1"},
-                                    {"ManufacturerName", "string", "ORVEX"},
-                                    {"Count", "uint32", "7"}}));
+  EXPECT_EQ(event.fields, (Fields{{"DeviceID", "string", "S1"},
+                                  {"ManufacturerName", "string", "ORVEX"},
+                                  {"Count", "uint32", "7"}}));
 }
 
 TEST_F(ProxyXmlAdapter, TracesAnEvent) {
@@ -282,7 +282,7 @@ TEST_F(ProxyXmlAdapter, KeepsEveryFieldIncludingNestedRepeatedAndIncompleteOnes)
   text.content = "<field>no name</field><group><field name='a' type='t'>1</field></group>"
                  "<field name='a' type='t'>2</field><field name='b'/>";
   EXPECT_EQ(adapter_.fromXMLEvent(text.text()).fields,
-            (Instance{{"", "", "no name"}, {"a", "t", "1"}, {"a", "t", "2"}, {"b", "", ""}}));
+            (Fields{{"", "", "no name"}, {"a", "t", "1"}, {"a", "t", "2"}, {"b", "", ""}}));
 }
 
 TEST_F(ProxyXmlAdapter, ReadsTheFirstOfTwoEventsOnly) {

@@ -15,6 +15,7 @@
 using com::orvex::UPOSAdapter;
 using model::DeviceEvent;
 using model::Field;
+using model::Fields;
 using model::Instance;
 using model::InstanceList;
 using test_support::countedAllocations;
@@ -328,7 +329,8 @@ TEST_F(UPOSAdapterTest, TheFallbackSurvivesANewRequestButTheSelectionDoesNot) {
 }
 
 TEST_F(UPOSAdapterTest, ReadingAPropertyCopiesNothingButTheStringAskedFor) {
-  const auto adapter = adapterWith({Instance(1000, field("a property whose name is on the heap"))});
+  const auto adapter =
+      adapterWith({Instance(Fields(1000, field("a property whose name is on the heap")))});
   std::string out(100, ' '); // with storage for any of them
   const int before = countedAllocations();
   ASSERT_GT(before, 1000); // allocations are counted
@@ -343,11 +345,11 @@ TEST_F(UPOSAdapterTest, ReadingAPropertyCopiesNothingButTheStringAskedFor) {
 
 TEST_F(UPOSAdapterTest, AnInstanceOfManyPropertiesIsReadInLinearTime) {
   constexpr std::int32_t kProperties = 20000;
-  Instance wide;
+  Fields wide;
   for (std::int32_t i = 0; i < kProperties; ++i) {
     wide.push_back(field("a property whose name is on the heap " + std::to_string(i)));
   }
-  const auto adapter = adapterWith({wide});
+  const auto adapter = adapterWith({Instance(wide)});
   ASSERT_EQ(adapter->selectInstance(0), kProperties);
   for (std::int32_t i = 0; i < kProperties; ++i) {
     for (std::int32_t number = 0; number < 3; ++number) {

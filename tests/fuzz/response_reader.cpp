@@ -12,7 +12,7 @@
 using fuzzing::PlainDocument;
 using fuzzing::require;
 using model::Field;
-using model::Instance;
+using model::Fields;
 using model::InstanceList;
 using xml::narrow;
 
@@ -31,7 +31,7 @@ bool keeps(const Field& field, bool isScannerOrScale) {
 /// The answer's devices by the rules, put as plainly as they can be, and what their fields cost.
 InstanceList plainInstances(const PlainDocument& document, std::size_t& cost) {
   InstanceList kept;
-  Instance pending;
+  Fields pending;
   for (PlainDocument::Element* instance : document.elements(u"instance")) {
     const std::string className = narrow(instance->getAttribute(u"name"));
     const bool isScannerOrScale = className.find("UPOS_Scanner") != std::string::npos ||
@@ -43,7 +43,7 @@ InstanceList plainInstances(const PlainDocument& document, std::size_t& cost) {
       keep = keep || keeps(pending.back(), isScannerOrScale);
     }
     if (keep) {
-      kept.push_back(pending);
+      kept.emplace_back(pending);
       pending.clear();
     }
   }

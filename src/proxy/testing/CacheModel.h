@@ -106,8 +106,8 @@ private:
 /// What the cache holds, as the model holds it.
 inline CacheModel::Device seen(const proxy::CIMDevice& device) {
   CacheModel::Device copy{device.getClassName(), device.getDeviceId(), device.instances(), {}};
-  for (const auto& [name, value] : device.fields()) {
-    copy.fields[name] = {value.type, value.value};
+  for (const model::Field& field : device.fields()) {
+    copy.fields[field[0]] = {field[1], field[2]};
   }
   return copy;
 }
