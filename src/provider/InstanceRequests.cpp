@@ -83,8 +83,8 @@ void putFields(UPOSAdapter& adapter, std::int32_t index, std::int32_t fieldCount
     adapter.getPropertyItem(&name, index, field, 0);
     adapter.getPropertyItem(&type, index, field, 1);
     adapter.getPropertyItem(&text, index, field, 2);
-    win::Variant value(win::bstrInThreadCodePage(text));
-    provider::convertProperty(types.typeOf(type), value);
+    win::Variant value;
+    provider::readProperty(types.typeOf(type), text, value);
     win::widenInThreadCodePage(name, wideName);
     if (SUCCEEDED(instance->Put(wideName.c_str(), 0, value.get(), 0))) {
       UPOSLog::trace(traceFormat, name, type, text);

@@ -1,62 +1,62 @@
 #include "provider/PropertyConversion.h"
 
 #include <algorithm>
-#include <optional>
-#include <string_view>
 
 namespace provider {
 
 namespace {
 
-/// Reads one to nine digits, which are the same number in every locale. Faster than the platform,
-/// which looks the locale up.
-std::optional<LONG> plainNumber(std::wstring_view text) noexcept {
-  const auto isDigit = [](wchar_t each) { return each >= L'0' && each <= L'9'; };
-  if (text.empty() || text.size() > 9 || !std::all_of(text.begin(), text.end(), isDigit)) {
-    return std::nullopt;
+VARTYPE targetOf(PropertyType type) noexcept {
+  switch (type) {
+  case kUint32:
+  case kUint64: // by design a signed 32-bit number as well; a larger value stays text
+    return VT_I4;
+  case kBoolean:
+    return VT_BOOL;
+  case kString:
+  case kDatetime: // CIM date-times are strings
+  case kArrayInt32:
+  case kEnd:
+  case kNoType:
+    break; // stays text
   }
-  LONG number = 0;
-  for (const wchar_t digit : text) {
-    number = number * 10 + (digit - L'0');
+  return VT_BSTR;
+}
+
+/// Reads what VariantChangeType reads alike in every locale: one to nine digits, and the protocol's
+/// two spellings of a boolean. The platform looks the locale up each time. Returns false, and
+/// changes nothing, for any other text.
+bool readPlain(VARTYPE target, std::string_view text, VARIANT& value) noexcept {
+  const auto isDigit = [](char each) { return each >= '0' && each <= '9'; };
+  if (target == VT_I4 && !text.empty() && text.size() <= 9 &&
+      std::all_of(text.begin(), text.end(), isDigit)) {
+    LONG number = 0;
+    for (const char digit : text) {
+      number = number * 10 + (digit - '0');
+    }
+    value.lVal = number;
+  } else if (target == VT_BOOL && (text == "true" || text == "false")) {
+    value.boolVal = text == "true" ? VARIANT_TRUE : VARIANT_FALSE;
+  } else {
+    return false;
   }
-  return number;
+  value.vt = target;
+  return true;
 }
 
 } // namespace
 
-void convertProperty(PropertyType type, win::Variant& value) noexcept {
-  VARTYPE target = VT_EMPTY;
-  switch (type) {
-  case kString:
-  case kDatetime: // CIM date-times are strings
-    target = VT_BSTR;
-    break;
-  case kUint32:
-  case kUint64: // by design a signed 32-bit number as well; a larger value stays text
-    target = VT_I4;
-    break;
-  case kBoolean:
-    target = VT_BOOL;
-    break;
-  case kArrayInt32:
-  case kEnd:
-  case kNoType:
-    return; // stays text
+void readProperty(PropertyType type, std::string_view text, win::Variant& value) {
+  const VARTYPE target = targetOf(type);
+  if (readPlain(target, text, *value.get())) {
+    return;
   }
-  if (value.value().vt == target) {
-    return; // VariantChangeType would copy the text three times
+  value.get()->bstrVal = win::bstrInThreadCodePage(text).release();
+  value.get()->vt = VT_BSTR;
+  if (target != VT_BSTR) { // VariantChangeType would copy the text three times
+    // By design unchecked: a value that does not convert is put unchanged.
+    VariantChangeType(value.get(), value.get(), 0, target);
   }
-  if (target == VT_I4) {
-    const BSTR text = value.value().bstrVal;
-    if (const auto number = plainNumber({text, SysStringLen(text)})) {
-      VariantClear(value.get());
-      value.get()->vt = VT_I4;
-      value.get()->lVal = *number;
-      return;
-    }
-  }
-  // By design unchecked: a value that does not convert is put unchanged.
-  VariantChangeType(value.get(), value.get(), 0, target);
 }
 
 } // namespace provider
