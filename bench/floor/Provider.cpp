@@ -7,6 +7,7 @@
 
 #include <objbase.h>
 #include <sddl.h>
+#include <wmiutils.h>
 
 #include <algorithm>
 #include <cwchar>
@@ -26,7 +27,9 @@ std::u16string utf16(const std::wstring& text) {
   return {text.begin(), text.end()};
 }
 
-/// The trace lines of a request by design, without those of each receive, device and field.
+/// The trace lines of a request by design, without those of each receive, device and field. Those
+/// of a field are looked for where the field is put: a look-up is dearer between other work than in
+/// a row.
 constexpr std::size_t kLinesOfEnumeration = 23;
 constexpr std::size_t kLinesOfRetrieval = 18;
 constexpr std::size_t kLinesOfCachedEnumeration = 20;
@@ -35,20 +38,8 @@ constexpr std::size_t kLinesOfReceive = 2;
 constexpr std::size_t kLinesOfField =
     2; ///< one to read it, one to put it; a cached field is only put
 
-HRESULT indicateDevice(IWbemClassObject& type, IWbemObjectSink& sink,
-                       const xercesc::DOMElement& device, std::size_t& fields) {
-  return indicate(type, sink, [&](IWbemClassObject& instance) {
-    bare_xml::forEachField(device,
-                           [&](const char16_t* name, const char16_t* word, const char16_t* text) {
-                             win::Variant value;
-                             setValue(value, wide(word), wide(text));
-                             instance.Put(wide(name), 0, value.get(), 0);
-                             ++fields;
-                           });
-  });
-}
-
-/// The required security checks: impersonation and, for an enumeration, one access check.
+/// The required security checks: impersonation, a security descriptor and, for an enumeration, one
+/// access check. A retrieval discards the descriptor.
 bool isCallerAllowed(bool isChecked) {
   if (FAILED(CoImpersonateClient())) {
     return false;
@@ -60,10 +51,9 @@ bool isCallerAllowed(bool isChecked) {
   DWORD size = sizeof privileges;
   DWORD granted = 0;
   BOOL isAllowed = !isChecked;
-  if (isChecked &&
-      ConvertStringSecurityDescriptorToSecurityDescriptorA(kMayEnumerate, SDDL_REVISION_1,
+  if (ConvertStringSecurityDescriptorToSecurityDescriptorA(kMayEnumerate, SDDL_REVISION_1,
                                                            descriptor.put(), nullptr) &&
-      OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put())) {
+      isChecked && OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put())) {
     AccessCheck(descriptor.get(), token.get(), 1, &mapping,
                 reinterpret_cast<PRIVILEGE_SET*>(privileges), &size, &granted, &isAllowed);
   }
@@ -115,6 +105,8 @@ void PreparedDevices::forEach(const std::function<void(PreparedDevice&)>& use) {
 HRESULT Provider::Initialize(LPWSTR, LONG, LPWSTR, LPWSTR, IWbemServices* services, IWbemContext*,
                              IWbemProviderInitSink* sink) noexcept {
   services_ = services;
+  CoGetClassObject(CLSID_WbemDefPath, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
+                   reinterpret_cast<void**>(pathParserFactory_.ReleaseAndGetAddressOf()));
   return sink->SetStatus(WBEM_S_INITIALIZED, 0);
 }
 
@@ -133,10 +125,27 @@ HRESULT Provider::GetObjectAsync(const BSTR path, LONG, IWbemContext*,
       return win::wbemResult(WBEM_E_ACCESS_DENIED);
     }
     const std::wstring text(path);
+    readKeys(text);
     const std::size_t begin = text.find(L'"') + 1;
     return answer(u"getInstance", text.substr(0, text.find(L'.')),
                   text.substr(begin, text.rfind(L'"') - begin), *sink);
   });
+}
+
+void Provider::readKeys(const std::wstring& path) const {
+  ComPtr<IWbemPath> parser;
+  ComPtr<IWbemPathKeyList> keys;
+  if (FAILED(pathParserFactory_->CreateInstance(nullptr, IID_IWbemPath,
+                                                reinterpret_cast<void**>(parser.GetAddressOf()))) ||
+      FAILED(parser->SetText(WBEMPATH_CREATE_ACCEPT_ALL, path.c_str())) ||
+      FAILED(parser->GetKeyList(&keys))) {
+    return;
+  }
+  std::wstring name(path.size() + 1, L'\0');
+  auto length = static_cast<ULONG>(name.size());
+  ULONG type = 0;
+  win::Variant value;
+  keys->GetKey2(0, 0, &length, name.data(), value.get(), &type);
 }
 
 void Provider::traceLines(std::size_t count) const {
@@ -171,28 +180,34 @@ HRESULT Provider::answerFromServer(const char16_t* command, const std::wstring& 
     }
   }
   std::size_t receives = 0;
-  const std::string text = exchange(requestPort_, request, receives);
+  const std::string document = exchange(requestPort_, request, receives);
   if (stage < Stage::library) {
     return S_OK;
   }
   const std::scoped_lock turn(xml);
   const bare_xml::Library library;
-  if (stage < Stage::documents || text.empty()) {
-    return text.empty() ? win::wbemResult(WBEM_E_FAILED) : S_OK;
+  if (stage < Stage::documents || document.empty()) {
+    return document.empty() ? win::wbemResult(WBEM_E_FAILED) : S_OK;
   }
-  bare_xml::Tree tree(text);
+  bare_xml::Tree tree(document);
   if (stage < Stage::objects) {
     return S_OK;
   }
   ComPtr<IWbemClassObject> type;
   HRESULT result = services_->GetObject(win::Bstr(className).get(), 0, nullptr, &type, nullptr);
-  std::size_t fields = 0;
+  traceLines((id.empty() ? kLinesOfEnumeration : kLinesOfRetrieval) + kLinesOfReceive * receives);
   for (const xercesc::DOMElement* device = tree.root().getFirstElementChild();
        device != nullptr && SUCCEEDED(result); device = device->getNextElementSibling()) {
-    result = indicateDevice(*type.Get(), sink, *device, fields);
+    result = indicate(*type.Get(), sink, [&](IWbemClassObject& instance) {
+      bare_xml::forEachField(*device,
+                             [&](const char16_t* name, const char16_t* word, const char16_t* text) {
+                               win::Variant value;
+                               setValue(value, wide(word), wide(text));
+                               instance.Put(wide(name), 0, value.get(), 0);
+                               traceLines(kLinesOfField);
+                             });
+    });
   }
-  traceLines((id.empty() ? kLinesOfEnumeration : kLinesOfRetrieval) + kLinesOfReceive * receives +
-             kLinesOfField * fields);
   return result;
 }
 
@@ -203,20 +218,19 @@ HRESULT Provider::answerFromDevices(const std::wstring& className, const std::ws
   }
   ComPtr<IWbemClassObject> type;
   HRESULT result = services_->GetObject(win::Bstr(className).get(), 0, nullptr, &type, nullptr);
-  std::size_t lines = id.empty() ? kLinesOfCachedEnumeration : kLinesOfCachedRetrieval;
+  traceLines(id.empty() ? kLinesOfCachedEnumeration : kLinesOfCachedRetrieval);
   devices_.forEach([&](PreparedDevice& device) {
-    ++lines;
+    traceLines(1);
     if (FAILED(result) || (!id.empty() && id != device.front().value.value().bstrVal)) {
       return;
     }
     result = indicate(*type.Get(), sink, [&](IWbemClassObject& instance) {
       for (PreparedField& field : device) {
         instance.Put(field.name.c_str(), 0, field.value.get(), 0);
-        ++lines;
+        traceLines(1);
       }
     });
   });
-  traceLines(lines);
   return result;
 }
 

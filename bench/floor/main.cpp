@@ -6,6 +6,7 @@
 #include "Events.h"
 #include "Provider.h"
 #include "ProviderRegistration.h"
+#include "win/Handles.h"
 
 #include <winsock2.h>
 #include <windows.h>
@@ -46,6 +47,16 @@ int run(bool isProxy, std::uint16_t requestPort, std::uint16_t eventPort) {
   return 0;
 }
 
+/// The console mode asks the service control manager whether the service runs.
+void lookForService() {
+  const win::ServiceHandle atStart(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  const win::ServiceHandle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  const win::ServiceHandle service(
+      OpenServiceA(manager.get(), "QuillmonServ", SERVICE_QUERY_STATUS));
+  SERVICE_STATUS status = {};
+  QueryServiceStatus(service.get(), &status);
+}
+
 } // namespace
 } // namespace bench::floor
 
@@ -53,9 +64,12 @@ int main(int argc, char* argv[]) {
   if (argc != 4) {
     return 2;
   }
+  bench::floor::lookForService();
   WSADATA winsock;
   WSAStartup(MAKEWORD(2, 2), &winsock);
   CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
+                       RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_DYNAMIC_CLOAKING, nullptr);
   return bench::floor::run(argv[1] == std::string("proxy"),
                            static_cast<std::uint16_t>(std::atoi(argv[2])),
                            static_cast<std::uint16_t>(std::atoi(argv[3])));
