@@ -20,12 +20,9 @@ using adapter::exchangeRequest;
 using model::DeviceEvent;
 using model::Field;
 using trace::UPOSLog;
-using xml::attributeOf;
 using xml::buildRequestDocument;
 using xml::CoreUnavailable;
 using xml::DocumentReader;
-using xml::Elements;
-using xml::elementsBelow;
 using xml::readGuarded;
 using xml::XmlLibrary;
 using xml::xmlLock;
@@ -84,19 +81,19 @@ bool isKeptManufacturer(std::string_view maker, bool isScannerOrScale) {
 
 void readEvent(const std::string& message, DeviceEvent& event, bool& discard) {
   DocumentReader document(message);
-  const Elements events = document.elements(u"event");
+  const DocumentReader::Elements events = document.elements(u"event");
   if (events.empty()) {
     return;
   }
-  const xercesc::DOMElement& first = *events.front();
-  event.type = attributeOf(first, u"type");
-  event.className = attributeOf(first, u"classname");
+  const DocumentReader::Element& first = *events.front();
+  event.type = document.attributeOf(first, u"type");
+  event.className = document.attributeOf(first, u"classname");
   // An event has the short device class ("Scanner"), an answer the WMI class ("UPOS_Scanner").
   const bool isScannerOrScale =
       contains(event.className, "Scanner") || contains(event.className, "Scale");
-  event.modifyInstanceCode = attributeOf(first, u"modifyInstanceCode");
+  event.modifyInstanceCode = document.attributeOf(first, u"modifyInstanceCode");
 
-  for (const xercesc::DOMElement* element : elementsBelow(first, u"field")) {
+  for (const DocumentReader::Element* element : document.elementsBelow(first, u"field")) {
     const Field field = document.readField(*element);
     const std::string& name = field[0];
     const std::string& value = field[2];
@@ -139,19 +136,20 @@ std::uint32_t UPOSXMLAdapter::fromXML(std::string response) {
 std::uint32_t UPOSXMLAdapter::readResponse(std::string response) {
   DocumentReader document(response);
   std::string().swap(response); // frees a large answer before the list grows
-  const Elements errors = document.elements(u"error");
+  const DocumentReader::Elements errors = document.elements(u"error");
   UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",
                  static_cast<int>(errors.size()));
   if (!errors.empty()) {
     return kErrorAnswer;
   }
-  const auto instances = document.elementsWithFields(u"instance");
+  const DocumentReader::Elements instances = document.elements(u"instance");
   UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(instance) length: %d",
                  static_cast<int>(instances.size()));
-  for (const auto& [instance, fields] : instances) {
-    const std::string className = attributeOf(*instance, u"name");
+  for (const DocumentReader::Element* instance : instances) {
+    const std::string className = document.attributeOf(*instance, u"name");
     const bool isScannerOrScale =
         contains(className, "UPOS_Scanner") || contains(className, "UPOS_Scale");
+    const DocumentReader::Elements fields = document.elementsBelow(*instance, u"field");
     bool keep = false;
     pendingFields_.reserve(pendingFields_.size() + fields.size());
     for (std::size_t number = 0; number < fields.size(); ++number) {

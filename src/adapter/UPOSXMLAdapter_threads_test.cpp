@@ -14,7 +14,6 @@
 
 using model::DeviceEvent;
 using model::InstanceList;
-using xml::attributeOf;
 using xml::DocumentReader;
 using xml::XmlLibrary;
 using xml::xmlLock;
@@ -73,9 +72,10 @@ TEST(UPOSXMLAdapterThreads, RequestsAnswersAndEventsOnSeveralThreadsDoNotMix) {
     for (int round = 0; round < kRounds; ++round) {
       const XmlLibrary library;
       const DocumentReader document("<event provider='" + numbered("P", round) + "'/>");
-      second += attributeOf(*document.elements(u"event").at(0), u"provider") == numbered("P", round)
-                    ? 1
-                    : 0;
+      second +=
+          document.attributeOf(*document.elements(u"event")[0], u"provider") == numbered("P", round)
+              ? 1
+              : 0;
     }
   });
   building.join();

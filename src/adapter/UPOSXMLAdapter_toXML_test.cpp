@@ -170,12 +170,12 @@ TEST(ToXml, BuiltDocumentsCanBeReadBack) {
     SCOPED_TRACE(text.substr(0, 20));
     const std::string document = build(text, "request", "getInstance", text).document;
     const XmlLibrary library;
-    const DocumentReader reader(document, kRequest);
+    DocumentReader reader(document, kRequest);
     ASSERT_EQ(reader.elements(u"class").size(), 1U);
     ASSERT_EQ(reader.elements(u"id").size(), 1U);
-    EXPECT_EQ(narrow(reader.elements(u"type")[0]->getTextContent()), "getInstance");
-    EXPECT_EQ(narrow(reader.elements(u"class")[0]->getTextContent()), text);
-    EXPECT_EQ(narrow(reader.elements(u"id")[0]->getTextContent()), text);
+    EXPECT_EQ(reader.readField(*reader.elements(u"type")[0])[2], "getInstance");
+    EXPECT_EQ(reader.readField(*reader.elements(u"class")[0])[2], text);
+    EXPECT_EQ(reader.readField(*reader.elements(u"id")[0])[2], text);
   }
 }
 

@@ -20,10 +20,7 @@ using proxy::CIMContainer;
 using proxy::CIMDevice;
 using proxy::sendToClients;
 using trace::UPOSLog;
-using xml::attributeOf;
 using xml::DocumentReader;
-using xml::Elements;
-using xml::elementsBelow;
 using xml::XmlLibrary;
 
 namespace com::orvex {
@@ -40,16 +37,16 @@ Instance instanceOf(const CIMContainer::Reference& device) {
 
 void readProviderAndFields(const std::string& message, DeviceEvent& event) {
   DocumentReader document(message);
-  const Elements events = document.elements(u"event");
+  const DocumentReader::Elements events = document.elements(u"event");
   if (events.empty()) {
     return;
   }
-  const xercesc::DOMElement& first = *events.front();
-  event.provider = attributeOf(first, u"provider");
-  const Elements fields = elementsBelow(first, u"field");
+  const DocumentReader::Element& first = *events.front();
+  event.provider = document.attributeOf(first, u"provider");
+  const DocumentReader::Elements fields = document.elementsBelow(first, u"field");
   UPOSLog::trace("<<ProxyImpXmlAdapter>>     provider=%s fieldlist_length=%d", event.provider,
                  static_cast<int>(fields.size()));
-  for (const xercesc::DOMElement* element : fields) {
+  for (const DocumentReader::Element* element : fields) {
     const Field& field = event.fields.emplace_back(document.readField(*element));
     UPOSLog::trace("<<ProxyImpXmlAdapter>>         name=%s type=%s value=%s", field[0], field[1],
                    field[2]);

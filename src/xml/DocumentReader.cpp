@@ -3,6 +3,7 @@
 #include "xml/XmlFailure.h"
 #include "xml/XmlText.h"
 
+#include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/framework/XMLErrorReporter.hpp>
 #include <xercesc/internal/XMLScanner.hpp>
 #include <xercesc/parsers/XercesDOMParser.hpp>
@@ -18,8 +19,6 @@ namespace xml {
 
 namespace {
 
-using xercesc::DOMElement;
-using xercesc::DOMNode;
 using xercesc::XMLString;
 
 constexpr std::array<const XMLCh*, 4> kElements = {u"error", u"event", u"field", u"instance"};
@@ -27,63 +26,12 @@ constexpr std::array<const XMLCh*, 1> kTexts = {u"field"};
 constexpr std::array<const XMLCh*, 5> kAttributes = {u"name", u"type", u"classname",
                                                      u"modifyInstanceCode", u"provider"};
 
-/// Walks the nodes below `scope` in document order: calls `enter` before and `leave` after a node's
-/// children. Not recursive, so the nesting depth cannot exhaust the stack. `open` holds the
-/// enclosing nodes: the library's getParentNode costs more than the rest of a step.
-template <class Enter, class Leave>
-void walkBelow(const DOMNode& scope, std::vector<const DOMNode*>& open, const Enter& enter,
-               const Leave& leave) {
-  open.clear();
-  const DOMNode* node = &scope;
-  for (;;) {
-    if (const DOMNode* const child = node->getFirstChild()) {
-      open.push_back(node);
-      node = child;
-    } else {
-      for (;;) {
-        if (open.empty()) {
-          return;
-        }
-        leave(*node);
-        if (const DOMNode* const sibling = node->getNextSibling()) {
-          node = sibling;
-          break;
-        }
-        node = open.back();
-        open.pop_back();
-      }
-    }
-    enter(*node);
-  }
-}
-
-bool isElement(const DOMNode& node) {
-  return node.getNodeType() == DOMNode::ELEMENT_NODE;
-}
-
-bool isElement(const DOMNode& node, const XMLCh* name) {
-  return isElement(node) && XMLString::equals(node.getNodeName(), name);
-}
-
-constexpr auto ignore = [](const DOMNode&) {};
-
-Elements elementsIn(const DOMNode& scope, const XMLCh* name) {
-  Elements found;
-  std::vector<const DOMNode*> open;
-  walkBelow(
-      scope, open,
-      [&](const DOMNode& node) {
-        if (isElement(node, name)) {
-          found.push_back(static_cast<const DOMElement*>(&node));
-        }
-      },
-      ignore);
-  return found;
-}
-
-bool contains(std::span<const XMLCh* const> names, const XMLCh* name) {
-  return std::any_of(names.begin(), names.end(),
-                     [name](const XMLCh* one) { return XMLString::equals(one, name); });
+/// The index of `name`; the number of names if it is none of them.
+std::size_t indexOf(std::span<const XMLCh* const> names, const XMLCh* name) {
+  return static_cast<std::size_t>(
+      std::ranges::find_if(names,
+                           [name](const XMLCh* one) { return XMLString::equals(one, name); }) -
+      names.begin());
 }
 
 std::string withLocation(const std::string& message, XMLFileLoc line, XMLFileLoc column) {
@@ -97,21 +45,14 @@ const Vocabulary& protocolVocabulary() noexcept {
   return vocabulary;
 }
 
-Elements elementsBelow(const DOMElement& scope, const XMLCh* name) {
-  return elementsIn(scope, name);
-}
-
-std::string attributeOf(const DOMElement& element, const XMLCh* name) {
-  return narrow(element.getAttribute(name));
-}
-
-/// The library's DOM parser, reduced to the vocabulary. Without an error handler the library
-/// reports no errors, so this parser receives them from its own scanner.
+/// The library's DOM parser, which hands what it scans to the reader instead of building a tree.
+/// Without an error handler the library reports no errors, so this parser receives them from its
+/// own scanner.
 class DocumentReader::Parser : public xercesc::XercesDOMParser {
   using Attributes = xercesc::RefVectorOf<xercesc::XMLAttr>;
 
 public:
-  explicit Parser(const Vocabulary& vocabulary) : vocabulary_(vocabulary) {
+  explicit Parser(DocumentReader& reader) : reader_(reader) {
     getScanner()->setDisallowDTD(true);
     getScanner()->setErrorReporter(this);
   }
@@ -129,8 +70,7 @@ public:
     if (!firstError_.empty()) {
       throw XmlFailure(firstError_);
     }
-    if (getErrorCount() != 0 || getDocument() == nullptr ||
-        getDocument()->getDocumentElement() == nullptr) {
+    if (getErrorCount() != 0 || !hasRoot_) {
       throw XmlFailure("The document is not readable");
     }
   }
@@ -152,39 +92,37 @@ public:
       throw XmlFailure(withLocation("Elements are nested too deeply", place.getLineNumber(),
                                     place.getColumnNumber()));
     }
+    hasRoot_ = true;
+    const Vocabulary& vocabulary = reader_.vocabulary_;
     const XMLCh* const name = declaration.getFullName();
-    const bool kept = isRoot || contains(vocabulary_.elements, name);
-    const Open& opened = open_.emplace_back(Open{kept, contains(vocabulary_.texts, name)});
+    const std::size_t index = indexOf(vocabulary.elements, name);
+    const bool isKept = index != vocabulary.elements.size();
+    const Open& opened =
+        open_.emplace_back(Open{isKept, isKept && contains(vocabulary.texts, name), number()});
     textDepth_ += std::size_t{opened.hasText};
-    if (kept) {
-      wanted_.removeAllElements();
-      for (XMLSize_t i = 0; i < attributeCount; ++i) {
-        const xercesc::XMLAttr* const attribute = attributes.elementAt(i);
-        if (contains(vocabulary_.attributes, attribute->getName())) {
-          wanted_.addElement(const_cast<xercesc::XMLAttr*>(attribute)); // only read by the library
-        }
-      }
-      XercesDOMParser::startElement(declaration, uri, prefix, wanted_, wanted_.size(), isEmpty,
-                                    isRoot);
-    } else if (isEmpty) {
+    if (isKept) {
+      keep(index, attributes, attributeCount);
+    }
+    if (isEmpty) {
       endElement(declaration, uri, isRoot, prefix);
     }
   }
 
-  /// The library calls it for empty elements too, from inside startElement.
-  void endElement(const xercesc::XMLElementDecl& declaration, const unsigned int uri,
-                  const bool isRoot, const XMLCh* const prefix) override {
+  void endElement(const xercesc::XMLElementDecl&, const unsigned int, const bool,
+                  const XMLCh* const) override {
     const Open closed = open_.back();
     open_.pop_back();
     textDepth_ -= std::size_t{closed.hasText};
-    if (closed.kept) {
-      XercesDOMParser::endElement(declaration, uri, isRoot, prefix);
+    if (closed.isKept) {
+      Element& element = reader_.elements_[closed.number];
+      element.end = number();
+      element.textEnd = reader_.text_.size();
     }
   }
 
   void docCharacters(const XMLCh* const text, const XMLSize_t length, const bool) override {
     if (textDepth_ != 0) {
-      XercesDOMParser::docCharacters(text, length, false); // CDATA sections become plain text
+      reader_.text_.append(text, length);
     }
   }
 
@@ -193,82 +131,79 @@ public:
 
 private:
   struct Open {
-    bool kept;
+    bool isKept;
     bool hasText;
+    std::size_t number; ///< of the element, if it is kept
   };
 
-  const Vocabulary& vocabulary_;
-  Attributes wanted_{5, false}; ///< the kept attributes of the current element; owns none of them
-  std::vector<Open> open_;      ///< the open elements, root first
-  std::size_t textDepth_ = 0;   ///< number of open elements whose text is kept
+  static bool contains(std::span<const XMLCh* const> names, const XMLCh* name) {
+    return indexOf(names, name) != names.size();
+  }
+
+  /// Of the next element that is kept.
+  std::size_t number() const { return reader_.elements_.size(); }
+
+  void keep(std::size_t name, const Attributes& attributes, XMLSize_t count) {
+    const std::size_t begin = reader_.attributes_.size();
+    for (XMLSize_t i = 0; i < count; ++i) {
+      const xercesc::XMLAttr& attribute = *attributes.elementAt(i);
+      const std::size_t index = indexOf(reader_.vocabulary_.attributes, attribute.getName());
+      if (index != reader_.vocabulary_.attributes.size()) {
+        reader_.attributes_.push_back({index, reader_.values_.size()});
+        reader_.values_.append(attribute.getValue()).push_back(0);
+      }
+    }
+    const std::size_t text = reader_.text_.size();
+    reader_.elements_.push_back({name, 0, text, text, begin, reader_.attributes_.size()});
+  }
+
+  DocumentReader& reader_;
+  std::vector<Open> open_;    ///< the open elements, root first
+  std::size_t textDepth_ = 0; ///< number of open elements whose text is kept
+  bool hasRoot_ = false;
   std::string firstError_;
 };
 
 DocumentReader::DocumentReader(const std::string& text, const Vocabulary& vocabulary)
-    : DocumentReader(text.c_str(), std::strlen(text.c_str()), vocabulary) {}
-
-DocumentReader::DocumentReader(const char* text, std::size_t size, const Vocabulary& vocabulary)
-    : readBudget_(std::max(kMaxReadPerByte * size, kMinReadBudget)),
-      source_(reinterpret_cast<const XMLByte*>(text), size, "simple buffer"),
-      parser_(std::make_unique<Parser>(vocabulary)) {
-  source_.setCopyBufToStream(false);
-  parser_->read(source_);
-}
-
-DocumentReader::~DocumentReader() = default;
-
-Elements DocumentReader::elements(const XMLCh* name) const {
-  return elementsIn(*parser_->getDocument(), name);
-}
-
-std::vector<DocumentReader::WithFields> DocumentReader::elementsWithFields(const XMLCh* name) {
-  struct Place {
-    const DOMElement* element;
-    std::size_t begin; // of its fields in fields_
-    std::size_t end;
-  };
-  std::vector<Place> places;
-  std::vector<std::size_t> open; // indices in `places` of the enclosing elements
-  fields_.clear();
-  walkBelow(
-      *parser_->getDocument(), path_,
-      [&](const DOMNode& node) {
-        if (isElement(node, u"field")) {
-          fields_.push_back(static_cast<const DOMElement*>(&node));
-        }
-        if (isElement(node, name)) {
-          open.push_back(places.size());
-          places.push_back({static_cast<const DOMElement*>(&node), fields_.size(), 0});
-        }
-      },
-      [&](const DOMNode& node) {
-        if (!open.empty() && places[open.back()].element == &node) {
-          places[open.back()].end = fields_.size();
-          open.pop_back();
-        }
-      });
-  std::vector<WithFields> found;
-  found.reserve(places.size());
-  for (const Place& place : places) {
-    found.push_back({place.element, std::span<const DOMElement* const>(fields_).subspan(
-                                        place.begin, place.end - place.begin)});
+    : vocabulary_(vocabulary), byName_(vocabulary.elements.size()) {
+  const std::size_t size = std::strlen(text.c_str());
+  readBudget_ = std::max(kMaxReadPerByte * size, kMinReadBudget);
+  xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(text.data()), size,
+                                    "simple buffer");
+  source.setCopyBufToStream(false);
+  Parser(*this).read(source);
+  for (const Element& element : elements_) {
+    byName_[element.name].push_back(&element);
   }
-  return found;
 }
 
-Field DocumentReader::readField(const DOMElement& element) {
-  text_.clear();
-  walkBelow(
-      element, path_,
-      [&](const DOMNode& node) {
-        if (isElement(node)) {
-          charge(1);
-        } else {
-          text_ += node.getNodeValue();
-        }
-      },
-      ignore);
-  Field field{attributeOf(element, u"name"), attributeOf(element, u"type"), narrow(text_.c_str())};
+DocumentReader::Elements DocumentReader::elements(const XMLCh* name) const {
+  const std::size_t index = indexOf(vocabulary_.elements, name);
+  return index < byName_.size() ? Elements(byName_[index]) : Elements();
+}
+
+DocumentReader::Elements DocumentReader::elementsBelow(const Element& scope,
+                                                       const XMLCh* name) const {
+  const Elements all = elements(name);
+  const auto begin = std::ranges::upper_bound(all, &scope);
+  return {begin, std::ranges::lower_bound(begin, all.end(), elements_.data() + scope.end)};
+}
+
+std::string DocumentReader::attributeOf(const Element& element, const XMLCh* name) const {
+  const std::size_t index = indexOf(vocabulary_.attributes, name);
+  for (std::size_t i = element.attributesBegin; i != element.attributesEnd; ++i) {
+    if (attributes_[i].name == index) {
+      return narrow(values_.c_str() + attributes_[i].value);
+    }
+  }
+  return {};
+}
+
+Field DocumentReader::readField(const Element& element) {
+  charge(static_cast<std::size_t>(elements_.data() + element.end - &element) - 1);
+  Field field{attributeOf(element, u"name"), attributeOf(element, u"type"),
+              narrow(std::basic_string_view<XMLCh>(text_).substr(
+                  element.textBegin, element.textEnd - element.textBegin))};
   charge(kFieldCost + field[0].size() + field[1].size() + field[2].size());
   return field;
 }

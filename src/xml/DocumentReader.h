@@ -2,25 +2,14 @@
 
 #include "model/InstanceList.h"
 
-#include <xercesc/dom/DOM.hpp>
-#include <xercesc/framework/MemBufInputSource.hpp>
+#include <xercesc/util/XercesDefs.hpp>
 
 #include <cstddef>
-#include <memory>
 #include <span>
 #include <string>
 #include <vector>
 
 namespace xml {
-
-using Elements = std::vector<const xercesc::DOMElement*>;
-
-/// All elements of that name below `scope`, at any depth, in document order. Linear time, unlike
-/// the library's getElementsByTagName, whose table of lists does not grow with their number.
-Elements elementsBelow(const xercesc::DOMElement& scope, const XMLCh* name);
-
-/// The attribute's value in the local code page; empty when it is missing.
-std::string attributeOf(const xercesc::DOMElement& element, const XMLCh* name);
 
 /// The names that a reader keeps from a document.
 struct Vocabulary {
@@ -41,9 +30,10 @@ const Vocabulary& protocolVocabulary() noexcept;
 /// Safety: opens nothing outside the text. Refuses document type declarations (so the only entities
 /// are the five predefined ones) and elements nested more deeply than kMaximumDepth.
 ///
-/// Keeps only what the vocabulary names, and the root. An element that is not kept is replaced by
-/// its kept descendants and their text. A complete tree would take up to 56 times the memory of its
-/// document, and the library's time for an element's attributes is quadratic in their number.
+/// Keeps only what the vocabulary names: the elements in document order, each with the range of its
+/// descendants and of its text, so that nothing has to be walked. The library's own tree would take
+/// up to 56 times the memory of its document, and its time for an element's attributes is quadratic
+/// in their number.
 class DocumentReader {
 public:
   /// The protocol's documents are 3 deep. Nothing recurses, so the stack sets no limit, but the
@@ -62,35 +52,45 @@ public:
                           const Vocabulary& vocabulary = protocolVocabulary());
   DocumentReader(const DocumentReader&) = delete;
   DocumentReader& operator=(const DocumentReader&) = delete;
-  ~DocumentReader();
 
-  /// All elements of that name in the document, including the root.
-  Elements elements(const XMLCh* name) const;
-
-  struct WithFields {
-    const xercesc::DOMElement* element;
-    std::span<const xercesc::DOMElement* const> fields; ///< valid until the next call
+  /// An element that was kept; valid as long as its reader.
+  struct Element {
+    std::size_t name;      ///< index in the vocabulary
+    std::size_t end;       ///< number of the first element behind the last one below it
+    std::size_t textBegin; ///< of its text content and that of the elements below it
+    std::size_t textEnd;
+    std::size_t attributesBegin;
+    std::size_t attributesEnd;
   };
-  /// All elements of that name in the document, each with the "field" elements below it, at any
-  /// depth. Linear time, regardless of nesting.
-  std::vector<WithFields> elementsWithFields(const XMLCh* name);
+  using Elements = std::span<const Element* const>;
 
+  /// All elements of that name in the document, in document order.
+  Elements elements(const XMLCh* name) const;
+  /// Those below `scope`, at any depth.
+  Elements elementsBelow(const Element& scope, const XMLCh* name) const;
+  /// The attribute's value in the local code page; empty when it is missing.
+  std::string attributeOf(const Element& element, const XMLCh* name) const;
   /// A "field" element as name, type word and value (its text content). Throws XmlFailure when the
   /// budget is exhausted.
-  model::Field readField(const xercesc::DOMElement& element);
+  model::Field readField(const Element& element);
 
 private:
   class Parser;
 
-  DocumentReader(const char* text, std::size_t size, const Vocabulary& vocabulary);
+  struct Attribute {
+    std::size_t name;  ///< index in the vocabulary
+    std::size_t value; ///< index in values_
+  };
+
   void charge(std::size_t cost);
 
-  std::size_t readBudget_; ///< remaining
-  xercesc::MemBufInputSource source_;
-  std::unique_ptr<Parser> parser_;
-  Elements fields_;
-  std::vector<const xercesc::DOMNode*> path_; ///< like text_, reused for all fields
-  std::basic_string<XMLCh> text_;
+  const Vocabulary& vocabulary_;
+  std::size_t readBudget_ = 0; ///< remaining
+  std::vector<Element> elements_;
+  std::vector<Attribute> attributes_;
+  std::basic_string<XMLCh> values_; ///< of the attributes, each NUL-terminated
+  std::basic_string<XMLCh> text_;   ///< all kept text
+  std::vector<std::vector<const Element*>> byName_;
 };
 
 } // namespace xml

@@ -11,10 +11,7 @@
 #include <vector>
 
 using model::Field;
-using xml::attributeOf;
 using xml::DocumentReader;
-using xml::Elements;
-using xml::elementsBelow;
 using xml::narrow;
 using xml::Vocabulary;
 using xml::XmlFailure;
@@ -37,10 +34,10 @@ constexpr const XMLCh* kAttributes[] = {u"n", u"name", u"type"};
 /// The vocabulary of these tests.
 constexpr Vocabulary kEverything{kElements, kElements, kAttributes};
 
-std::vector<std::string> names(const Elements& elements) {
+std::vector<std::string> names(const DocumentReader& reader, DocumentReader::Elements elements) {
   std::vector<std::string> result;
-  for (const xercesc::DOMElement* element : elements) {
-    result.push_back(attributeOf(*element, u"n"));
+  for (const DocumentReader::Element* element : elements) {
+    result.push_back(reader.attributeOf(*element, u"n"));
   }
   return result;
 }
@@ -48,7 +45,7 @@ std::vector<std::string> names(const Elements& elements) {
 /// The text content of the root element "r".
 std::string textOf(const std::string& document) {
   DocumentReader reader(document, kEverything);
-  return reader.readField(*reader.elements(u"r").at(0))[2];
+  return reader.readField(*reader.elements(u"r")[0])[2];
 }
 
 std::string failureOf(const std::string& document) {
@@ -80,7 +77,7 @@ TEST_F(DocumentReaderTest, ReadsElementsUpToItsDepth) {
     return repeated(depth, "<a>") + "deep" + repeated(depth, "</a>");
   };
   DocumentReader reader(nested(kDepth), kEverything);
-  const Elements found = reader.elements(u"a");
+  const DocumentReader::Elements found = reader.elements(u"a");
   EXPECT_EQ(found.size(), kDepth);
   EXPECT_EQ(reader.readField(*found.front())[2], "deep");
   EXPECT_EQ(failureOf(nested(kDepth + 1)), "Elements are nested too deeply (line 1, column " +
@@ -117,30 +114,31 @@ TEST_F(DocumentReaderTest, FindsElementsInDocumentOrderAtAnyDepth) {
       "<r n='root'><a n='1'><x><a n='2'/></x><a n='3'><a n='4'/></a></a><b n='b'/>"
       "<p:a n='prefixed'/><A n='capital'/><!-- <a n='comment'/> --><a n='5'/></r>",
       kEverything);
-  EXPECT_EQ(names(reader.elements(u"a")), (List{"1", "2", "3", "4", "5"}));
-  EXPECT_EQ(names(reader.elements(u"r")), (List{"root"}));
-  EXPECT_EQ(names(reader.elements(u"none")), List{});
+  EXPECT_EQ(names(reader, reader.elements(u"a")), (List{"1", "2", "3", "4", "5"}));
+  EXPECT_EQ(names(reader, reader.elements(u"r")), (List{"root"}));
+  EXPECT_EQ(names(reader, reader.elements(u"none")), List{});
 }
 
 TEST_F(DocumentReaderTest, FindsElementsBelowAScopeOnly) {
   const DocumentReader reader(
       "<r><a n='1'><a n='2'><a n='3'/></a><b><a n='4'/></b></a><a n='5'/></r>", kEverything);
-  const Elements all = reader.elements(u"a");
+  const DocumentReader::Elements all = reader.elements(u"a");
   ASSERT_EQ(all.size(), 5U);
-  EXPECT_EQ(names(elementsBelow(*all[0], u"a")), (List{"2", "3", "4"}));
-  EXPECT_EQ(names(elementsBelow(*all[1], u"a")), (List{"3"}));
-  EXPECT_EQ(names(elementsBelow(*all[4], u"a")), List{});
+  EXPECT_EQ(names(reader, reader.elementsBelow(*all[0], u"a")), (List{"2", "3", "4"}));
+  EXPECT_EQ(names(reader, reader.elementsBelow(*all[1], u"a")), (List{"3"}));
+  EXPECT_EQ(names(reader, reader.elementsBelow(*all[4], u"a")), List{});
 }
 
 TEST_F(DocumentReaderTest, AnElementComesWithTheFieldsBelowItInDocumentOrder) {
-  DocumentReader reader("<instance name='1'><field name='a'/><x><instance name='2'><field name='b'>"
-                        "<field name='c'/></field></instance></x><instance name='3'/><field "
-                        "name='d'/></instance>");
+  const DocumentReader reader(
+      "<instance name='1'><field name='a'/><x><instance name='2'><field name='b'>"
+      "<field name='c'/></field></instance></x><instance name='3'/><field "
+      "name='d'/></instance>");
   std::vector<List> found;
-  for (const auto& [element, fields] : reader.elementsWithFields(u"instance")) {
-    List& names = found.emplace_back(List{attributeOf(*element, u"name")});
-    for (const xercesc::DOMElement* field : fields) {
-      names.push_back(attributeOf(*field, u"name"));
+  for (const DocumentReader::Element* instance : reader.elements(u"instance")) {
+    List& names = found.emplace_back(List{reader.attributeOf(*instance, u"name")});
+    for (const DocumentReader::Element* field : reader.elementsBelow(*instance, u"field")) {
+      names.push_back(reader.attributeOf(*field, u"name"));
     }
   }
   EXPECT_EQ(found, (std::vector<List>{{"1", "a", "b", "c", "d"}, {"2", "b", "c"}, {"3"}}));
@@ -148,13 +146,13 @@ TEST_F(DocumentReaderTest, AnElementComesWithTheFieldsBelowItInDocumentOrder) {
 
 TEST_F(DocumentReaderTest, ElementsIncludeTheRoot) {
   const DocumentReader reader("<a n='1'><a n='2'/></a>", kEverything);
-  EXPECT_EQ(names(reader.elements(u"a")), (List{"1", "2"}));
+  EXPECT_EQ(names(reader, reader.elements(u"a")), (List{"1", "2"}));
 }
 
 TEST_F(DocumentReaderTest, AFieldIsNameTypeAndText) {
   DocumentReader reader("<r><field type='string' name='DeviceID'>SCANNER1</field>"
                         "<field/><field name='A &amp; B' type=''> \n x </field></r>");
-  const Elements fields = reader.elements(u"field");
+  const DocumentReader::Elements fields = reader.elements(u"field");
   ASSERT_EQ(fields.size(), 3U);
   EXPECT_EQ(reader.readField(*fields[0]), (Field{"DeviceID", "string", "SCANNER1"}));
   EXPECT_EQ(reader.readField(*fields[1]), (Field{"", "", ""}));
@@ -167,18 +165,15 @@ TEST_F(DocumentReaderTest, KeepsOnlyWhatTheProtocolNames) {
       "y='4'>"
       "text<b><field name='5' type='6' z='7'>a<c name='8'>b<!-- c --></c><![CDATA[d]]></field></b>"
       "</instance></other><d/></response>");
-  const Elements instances = reader.elements(u"instance");
+  const DocumentReader::Elements instances = reader.elements(u"instance");
   ASSERT_EQ(instances.size(), 1U);
-  const xercesc::DOMElement& instance = *instances.front();
-  EXPECT_EQ(attributeOf(instance, u"name"), "3");
-  EXPECT_EQ(instance.getAttributes()->getLength(), 1U);
-  EXPECT_EQ(instance.getChildNodes()->getLength(), 1U);
-  const Elements fields = elementsBelow(instance, u"field");
+  EXPECT_EQ(reader.readField(*instances[0]), (Field{"3", "", "abd"}));
+  EXPECT_EQ(reader.attributeOf(*instances[0], u"y"), "");
+  const DocumentReader::Elements fields = reader.elementsBelow(*instances[0], u"field");
   ASSERT_EQ(fields.size(), 1U);
-  EXPECT_EQ(reader.readField(*fields.front()), (Field{"5", "6", "abd"}));
-  EXPECT_EQ(fields.front()->getChildNodes()->getLength(), 1U);
-  const xercesc::DOMElement& root = *reader.elements(u"response").at(0);
-  EXPECT_EQ(root.getChildNodes()->getLength(), 1U);
+  EXPECT_EQ(reader.readField(*fields[0]), (Field{"5", "6", "abd"}));
+  EXPECT_TRUE(reader.elements(u"response").empty());
+  EXPECT_TRUE(reader.elements(u"c").empty());
 }
 
 TEST_F(DocumentReaderTest, AnElementThatIsNotKeptCountsAsDepth) {
@@ -193,7 +188,7 @@ TEST_F(DocumentReaderTest, ManyAttributesOfAnElementAreReadInLinearTime) {
     document += " a" + std::to_string(i) + "=''";
   }
   const DocumentReader reader(document + "/></response>");
-  EXPECT_EQ(attributeOf(*reader.elements(u"instance").at(0), u"name"), "UPOS_Scanner");
+  EXPECT_EQ(reader.attributeOf(*reader.elements(u"instance")[0], u"name"), "UPOS_Scanner");
 }
 
 /// The total size of the fields when each instance reads all fields below it, or the error.
@@ -201,8 +196,8 @@ std::string readAllFields(const std::string& document) {
   std::size_t read = 0;
   try {
     DocumentReader reader(document);
-    for (const auto& [instance, fields] : reader.elementsWithFields(u"instance")) {
-      for (const xercesc::DOMElement* element : fields) {
+    for (const DocumentReader::Element* instance : reader.elements(u"instance")) {
+      for (const DocumentReader::Element* element : reader.elementsBelow(*instance, u"field")) {
         for (const std::string& text : reader.readField(*element)) {
           read += text.size();
         }
@@ -285,8 +280,7 @@ TEST_F(DocumentReaderTest, ReadsAByteOrderMarkAndForeignEncodings) {
 TEST_F(DocumentReaderTest, ReadsHugeValues) {
   const std::string huge(10'000'000, 'x');
   const DocumentReader reader("<r n='" + huge + "'>" + huge + "</r>", kEverything);
-  const xercesc::DOMElement& root = *reader.elements(u"r").at(0);
-  EXPECT_TRUE(attributeOf(root, u"n") == huge);
+  EXPECT_TRUE(reader.attributeOf(*reader.elements(u"r")[0], u"n") == huge);
   EXPECT_TRUE(textOf("<r>" + huge + "</r>") == huge);
 }
 

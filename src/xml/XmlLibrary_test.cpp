@@ -10,7 +10,6 @@
 #include <vector>
 
 using xml::DocumentReader;
-using xml::Elements;
 using xml::narrow;
 using xml::widen;
 using xml::XmlLibrary;
@@ -49,9 +48,9 @@ TEST(XmlLibrary, SessionsOnSeveralThreadsNeedNoXmlLock) {
     threads.emplace_back([&count = read[static_cast<std::size_t>(thread)]] {
       for (int round = 0; round < kRounds; ++round) {
         const XmlLibrary library;
-        const DocumentReader document("<r><field name='\xC3\xBC'>text</field></r>");
-        const Elements found = document.elements(u"field");
-        if (found.size() == 1 && narrow(found[0]->getTextContent()) == "text") {
+        DocumentReader document("<r><field name='\xC3\xBC'>text</field></r>");
+        const DocumentReader::Elements found = document.elements(u"field");
+        if (found.size() == 1 && document.readField(*found[0])[2] == "text") {
           ++count;
         }
       }

@@ -21,21 +21,19 @@ constexpr XMLCh kEndOfAscii = 0x80;
 
 } // namespace
 
-std::string narrow(const XMLCh* text) {
-  if (text == nullptr) {
-    return {};
-  }
-  const XMLCh* end = text;
-  while (*end != 0 && *end < kEndOfAscii) {
-    ++end;
-  }
-  if (*end == 0) {
-    std::string bytes(static_cast<std::size_t>(end - text), '\0');
-    std::copy(text, end, bytes.begin());
+std::string narrow(std::basic_string_view<XMLCh> text) {
+  if (std::ranges::all_of(text, [](XMLCh each) { return each < kEndOfAscii; })) {
+    std::string bytes(text.size(), '\0');
+    std::ranges::copy(text, bytes.begin());
     return bytes;
   }
-  const std::unique_ptr<char, Release> converted(xercesc::XMLString::transcode(text));
+  const std::unique_ptr<char, Release> converted(
+      xercesc::XMLString::transcode(std::basic_string<XMLCh>(text).c_str()));
   return converted.get();
+}
+
+std::string narrow(const XMLCh* text) {
+  return text != nullptr ? narrow(std::basic_string_view<XMLCh>(text)) : std::string();
 }
 
 std::basic_string<XMLCh> widen(const std::string& text) {

@@ -3,14 +3,16 @@
 #include <xercesc/util/XercesDefs.hpp>
 
 #include <string>
+#include <string_view>
 
 namespace xml {
 
 // Conversions between the XML library's UTF-16 and the service's narrow strings in the local code
 // page. Threads: any, within an XmlLibrary session. Errors: out of memory only.
 
-/// Converts to the local code page; a character that it lacks becomes its replacement character. A
-/// null pointer gives empty text.
+/// Converts to the local code page; a character that it lacks becomes its replacement character.
+/// `text` has no NUL, as no XML text has. A null pointer gives empty text.
+std::string narrow(std::basic_string_view<XMLCh> text);
 std::string narrow(const XMLCh* text);
 
 /// Converts from the local code page, up to the first NUL. An invalid character becomes a
