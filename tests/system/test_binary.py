@@ -1,6 +1,9 @@
 """What the programs that ship promise by themselves: read from the PE header, as the loader reads it."""
 
+import functools
+import re
 import struct
+import subprocess
 import tempfile
 from pathlib import Path
 
@@ -50,13 +53,20 @@ class Image:
         return self.data[start:self.data.index(b"\0", start)].decode("ascii")
 
     def imports(self):
+        """The libraries, each with the names of its functions that the loader looks for."""
         position = self.offset(self.directories[1][0])
         while True:
-            _, _, _, name, thunks = struct.unpack_from("<IIIII", self.data, position)
+            table, _, _, name, thunks = struct.unpack_from("<IIIII", self.data, position)
             if not name and not thunks:
                 return
-            yield self.text(name).lower()
+            yield self.text(name).lower(), list(self.functions(self.offset(table)))
             position += 20
+
+    def functions(self, position):
+        while entry := struct.unpack_from("<Q", self.data, position)[0]:
+            if not entry >> 63:  # by number otherwise
+                yield self.text(entry + 2)
+            position += 8
 
 
 @pytest.fixture(scope="module", params=OTHER_LIBRARIES)
@@ -107,7 +117,33 @@ def test_it_tells_nothing_of_the_machine_that_built_it(image):
 
 
 def test_it_needs_only_libraries_of_the_system_that_are_named_here(program, image):
-    assert set(image.imports()) <= KNOWN_LIBRARIES | OTHER_LIBRARIES[program]
+    libraries = {name for name, _ in image.imports()}
+    assert libraries <= KNOWN_LIBRARIES | OTHER_LIBRARIES[program]
+
+
+HEADERS = """winsock2.h ws2tcpip.h mswsock.h windows.h iphlpapi.h objbase.h oleauto.h psapi.h sddl.h
+             aclapi.h shellapi.h shlobj.h winver.h"""
+
+
+@functools.cache
+def names_declared_for(windows):
+    """Whatever the headers name when they are told that the program is to run on that Windows."""
+    text = "".join(f"#include <{header}>\n" for header in HEADERS.split())
+    done = subprocess.run(
+        ["x86_64-w64-mingw32-gcc-posix", "-E", "-P", "-x", "c", f"-D_WIN32_WINNT={windows}", "-"],
+        input=text, capture_output=True, text=True, check=True)
+    return set(re.findall(r"\w+", done.stdout))
+
+
+def test_the_loader_of_an_old_windows_finds_each_function_that_it_needs(program, image):
+    windows_7, windows_10 = "0x0601", "0x0A00"
+    too_young = names_declared_for(windows_10) - names_declared_for(windows_7)
+    assert "SetProcessMitigationPolicy" in too_young
+    # An update brings them to Windows 7, so the headers name them there.
+    too_young |= {"AddDllDirectory", "RemoveDllDirectory", "SetDefaultDllDirectories"}
+    needed = {function for _, functions in image.imports() for function in functions}
+    assert {"CreateFileW", "WSAStartup", "malloc"} <= needed
+    assert sorted(needed & too_young) == []
 
 
 def test_the_service_carries_its_name_and_version(service):

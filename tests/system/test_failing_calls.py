@@ -318,8 +318,8 @@ UNWALKED = {
         "RegisterServiceCtrlHandlerA SetServiceStatus",
     "gives the default instead of failing": "GetPrivateProfileIntA GetPrivateProfileStringA",
     "called by tests alone": "getsockname",
-    "where code is loaded from: unchecked, a refusal leaves it as it was":
-        "SetDefaultDllDirectories SetProcessMitigationPolicy",
+    "where code is loaded from: an old system lacks the settings and stays as it was":
+        "GetModuleHandleW GetProcAddress GetSystemDirectoryW",
 }
 # What our code calls of the compiler's library, or has called there, that computes, or ends.
 COMPUTES = """_time64 _localtime64_s __acrt_iob_func memchr memcmp memcpy memmove memset strlen
