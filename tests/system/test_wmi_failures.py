@@ -429,8 +429,8 @@ def test_a_caller_without_rights_sees_an_empty_list_and_still_fetches(shared_mac
     assert asked(wmi) == 1
 
 
-@pytest.mark.parametrize("level, listed", [(0, []), (1, SCANNERS), (3, SCANNERS)],
-                         ids=["anonymous", "identification", "delegation"])
+@pytest.mark.parametrize("level, listed", [(0, []), (2, SCANNERS), (3, SCANNERS)],
+                         ids=["anonymous", "impersonation", "delegation"])
 def test_the_callers_level_decides_about_lists_from_the_first_request_on(
         shared_machine, till, wmi, stopped, level, listed):
     wmi.set(ImpersonationLevel=level)

@@ -54,8 +54,9 @@ public:
         return lastError();
       }
     }
+    // The least that hosting outside WMI's processes gives: to look at, not to act with.
     auto level = static_cast<SECURITY_IMPERSONATION_LEVEL>(
-        settings::number(L"ImpersonationLevel", SecurityImpersonation));
+        settings::number(L"ImpersonationLevel", SecurityIdentification));
     win::Handle token;
     if (!DuplicateTokenEx(process.get(), TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE, nullptr,
                           level, TokenImpersonation, token.put()) ||
