@@ -1,5 +1,6 @@
 #include "quillmonctl/Survey.h"
 
+#include "quillmonctl/IgnoreCase.h"
 #include "quillmonctl/ProductNames.h"
 #include "quillmonctl/Text.h"
 
@@ -78,15 +79,17 @@ void judgeService(const Survey& survey, Verdicts& out) {
   } else {
     out.push_back({Level::Good, "version", survey.toolVersion, ""});
   }
-  const bool isAutomatic = service.start.starts_with("automatic");
-  out.push_back({isAutomatic ? Level::Good : Level::Warning, "start", service.start,
-                 isAutomatic ? "" : "sc config QuillmonServ start= delayed-auto"});
+  const bool isPlain = service.start == "automatic";
+  out.push_back({isPlain ? Level::Good : Level::Warning, "start", service.start,
+                 isPlain ? "" : "sc config QuillmonServ start= auto"});
   const bool waitsForWmi =
       std::any_of(service.dependencies.begin(), service.dependencies.end(),
-                  [](const std::string& name) { return name == "winmgmt" || name == "Winmgmt"; });
-  out.push_back({waitsForWmi ? Level::Good : Level::Warning, "dependency",
-                 waitsForWmi ? "starts after WMI (winmgmt)" : "does not wait for WMI at boot",
-                 waitsForWmi ? "" : "sc config QuillmonServ depend= winmgmt"});
+                  [](const std::string& name) { return equalsIgnoreCase(name, "winmgmt"); });
+  out.push_back({waitsForWmi ? Level::Warning : Level::Good, "dependency",
+                 waitsForWmi ? "on WMI (winmgmt): who stops that stops this service, and nothing "
+                               "starts it again"
+                             : "not on WMI, which starts when it is asked",
+                 waitsForWmi ? "sc config QuillmonServ depend= /" : ""});
   out.push_back(
       {service.restartsAfterFailure ? Level::Good : Level::Warning, "recovery",
        service.restartsAfterFailure ? "restarted after a failure" : "not restarted after a failure",

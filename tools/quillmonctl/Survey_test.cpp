@@ -20,8 +20,7 @@ Survey healthy() {
   survey.service.path = BinaryPath::parse(survey.service.pathText);
   survey.service.programExists = true;
   survey.service.programVersion = "1.2.3";
-  survey.service.start = "automatic (delayed)";
-  survey.service.dependencies = {"winmgmt"};
+  survey.service.start = "automatic";
   survey.service.restartsAfterFailure = true;
   survey.wmi.classes = 39;
   survey.wmi.answers = true;
@@ -79,7 +78,11 @@ TEST(Survey, EachFaultIsFoundAndHasAdvice) {
       {"binary path", Level::Bad, [](Survey& s) { s.service.hijackCandidates = {"C:\\a.exe"}; }},
       {"version", Level::Warning, [](Survey& s) { s.service.programVersion = "1.2.4"; }},
       {"start", Level::Warning, [](Survey& s) { s.service.start = "manual"; }},
-      {"dependency", Level::Warning, [](Survey& s) { s.service.dependencies = {}; }},
+      {"start", Level::Warning, [](Survey& s) { s.service.start = "automatic (delayed)"; }},
+      {"dependency", Level::Warning,
+       [](Survey& s) {
+         s.service.dependencies = {"RpcSs", "Winmgmt"};
+       }},
       {"recovery", Level::Warning, [](Survey& s) { s.service.restartsAfterFailure = false; }},
       {"WMI", Level::Bad,
        [](Survey& s) {
