@@ -1,6 +1,7 @@
 """The administrator's command line against the real, installed service."""
 
 import json
+import os
 import re
 import shutil
 import socket
@@ -11,6 +12,7 @@ from pathlib import Path
 import pytest
 
 from machine import BUILD, ROOT, SERVICE, wait_until, windows_path
+from peers import document
 from ports import reserve_port
 
 EXE = "C:\\Quillmon\\quillmonctl.exe"
@@ -624,6 +626,140 @@ def test_the_doctor_finds_what_is_wrong(bare):
     bad = {check["check"]: check["advice"] for check in result["checks"]
            if check["verdict"] == "bad"}
     assert bad["service"] == "quillmonctl install" and bad["WMI classes"] == "quillmonctl repair"
+
+
+def test_events_arrive_or_are_dropped_and_a_restart_mends_that(installed):
+    def events(code, seconds=10):
+        checks = installed.json("doctor", "--probe-events", "--timeout", seconds,
+                                code=code)["checks"]
+        return next(check for check in checks if check["check"] == "events")
+    assert re.fullmatch(r"events arrive: a probe did after \d+ ms", events(0)["finding"])
+    dropped = "events are dropped: 3 probes did not arrive"
+    installed.machine.set_wmi("SpawnInstance", 0x80041001)
+    try:
+        assert events(3, seconds=6)["finding"] == dropped
+    finally:
+        installed.machine.set_wmi("SpawnInstance", 0)
+    assert events(3, seconds=3) == {"check": "events", "verdict": "bad", "finding": dropped,
+                                    "advice": "Restart the service: quillmonctl repair"}
+    installed.run("repair")
+    assert events(0)["verdict"] == "good"
+
+
+def test_a_message_without_its_end_costs_a_probe_and_not_the_verdict(installed):
+    with socket.socket(type=socket.SOCK_DGRAM) as sender:
+        sender.sendto(b"\x1b<event", ("127.0.0.1", installed.till.events))
+    assert "events arrive: a probe did after" in installed.text("doctor", "--probe-events")
+
+
+def test_subscribers_see_the_probe_and_take_it_for_no_device(installed):
+    watcher = installed.start("watch", "--json", "--count", "1", "--seconds", "30")
+    watcher.stdout.readline()
+    assert installed.run("doctor", "--probe-events")
+    event = json.loads(watcher.stdout.read())
+    assert re.fullmatch(r"quillmonctl-\d+-\d+", event["device"])
+    assert (event["type"], event["class"], event["code"]) == ("probe", "QuillmonProbe", "")
+
+
+def test_in_the_proxy_strategy_the_probe_leaves_no_device_and_events_do_not_depend_on_it(bare):
+    bare.install("--strategy", "proxy")
+    with socket.create_connection(("127.0.0.1", bare.till.events)) as device_server:
+        device_server.sendall(document("SCANNER1").encode())
+        wait_until(lambda: len(bare.json("devices")) == 1, "the device to be cached")
+        before = bare.json("devices")
+        for _ in range(2):
+            text = bare.text("doctor", "--probe-events")
+            assert "ok    events         events arrive: a probe did after " in text
+        assert bare.json("devices") == before
+        watcher = bare.start("watch", "--json", "--count", "1", "--seconds", "30")
+        watcher.stdout.readline()
+        device_server.sendall(document("SCANNER1", "modifyInstance", code="7").encode())
+        assert json.loads(watcher.stdout.read())["code"] == "7"
+    bare.uninstall()
+
+
+def test_a_service_that_does_not_listen_is_not_probed(installed):
+    installed.machine.stop_service()
+    checks = installed.json("doctor", "--probe-events", code=3)["checks"]
+    finding, = [check["finding"] for check in checks if check["check"] == "events"]
+    assert finding == "not probed: the event port is not open"
+    installed.run("repair")
+
+
+def rights(tool, code):
+    """What the doctor finds wrong with the rights, with its advice."""
+    checks = tool.json("doctor", code=code)["checks"]
+    return {check["finding"]: check["advice"] for check in checks
+            if check["check"] == "rights" and check["verdict"] != "good"}
+
+
+def test_files_that_only_administrators_may_change_are_good(installed):
+    assert rights(installed, 0) == {}
+    assert "ok    rights         only administrators may change" in installed.text("doctor")
+
+
+@pytest.mark.parametrize("path, finding", [
+    ("POS/JavaPOS/Config/quillmon.properties",
+     "Everyone may change C:\\POS\\JavaPOS\\Config\\quillmon.properties"),
+    ("POS/JavaPOS/Config", "Everyone may change C:\\POS\\JavaPOS\\Config"),
+    ("POS", "Everyone may replace what is in C:\\POS"),
+    ("Quillmon", "Everyone may change C:\\Quillmon"),
+    ("Quillmon/quillmon.exe", "Everyone may change C:\\Quillmon\\quillmon.exe")])
+def test_what_others_may_change_is_found_with_the_command_that_takes_it_away(
+        installed, path, finding):
+    file = installed.machine.c / path
+    mode = file.stat().st_mode
+    file.chmod(mode | 0o002)
+    try:
+        found = rights(installed, 3)
+    finally:
+        file.chmod(mode)
+    name = "C:\\" + path.replace("/", "\\")
+    children = "(OI)(CI)" if file.is_dir() else ""
+    assert found == {finding: f'icacls "{name}" /grant:r "*S-1-1-0:{children}RX"'}
+    assert rights(installed, 0) == {}
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root can give a file to somebody else")
+def test_a_folder_of_somebody_else_is_found(installed):
+    folder = installed.machine.c / "POS" / "JavaPOS"
+    os.chown(folder, 4711, -1)
+    try:
+        found = rights(installed, 3)
+    finally:
+        os.chown(folder, os.geteuid(), -1)
+    owner = "NT AUTHORITY\\ANONYMOUS LOGON"  # whoever it is
+    assert found[f"C:\\POS\\JavaPOS belongs to {owner}"] == 'takeown /f "C:\\POS\\JavaPOS" /a'
+    assert f"{owner} may replace what is in C:\\POS\\JavaPOS" in found and len(found) == 2
+
+
+def test_a_folder_that_leads_elsewhere_is_named(installed):
+    folder = installed.machine.c / "POS" / "JavaPOS"
+    elsewhere = folder.rename(installed.machine.c / "elsewhere")
+    folder.symlink_to(elsewhere)
+    try:
+        found = rights(installed, 0)
+    finally:
+        folder.unlink()
+        elsewhere.rename(folder)
+    assert found == {
+        "C:\\POS\\JavaPOS leads elsewhere; what lies above there is not judged":
+        'fsutil reparsepoint query "C:\\POS\\JavaPOS" shows where; rmdir "C:\\POS\\JavaPOS" removes '
+        'the link alone.'}
+
+
+def test_a_missing_folder_that_anybody_may_make_is_found(installed):
+    drive = installed.machine.c
+    mode = drive.stat().st_mode
+    away = (drive / "POS").rename(drive / "away")
+    drive.chmod(mode | 0o002)
+    try:
+        found = rights(installed, 3)
+    finally:
+        drive.chmod(mode)
+        away.rename(drive / "POS")
+    assert found["C:\\POS is missing, and Everyone may make it"].startswith(
+        'mkdir "C:\\POS", then icacls "C:\\POS" /inheritance:r /grant:r "*S-1-5-18:(OI)(CI)F"')
 
 
 def test_the_support_archive_holds_status_configuration_and_logs_and_no_secret(tracing):

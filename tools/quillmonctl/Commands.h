@@ -23,7 +23,12 @@ ExitCode switchTraceOn(bool json, bool untilSeen);
 ExitCode switchTraceOff(bool json, bool restart);
 ExitCode followTrace(bool json, std::size_t lines);
 
-ExitCode examine(bool json, unsigned seconds, const std::string& archive);
+struct DoctorOptions {
+  unsigned seconds = 10; ///< for the provider's answer, and for a probe
+  std::string archive;   ///< a ZIP file for support; empty: none
+  bool probesEvents = false;
+};
+ExitCode examine(bool json, const DoctorOptions& options);
 
 struct SetupOptions {
   std::string strategy = "adapter";

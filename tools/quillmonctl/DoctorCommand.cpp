@@ -55,9 +55,7 @@ std::vector<std::string> writeArchive(const std::string& file, const Survey& sur
     add("zontrace.cfg", fmt::format("BackupCount={}\r\nFileSize={}\r\n", survey.trace.backupCount,
                                     survey.trace.fileSizeLimit));
   }
-  // As with "trace follow": nobody may hold a log open that the service is about to delete.
-  const bool isLogTouchable = !survey.trace.rotationDeletes() || !survey.service.isRunning();
-  for (int i = 0; i <= kMaxBackups && isLogTouchable; ++i) {
+  for (int i = 0; i <= kMaxBackups && survey.isLogTouchable(); ++i) {
     const std::string suffix = i == 0 ? "" : fmt::format(".{}", i);
     if (const std::optional<std::string> log = readFile(survey.trace.log + suffix)) {
       add(fmt::format("log/Quillmon.log{}", suffix), *log);
@@ -69,9 +67,15 @@ std::vector<std::string> writeArchive(const std::string& file, const Survey& sur
 
 } // namespace
 
-ExitCode examine(bool json, unsigned seconds, const std::string& archive) {
+ExitCode examine(bool json, const DoctorOptions& options) {
   const ComLibrary com;
-  const Survey survey = surveySystem(seconds);
+  Survey survey = surveySystem(options.seconds);
+  survey.rights = surveyRights(survey);
+  survey.writeFilter = surveyWriteFilter(options.seconds);
+  if (options.probesEvents) {
+    survey.probe = probeEvents(survey, options.seconds);
+  }
+  const std::string& archive = options.archive;
   const std::vector<Verdict> verdicts = judge(survey);
   std::vector<std::string> names;
   if (!archive.empty()) {

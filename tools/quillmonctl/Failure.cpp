@@ -96,6 +96,10 @@ Failure::Failure(std::string failedStep, SystemError why, std::string whatToDo)
     : step(std::move(failedStep)), error(std::move(why)), advice(std::move(whatToDo)),
       exitCode(isAccessDenied(*error) ? ExitCode::AccessDenied : ExitCode::Failed) {}
 
+SystemError errorOf(const Failure& failure) {
+  return failure.error.value_or(SystemError{SystemError::Kind::Win32, 0, failure.step});
+}
+
 std::string describe(const SystemError& error) {
   if (error.number == 0) { // what was found wrong without an error of the system's
     return error.text;

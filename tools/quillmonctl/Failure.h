@@ -43,6 +43,9 @@ struct Failure : std::exception {
   const char* what() const noexcept override { return step.c_str(); }
 };
 
+/// What a report keeps of it: the system's error, or the step in words.
+SystemError errorOf(const Failure& failure);
+
 /// "error 5: Access is denied."; "error 0x80041002: Not found".
 std::string describe(const SystemError& error);
 

@@ -98,6 +98,31 @@ void judgeService(const Survey& survey, Verdicts& out) {
            : "sc failure QuillmonServ reset= 86400 actions= restart/60000"});
 }
 
+void judgeEvents(const Survey& survey, Verdicts& out) {
+  const std::optional<SystemError>& refusal = survey.wmi.subscriptionError;
+  const std::optional<Survey::Probe>& probe = survey.probe;
+  if (refusal) {
+    out.push_back({Level::Bad, "events", describe(*refusal), adviceFor(*refusal)});
+  } else if (!probe) {
+    out.push_back({Level::Good, "events", "a subscription is accepted", ""});
+  } else if (probe->error) {
+    const std::string advice = adviceFor(*probe->error);
+    out.push_back(
+        {Level::Bad, "events", fmt::format("not probed: {}", describe(*probe->error)),
+         advice.empty() ? "Look for what keeps local programs from the event port." : advice});
+  } else if (probe->sent == 0) {
+    out.push_back({Level::Warning, "events", "not probed: the event port is not open",
+                   "See what is said of the service and of its event port."});
+  } else if (probe->arrived) {
+    out.push_back({Level::Good, "events",
+                   fmt::format("events arrive: a probe did after {} ms", probe->milliseconds), ""});
+  } else {
+    out.push_back({Level::Bad, "events",
+                   fmt::format("events are dropped: {} probes did not arrive", probe->sent),
+                   "Restart the service: quillmonctl repair"});
+  }
+}
+
 void judgeWmi(const Survey& survey, Verdicts& out) {
   const Survey::Wmi& wmi = survey.wmi;
   if (wmi.error) {
@@ -133,12 +158,7 @@ void judgeWmi(const Survey& survey, Verdicts& out) {
   } else {
     out.push_back({Level::Good, "devices", fmt::format("the provider lists {}", wmi.devices), ""});
   }
-  if (wmi.subscriptionError) {
-    out.push_back({Level::Bad, "events", describe(*wmi.subscriptionError),
-                   adviceFor(*wmi.subscriptionError)});
-  } else {
-    out.push_back({Level::Good, "events", "a subscription is accepted", ""});
-  }
+  judgeEvents(survey, out);
 }
 
 void judgeConfiguration(const Survey& survey, Verdicts& out) {
@@ -234,6 +254,34 @@ void judgeTrace(const Survey& survey, Verdicts& out) {
   }
 }
 
+void judgeRights(const Survey& survey, Verdicts& out) {
+  const std::vector<RightsProblem> problems =
+      problemsOf(survey.rights.paths, survey.rights.administrators);
+  for (const RightsProblem& problem : problems) {
+    out.push_back(
+        {problem.isGrave ? Level::Bad : Level::Warning, "rights", problem.finding, problem.advice});
+  }
+  if (problems.empty()) {
+    out.push_back({Level::Good, "rights",
+                   "only administrators may change program, log and configuration", ""});
+  }
+}
+
+void judgeWriteFilter(const Survey& survey, Verdicts& out) {
+  const Survey::WriteFilter& filter = survey.writeFilter;
+  if (filter.protects || filter.willProtect) {
+    const char* const from = !filter.protects      ? "from the next start on "
+                             : !filter.willProtect ? "until the next start "
+                                                   : "";
+    out.push_back({Level::Warning, "write filter",
+                   fmt::format("{}{} is protected (UWF): a restart forgets what was installed, "
+                               "configured or logged meanwhile",
+                               from, filter.volume),
+                   "Change the machine while the filter is off (uwfmgr filter disable, restart), "
+                   "and exclude the log's folder (uwfmgr file add-exclusion)."});
+  }
+}
+
 } // namespace
 
 std::vector<Verdict> judge(const Survey& survey) {
@@ -243,6 +291,8 @@ std::vector<Verdict> judge(const Survey& survey) {
   judgeConfiguration(survey, verdicts);
   judgeSockets(survey, verdicts);
   judgeTrace(survey, verdicts);
+  judgeRights(survey, verdicts);
+  judgeWriteFilter(survey, verdicts);
   return verdicts;
 }
 

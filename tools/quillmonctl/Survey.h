@@ -3,6 +3,7 @@
 #include "quillmonctl/BinaryPath.h"
 #include "quillmonctl/Failure.h"
 #include "quillmonctl/Json.h"
+#include "quillmonctl/Rights.h"
 
 #include <cstdint>
 #include <optional>
@@ -63,6 +64,7 @@ struct Survey {
     bool requestReachable = false; ///< adapter strategy
     std::optional<SystemError> requestError;
     unsigned eventPort = 0;
+    std::string eventAddress; ///< where it is bound in the proxy strategy, as it is configured
     bool eventPortOpen = false;
     std::size_t deviceServers = 0; ///< connected to the event port; proxy strategy
   };
@@ -83,6 +85,22 @@ struct Survey {
     /// A rotation then deletes the log itself: whoever holds it open may keep it from coming back.
     bool rotationDeletes() const { return fileSizeLimit > 0 && backupCount == 0; }
   };
+  struct Rights {
+    std::vector<PathRights> paths;
+    std::vector<std::string> administrators; ///< accounts that are known to be some
+  };
+  /// Windows' Unified Write Filter, which forgets at a restart what was written since the last.
+  struct WriteFilter {
+    std::string volume; ///< of program and configuration; empty where nothing is known of a filter
+    bool protects = false;
+    bool willProtect = false; ///< from the next start on
+  };
+  struct Probe { ///< an event that was sent to the service
+    std::optional<SystemError> error;
+    unsigned sent = 0; ///< how often; 0: nobody listens on the event port
+    bool arrived = false;
+    std::uint64_t milliseconds = 0; ///< until it came
+  };
 
   std::string toolVersion;
   std::string system; ///< "Windows 10.0.19045"
@@ -91,10 +109,16 @@ struct Survey {
   Configuration configuration;
   Sockets sockets;
   Trace trace;
+  Rights rights;
+  WriteFilter writeFilter;
+  std::optional<Probe> probe; ///< none where nobody asked for one
+
+  /// Nobody may hold a log open that the service is about to delete.
+  bool isLogTouchable() const { return !trace.rotationDeletes() || !service.isRunning(); }
 };
 
-/// Looks at everything; asks the provider once, for at most `seconds`. Throws nothing but what the
-/// library throws without memory. COM is needed.
+/// Looks at everything but what follows `trace`; asks the provider once, for at most `seconds`.
+/// Throws nothing but what the library throws without memory. COM is needed.
 Survey surveySystem(unsigned seconds);
 
 /// Parts of it.
@@ -103,6 +127,14 @@ Survey::Service surveyService();
 /// Classes and registrations only.
 Survey::Wmi surveyRegistration();
 Survey::Trace surveyTrace(const Survey::Service& service);
+
+/// For doctor alone, from what the survey has found out so far. The first may ask a domain for
+/// names.
+Survey::Rights surveyRights(const Survey& survey);
+Survey::WriteFilter surveyWriteFilter(unsigned seconds);
+/// Subscribes, sends an event to the service's event port, and waits for it, for about `seconds`.
+/// Every subscriber gets it. COM is needed.
+Survey::Probe probeEvents(const Survey& survey, unsigned seconds);
 
 /// One verdict for each thing that support asks for.
 struct Verdict {

@@ -1,10 +1,12 @@
 // What the survey finds out from the system; what it makes of it is in Survey.cpp.
 
 #include "quillmonctl/ConfigKeys.h"
+#include "quillmonctl/IgnoreCase.h"
 #include "quillmonctl/MofClasses.h"
 #include "quillmonctl/ProductNames.h"
 #include "quillmonctl/PropertiesFile.h"
 #include "quillmonctl/Service.h"
+#include "quillmonctl/SocketLibrary.h"
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Wmi.h"
@@ -41,16 +43,6 @@ bool isLogWritable(const std::string& path) {
              ? exists(name.substr(0, name.rfind('\\')))
              : (attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY)) == 0;
 }
-
-struct SocketLibrary {
-  SocketLibrary() {
-    WSADATA data;
-    WSAStartup(MAKEWORD(2, 2), &data);
-  }
-  ~SocketLibrary() { WSACleanup(); }
-  SocketLibrary(const SocketLibrary&) = delete;
-  SocketLibrary& operator=(const SocketLibrary&) = delete;
-};
 
 /// Connects to the port on this machine and closes at once: 0, or the error.
 int tryConnect(unsigned port) {
@@ -138,6 +130,11 @@ const Survey::Key& findKey(const Survey::Configuration& configuration, const cha
                        [&](const Survey::Key& key) { return key.name == name; });
 }
 
+bool isTrue(const Json& object, const char* name) {
+  const auto found = object.find(name);
+  return found != object.end() && *found == true;
+}
+
 /// As the service takes it: an unsigned 16-bit number.
 unsigned configuredPort(const Survey::Configuration& configuration, const char* name) {
   return static_cast<std::uint16_t>(std::stoul(findKey(configuration, name).effective));
@@ -147,6 +144,7 @@ Survey::Sockets surveySockets(const Survey& survey) {
   Survey::Sockets sockets;
   sockets.requestPort = configuredPort(survey.configuration, "upos.requestSocket.Port");
   sockets.eventPort = configuredPort(survey.configuration, "provider.eventSocket.Port");
+  sockets.eventAddress = findKey(survey.configuration, "provider.eventSocket.IP").effective;
   if (!survey.service.path.isProxy()) {
     const int error = tryConnect(sockets.requestPort);
     sockets.requestReachable = error == 0;
@@ -156,10 +154,6 @@ Survey::Sockets surveySockets(const Survey& survey) {
   }
   surveyEventPort(survey.service, sockets);
   return sockets;
-}
-
-std::optional<SystemError> errorOf(const Failure& failure) {
-  return failure.error ? failure.error : SystemError{SystemError::Kind::Win32, 0, failure.step};
 }
 
 void checkRegistration(Wmi& wmi, Survey::Wmi& result) {
@@ -345,6 +339,34 @@ Survey::Trace surveyTrace(const Survey::Service& service) {
     }
   }
   return trace;
+}
+
+Survey::WriteFilter surveyWriteFilter(unsigned seconds) {
+  Survey::WriteFilter result;
+  result.volume = serviceDrive();
+  bool isOn = false;
+  bool willBeOn = false;
+  try {
+    Wmi wmi(L"root\\standardcimv2\\embedded");
+    wmi.instances("UWF_Filter", seconds, [&](const Json& filter) {
+      isOn = isTrue(filter, "CurrentEnabled");
+      willBeOn = isTrue(filter, "NextEnabled");
+      return true;
+    });
+    wmi.instances("UWF_Volume", seconds, [&](const Json& volume) {
+      const auto letter = volume.find("DriveLetter");
+      if (letter != volume.end() && letter->is_string() &&
+          equalsIgnoreCase(letter->get<std::string>(), result.volume)) {
+        const bool isNow = isTrue(volume, "CurrentSession");
+        (isNow ? result.protects : result.willProtect) =
+            isTrue(volume, "Protected") && (isNow ? isOn : willBeOn);
+      }
+      return true;
+    });
+  } catch (const Failure&) { // most machines have no such filter
+    result = {};
+  }
+  return result;
 }
 
 Survey surveySystem(unsigned seconds) {

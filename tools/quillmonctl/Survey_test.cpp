@@ -101,6 +101,21 @@ TEST(Survey, EachFaultIsFoundAndHasAdvice) {
        [](Survey& s) {
          s.wmi.subscriptionError = SystemError{SystemError::Kind::HResult, 0x80041003, ""};
        }},
+      {"events", Level::Bad,
+       [](Survey& s) {
+         s.probe = Survey::Probe{{}, 3, false, 0};
+       }},
+      {"events", Level::Warning, [](Survey& s) { s.probe = Survey::Probe{}; }},
+      {"events", Level::Bad,
+       [](Survey& s) {
+         s.probe = Survey::Probe{SystemError{SystemError::Kind::Win32, 10061, ""}, 0, false, 0};
+       }},
+      {"rights", Level::Bad,
+       [](Survey& s) { s.rights.paths = pathsAround({"C:\\Quillmon\\quillmon.exe"}); }},
+      {"write filter", Level::Warning,
+       [](Survey& s) {
+         s.writeFilter = {"C:", true, true};
+       }},
       {"configuration", Level::Bad, [](Survey& s) { s.configuration.keys[0].problem = "why"; }},
       {"configuration", Level::Warning, [](Survey& s) { s.configuration.problems = {"line 1"}; }},
       {"configuration", Level::Warning, [](Survey& s) { s.configuration.unknownKeys = {"x"}; }},
@@ -133,6 +148,47 @@ TEST(Survey, InTheProxyStrategyAConnectedDeviceServerIsEnough) {
   EXPECT_TRUE(isHealthy(judge(survey)));
   EXPECT_NE(toText(survey).find("1 connected to event port 42114"), std::string::npos);
   EXPECT_EQ(toJson(survey)["sockets"]["device_servers_connected"], 1);
+}
+
+TEST(Survey, AProbeThatArrivedIsAnEventThatArrives) {
+  Survey survey = healthy();
+  survey.probe = Survey::Probe{{}, 2, true, 12};
+  EXPECT_EQ(verdictOf(survey, "events"), Level::Good);
+  EXPECT_NE(toText(judge(survey)).find("events arrive: a probe did after 12 ms"),
+            std::string::npos);
+}
+
+TEST(Survey, AWriteFilterIsNamedForTheTimeInWhichItProtects) {
+  struct Row {
+    bool protects;
+    bool willProtect;
+    const char* finding; ///< none where nothing is to be said
+  };
+  for (const Row& row : {Row{false, false, nullptr}, Row{true, true, "C: is protected (UWF)"},
+                         Row{true, false, "until the next start C: is protected"},
+                         Row{false, true, "from the next start on C: is protected"}}) {
+    Survey survey = healthy();
+    survey.writeFilter = {"C:", row.protects, row.willProtect};
+    std::vector<std::string> findings;
+    for (const Verdict& verdict : judge(survey)) {
+      if (verdict.check == "write filter") {
+        findings.push_back(verdict.finding);
+      }
+    }
+    ASSERT_EQ(findings.size(), row.finding != nullptr ? 1U : 0U);
+    EXPECT_TRUE(findings.empty() || findings[0].starts_with(row.finding)) << findings[0];
+  }
+}
+
+TEST(Survey, ALogThatItsRotationDeletesIsNotTouchedWhileTheServiceRuns) {
+  Survey survey = healthy();
+  survey.trace.fileSizeLimit = 1000;
+  EXPECT_FALSE(survey.isLogTouchable());
+  survey.service.state = "stopped";
+  EXPECT_TRUE(survey.isLogTouchable());
+  survey.service.state = "running";
+  survey.trace.backupCount = 1;
+  EXPECT_TRUE(survey.isLogTouchable());
 }
 
 TEST(Survey, TheTextStaysWithinTheWidthHoweverLongTheFindings) {

@@ -114,14 +114,14 @@ ComLibrary::~ComLibrary() {
   CoUninitialize();
 }
 
-Wmi::Wmi() {
+Wmi::Wmi(const wchar_t* nameSpace) {
   ComPtr<IWbemLocator> locator;
   check(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&locator)),
         "creating WMI's locator (CoCreateInstance)");
-  const win::Bstr nameSpace(L"root\\cimv2");
-  check(locator->ConnectServer(nameSpace.get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
+  const win::Bstr name(nameSpace);
+  check(locator->ConnectServer(name.get(), nullptr, nullptr, nullptr, 0, nullptr, nullptr,
                                &services_),
-        "connecting to WMI's root\\cimv2 (ConnectServer)");
+        fmt::format("connecting to WMI's {} (ConnectServer)", utf8(nameSpace)).c_str());
   check(CoSetProxyBlanket(services_.Get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr,
                           RPC_C_AUTHN_LEVEL_CALL, RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE),
         "securing the connection to WMI (CoSetProxyBlanket)");

@@ -21,12 +21,12 @@ public:
   ComLibrary& operator=(const ComLibrary&) = delete;
 };
 
-/// The namespace root\cimv2 of this machine, as any client sees it. One thread. Values come as
+/// One namespace of this machine, as any client sees it. One thread. Values come as
 /// JSON: texts, numbers, booleans, null, arrays of them. Failed calls throw Failure.
 class Wmi {
 public:
   /// Connects.
-  Wmi();
+  explicit Wmi(const wchar_t* nameSpace = L"root\\cimv2");
 
   enum class End { Complete, TimedOut };
   /// Returns false to stop.

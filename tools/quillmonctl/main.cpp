@@ -60,7 +60,7 @@ struct Request {
   std::string device;
   std::string key;
   std::string value;
-  std::string archive;
+  DoctorOptions doctor;
   SetupOptions setup;
   std::function<ExitCode()> command;
 };
@@ -110,10 +110,12 @@ void describe(CLI::App& app, Request& r) {
       ->capture_default_str();
 
   command = add(app, "doctor", "Every check that support asks for, one verdict a line",
-                [&r] { return examine(r.json, r.timeout, r.archive); });
-  command->add_option("--timeout", r.timeout, "Seconds to wait for the provider's answer")
+                [&r] { return examine(r.json, r.doctor); });
+  command->add_option("--timeout", r.doctor.seconds, "Seconds to wait for the provider's answer")
       ->capture_default_str();
-  command->add_option("--archive", r.archive,
+  command->add_flag("--probe-events", r.doctor.probesEvents,
+                    "Send one event to the service and wait for it; every subscriber gets it");
+  command->add_option("--archive", r.doctor.archive,
                       "Pack status, configuration and logs into this ZIP file for support");
 
   CLI::App& config = *addGroup("config", "The service's configuration file");
