@@ -85,12 +85,12 @@ class Side:
         self.server = None
 
     def start_provider(self, requests=None):
-        """`requests`: another request port than the client's."""
+        """`requests`: another request port than the client's. Returns at once: the product does not
+        say when it is ready."""
         port = self.requests if requests is None else requests
         if self.kind == "floor":
             self.provider = Program(self.machine, BUILD / "floor_provider.exe", self.strategy, port,
                                     self.events)
-            self.provider.expect("ready")
             return
         self.machine.configure(upos__requestSocket__Port=port,
                                upos__requestSocket__retryTimeout=3600000,

@@ -151,6 +151,7 @@ class Run:
     def stages(self, product, floor):
         """What an enumeration is made of: the floor's stages, each doing more than the one before,
         and what the product adds to the last."""
+        floor.provider.expect("ready")
         for size in [s for s in self.sizes if s in (1, 100, 1000, 10000)]:
             for side in (product, floor):
                 side.client.ask("devices", size)
