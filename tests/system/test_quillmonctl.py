@@ -130,9 +130,9 @@ def test_the_version_is_the_project_s(tool):
 def test_help_documents_each_exit_code_and_command(tool):
     text = tool.text("--help")
     for word in ("status", "devices", "get", "watch", "doctor", "config", "trace", "install",
-                 "uninstall", "repair", "--json", "Exit codes: 0 ", "1 a step failed",
-                 "2 wrong command line", "\n3 the report", "\n4 no such", "5 access denied",
-                 "6 no answer"):
+                 "uninstall", "repair", "expect", "metrics", "--json", "Exit codes: 0 ",
+                 "1 a step failed", "2 wrong command line", "\n3 the report", "\n4 no such",
+                 "5 access denied", "6 no answer"):
         assert word in text, word
 
 
@@ -413,7 +413,8 @@ def test_a_device_is_fetched_by_its_id_by_class_and_id_and_by_its_path(installed
     assert by_path["ModelName"] == "VS-3200 bi-optic" and by_path["GoodScanCount"] == 1843207
     assert by_path["CapUpdateFirmware"] is True
     assert installed.json("get", "Scanner/SCANNER1") == by_path
-    assert installed.json("get", "SCANNER1")["ModelName"] == "VS-3200 bi-optic"
+    assert installed.json("get", "SCANNER1") == by_path
+    assert "GoodScanCount" not in installed.json("get", "LogicalDevice/SCANNER1")
     text = installed.text("get", "Scanner/SCANNER1")
     assert re.search(r"^ModelName +VS-3200 bi-optic$", text, re.MULTILINE)
 

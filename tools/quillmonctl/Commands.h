@@ -9,11 +9,22 @@
 /// JSON, and throws Failure.
 namespace ctl {
 
-ExitCode showStatus(bool json, unsigned seconds);
+/// `expected`: a file of expectDevices; empty: nothing is expected.
+ExitCode showStatus(bool json, unsigned seconds, const std::string& expected);
 
 ExitCode listDevices(bool json, const std::string& name, unsigned seconds);
 ExitCode getDevice(bool json, const std::string& name);
 ExitCode watchDevices(bool json, unsigned seconds, unsigned count);
+
+ExitCode expectDevices(bool json, unsigned seconds, const std::string& file);
+
+struct MetricsOptions {
+  unsigned timeout = 10;
+  std::string textfile;    ///< empty: to standard output
+  unsigned watchEvery = 0; ///< seconds between two replacements of the file; 0: one, and the end
+  std::string expected;    ///< as in showStatus
+};
+ExitCode exportMetrics(bool json, const MetricsOptions& options);
 
 ExitCode checkConfiguration(bool json);
 ExitCode showConfiguration(bool json);
@@ -26,6 +37,7 @@ ExitCode followTrace(bool json, std::size_t lines);
 struct DoctorOptions {
   unsigned seconds = 10; ///< for the provider's answer, and for a probe
   std::string archive;   ///< a ZIP file for support; empty: none
+  std::string expected;  ///< as in showStatus
   bool probesEvents = false;
 };
 ExitCode examine(bool json, const DoctorOptions& options);

@@ -11,6 +11,8 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <chrono>
+#include <optional>
 
 namespace ctl {
 namespace {
@@ -68,6 +70,25 @@ Json fetch(Wmi& wmi, const std::string& path) {
   }
 }
 
+/// The device as its category's class has it, with that class's own properties.
+Json inItsCategory(Wmi& wmi, Json device) {
+  const std::string id = textOf(device, "DeviceID");
+  const char* const cls = categoryClass(textOf(device, "DeviceCategory"));
+  if (cls != nullptr) {
+    try {
+      return wmi.object(objectPath(fmt::format("{}/{}", cls, id)));
+    } catch (const Failure&) { // a cache may hold it under another class's name
+    }
+  }
+  return device;
+}
+
+SYSTEMTIME localTime() {
+  SYSTEMTIME now = {};
+  GetLocalTime(&now);
+  return now;
+}
+
 std::string eventText(const std::string& type) {
   return type == "addInstance"      ? "attached"
          : type == "delInstance"    ? "detached"
@@ -75,37 +96,48 @@ std::string eventText(const std::string& type) {
                                     : type;
 }
 
+std::string eventJson(const Json& event) {
+  const SYSTEMTIME now = localTime();
+  return dumpLine(
+      {{"time", fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}", now.wYear, now.wMonth,
+                            now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds)},
+       {"type", textOf(event, "eventtype")},
+       {"class", event.value("classname", Json())},
+       {"device", event.value("deviceid", Json())},
+       {"code", event.value("codename", Json())}});
+}
+
+std::string eventLine(const Json& event) {
+  const SYSTEMTIME now = localTime();
+  const std::string code = textOf(event, "codename");
+  return wrap(fmt::format("{:02}:{:02}:{:02}  {:<8}  {:<16}  {}{}", now.wHour, now.wMinute,
+                          now.wSecond, printable(eventText(textOf(event, "eventtype"))),
+                          printable(textOf(event, "classname")),
+                          printable(textOf(event, "deviceid")),
+                          code.empty() ? "" : fmt::format("  code {}", printable(code))),
+              console::width(), 20);
+}
+
 } // namespace
 
 ExitCode listDevices(bool json, const std::string& name, unsigned seconds) {
   const ComLibrary com;
   const std::string cls = className(name);
-  Json all = Json::array();
-  std::vector<std::vector<std::string>> rows;
-  Wmi::End end = Wmi::End::Complete;
-  mapNotFound([&] {
-    end = Wmi().instances(cls, seconds, [&](const Json& device) {
-      std::vector<std::string>& row = rows.emplace_back();
-      for (const char* const column : kColumns) {
-        row.push_back(textOf(device, column));
-      }
-      all.push_back(device);
-      return true;
-    });
-  });
-  if (end == Wmi::End::TimedOut) {
-    throw Failure(fmt::format("listing {}: no answer within {} s", cls, seconds),
-                  "The device server takes requests and does not answer: restart it, or wait "
-                  "longer (--timeout).",
-                  ExitCode::TimedOut);
-  }
+  std::vector<Json> devices;
+  mapNotFound([&] { devices = Wmi().list(cls, seconds); });
   if (json) {
-    console::print(dump(all));
-  } else if (rows.empty()) {
-    console::print(fmt::format("No device of class {}.\n", cls));
-  } else {
-    console::print(table(kHeading, rows, console::width()));
+    console::print(dump(devices));
+    return ExitCode::Done;
   }
+  std::vector<std::vector<std::string>> rows;
+  for (const Json& device : devices) {
+    std::vector<std::string>& row = rows.emplace_back();
+    for (const char* const column : kColumns) {
+      row.push_back(textOf(device, column));
+    }
+  }
+  console::print(rows.empty() ? fmt::format("No device of class {}.\n", cls)
+                              : table(kHeading, rows, console::width()));
   return ExitCode::Done;
 }
 
@@ -113,7 +145,10 @@ ExitCode getDevice(bool json, const std::string& name) {
   const ComLibrary com;
   mapNotFound([&] {
     Wmi wmi;
-    const Json object = fetch(wmi, objectPath(name));
+    Json object = fetch(wmi, objectPath(name));
+    if (isDeviceId(name)) {
+      object = inItsCategory(wmi, std::move(object));
+    }
     if (json) {
       console::print(dump(object));
       return;
@@ -132,36 +167,21 @@ ExitCode getDevice(bool json, const std::string& name) {
 ExitCode watchDevices(bool json, unsigned seconds, unsigned count) {
   const ComLibrary com;
   Wmi wmi;
+  Wmi::Events events = wmi.subscribe(fmt::format("SELECT * FROM {}", kEventClass));
+  const Wmi::Clock::time_point end = Wmi::Clock::now() + std::chrono::seconds(seconds);
+  console::printError("Watching device events; Ctrl-C ends.\n");
   unsigned seen = 0;
-  const Wmi::End end = wmi.events(
-      fmt::format("SELECT * FROM {}", kEventClass), seconds,
-      [] { console::printError("Watching device events; Ctrl-C ends.\n"); },
-      [&](const Json& event) {
-        SYSTEMTIME now = {};
-        GetLocalTime(&now);
-        const std::string type = textOf(event, "eventtype");
-        if (json) {
-          console::print(
-              dumpLine({{"time", fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}", now.wYear,
-                                             now.wMonth, now.wDay, now.wHour, now.wMinute,
-                                             now.wSecond, now.wMilliseconds)},
-                        {"type", type},
-                        {"class", event.value("classname", Json())},
-                        {"device", event.value("deviceid", Json())},
-                        {"code", event.value("codename", Json())}}));
-        } else {
-          const std::string code = textOf(event, "codename");
-          console::print(
-              wrap(fmt::format("{:02}:{:02}:{:02}  {:<8}  {:<16}  {}{}", now.wHour, now.wMinute,
-                               now.wSecond, printable(eventText(type)),
-                               printable(textOf(event, "classname")),
-                               printable(textOf(event, "deviceid")),
-                               code.empty() ? "" : fmt::format("  code {}", printable(code))),
-                   console::width(), 20));
-        }
-        return count == 0 || ++seen < count;
-      });
-  return end == Wmi::End::TimedOut && count != 0 ? ExitCode::TimedOut : ExitCode::Done;
+  for (;;) {
+    const std::optional<Json> event = events.next(seconds == 0 ? std::nullopt : std::optional(end));
+    if (event) {
+      console::print(json ? eventJson(*event) : eventLine(*event));
+      if (++seen == count) {
+        return ExitCode::Done;
+      }
+    } else if (seconds != 0 && Wmi::Clock::now() >= end) {
+      return count != 0 ? ExitCode::TimedOut : ExitCode::Done;
+    }
+  }
 }
 
 } // namespace ctl

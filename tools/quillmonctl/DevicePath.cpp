@@ -1,10 +1,18 @@
 #include "quillmonctl/DevicePath.h"
 
+#include "quillmonctl/IgnoreCase.h"
+#include "quillmonctl/MofClasses.h"
+
+#include <algorithm>
+#include <iterator>
+
 namespace ctl {
 namespace {
 
 constexpr std::string_view kPrefix = "UPOS_";
 constexpr std::string_view kAllDevices = "UPOS_LogicalDevice";
+// "=" and a quote or "@" only stand in a path; "\\" and ":" begin one with a namespace.
+constexpr std::string_view kPathMarks = "=\"@\\:";
 
 } // namespace
 
@@ -18,14 +26,29 @@ std::string className(std::string_view text) {
 }
 
 std::string objectPath(std::string_view text) {
-  // "=" and a quote or "@" only stand in a path; "\\" and ":" begin one with a namespace.
-  if (text.find_first_of("=\"@\\:") != std::string_view::npos) {
+  if (text.find_first_of(kPathMarks) != std::string_view::npos) {
     return std::string(text);
   }
   const std::size_t slash = text.find('/');
   const bool hasClass = slash != std::string_view::npos;
   const std::string cls = className(hasClass ? text.substr(0, slash) : std::string_view());
   return cls + ".DeviceID=\"" + std::string(hasClass ? text.substr(slash + 1) : text) + "\"";
+}
+
+bool isDeviceId(std::string_view text) {
+  return text.find('/') == std::string_view::npos &&
+         text.find_first_of(kPathMarks) == std::string_view::npos;
+}
+
+const char* categoryClass(std::string_view category) {
+  if (category.empty()) {
+    return nullptr;
+  }
+  const std::string wanted = className(category);
+  const auto* const found =
+      std::find_if(std::begin(kMofClasses), std::end(kMofClasses),
+                   [&](const char* name) { return equalsIgnoreCase(name, wanted); });
+  return found != std::end(kMofClasses) ? *found : nullptr;
 }
 
 std::string classOf(std::string_view path) {

@@ -12,6 +12,12 @@ std::string className(std::string_view text);
 /// without the quotes that a prompt makes hard to type, "SCANNER1" one of the class of all devices.
 std::string objectPath(std::string_view text);
 
+/// True for "SCANNER1" alone: neither a class nor a path.
+bool isDeviceId(std::string_view text);
+
+/// The class of the MOF for a device's DeviceCategory, in whatever case; null where there is none.
+const char* categoryClass(std::string_view category);
+
 /// The class that an object path names.
 std::string classOf(std::string_view path);
 

@@ -29,6 +29,22 @@ TEST(DevicePath, AnObjectPathIsUnchanged) {
   }
 }
 
+TEST(DevicePath, AnIdNamesNoClass) {
+  EXPECT_TRUE(isDeviceId("SCANNER1"));
+  for (const char* other : {"Scanner/SCANNER1", "UPOS_Scanner.DeviceID=\"S\"", "a:b"}) {
+    EXPECT_FALSE(isDeviceId(other)) << other;
+  }
+}
+
+TEST(DevicePath, ACategoryHasTheClassOfItsName) {
+  EXPECT_STREQ(categoryClass("Scanner"), "UPOS_Scanner");
+  EXPECT_STREQ(categoryClass("posprinter"), "UPOS_POSPrinter");
+  EXPECT_STREQ(categoryClass("UPOS_Scale"), "UPOS_Scale");
+  for (const char* none : {"", "Toaster", "Scan", "Scanner "}) {
+    EXPECT_EQ(categoryClass(none), nullptr) << none;
+  }
+}
+
 TEST(DevicePath, APathNamesAClass) {
   EXPECT_EQ(classOf("UPOS_Scanner.DeviceID=\"A.B:C\""), "UPOS_Scanner");
   EXPECT_EQ(classOf("UPOS_Scanner=\"A\""), "UPOS_Scanner");

@@ -69,7 +69,7 @@ std::vector<std::string> writeArchive(const std::string& file, const Survey& sur
 
 ExitCode examine(bool json, const DoctorOptions& options) {
   const ComLibrary com;
-  Survey survey = surveySystem(options.seconds);
+  Survey survey = surveySystem(options.seconds, readBaseline(options.expected));
   survey.rights = surveyRights(survey);
   survey.writeFilter = surveyWriteFilter(options.seconds);
   if (options.probesEvents) {

@@ -68,7 +68,7 @@ win::Socket sendOverConnection(const Survey& survey, const std::string& id) {
 } // namespace
 
 Survey::Probe probeEvents(const Survey& survey, unsigned seconds) {
-  using Clock = std::chrono::steady_clock;
+  using Clock = Wmi::Clock;
   Survey::Probe probe;
   if (!survey.sockets.eventPortOpen) {
     return probe;
@@ -78,25 +78,20 @@ Survey::Probe probeEvents(const Survey& survey, unsigned seconds) {
   try {
     Wmi wmi;
     for (unsigned i = 0; i < kAttempts && !probe.arrived; ++i) {
-      Clock::time_point sent;
+      Wmi::Events events = wmi.subscribe(probeQuery(id));
+      const Clock::time_point sent = Clock::now();
       win::Socket connection;
-      wmi.events(
-          probeQuery(id), std::max(1U, seconds / kAttempts),
-          [&] {
-            sent = Clock::now();
-            if (survey.service.path.isProxy()) {
-              connection = sendOverConnection(survey, id);
-            } else {
-              sendDatagram(survey.sockets.eventPort, id);
-            }
-            ++probe.sent;
-          },
-          [&](const Json&) {
-            probe.arrived = true;
-            probe.milliseconds = static_cast<std::uint64_t>(
-                std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - sent).count());
-            return false;
-          });
+      if (survey.service.path.isProxy()) {
+        connection = sendOverConnection(survey, id);
+      } else {
+        sendDatagram(survey.sockets.eventPort, id);
+      }
+      ++probe.sent;
+      if (events.next(sent + std::chrono::seconds(std::max(1U, seconds / kAttempts)))) {
+        probe.arrived = true;
+        probe.milliseconds = static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - sent).count());
+      }
     }
   } catch (const Failure& failure) {
     probe.error = errorOf(failure);

@@ -7,9 +7,9 @@
 
 namespace ctl {
 
-ExitCode showStatus(bool json, unsigned seconds) {
+ExitCode showStatus(bool json, unsigned seconds, const std::string& expected) {
   const ComLibrary com;
-  const Survey survey = surveySystem(seconds);
+  const Survey survey = surveySystem(seconds, readBaseline(expected));
   console::print(json ? dump(toJson(survey)) : toText(survey));
   return isHealthy(judge(survey)) ? ExitCode::Done : ExitCode::FoundWrong;
 }

@@ -161,6 +161,25 @@ void judgeWmi(const Survey& survey, Verdicts& out) {
   judgeEvents(survey, out);
 }
 
+void judgeComparison(const Comparison& comparison, Verdicts& out) {
+  const char* const check = "expected";
+  if (!comparison.missing.empty()) {
+    out.push_back({Level::Bad, check,
+                   fmt::format("{} of {} missing: {}", comparison.missing.size(),
+                               comparison.expected, namesOf(comparison.missing)),
+                   "Look for their cables and power, then ask the device server."});
+  }
+  if (!comparison.added.empty()) {
+    out.push_back({Level::Warning, check,
+                   fmt::format("{} new: {}", comparison.added.size(), namesOf(comparison.added)),
+                   "If they belong here: quillmonctl expect --from-now FILE"});
+  }
+  if (comparison.missing.empty() && comparison.added.empty()) {
+    out.push_back({Level::Good, check,
+                   fmt::format("all {} devices are there, and no other", comparison.expected), ""});
+  }
+}
+
 void judgeConfiguration(const Survey& survey, Verdicts& out) {
   const Survey::Configuration& configuration = survey.configuration;
   const std::size_t before = out.size();
@@ -288,6 +307,9 @@ std::vector<Verdict> judge(const Survey& survey) {
   Verdicts verdicts;
   judgeService(survey, verdicts);
   judgeWmi(survey, verdicts);
+  if (survey.comparison) {
+    judgeComparison(*survey.comparison, verdicts);
+  }
   judgeConfiguration(survey, verdicts);
   judgeSockets(survey, verdicts);
   judgeTrace(survey, verdicts);
@@ -339,6 +361,7 @@ Json toJson(const Survey& survey) {
         {"devices", wmi.devices},
         {"answer_error", errorJson(wmi.answerError)},
         {"subscription_error", errorJson(wmi.subscriptionError)}}},
+      {"expected", survey.comparison ? toJson(*survey.comparison) : Json()},
       {"configuration",
        {{"file", survey.configuration.path},
         {"exists", survey.configuration.exists},
@@ -403,6 +426,13 @@ std::string toText(const Survey& survey) {
                                     : wmi.answerError
                                         ? fmt::format("no: {}", describe(*wmi.answerError))
                                         : fmt::format("yes, {} devices", wmi.devices));
+  }
+  if (survey.comparison) {
+    const Comparison& comparison = *survey.comparison;
+    lines.emplace_back("missing", comparison.missing.empty()
+                                      ? fmt::format("none of {}", comparison.expected)
+                                      : namesOf(comparison.missing));
+    lines.emplace_back("new", comparison.added.empty() ? "none" : namesOf(comparison.added));
   }
   if (service.path.isProxy()) {
     lines.emplace_back("device server",

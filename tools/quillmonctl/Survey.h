@@ -1,5 +1,6 @@
 #pragma once
 
+#include "quillmonctl/Baseline.h"
 #include "quillmonctl/BinaryPath.h"
 #include "quillmonctl/Failure.h"
 #include "quillmonctl/Json.h"
@@ -41,6 +42,7 @@ struct Survey {
     bool answers = false; ///< the provider was asked and took part
     bool timedOut = false;
     std::size_t devices = 0;
+    std::vector<KnownDevice> listed; ///< those devices
     std::optional<SystemError> answerError;
     std::optional<SystemError> subscriptionError;
   };
@@ -106,6 +108,7 @@ struct Survey {
   std::string system; ///< "Windows 10.0.19045"
   Service service;
   Wmi wmi;
+  std::optional<Comparison> comparison; ///< none without a baseline or an answer
   Configuration configuration;
   Sockets sockets;
   Trace trace;
@@ -117,9 +120,10 @@ struct Survey {
   bool isLogTouchable() const { return !trace.rotationDeletes() || !service.isRunning(); }
 };
 
-/// Looks at everything but what follows `trace`; asks the provider once, for at most `seconds`.
-/// Throws nothing but what the library throws without memory. COM is needed.
-Survey surveySystem(unsigned seconds);
+/// Looks at everything but what follows `trace`; asks the provider once, for at most `seconds`, and
+/// compares what it lists with the baseline. Throws nothing but what the library throws without
+/// memory. COM is needed.
+Survey surveySystem(unsigned seconds, const std::optional<Baseline>& baseline);
 
 /// Parts of it.
 Survey::Configuration surveyConfiguration();

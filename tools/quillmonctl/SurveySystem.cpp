@@ -185,8 +185,9 @@ Survey::Wmi surveyWmi(unsigned seconds) {
     Wmi wmi;
     checkRegistration(wmi, result);
     try {
-      const Wmi::End end = wmi.instances("UPOS_LogicalDevice", seconds, [&](const Json&) {
+      const Wmi::End end = wmi.instances("UPOS_LogicalDevice", seconds, [&](const Json& device) {
         ++result.devices;
+        result.listed.push_back(KnownDevice::of(device));
         return true;
       });
       result.timedOut = end == Wmi::End::TimedOut;
@@ -195,7 +196,7 @@ Survey::Wmi surveyWmi(unsigned seconds) {
       result.answerError = errorOf(failure);
     }
     try {
-      wmi.trySubscription(fmt::format("SELECT * FROM {}", kEventClass));
+      wmi.subscribe(fmt::format("SELECT * FROM {}", kEventClass));
     } catch (const Failure& failure) {
       result.subscriptionError = errorOf(failure);
     }
@@ -369,7 +370,7 @@ Survey::WriteFilter surveyWriteFilter(unsigned seconds) {
   return result;
 }
 
-Survey surveySystem(unsigned seconds) {
+Survey surveySystem(unsigned seconds, const std::optional<Baseline>& baseline) {
   Survey survey;
   survey.toolVersion = QUILLMON_VERSION;
   survey.system = systemName();
@@ -377,6 +378,9 @@ Survey surveySystem(unsigned seconds) {
   survey.configuration = surveyConfiguration();
   survey.trace = surveyTrace(survey.service);
   survey.wmi = surveyWmi(seconds);
+  if (baseline && survey.wmi.answers) {
+    survey.comparison = compare(*baseline, survey.wmi.listed);
+  }
   survey.sockets = surveySockets(survey);
   // The question to the provider is traced where the trace is on, whatever became of its event.
   if (const std::optional<FileStamp> mark = fileStamp(survey.trace.log)) {

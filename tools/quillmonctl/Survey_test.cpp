@@ -224,4 +224,30 @@ TEST(Survey, TheSourceOfAKeysValueIsReported) {
   EXPECT_EQ(toJson(survey)["configuration"]["keys"][0]["source"], "file");
 }
 
+TEST(Survey, ExpectedDevicesHaveAVerdictOnlyIfTheyWereCompared) {
+  Survey survey = healthy();
+  const auto levels = [&] {
+    std::vector<Level> result;
+    for (const Verdict& verdict : judge(survey)) {
+      if (verdict.check == "expected") {
+        EXPECT_EQ(verdict.advice.empty(), verdict.level == Level::Good);
+        result.push_back(verdict.level);
+      }
+    }
+    return result;
+  };
+  EXPECT_EQ(levels(), std::vector<Level>());
+  EXPECT_EQ(toJson(survey)["expected"], Json());
+  survey.comparison = Comparison{2, {}, {}};
+  EXPECT_EQ(levels(), std::vector{Level::Good});
+  survey.comparison->added = {{"NEW1", "Scale", "", "", ""}};
+  EXPECT_EQ(levels(), std::vector{Level::Warning});
+  EXPECT_TRUE(isHealthy(judge(survey)));
+  survey.comparison->missing = {{"GONE1", "Scanner", "", "", ""}};
+  EXPECT_EQ(levels(), (std::vector{Level::Bad, Level::Warning}));
+  EXPECT_FALSE(isHealthy(judge(survey)));
+  EXPECT_NE(toText(survey).find("GONE1 (Scanner)"), std::string::npos);
+  EXPECT_EQ(toJson(survey)["expected"]["new"][0]["device"], "NEW1");
+}
+
 } // namespace

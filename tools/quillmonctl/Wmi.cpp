@@ -12,10 +12,8 @@ namespace ctl {
 namespace {
 
 using Microsoft::WRL::ComPtr;
-using Clock = std::chrono::steady_clock;
 
 constexpr LONG kStream = WBEM_FLAG_RETURN_IMMEDIATELY | WBEM_FLAG_FORWARD_ONLY;
-constexpr LONG kForever = -1; // WBEM_INFINITE, which MinGW declares unsigned
 
 void check(HRESULT result, const char* step) {
   if (FAILED(result)) {
@@ -96,11 +94,6 @@ Json toJson(IWbemClassObject& object) {
   return json;
 }
 
-LONG millisecondsUntil(Clock::time_point end) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-  return static_cast<LONG>(std::max<std::int64_t>(0, left.count()));
-}
-
 } // namespace
 
 ComLibrary::ComLibrary() {
@@ -148,6 +141,21 @@ Wmi::End Wmi::instances(const std::string& className, unsigned seconds, const Ta
   }
 }
 
+std::vector<Json> Wmi::list(const std::string& className, unsigned seconds) {
+  std::vector<Json> all;
+  const End end = instances(className, seconds, [&](const Json& object) {
+    all.push_back(object);
+    return true;
+  });
+  if (end == End::TimedOut) {
+    throw Failure(fmt::format("listing {}: no answer within {} s", className, seconds),
+                  "The device server takes requests and does not answer: restart it, or wait "
+                  "longer (--timeout).",
+                  ExitCode::TimedOut);
+  }
+  return all;
+}
+
 Json Wmi::object(const std::string& path) {
   ComPtr<IWbemClassObject> object;
   const win::Bstr text(wide(path));
@@ -168,37 +176,34 @@ std::optional<Json> Wmi::find(const std::string& path) {
   return toJson(*object.Get());
 }
 
-ComPtr<IEnumWbemClassObject> Wmi::subscribe(const std::string& query) {
-  ComPtr<IEnumWbemClassObject> events;
+Wmi::Events Wmi::subscribe(const std::string& query) {
+  Events result;
   const win::Bstr language(L"WQL");
   const win::Bstr wql(wide(query));
-  check(services_->ExecNotificationQuery(language.get(), wql.get(), kStream, nullptr, &events),
+  check(services_->ExecNotificationQuery(language.get(), wql.get(), kStream, nullptr,
+                                         &result.events_),
         "subscribing to events through WMI (ExecNotificationQuery)");
-  return events;
+  return result;
 }
 
-void Wmi::trySubscription(const std::string& query) {
-  subscribe(query);
-}
-
-Wmi::End Wmi::events(const std::string& query, unsigned seconds, const std::function<void()>& ready,
-                     const Take& take) {
-  const ComPtr<IEnumWbemClassObject> events = subscribe(query);
-  const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
-  ready();
-  for (;;) {
-    ComPtr<IWbemClassObject> event;
-    ULONG count = 0;
-    check(events->Next(seconds == 0 ? kForever : millisecondsUntil(end), 1, &event, &count),
-          "waiting for events from WMI (Next)");
-    if (count == 1) {
-      if (!take(toJson(*event.Get()))) {
-        return End::Complete;
-      }
-    } else if (seconds != 0 && Clock::now() >= end) {
-      return End::TimedOut;
-    }
+std::optional<Json> Wmi::Events::next(std::optional<Clock::time_point> end) {
+  LONG milliseconds = -1; // WBEM_INFINITE, which MinGW declares unsigned
+  if (end) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now());
+    milliseconds = static_cast<LONG>(std::max<std::int64_t>(0, left.count()));
   }
+  ComPtr<IWbemClassObject> event;
+  ULONG count = 0;
+  const HRESULT result = events_->Next(milliseconds, 1, &event, &count);
+  check(result, "waiting for events from WMI (Next)");
+  if (count == 1) {
+    return toJson(*event.Get());
+  }
+  if (result != win::wbemResult(static_cast<WBEMSTATUS>(WBEM_S_TIMEDOUT))) {
+    throw Failure("waiting for events from WMI: it has ended the subscription",
+                  "Check that WMI and the service run (quillmonctl status), and subscribe again.");
+  }
+  return std::nullopt;
 }
 
 } // namespace ctl

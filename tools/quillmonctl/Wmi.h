@@ -6,9 +6,11 @@
 #include <wbemcli.h>
 #include <wrl/client.h>
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ctl {
 
@@ -35,22 +37,28 @@ public:
   /// Hands over the instances of a class one by one; each may take `seconds`.
   End instances(const std::string& className, unsigned seconds, const Take& take);
 
+  /// All of them; no answer in time is a Failure, too.
+  std::vector<Json> list(const std::string& className, unsigned seconds);
+
   /// The object of that path, "__PATH" first.
   Json object(const std::string& path);
   /// None where WMI does not know it.
   std::optional<Json> find(const std::string& path);
 
-  /// Subscribes, and lets go of the subscription at once.
-  void trySubscription(const std::string& query);
+  using Clock = std::chrono::steady_clock;
+  /// The events of a query from the subscription on; WMI keeps those that come between two calls.
+  class Events {
+  public:
+    /// Waits until then, or for as long as it takes. A subscription that has ended is a Failure.
+    std::optional<Json> next(std::optional<Clock::time_point> end);
 
-  /// Subscribes, calls `ready`, hands over the events until `take` returns false or `seconds` (0:
-  /// no limit) are over.
-  End events(const std::string& query, unsigned seconds, const std::function<void()>& ready,
-             const Take& take);
+  private:
+    friend class Wmi;
+    Microsoft::WRL::ComPtr<IEnumWbemClassObject> events_;
+  };
+  Events subscribe(const std::string& query);
 
 private:
-  Microsoft::WRL::ComPtr<IEnumWbemClassObject> subscribe(const std::string& query);
-
   Microsoft::WRL::ComPtr<IWbemServices> services_;
 };
 

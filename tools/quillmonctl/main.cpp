@@ -33,7 +33,8 @@ constexpr const char* kFooter =
     "  quillmonctl get Scanner/SCANNER1\n"
     "  quillmonctl watch --json\n"
     "  quillmonctl config set upos.requestSocket.Port 42115\n"
-    "  quillmonctl doctor --archive support.zip\n";
+    "  quillmonctl doctor --archive support.zip\n"
+    "  quillmonctl metrics --textfile C:\\metrics\\quillmon.prom\n";
 
 /// As Windows gave them, not in the code page that main's own arguments come in.
 std::vector<std::string> arguments() {
@@ -60,7 +61,9 @@ struct Request {
   std::string device;
   std::string key;
   std::string value;
+  std::string expected;
   DoctorOptions doctor;
+  MetricsOptions metrics;
   SetupOptions setup;
   std::function<ExitCode()> command;
 };
@@ -76,6 +79,11 @@ void describe(CLI::App& app, Request& r) {
     group->require_subcommand(1);
     return group;
   };
+  const auto addExpected = [](CLI::App& command, std::string& file) {
+    command
+        .add_option("--expected", file, "Tell missing and new devices by this file of \"expect\"")
+        ->option_text("FILE");
+  };
 
   app.set_version_flag("--version", "quillmonctl " QUILLMON_VERSION);
   app.add_flag("--json", r.json, "For scripts: JSON instead of text");
@@ -84,13 +92,14 @@ void describe(CLI::App& app, Request& r) {
   app.get_formatter()->column_width(13);
   app.footer(kFooter);
 
-  add(app, "status", "What is installed, running, configured and reachable",
-      [&r] { return showStatus(r.json, r.timeout); })
-      ->add_option("--timeout", r.timeout, "Seconds to wait for the provider's answer")
+  CLI::App* command = add(app, "status", "What is installed, running, configured and reachable",
+                          [&r] { return showStatus(r.json, r.timeout, r.expected); });
+  command->add_option("--timeout", r.timeout, "Seconds to wait for the provider's answer")
       ->capture_default_str();
+  addExpected(*command, r.expected);
 
-  CLI::App* command = add(app, "devices", "List the till's devices",
-                          [&r] { return listDevices(r.json, r.device, r.listTimeout); });
+  command = add(app, "devices", "List the till's devices",
+                [&r] { return listDevices(r.json, r.device, r.listTimeout); });
   command->add_option("CLASS", r.device, "Scanner or UPOS_Scanner; all devices without it");
   command->add_option("--timeout", r.listTimeout, "Seconds to wait for the answer")
       ->capture_default_str();
@@ -117,6 +126,28 @@ void describe(CLI::App& app, Request& r) {
                     "Send one event to the service and wait for it; every subscriber gets it");
   command->add_option("--archive", r.doctor.archive,
                       "Pack status, configuration and logs into this ZIP file for support");
+  addExpected(*command, r.doctor.expected);
+
+  command = add(app, "expect", "Remember the devices that are there now, for --expected",
+                [&r] { return expectDevices(r.json, r.timeout, r.value); });
+  command->add_option("--from-now", r.value, "The file to write")->option_text("FILE")->required();
+  command->add_option("--timeout", r.timeout, "Seconds to wait for the provider's answer")
+      ->capture_default_str();
+
+  command = add(app, "metrics", "The devices in the text format of Prometheus",
+                [&r] { return exportMetrics(r.json, r.metrics); });
+  CLI::Option* const textfile =
+      command->add_option("--textfile", r.metrics.textfile, "Replace this file, in one step")
+          ->option_text("FILE");
+  command
+      ->add_option("--watch", r.metrics.watchEvery,
+                   "Replace it every so many seconds and follow events; Ctrl-C ends")
+      ->option_text("SECONDS")
+      ->check(CLI::Range(1U, 86'400U).description(""))
+      ->needs(textfile);
+  command->add_option("--timeout", r.metrics.timeout, "Seconds to wait for each of the answers")
+      ->capture_default_str();
+  addExpected(*command, r.metrics.expected);
 
   CLI::App& config = *addGroup("config", "The service's configuration file");
   add(config, "check", "Look for nonsense; exit code 3 if there is some",
