@@ -46,10 +46,32 @@ build_packages=(
 )
 test_packages=(
   clang-14 clang-format-14 clang-tidy-14 libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
-  python3-pytest valgrind
+  python3-pytest python3-yaml valgrind
 )
 package_packages=(nsis osslsigncode)
 soak_packages=(gnuplot-nox)
+
+# Prometheus and its node exporter, for the tests and the demo of a fleet: unpacked and linked as
+# build/deps/prometheus. Installing them would start them as services of this machine.
+unpack_prometheus() {
+  local prefix=$cache/prometheus
+  mkdir -p "$root/build/deps"
+  ln -sfn "$prefix" "$root/build/deps/prometheus"
+  [ -e "$prefix/.complete" ] && return
+  local name work
+  missing=(prometheus prometheus-node-exporter)
+  say "fetching Debian packages, not to be installed: ${missing[*]}"
+  quietly "$cache/log/apt-update.log" as_root apt-get update
+  work=$(mktemp -d "${TMPDIR:-/tmp}/quillmon-prometheus.XXXXXX")
+  (cd "$work" && quietly "$cache/log/prometheus.log" \
+    apt-get -o APT::Sandbox::User=root download "${missing[@]}")
+  rm -rf "$prefix"
+  for name in "${missing[@]}"; do
+    quietly "$cache/log/prometheus.log" dpkg-deb -x "$work/${name}_"*.deb "$prefix"
+  done
+  touch "$prefix/.complete"
+  rm -rf "$work"
+}
 
 # The one version of the XML library that the product is linked with. Its mutexes are the platform's
 # own: the compiler's standard ones keep their memory when they are destroyed, and the library makes

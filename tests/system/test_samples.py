@@ -52,34 +52,6 @@ def test_the_device_sample_prints_the_properties_asked_for(shared_machine, till)
     assert (done.out, done.returncode) == ("GoodWeightReadCount = 402118\n", 0)
 
 
-def test_the_metrics_sample_writes_whole_families(shared_machine, till):
-    done = cscript(shared_machine, "metrics.vbs", "C:\\quillmon.prom",
-                   "UPOS_Scanner.GoodScanCount", "UPOS_Scale.GoodWeightReadCount")
-    text = (shared_machine.c / "quillmon.prom").read_text()
-    assert done.returncode == 0
-    assert text.endswith("""\
-# TYPE quillmon_scanner_good_scan_count counter
-quillmon_scanner_good_scan_count{device="SCANNER1",model="VS-3200 bi-optic"} 1843207
-quillmon_scanner_good_scan_count{device="SCANNER2",model="Corded hand scanner"} 204871
-# TYPE quillmon_scale_good_weight_read_count counter
-quillmon_scale_good_weight_read_count{device="SCALE1",model="Checkout scale 15 kg"} 402118
-# TYPE quillmon_up gauge
-quillmon_up 1
-""")
-    assert text.count("# TYPE quillmon_logicaldevice_hours_powered_count counter\n") == 1
-    assert text.count("\nquillmon_logicaldevice_hours_powered_count{") == 9
-    assert not (shared_machine.c / "quillmon.prom.new").exists()
-
-
-def test_the_metrics_sample_replaces_its_file_and_tells_of_a_failure(shared_machine, till):
-    (shared_machine.c / "failed.prom").write_text("old\n")
-    done = cscript(shared_machine, "metrics.vbs", "C:\\failed.prom", "UPOS_Nonsense.Count")
-    text = (shared_machine.c / "failed.prom").read_text()
-    assert done.returncode == 1
-    assert text.endswith("# TYPE quillmon_up gauge\nquillmon_up 0\n")
-    assert "old" not in text and "nonsense" not in text
-
-
 def properties(name):
     """{property: type} of a class of ours."""
     classes = json.loads((ROOT / "mof" / "quillmon.json").read_text())
