@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """scripts/tidy.py FILE...: runs clang-tidy over the FILEs. It uses the compile commands of the native
-flavour and, for sources that only Windows has, those of the Windows flavour with clang's MinGW target.
+flavour and, for sources that only Windows has, those of the Windows flavour with clang's MinGW target:
+its warnings count as well as GCC's.
 
 The files of one target are analysed as one text, so that their headers are read once; as two texts if
 their names clash, and so on. build/lint records what was clean; it is analysed again only
@@ -62,7 +63,6 @@ def by_target(wanted):
             words = words[next(i for i, word in enumerate(words) if "++" in word) + 1:]
             words = without(without(words, "-o", 1), "-c", 1)
             if flavour == "windows":
-                words = [word for word in words if not word.startswith("-W")]
                 words = ["--target=x86_64-w64-mingw32", "-nostdinc++", *mingw_includes(), *words]
             groups.setdefault((flavour, target), []).append(
                 (entry["file"], entry["directory"], words))
