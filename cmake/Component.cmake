@@ -90,8 +90,8 @@ endfunction()
 # optimised, and with the test framework's headers precompiled.
 function(as_test_code program)
   target_link_libraries(${program} PRIVATE test_framework)
-  if(NOT MSVC)
+  if(NOT MSVC) # which wants the same definitions in every program that shares a precompiled header
     target_compile_options(${program} PRIVATE -O0)
+    target_precompile_headers(${program} REUSE_FROM test_framework)
   endif()
-  target_precompile_headers(${program} REUSE_FROM test_framework)
 endfunction()

@@ -11,7 +11,13 @@
 add_library(quillmon_flags INTERFACE)
 
 if(MSVC)
-  target_compile_options(quillmon_flags INTERFACE /W4 /WX /permissive- /utf-8 /sdl /guard:cf)
+  # Off, and why: a parameter's own const is no part of a signature (4373); a condition on a template's
+  # argument is constant (4127); a local name may be that of a function elsewhere (4459), as for GCC's
+  # -Wshadow; what the optimiser finds unreachable is a library's template (4702).
+  target_compile_options(quillmon_flags INTERFACE
+    /W4 /WX /wd4373 /wd4127 /wd4459 /wd4702 /permissive- /utf-8 /Zc:__cplusplus /sdl /guard:cf)
+  # Or /sdl refuses getenv and fopen, which have no buffer that could be too small.
+  target_compile_definitions(quillmon_flags INTERFACE _CRT_SECURE_NO_WARNINGS)
   target_link_options(quillmon_flags INTERFACE
     /DYNAMICBASE /NXCOMPAT /HIGHENTROPYVA /guard:cf /CETCOMPAT /DEPENDENTLOADFLAG:0x800)
 else()

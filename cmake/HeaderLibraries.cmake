@@ -1,13 +1,17 @@
 # Header-only libraries serve the native and the cross build alike. A cross build must not see the
-# whole of /usr/include, so each library's headers are linked into a folder of their own.
+# whole of /usr/include, so each library's headers are linked into a folder of their own. Windows, where
+# links need a privilege, builds nothing for another system and takes them where they are.
 function(header_library name header)
   string(TOUPPER ${name} variable)
   find_path(${variable}_INCLUDE ${header} NO_CMAKE_FIND_ROOT_PATH REQUIRED)
-  set(folder ${CMAKE_BINARY_DIR}/headers/${name})
-  file(MAKE_DIRECTORY ${folder})
-  foreach(entry ${ARGN})
-    file(CREATE_LINK ${${variable}_INCLUDE}/${entry} ${folder}/${entry} COPY_ON_ERROR SYMBOLIC)
-  endforeach()
+  set(folder ${${variable}_INCLUDE})
+  if(CMAKE_HOST_UNIX)
+    set(folder ${CMAKE_BINARY_DIR}/headers/${name})
+    file(MAKE_DIRECTORY ${folder})
+    foreach(entry ${ARGN})
+      file(CREATE_LINK ${${variable}_INCLUDE}/${entry} ${folder}/${entry} SYMBOLIC)
+    endforeach()
+  endif()
   add_library(${name}_headers INTERFACE)
   target_include_directories(${name}_headers SYSTEM INTERFACE ${folder})
 endfunction()

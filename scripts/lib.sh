@@ -109,16 +109,9 @@ cross_build_xerces() {
   [ -e "$xerces_prefix/.complete" ] && return
   say "building Xerces-C $xerces_version for Windows, once (one to two minutes)"
   local work; work=$(mktemp -d "${TMPDIR:-/tmp}/quillmon-xerces.XXXXXX")
-  fetch_xerces_source "$work"
-  local source; source=$(echo "$work"/xerces-c-"$xerces_version"*/)
-  [ -e "$source/CMakeLists.txt" ] || die "Debian's source package xerces-c is not version $xerces_version"
-  local patch
-  for patch in "$@"; do
-    quietly "$cache/log/xerces-patch.log" patch -d "$source" -p1 -i "$patch"
-  done
+  local xerces_source; unpack_xerces "$work" "$@"
   rm -rf "$xerces_prefix"
-  sed -i '/add_subdirectory(\(doc\|tests\|samples\))/d' "$source/CMakeLists.txt"
-  quietly "$cache/log/xerces-configure.log" cmake -G Ninja -S "$source" -B "$work/build" \
+  quietly "$cache/log/xerces-configure.log" cmake -G Ninja -S "$xerces_source" -B "$work/build" \
     -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64.cmake" -DCMAKE_INSTALL_PREFIX="$xerces_prefix" \
     "${xerces_options[@]}" -DCMAKE_CXX_FLAGS="${xerces_flags//@WORK@/$work}"
   quietly "$cache/log/xerces-build.log" cmake --build "$work/build"
@@ -126,11 +119,25 @@ cross_build_xerces() {
   # For the packages' papers: its licence, where it came from, and what was changed.
   local papers=$xerces_prefix/share/doc/xerces-c
   mkdir -p "$papers"
-  cp "$source"/{LICENSE,NOTICE} "$papers"
+  cp "$xerces_source"/{LICENSE,NOTICE} "$papers"
   cp "$work"/xerces-c_*.dsc "$papers/source.dsc"
-  { grep -v '^#' "$source/debian/patches/series"; printf '%s\n' "${@##*/}"; } >"$papers/patches"
+  { grep -v '^#' "$xerces_source/debian/patches/series"; printf '%s\n' "${@##*/}"; } >"$papers/patches"
   touch "$xerces_prefix/.complete"
   rm -rf "$work"
+}
+
+# unpack_xerces DIR [PATCH...]: sets xerces_source to the folder in DIR with the patched source, without
+# what nobody needs.
+unpack_xerces() {
+  local work=$1 patch; shift
+  fetch_xerces_source "$work"
+  xerces_source=$(echo "$work"/xerces-c-"$xerces_version"*)
+  [ -e "$xerces_source/CMakeLists.txt" ] ||
+    die "Debian's source package xerces-c is not version $xerces_version"
+  for patch in "$@"; do
+    quietly "$cache/log/xerces-patch.log" patch -d "$xerces_source" -p1 -i "$patch"
+  done
+  sed -i '/add_subdirectory(\(doc\|tests\|samples\))/d' "$xerces_source/CMakeLists.txt"
 }
 
 # fetch_xerces_source DIR: the source package with the distribution's patches applied, through a

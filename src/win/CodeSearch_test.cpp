@@ -15,7 +15,7 @@ DWORD policyFlags = 0;
 PROCESS_MITIGATION_POLICY policyKind = MaxProcessMitigationPolicy;
 decltype(GetProcAddress)* realLookUp = nullptr;
 
-WINBOOL WINAPI observedPolicy(PROCESS_MITIGATION_POLICY kind, PVOID policy, SIZE_T size) {
+BOOL WINAPI observedPolicy(PROCESS_MITIGATION_POLICY kind, PVOID policy, SIZE_T size) {
   policyKind = kind;
   if (size == sizeof policyFlags) {
     policyFlags = *static_cast<const DWORD*>(policy);

@@ -5,7 +5,6 @@
 #include "xml/testing/UnreadableDocuments.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <string>
 #include <vector>
@@ -26,8 +25,6 @@ class DocumentReaderTest : public testing::Test {
 protected:
   const XmlLibrary library_;
 };
-
-constexpr std::size_t kSmallStack = std::size_t{128} * 1024;
 
 constexpr const XMLCh* kElements[] = {u"a", u"r", u"field"};
 constexpr const XMLCh* kAttributes[] = {u"n", u"name", u"type"};
@@ -82,25 +79,6 @@ TEST_F(DocumentReaderTest, ReadsElementsUpToItsDepth) {
   EXPECT_EQ(reader.readField(*found.front())[2], "deep");
   EXPECT_EQ(failureOf(nested(kDepth + 1)), "Elements are nested too deeply (line 1, column " +
                                                std::to_string(3 * (kDepth + 1) + 1) + ")");
-}
-
-TEST_F(DocumentReaderTest, TheDeepestDocumentNeedsNoMoreStackThanAnyOther) {
-  constexpr std::size_t kDepth = DocumentReader::kMaximumDepth - 1;
-  static const std::string document = // some 800 KiB of stack when it was read by recursion
-      "<r>" + repeated(kDepth, "<a>") + "deep" + repeated(kDepth, "</a>") + "</r>";
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, kSmallStack), 0);
-  static std::string text;
-  pthread_t thread{};
-  const auto read = [](void*) -> void* {
-    text = textOf(document);
-    return nullptr;
-  };
-  ASSERT_EQ(pthread_create(&thread, &attributes, read, nullptr), 0);
-  pthread_join(thread, nullptr);
-  pthread_attr_destroy(&attributes);
-  EXPECT_EQ(text, "deep");
 }
 
 TEST_F(DocumentReaderTest, SiblingsDoNotCountAsDepth) {

@@ -24,7 +24,7 @@ constexpr XMLCh kEndOfAscii = 0x80;
 std::string narrow(std::basic_string_view<XMLCh> text) {
   if (std::ranges::all_of(text, [](XMLCh each) { return each < kEndOfAscii; })) {
     std::string bytes(text.size(), '\0');
-    std::ranges::copy(text, bytes.begin());
+    std::ranges::transform(text, bytes.begin(), [](XMLCh each) { return static_cast<char>(each); });
     return bytes;
   }
   const std::unique_ptr<char, Release> converted(

@@ -10,8 +10,9 @@
 namespace test_support {
 
 /// The entry of this program's import address table, also when a DLL in it asks; null when the
-/// program imports no such function.
-inline std::uintptr_t* importSlot(std::string_view name) {
+/// program imports no such function. MSVC's libraries import some by number: such an entry is known
+/// by the address that it holds.
+inline std::uintptr_t* importSlot(const char* name) {
   const auto base = reinterpret_cast<std::uintptr_t>(GetModuleHandleA(nullptr));
   const auto at = [base](ULONGLONG offset) { return base + static_cast<std::uintptr_t>(offset); };
   const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
@@ -23,11 +24,13 @@ inline std::uintptr_t* importSlot(std::string_view name) {
        dll->Name != 0; ++dll) {
     const auto* entry = reinterpret_cast<const IMAGE_THUNK_DATA64*>(at(dll->OriginalFirstThunk));
     auto* address = reinterpret_cast<std::uintptr_t*>(at(dll->FirstThunk));
+    const HMODULE module = GetModuleHandleA(reinterpret_cast<const char*>(at(dll->Name)));
     for (; entry->u1.AddressOfData != 0; ++entry, ++address) {
       const bool byNumber = (entry->u1.Ordinal & IMAGE_ORDINAL_FLAG64) != 0;
       const auto* byName =
           reinterpret_cast<const IMAGE_IMPORT_BY_NAME*>(at(entry->u1.AddressOfData));
-      if (!byNumber && name == byName->Name) {
+      if (byNumber ? *address == reinterpret_cast<std::uintptr_t>(GetProcAddress(module, name))
+                   : std::string_view(name) == byName->Name) {
         return address;
       }
     }

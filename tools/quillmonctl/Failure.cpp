@@ -108,14 +108,14 @@ std::string describe(const SystemError& error) {
 }
 
 std::string wmiMessage(std::uint32_t result) {
-  const auto* const found =
+  const auto found =
       std::find_if(kWmiMessages.begin(), kWmiMessages.end(),
                    [&](const WmiMessage& message) { return message.result == result; });
   return found != kWmiMessages.end() ? found->text : "";
 }
 
 std::string adviceFor(const SystemError& error) {
-  const auto* const found = std::find_if(kAdvice.begin(), kAdvice.end(), [&](const Advice& advice) {
+  const auto found = std::find_if(kAdvice.begin(), kAdvice.end(), [&](const Advice& advice) {
     return advice.kind == error.kind && advice.number == error.number;
   });
   return found != kAdvice.end() ? found->text : "";

@@ -275,7 +275,8 @@ ProgramResult runProgram(const std::string& program, const std::vector<std::stri
   ProgramResult ended;
   std::array<char, 4096> piece{};
   DWORD count = 0;
-  while (::ReadFile(ours.get(), piece.data(), piece.size(), &count, nullptr) && count > 0) {
+  while (::ReadFile(ours.get(), piece.data(), static_cast<DWORD>(piece.size()), &count, nullptr) &&
+         count > 0) {
     ended.output.append(piece.data(), count);
   }
   WaitForSingleObject(process.get(), INFINITE);

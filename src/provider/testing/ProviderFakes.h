@@ -388,10 +388,10 @@ public:
   HRESULT WINAPI GetClassName(ULONG*, LPWSTR) override { return E_NOTIMPL; }
   HRESULT WINAPI CreateClassPart(LONG, LPCWSTR) override { return E_NOTIMPL; }
   HRESULT WINAPI DeleteClassPart(LONG) override { return E_NOTIMPL; }
-  WINBOOL WINAPI IsRelative(LPWSTR, LPWSTR) override { return FALSE; }
-  WINBOOL WINAPI IsRelativeOrChild(LPWSTR, LPWSTR, LONG) override { return FALSE; }
-  WINBOOL WINAPI IsLocal(LPCWSTR) override { return FALSE; }
-  WINBOOL WINAPI IsSameClassName(LPCWSTR) override { return FALSE; }
+  BOOL WINAPI IsRelative(LPWSTR, LPWSTR) override { return FALSE; }
+  BOOL WINAPI IsRelativeOrChild(LPWSTR, LPWSTR, LONG) override { return FALSE; }
+  BOOL WINAPI IsLocal(LPCWSTR) override { return FALSE; }
+  BOOL WINAPI IsSameClassName(LPCWSTR) override { return FALSE; }
 
   std::wstring text;
   FakePathKeys keys;
