@@ -365,7 +365,7 @@ function Test-Reading {
     Assert ($found -eq $model) "the model is: $found"
     "code page $page"
   }
-  Test-Claim 'the same with UTF-8 as the code page' {
+  Test-Claim 'text beyond ASCII arrives whole where the code page is UTF-8' {
     $page = Get-AnsiCodePage
     if ($page -ne 65001) { throw ($untried + "this machine's code page is $page") }
     Assert ((Get-OneScanner).ModelName -eq $model) 'the model is another'
@@ -443,7 +443,7 @@ function Test-AfterWmi([string] $what) {
     }
   }
   Add-Observation "events arrive again after $what" { Get-EventsOfOneDevice }
-  Test-Claim "a restart of the service brings both back after $what" {
+  Test-Claim "a restart of the service brings devices and events back after $what" {
     Restart-Quillmon
     Test-Events
   }
@@ -600,7 +600,7 @@ function Test-Upgrade {
     Install-Package $Previous 'previous' @()
     $old = @(Get-Product)[0].Version
     $process = (Get-ServiceData).ProcessId
-    Add-Content -LiteralPath $configuration '; edited'
+    Add-Content -LiteralPath $configuration -Encoding Ascii -Value '; edited'
     $script:isEdited = $true
     Install-Package $Package 'upgrade' @()
     $now = @(Get-Product)
@@ -666,7 +666,7 @@ function Test-Restarted($state) {
     Assert ($boot.Ticks -gt [long]$state.ended) "it has run since $boot"
     "at $boot"
   }
-  Test-Claim 'the service runs without anybody''s help' {
+  Test-Claim 'the service starts with Windows by itself' {
     Assert (Wait-Until 300 { (Get-ServiceData).State -eq 'Running' }) 'it does not'
   }
   Add-Observation 'how long after the start of Windows the service was started' {

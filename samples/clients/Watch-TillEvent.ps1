@@ -4,7 +4,7 @@
 .EXAMPLE
   .\Watch-TillEvent.ps1
 .EXAMPLE
-  .\Watch-TillEvent.ps1 -ComputerName till0417-7
+  .\Watch-TillEvent.ps1 -ComputerName till0417-7 | Add-Content -Encoding UTF8 events.txt
 .NOTES
   Written by the cmdlets' documentation; not yet run on a Windows.
 #>

@@ -82,3 +82,31 @@ def test_the_event_log_sample_names_properties_that_an_event_has():
     sample = (ROOT / "samples" / "inventory" / "events-to-eventlog.mof").read_text()
     template = re.search(r'InsertionStringTemplates = \{"(.*)"\}', sample)[1]
     assert set(re.findall(r"%(\w+)%", template)) == set(properties("QuillmonEvent"))
+
+
+def powershell_sources():
+    sources = [*CLIENTS.glob("*.ps1"), ROOT / "packaging" / "scripts" / "acceptance.ps1"]
+    assert len(sources) >= 3
+    return {source.name: source.read_bytes().decode() for source in sources}
+
+
+def test_the_powershell_sources_are_ascii_which_windows_powershell_reads_alike_everywhere():
+    assert [name for name, text in powershell_sources().items() if not text.isascii()] == []
+
+
+def test_the_powershell_sources_name_the_encoding_of_each_file_that_they_write():
+    writes = re.compile(r"(Set-Content|Add-Content|Out-File|Export-Csv|Tee-Object|>>? *[$'\"])(.*)")
+    for name, text in powershell_sources().items():
+        unnamed = [found[0] for found in writes.finditer(re.sub(r"^ *#.*", "", text, flags=re.M))
+                   if not re.search("-Encoding (UTF8|Ascii)", found[2])]
+        assert unnamed == [], name
+
+
+def test_every_claim_of_the_acceptance_script_is_on_the_page_of_claims():
+    script = powershell_sources()["acceptance.ps1"]
+    claims = {re.split(r" \$", one)[0].replace("''", "'")
+              for _, one in re.findall(r"""Test-Claim (['"])(.*?)\1 \{""", script)}
+    page = (ROOT / "docs" / "windows.md").read_text()
+    rows = {line.split("|")[1].strip() for line in page.splitlines() if line.startswith("| ")}
+    assert len(claims) > 20
+    assert sorted(claims - rows) == []
