@@ -135,11 +135,12 @@ class Side:
         return float(self.client.ask(*command))
 
     def processor_time(self):
-        """What all processes of this side have used so far, in microseconds."""
+        """What all processes of this side have used so far, in microseconds; without the provider's
+        where it has ended."""
         if self.server is None:
             self.server = self._find_server()
-        return sum(processor_time(pid) for pid in (
-            self.client.process.pid, self.provider.process.pid, self.server))
+        running = [self.provider.process.pid] if self.provider.process.returncode is None else []
+        return sum(map(processor_time, [self.client.process.pid, self.server, *running]))
 
     def _find_server(self):
         for process in machines.processes_of(self.machine.prefix):
