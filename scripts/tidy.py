@@ -4,9 +4,9 @@ flavour and, for sources that only Windows has, those of the Windows flavour wit
 its warnings count as well as GCC's.
 
 The files of one target are analysed as one text, so that their headers are read once; as two texts if
-their names clash, and so on. build/lint records what was clean; it is analysed again only
-after a change to a source, to a header that it includes, to its compile command, to .clang-tidy or to
-the tool.
+their names clash, and so on. build/lint records what clashed and what was clean; the latter is analysed
+again only after a change to a source, to a header that it includes, to its compile command, to
+.clang-tidy or to the tool.
 """
 
 import concurrent.futures
@@ -100,19 +100,22 @@ def lint(name, entries, tool):
     place = STAMPS / "tests" if part in ("tests", "bench") else STAMPS
     command = ["clang++-14", *words, *(f"-I{one}" for one in sorted(map(os.path.dirname, sources)))]
     stamp = STAMPS / f"{name}.json"
-    if stamp.exists():
-        kept = json.loads(stamp.read_text())
-        if kept["key"] == key(command, sources, kept["included"], tool):
-            return ""
+    kept = json.loads(stamp.read_text()) if stamp.exists() else {}
+    half = len(entries) // 2
+    if kept == "clash" and half > 0: # it was not one text before
+        return lint_halves(name, entries, tool)
+    if "key" in kept and kept["key"] == key(command, sources, kept["included"], tool):
+        return ""
     text = place / name
     text.write_text("".join(Path(source).read_text() for source in sources))
     rule = STAMPS / f"{name}.d"
     compiled = subprocess.run([*command, "-w", "-fsyntax-only", "-MD", "-MF", rule, text], cwd=folder,
                               stderr=subprocess.PIPE, text=True)
     if compiled.returncode != 0:
-        half = len(entries) // 2
-        return compiled.stderr if half == 0 else (lint(f"1.{name}", entries[:half], tool) +
-                                                  lint(f"2.{name}", entries[half:], tool))
+        if half == 0:
+            return compiled.stderr
+        stamp.write_text(json.dumps("clash"))
+        return lint_halves(name, entries, tool)
     included = sorted({os.path.join(folder, word) for word in
                        rule.read_text().partition(":")[2].replace("\\\n", " ").split()} - {str(text)})
     before = key(command, sources, included, tool)
@@ -126,6 +129,11 @@ def lint(name, entries, tool):
               for line, _ in enumerate(Path(source).read_text().splitlines(), 1)]
     return re.sub(re.escape(str(text)) + r":(\d+)", lambda at: places[int(at[1]) - 1],
                   result.stdout) or f"{TIDY} failed on {name}\n"
+
+
+def lint_halves(name, entries, tool):
+    half = len(entries) // 2
+    return lint(f"1.{name}", entries[:half], tool) + lint(f"2.{name}", entries[half:], tool)
 
 
 def main():
