@@ -21,6 +21,7 @@ from urllib.parse import quote
 
 SOURCE = Path(__file__).resolve().parents[1]
 PROGRAMS = ("quillmon.exe", "quillmonctl.exe", "quillmon-till.exe")
+SETUP = "quillmon-setup.dll"  # inside the installer
 # The folders by which libraries of headers are included.
 HEADER_LIBRARIES = {"fmt": "fmt", "CLI": "cli11", "nlohmann": "nlohmann-json",
                     "asio": "asio", "asio.hpp": "asio"}
@@ -33,7 +34,6 @@ LICENCES = {
     "asio": "BSL-1.0",
     "gcc-runtime": "GPL-3.0-or-later WITH GCC-exception-3.1",
     "mingw-w64-runtime": "ZPL-2.1 AND MIT AND BSD-3-Clause",
-    "nsis": "Zlib AND CPL-1.0",
 }
 
 
@@ -88,7 +88,6 @@ class Build:
             used.update(self.libraries_of(program))
         for name, file in sorted(used.items()):
             yield self.xerces(file) if name == "xerces-c" else self.packaged(name, file)
-        yield self.packaged("nsis", Path("/usr/share/nsis/Stubs/lzma_solid-amd64-unicode"))
 
     def linked(self, library):
         return Path(output(self.compiler, f"-print-file-name={library}").strip()).resolve()
@@ -146,8 +145,9 @@ def materials(build, out):
 
     for package in sorted(out.iterdir()):
         identifier = add_file(package.name, package.read_bytes())
-        if package.suffix == ".exe":
-            relations.append((identifier, "STATIC_LINK", "SPDXRef-nsis"))
+        if package.suffix == ".msi":
+            relations += [(identifier, "STATIC_LINK", "SPDXRef-" + library)
+                          for library in build.libraries_of(SETUP)]
         else:
             with zipfile.ZipFile(package) as archive:
                 for program in build.programs:

@@ -46,9 +46,9 @@ build_packages=(
 )
 test_packages=(
   clang-14 clang-format-14 clang-tidy-14 libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
-  python3-pytest python3-yaml valgrind
+  python3-pytest python3-yaml softhsm2 valgrind
 )
-package_packages=(nsis osslsigncode)
+package_packages=(libengine-pkcs11-openssl msitools osslsigncode wixl)
 soak_packages=(gnuplot-nox)
 
 # Prometheus and its node exporter, for the tests and the demo of a fleet: unpacked and linked as

@@ -22,6 +22,7 @@ OTHER_LIBRARIES = {
     "quillmon.exe": set(),
     "quillmonctl.exe": {"iphlpapi.dll", "shell32.dll", "version.dll"},
     "quillmon-till.exe": {"mswsock.dll"},
+    "quillmon-setup.dll": {"msi.dll"},
 }
 
 
@@ -84,8 +85,10 @@ def service():
     return Image(BUILD / "quillmon.exe")
 
 
-def test_it_is_a_64_bit_console_program(image):
+def test_it_is_a_64_bit_console_program_or_library(program, image):
     assert (image.machine, image.magic, image.subsystem) == (0x8664, 0x20B, 3)
+    is_library = image.characteristics & 0x2000 != 0
+    assert is_library == program.endswith(".dll")
 
 
 def test_addresses_are_random_with_high_entropy_and_data_is_not_executed(image):

@@ -4,8 +4,10 @@ import hashlib
 import json
 import os
 import re
+import shutil
 import subprocess
 import zipfile
+from types import SimpleNamespace
 
 import pytest
 
@@ -45,7 +47,7 @@ def test_the_sums_are_of_every_package_and_paper(packages):
     files = {file.name: sha256(file.read_bytes()) for file in packages.iterdir()
              if file.name != "SHA256SUMS"}
     assert sums == files
-    assert sorted(name.rpartition(".")[2] for name in files) == ["exe", "json", "zip"]
+    assert sorted(name.rpartition(".")[2] for name in files) == ["json", "msi", "zip"]
 
 
 def test_the_archive_holds_what_a_till_needs(packages):
@@ -65,7 +67,7 @@ def test_one_number_is_the_version_everywhere(packages):
     project = (ROOT / "CMakeLists.txt").read_text()
     version = re.search(r"project\(quillmon VERSION ([\d.]+)", project)[1]
     assert {file.name for file in packages.iterdir()} == {
-        f"quillmon-{version}-win64.exe", f"quillmon-{version}-win64.zip",
+        f"quillmon-{version}-win64.msi", f"quillmon-{version}-win64.zip",
         f"quillmon-{version}.spdx.json", "SHA256SUMS"}
     assert bill(packages)["packages"][0]["versionInfo"] == version
 
@@ -101,7 +103,7 @@ def test_the_bill_of_materials_is_of_these_files(packages):
                 content[name.rpartition("/")[2]] = archive.read(name)
     listed = {file["fileName"].removeprefix("./"): file["checksums"]
               for file in bill(packages)["files"]}
-    assert set(listed) == {name for name in content if name.endswith((".exe", ".zip"))}
+    assert set(listed) == {name for name in content if name.endswith((".exe", ".msi", ".zip"))}
     for name, checksums in listed.items():
         for checksum in checksums:
             algorithm = checksum["algorithm"].lower()
@@ -149,32 +151,97 @@ def test_the_same_build_makes_the_same_packages(packages, tmp_path):
     assert (again / "SHA256SUMS").read_text() == (packages / "SHA256SUMS").read_text()
 
 
-def test_programs_and_installer_are_signed_if_a_key_is_given(tmp_path):
-    key, certificate = tmp_path / "key.pem", tmp_path / "certificate.pem"
+@pytest.fixture(scope="module")
+def signer(tmp_path_factory):
+    """A throw-away key with its certificate."""
+    folder = tmp_path_factory.mktemp("signer")
+    key, certificate = folder / "key.pem", folder / "certificate.pem"
     subprocess.run(
         ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
          "-keyout", key, "-out", certificate, "-subj", "/CN=Throw-away signer",
          "-addext", "extendedKeyUsage=codeSigning", "-addext", "keyUsage=digitalSignature"],
         check=True, stderr=subprocess.DEVNULL)
-    signed = pack(tmp_path / "signed", QUILLMON_SIGN_CERT=str(certificate),
-                  QUILLMON_SIGN_KEY=str(key))
+    return SimpleNamespace(key=key, certificate=certificate)
+
+
+def verify(file, certificate):
+    return subprocess.run(["osslsigncode", "verify", "-CAfile", certificate, "-in", file],
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+
+def test_programs_and_installer_are_signed_if_a_key_is_given(signer, tmp_path):
+    signed = pack(tmp_path / "signed", QUILLMON_SIGN_CERT=str(signer.certificate),
+                  QUILLMON_SIGN_KEY=str(signer.key))
+    installer = one(signed, "*.msi")
     with zipfile.ZipFile(one(signed, "*.zip")) as archive:
         archive.extractall(tmp_path / "unpacked")
-    programs = [one(signed, "*.exe"), *(tmp_path / "unpacked").rglob("*.exe")]
-    assert len(programs) == 4  # the installer and three programs
-
-    def verify(file):
-        return subprocess.run(["osslsigncode", "verify", "-CAfile", certificate, "-in", file],
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-
+    subprocess.run(["msiextract", "-C", tmp_path / "installed", installer], check=True,
+                   stdout=subprocess.DEVNULL)
+    setup = tmp_path / "quillmon-setup.dll"  # the custom actions
+    setup.write_bytes(subprocess.run(["msiinfo", "extract", installer, "Binary.Setup"],
+                                     check=True, stdout=subprocess.PIPE).stdout)
+    programs = [installer, setup, *(tmp_path / "unpacked").rglob("*.exe"),
+                *(tmp_path / "installed").rglob("*.exe")]
+    assert len(programs) == 8
     for program in programs:
-        done = verify(program)
+        done = verify(program, signer.certificate)
         assert done.returncode == 0 and "Throw-away signer" in done.stdout, done.stdout
     # The verification can fail: one byte of the program changed.
     tampered = tmp_path / "tampered.exe"
-    content = bytearray(programs[0].read_bytes())
+    content = bytearray(programs[2].read_bytes())
     content[len(content) // 2] ^= 1
     tampered.write_bytes(content)
-    assert verify(tampered).returncode != 0
-    unsigned = verify(BUILD / "quillmon.exe")
+    assert verify(tampered, signer.certificate).returncode != 0
+    unsigned = verify(BUILD / "quillmon.exe", signer.certificate)
     assert unsigned.returncode != 0
+
+
+def sign(file, **environment):
+    return subprocess.run([ROOT / "packaging" / "sign", file], stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True,
+                          env={**os.environ, **{k: str(v) for k, v in environment.items()}})
+
+
+def test_a_signing_service_s_command_signs(signer, tmp_path):
+    file = tmp_path / "program.exe"
+    shutil.copy(BUILD / "quillmon.exe", file)
+    service = tmp_path / "service"
+    service.write_text(f"#!/bin/sh\nexec osslsigncode sign -h sha256 -certs {signer.certificate}"
+                       f" -key {signer.key} -in \"$2\" -out \"$3\"\n")
+    service.chmod(0o755)
+    done = sign(file, QUILLMON_SIGN_COMMAND=f"{service} --any-option",
+                QUILLMON_SIGN_CA=signer.certificate)
+    assert done.returncode == 0, done.stdout
+    assert verify(file, signer.certificate).returncode == 0
+
+
+def test_a_command_that_signs_nothing_is_not_believed(signer, tmp_path):
+    file = tmp_path / "program.exe"
+    shutil.copy(BUILD / "quillmon.exe", file)
+    before = sha256(file.read_bytes())
+    done = sign(file, QUILLMON_SIGN_COMMAND="cp", QUILLMON_SIGN_CA=signer.certificate)
+    assert done.returncode != 0 and done.stdout
+    assert sha256(file.read_bytes()) == before
+    assert list(tmp_path.iterdir()) == [file]
+
+
+def test_a_key_on_a_token_signs(signer, tmp_path):
+    module = "/usr/lib/softhsm/libsofthsm2.so"
+    (tmp_path / "tokens").mkdir()
+    configuration = tmp_path / "softhsm2.conf"
+    configuration.write_text(f"directories.tokendir = {tmp_path / 'tokens'}\n")
+    environment = {**os.environ, "SOFTHSM2_CONF": str(configuration)}
+    for arguments in (
+            ["--init-token", "--free", "--label", "release", "--so-pin", "9876"],
+            ["--import", signer.key, "--token", "release", "--label", "signer", "--id", "01"]):
+        subprocess.run(["softhsm2-util", *arguments, "--pin", "1234"], check=True, env=environment,
+                       stdout=subprocess.DEVNULL)
+    pin = tmp_path / "pin"
+    pin.write_text("1234")
+    file = tmp_path / "program.exe"
+    shutil.copy(BUILD / "quillmon.exe", file)
+    done = sign(file, SOFTHSM2_CONF=configuration, QUILLMON_SIGN_PKCS11_MODULE=module,
+                QUILLMON_SIGN_KEY="pkcs11:token=release;object=signer",
+                QUILLMON_SIGN_PASSWORD_FILE=pin, QUILLMON_SIGN_CERT=signer.certificate)
+    assert done.returncode == 0, done.stdout
+    assert verify(file, signer.certificate).returncode == 0

@@ -160,14 +160,19 @@ def test_installing_registers_the_classes_and_a_running_service(bare):
 def test_what_wine_does_not_take_is_a_warning_that_says_what_to_do(bare):
     warnings = bare.json("install")["warnings"]
     advice = {warning["advice"]: warning["text"] for warning in warnings}
-    for command in ("sc config QuillmonServ start= delayed-auto",
-                    "sc config QuillmonServ depend= winmgmt",
-                    "sc failureflag QuillmonServ 1",
+    for command in ("sc failureflag QuillmonServ 1",
                     "sc failure QuillmonServ reset= 86400 "
                     "actions= restart/60000/restart/60000/restart/60000"):
         assert advice[command]
-    assert advice["sc config QuillmonServ start= delayed-auto"].startswith("error 124: ")
+    assert advice["sc failureflag QuillmonServ 1"].startswith("error 124: ")
     assert bare.machine.service_state() == "RUNNING"
+
+
+def test_the_service_starts_with_windows_at_once_and_waits_for_no_other(bare):
+    bare.install()
+    assert bare.machine.query_registry(KEY, "Start") == "0x2"
+    assert bare.machine.query_registry(KEY, "DelayedAutoStart") is None
+    assert bare.machine.query_registry(KEY, "DependOnService") is None
 
 
 def test_installing_twice_changes_nothing_and_says_so(installed):

@@ -212,7 +212,7 @@ private:
   /// The compiler starts in root\default, which is not served here.
   void requireNamespace() const {
     if (!isServedNamespace(namespace_)) {
-      fail("namespace " + ascii(namespace_) + ": only root\\cimv2 is served");
+      fail("namespace " + ascii(namespace_) + ": it is not served");
     }
   }
 
@@ -429,6 +429,20 @@ class __EventProviderRegistration : __ProviderRegistration
   uint8 SECURITY_DESCRIPTOR[]; uint64 TIME_CREATED;
 };
 class __ExtrinsicEvent : __Event {};
+class __EventFilter : __SystemClass
+{
+  [key] string Name; string EventNamespace; string Query; string QueryLanguage;
+};
+[abstract] class __EventConsumer : __SystemClass {};
+class NTEventLogEventConsumer : __EventConsumer
+{
+  [key] string Name; string SourceName; uint32 EventID; uint32 EventType; uint32 Category;
+  uint32 NumberOfInsertionStrings; string InsertionStringTemplates[];
+};
+class __FilterToConsumerBinding : __SystemClass
+{
+  [key] __EventConsumer ref Consumer; [key] __EventFilter ref Filter;
+};
 )";
 
 } // namespace

@@ -87,7 +87,7 @@ struct ErrorRow {
 
 TEST(MofReader, ReportsLineAndReasonOfAnError) {
   const ErrorRow rows[] = {
-      {"class A {};", "test.mof:1: namespace root\\default: only root\\cimv2 is served"},
+      {"class A {};", "test.mof:1: namespace root\\default: it is not served"},
       {"\n\nnonsense", "test.mof:3: expected #pragma, class or instance"},
       {"@", "unexpected character '@'"},
       {"// \xe4", "a character outside ASCII"},

@@ -188,7 +188,7 @@ bool isServedNamespace(std::wstring_view text) {
       break;
     }
   }
-  return name.empty() || name == L"root\\cimv2";
+  return name.empty() || name == L"root\\cimv2" || name == L"root\\subscription";
 }
 
 bool Query::fits(const Class& type) const {

@@ -43,10 +43,11 @@ struct DoctorOptions {
 ExitCode examine(bool json, const DoctorOptions& options);
 
 struct SetupOptions {
-  std::string strategy = "adapter";
+  std::string strategy;  ///< empty: adapter for a new service, else as it is
   std::string program;   ///< empty: quillmon.exe beside this program
   std::string mofFolder; ///< empty: this program's folder
   bool keepsStopped = false;
+  bool eventLog = false; ///< device events go to the Application log, too
 };
 ExitCode install(bool json, const SetupOptions& options);
 ExitCode uninstall(bool json, const SetupOptions& options);

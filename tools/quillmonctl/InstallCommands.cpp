@@ -12,7 +12,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <array>
 
 namespace ctl {
@@ -130,29 +129,6 @@ void setOptional(Steps& steps, const std::string& what, const std::string& byHan
   }
 }
 
-void setDependency(Service& service, Steps& steps) {
-  std::wstring names(kWmiService);
-  names.append(2, L'\0'); // a list of names
-  const BOOL taken =
-      ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
-                           nullptr, nullptr, nullptr, names.c_str(), nullptr, nullptr, nullptr);
-  setOptional(steps, "starts after WMI (depends on winmgmt)",
-              "sc config QuillmonServ depend= winmgmt", taken, [&] {
-                const std::vector<std::string> found = service.configuration().dependencies;
-                return std::any_of(found.begin(), found.end(), [](const std::string& name) {
-                  return equalsIgnoreCase(name, "winmgmt");
-                });
-              });
-}
-
-void setDelayedStart(Service& service, Steps& steps) {
-  SERVICE_DELAYED_AUTO_START_INFO delayed = {TRUE};
-  const BOOL taken =
-      ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_DELAYED_AUTO_START_INFO, &delayed);
-  setOptional(steps, "starts delayed at boot", "sc config QuillmonServ start= delayed-auto", taken,
-              [&] { return service.isDelayed(); });
-}
-
 void setRecovery(Service& service, Steps& steps) {
   std::array<SC_ACTION, 3> actions{};
   actions.fill({SC_ACTION_RESTART, kRestartAfter});
@@ -178,17 +154,12 @@ void setRecovery(Service& service, Steps& steps) {
       });
 }
 
-/// What the service's own option has registered, checked; quoted and with the strategy's option.
-/// Returns true if it was changed.
-bool correctPath(Service& service, const std::string& program, bool isProxy, Steps& steps) {
+/// What is registered, quoted and with the strategy's option. Returns true if it was changed.
+bool correctPath(Service& service, bool isProxy, Steps& steps) {
   const BinaryPath found = BinaryPath::parse(service.configuration().path);
-  if (!equalsIgnoreCase(found.program, program)) {
-    throw Failure(fmt::format("checking the service's binary path: it is {} instead of {}",
-                              found.program, program),
-                  "Run quillmonctl uninstall, then install again.");
-  }
-  const BinaryPath wanted = {program, isProxy ? "-o" : "", true};
-  const bool isChanged = isProxy || (!found.isQuoted && !found.hijackCandidates().empty());
+  const BinaryPath wanted = {found.program, isProxy ? "-o" : "", true};
+  const bool isChanged =
+      found.isProxy() != isProxy || (!found.isQuoted && !found.hijackCandidates().empty());
   if (isChanged) {
     service.setPath(wanted.text());
     const std::string now = service.configuration().path;
@@ -204,6 +175,7 @@ bool correctPath(Service& service, const std::string& program, bool isProxy, Ste
 void installSteps(const SetupOptions& options, Steps& steps) {
   const std::string program = programOf(options);
   const MofFiles mof = MofFiles::in(options.mofFolder);
+  mof.requireClasses();
   requireAdministrator();
   if (Service::isInstalled()) {
     failWin32(fmt::format("installing the service {}", kServiceText), ERROR_SERVICE_EXISTS,
@@ -221,6 +193,13 @@ void installSteps(const SetupOptions& options, Steps& steps) {
   steps.done(
       fmt::format("{} WMI classes and registrations, read back", registrationState().present));
 
+  if (options.eventLog) {
+    steps.onFailure("the subscription for the event log is removed again",
+                    [mof] { compileEventLog(mof, false); });
+    compileEventLog(mof, true);
+    steps.done("device events go to the Application log, read back");
+  }
+
   steps.onFailure("the service is removed again", [] {
     if (Service::isInstalled()) {
       removeService();
@@ -236,15 +215,22 @@ void installSteps(const SetupOptions& options, Steps& steps) {
   steps.done("registered with the service control manager");
 
   Service service(kSetupRights);
-  const bool mustRestart = correctPath(service, program, options.strategy == "proxy", steps);
-  setDependency(service, steps);
-  setDelayedStart(service, steps);
+  const BinaryPath found = BinaryPath::parse(service.configuration().path);
+  if (!equalsIgnoreCase(found.program, program)) {
+    throw Failure(fmt::format("checking the service's binary path: it is {} instead of {}",
+                              found.program, program),
+                  "Run quillmonctl uninstall, then install again.");
+  }
+  // It starts with Windows, not delayed and after no other service, as its own option registers it:
+  // the till's application sends its first events soon, and COM starts WMI when it is needed.
+  const bool mustRestart = correctPath(service, options.strategy == "proxy", steps);
   setRecovery(service, steps);
   if (mustRestart) {
     service.stop();
   }
   service.start();
-  steps.done(fmt::format("running in the {} strategy", options.strategy));
+  steps.done(fmt::format("running in the {} strategy",
+                         options.strategy.empty() ? "adapter" : options.strategy));
   steps.done(waitForProvider(service));
 }
 
@@ -263,6 +249,10 @@ void uninstallSteps(const SetupOptions& options, Steps& steps) {
   } else {
     steps.done("no WMI class was there");
   }
+  if (hasEventLog()) {
+    compileEventLog(mof, false);
+    steps.done("device events go to the Application log no longer");
+  }
 }
 
 void repairSteps(const SetupOptions& options, Steps& steps) {
@@ -271,12 +261,19 @@ void repairSteps(const SetupOptions& options, Steps& steps) {
   compileMof(mof.install, true);
   steps.done(
       fmt::format("{} WMI classes and registrations, read back", registrationState().present));
+  if (options.eventLog) {
+    compileEventLog(mof, true);
+    steps.done("device events go to the Application log, read back");
+  }
   if (!Service::isInstalled()) {
     steps.done("no service is installed: only the classes were renewed");
     return;
   }
+  Service service(kSetupRights);
+  if (!options.strategy.empty()) {
+    correctPath(service, options.strategy == "proxy", steps);
+  }
   // The service looks at its classes when it starts, and only then.
-  Service service(SERVICE_QUERY_STATUS | SERVICE_START | SERVICE_STOP);
   if (options.keepsStopped && service.status().dwCurrentState == SERVICE_STOPPED) {
     steps.done("the service is stopped and stays so");
     return;

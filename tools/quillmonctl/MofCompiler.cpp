@@ -3,6 +3,7 @@
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
+#include "quillmonctl/Wmi.h"
 
 #include <fmt/format.h>
 
@@ -17,20 +18,42 @@ std::string lastLine(const std::string& output) {
   return printable(words);
 }
 
-std::string requireFile(const std::string& path) {
+const char* const kAdvice =
+    "Run mofcomp on that file by hand, from an elevated prompt, and read what it says; check WMI's "
+    "store with winmgmt /verifyrepository.";
+
+void requireFile(const std::string& path) {
   if (!exists(path)) {
     failWin32(fmt::format("looking for {}", path), ERROR_FILE_NOT_FOUND,
               "Put the product's MOF files beside quillmonctl.exe, or name their folder with "
               "--mof-folder.");
   }
-  return path;
+}
+
+/// Throws Failure unless the compiler ends with 0. Returns what it said.
+std::string runCompiler(const std::string& file) {
+  requireFile(file);
+  const std::string compiler = systemFolder() + "\\wbem\\mofcomp.exe";
+  if (!exists(compiler)) {
+    failWin32(fmt::format("looking for WMI's compiler {}", compiler), ERROR_FILE_NOT_FOUND,
+              "WMI is not whole on this machine: repair Windows' WMI (winmgmt /verifyrepository).");
+  }
+  const ProgramResult ended = runProgram(compiler, {file});
+  std::string said = fmt::format("mofcomp ended with code {}{}{}", ended.exitCode,
+                                 ended.output.empty() ? "" : " and said: ", lastLine(ended.output));
+  if (ended.exitCode != 0) {
+    throw Failure(fmt::format("compiling {}: {}", file, said), kAdvice);
+  }
+  return said;
 }
 
 } // namespace
 
 MofFiles MofFiles::in(const std::string& folder) {
   const std::string place = folder.empty() ? programFolder() : absolutePath(folder);
-  return {requireFile(place + "\\quillmon.mof"), requireFile(place + "\\quillmon-uninstall.mof")};
+  const std::string samples = place + "\\samples\\inventory\\";
+  return {place + "\\quillmon.mof", place + "\\quillmon-uninstall.mof",
+          samples + "events-to-eventlog.mof", samples + "no-events-to-eventlog.mof"};
 }
 
 RegistrationState registrationState() {
@@ -48,35 +71,43 @@ RegistrationState registrationState() {
   return result;
 }
 
+void MofFiles::requireClasses() const {
+  requireFile(install);
+  requireFile(uninstall);
+}
+
 void compileMof(const std::string& file, bool wanted) {
-  const std::string compiler = systemFolder() + "\\wbem\\mofcomp.exe";
-  if (!exists(compiler)) {
-    failWin32(fmt::format("looking for WMI's compiler {}", compiler), ERROR_FILE_NOT_FOUND,
-              "WMI is not whole on this machine: repair Windows' WMI (winmgmt /verifyrepository).");
-  }
-  const ProgramResult ended = runProgram(compiler, {file});
-  const std::string said =
-      fmt::format("mofcomp ended with code {}{}{}", ended.exitCode,
-                  ended.output.empty() ? "" : " and said: ", lastLine(ended.output));
-  const char* const advice =
-      "Run mofcomp on that file by hand, from an elevated prompt, and read what it says; check "
-      "WMI's store with winmgmt /verifyrepository.";
-  if (ended.exitCode != 0) {
-    throw Failure(fmt::format("compiling {}: {}", file, said), advice);
-  }
+  const std::string said = runCompiler(file);
   // Its exit code alone proves nothing: it is 0 for a file that it passed over, too.
   const RegistrationState now = registrationState();
   if (wanted && now.missing > 0) {
     throw Failure(fmt::format("reading the classes back after compiling {}: {} of {} are missing, "
                               "{} first ({})",
                               file, now.missing, now.missing + now.present, now.firstMissing, said),
-                  advice);
+                  kAdvice);
   }
   if (!wanted && now.present > 0) {
     throw Failure(fmt::format("reading the classes back after compiling {}: {} are still there "
                               "({})",
                               file, now.present, said),
-                  advice);
+                  kAdvice);
+  }
+}
+
+bool hasEventLog() {
+  return Wmi(L"root\\subscription")
+      .find("NTEventLogEventConsumer.Name=\"QuillmonEvents\"")
+      .has_value();
+}
+
+void compileEventLog(const MofFiles& files, bool wanted) {
+  const std::string file = wanted ? files.eventLog : files.noEventLog;
+  const std::string said = runCompiler(file);
+  if (hasEventLog() != wanted) {
+    throw Failure(fmt::format("reading the subscription back after compiling {}: it is {} there "
+                              "({})",
+                              file, wanted ? "not" : "still", said),
+                  kAdvice);
   }
 }
 

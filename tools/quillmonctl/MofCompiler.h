@@ -4,19 +4,27 @@
 
 namespace ctl {
 
-/// The two files of the product's WMI classes, beside this program or where `folder` says.
+/// The product's MOF files, beside this program or where `folder` says: of its WMI classes, and of
+/// the subscription that writes device events into the Application log.
 struct MofFiles {
   std::string install;
   std::string uninstall;
+  std::string eventLog;
+  std::string noEventLog;
 
-  /// Throws Failure if one is missing.
   static MofFiles in(const std::string& folder);
+  /// Throws Failure if one of the first two is missing.
+  void requireClasses() const;
 };
 
 /// Has Windows' own compiler read the file, then looks for itself: throws Failure unless all
 /// classes and registrations are there (`wanted`) or none is. What the compiler said is in the
 /// message. Needs COM.
 void compileMof(const std::string& file, bool wanted);
+
+/// The same for the subscription.
+void compileEventLog(const MofFiles& files, bool wanted);
+bool hasEventLog();
 
 /// How many of the product's classes and registrations WMI has now.
 struct RegistrationState {

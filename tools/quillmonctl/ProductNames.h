@@ -8,6 +8,5 @@ inline constexpr char kServiceText[] = "QuillmonServ";
 inline constexpr char kProvider[] = "QuillmonService";
 inline constexpr char kEventClass[] = "QuillmonEvent";
 inline constexpr wchar_t kTraceEvent[] = L"Global\\TRC_QUILLMON";
-inline constexpr wchar_t kWmiService[] = L"winmgmt";
 
 } // namespace ctl

@@ -179,15 +179,21 @@ void describe(CLI::App& app, Request& r) {
                       "quillmonctl.exe");
     return setup;
   };
+  const auto addChoices = [&](CLI::App* setup, const char* unlessGiven) {
+    setup->add_option("--strategy", r.setup.strategy, "adapter or proxy")
+        ->check(CLI::IsMember({"adapter", "proxy"}).description(""))
+        ->default_str(unlessGiven);
+    setup->add_flag("--event-log", r.setup.eventLog,
+                    "Have WMI write device events into the Application log, too");
+  };
   command = addSetup("install", "Install and start the service, or change nothing", install);
-  command->add_option("--strategy", r.setup.strategy, "adapter or proxy")
-      ->check(CLI::IsMember({"adapter", "proxy"}).description(""))
-      ->capture_default_str();
+  addChoices(command, "adapter");
   command->add_option("--program", r.setup.program,
                       "The service's program, if not quillmon.exe beside quillmonctl.exe");
   addSetup("uninstall", "Remove the service and its WMI classes", uninstall);
-  addSetup("repair", "Renew the WMI classes and restart the service", repair)
-      ->add_flag("--keep-stopped", r.setup.keepsStopped, "Do not start a stopped service");
+  command = addSetup("repair", "Renew the WMI classes and restart the service", repair);
+  addChoices(command, "as it is");
+  command->add_flag("--keep-stopped", r.setup.keepsStopped, "Do not start a stopped service");
 }
 
 void parse(CLI::App& app, std::vector<std::string> words) {
