@@ -313,6 +313,58 @@ def test_repairing_brings_the_classes_back_and_restarts_the_service(installed):
     assert after["service"]["process"] != before["service"]["process"]
 
 
+def changed_classes(tool, text, instead):
+    file = tool.machine.home / "quillmon.mof"
+    original = file.read_text()
+    assert text in original
+    file.write_text(original.replace(text, instead, 1))
+    return file, original
+
+
+def test_a_later_version_s_classes_are_compiled_over_this_one_s(installed):
+    added = ("string UnifiedPOSVersion;", "string UnifiedPOSVersion; [read] string Colour;")
+    file, original = changed_classes(installed, *added)
+    installed.run("repair")
+    assert installed.json("get", "SCANNER1")["Colour"] is None
+    file.write_text(original)
+    installed.run("uninstall")
+    installed.machine.set_wmi("Mof", "")
+    installed.install()
+
+
+def test_a_change_that_derived_classes_do_not_bear_is_refused(installed):
+    file, original = changed_classes(
+        installed, "string UnifiedPOSVersion;", "uint32 UnifiedPOSVersion;")
+    text = " ".join(installed.text("repair", code=1).split())
+    file.write_text(original)
+    assert "mofcomp ended with code 3 and said: " in text
+    installed.run("repair")
+
+
+def test_somebody_else_s_class_is_found_before_it_is_overwritten(bare):
+    theirs = bare.machine.c / "theirs.mof"
+    theirs.write_text('#pragma namespace("\\\\\\\\.\\\\root\\\\cimv2")\n'
+                      'class UPOS_Scale { [key] string Serial; };\n')
+    bare.machine.run("C:\\windows\\system32\\wbem\\mofcomp.exe", "C:\\theirs.mof")
+    error = bare.json("install", code=1)["error"]
+    assert error["step"] == (
+        "checking WMI's classes: UPOS_Scale is already there, without the provider QuillmonService")
+    assert "undone" not in error or error["undone"] == []
+    assert bare.json("status", code=3)["wmi"]["classes"] == 1
+    bare.machine.set_wmi("Mof", "")
+
+
+def test_removing_takes_the_file_out_of_those_that_wmi_compiles_again(bare):
+    key, name = "HKLM\\SOFTWARE\\Microsoft\\WBEM\\CIMOM", "Autorecover MOFs"
+    bare.machine.run("reg", "add", key, "/v", name, "/t", "REG_MULTI_SZ", "/d", "C:\\other.mof", "/f")
+    bare.install()
+    listed = bare.machine.run("reg", "query", key, "/v", name).out
+    assert "C:\\other.mof\\0C:\\Quillmon\\quillmon.mof" in listed
+    bare.uninstall()
+    listed = bare.machine.run("reg", "query", key, "/v", name).out
+    assert "C:\\other.mof" in listed and "quillmon.mof" not in listed
+
+
 def test_repairing_can_leave_a_stopped_service_stopped(installed):
     installed.machine.stop_service()
     text = installed.text("repair", "--keep-stopped")

@@ -362,17 +362,54 @@ const Object* Repository::findInstance(const ObjectPath& path) const {
   return nullptr;
 }
 
-void Repository::putClass(Class type) {
+void Repository::putClass(Class type, Update update) {
   ClassPointer& place = classes_[lower(type.name)];
-  if (place && !derivedFrom(type.name).empty()) {
-    if (place->superclass != type.superclass || place->qualifiers != type.qualifiers ||
-        place->properties != type.properties) {
+  std::vector<ClassPointer> derived;
+  if (place) {
+    derived = derivedFrom(type.name);
+  }
+  if (!derived.empty()) {
+    if (place->superclass == type.superclass && place->qualifiers == type.qualifiers &&
+        place->properties == type.properties) {
+      return; // the derived classes refer to the existing object
+    }
+    const bool isAddition = std::all_of(
+        place->properties.begin(), place->properties.end(), [&](const Property& property) {
+          const std::optional<std::size_t> found = type.find(property.name);
+          return found && type.properties[*found].cimType == property.cimType &&
+                 type.properties[*found].isArray == property.isArray;
+        });
+    if (update != Update::Safe || !isAddition) {
       throw std::runtime_error("class " + narrowAscii(type.name) +
                                " has derived classes and cannot change");
     }
-    return; // the derived classes refer to the existing object
   }
   place = std::make_shared<const Class>(std::move(type));
+  const auto depth = [](const ClassPointer& of) {
+    int above = 0;
+    for (ClassPointer each = of->superclass; each; each = each->superclass) {
+      ++above;
+    }
+    return above;
+  };
+  std::sort(derived.begin(), derived.end(),
+            [&](const ClassPointer& one, const ClassPointer& other) {
+              return depth(one) < depth(other); // parents first
+            });
+  for (const ClassPointer& each : derived) {
+    inheritAgain(each);
+  }
+}
+
+void Repository::inheritAgain(const ClassPointer& derived) {
+  Class type = *derived;
+  type.superclass = findClass(type.superclass->name);
+  for (const Property& property : type.superclass->properties) {
+    if (!type.find(property.name)) {
+      type.properties.push_back(property);
+    }
+  }
+  classes_[lower(derived->name)] = std::make_shared<const Class>(std::move(type));
 }
 
 void Repository::putInstance(Object instance) {

@@ -138,15 +138,18 @@ public:
   const std::vector<Object>& instances() const { return instances_; }
   const Object* findInstance(const ObjectPath& path) const;
 
-  /// Throw std::runtime_error with the reason. A class can be replaced; one with derived classes
-  /// only by an equal one.
-  void putClass(Class type);
+  /// Throw std::runtime_error with the reason. A class can be replaced. One with derived classes
+  /// only by an equal one; with a safe update also by one that adds to it, which they inherit.
+  enum class Update { Compatible, Safe };
+  void putClass(Class type, Update update = Update::Compatible);
   void putInstance(Object instance);
   /// Return false if there is none. With a class its derived classes and instances are removed.
   bool removeClass(std::wstring_view name);
   bool removeInstance(const ObjectPath& path);
 
 private:
+  void inheritAgain(const ClassPointer& derived);
+
   std::map<std::wstring, ClassPointer> classes_; // by lower-case name
   std::vector<Object> instances_;
 };

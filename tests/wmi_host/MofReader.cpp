@@ -186,6 +186,11 @@ private:
     const std::wstring argument = expect(TokenKind::string, "a string");
     if (name == L"namespace") {
       namespace_ = argument;
+    } else if (name == L"classflags") {
+      if (!sameName(argument, L"safeupdate")) {
+        fail("cannot follow class flag " + ascii(argument));
+      }
+      update_ = Repository::Update::Safe;
     } else {
       requireNamespace();
       expectSymbol(L',');
@@ -307,7 +312,7 @@ private:
       propertyDeclaration(type);
     }
     expectSymbol(L';');
-    repository_.putClass(std::move(type));
+    repository_.putClass(std::move(type), update_);
   }
 
   /// `own`, and what is handed down of `above` and not among them.
@@ -389,6 +394,7 @@ private:
   Lexer lexer_;
   Token token_;
   std::wstring namespace_ = L"root\\default";
+  Repository::Update update_ = Repository::Update::Compatible;
   std::map<std::wstring, std::wstring> aliases_; // by lower-case name, to the instance's path
 };
 

@@ -80,6 +80,31 @@ TEST(MofReader, AClassIsDeletedWithWhatDerivesFromIt) {
   EXPECT_EQ(repository.instances().size(), 1u);
 }
 
+TEST(MofReader, ASafeUpdateHandsANewPropertyDown) {
+  const std::string before = "class A { [key] string Id; }; class B : A {}; class C : B {};";
+  const std::string after = "class A { [key] string Id; uint32 New; };";
+  Repository repository = read(before);
+  EXPECT_THROW(readMof(repository, kNamespace + after, "test.mof"), std::runtime_error);
+  EXPECT_FALSE(repository.findClass(L"A")->find(L"New"));
+  readMof(repository, "#pragma classflags(\"safeupdate\")\n" + (kNamespace + after), "test.mof");
+  for (const wchar_t* name : {L"A", L"B", L"C"}) {
+    EXPECT_TRUE(repository.findClass(name)->find(L"New"));
+  }
+  EXPECT_EQ(repository.findClass(L"C")->superclass, repository.findClass(L"B"));
+  EXPECT_EQ(repository.findClass(L"B")->superclass, repository.findClass(L"A"));
+}
+
+TEST(MofReader, ASafeUpdateTakesNothingFromWhatDerives) {
+  Repository repository = read("class A { [key] string Id; uint32 N; }; class B : A {};");
+  for (const char* changed :
+       {"class A { [key] string Id; };", "class A { [key] string Id; string N; };"}) {
+    EXPECT_THROW(readMof(repository,
+                         "#pragma classflags(\"safeupdate\")\n" + std::string(kNamespace) + changed,
+                         "test.mof"),
+                 std::runtime_error);
+  }
+}
+
 struct ErrorRow {
   const char* text;
   const char* error;

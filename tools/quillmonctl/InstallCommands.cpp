@@ -185,9 +185,9 @@ void installSteps(const SetupOptions& options, Steps& steps) {
   requireSafePath(program);
 
   // The classes come first: the service looks for its event class when it starts.
+  requireNoForeignClass();
   if (registrationState().present == 0) {
-    steps.onFailure("the WMI classes are removed again",
-                    [mof] { compileMof(mof.uninstall, false); });
+    steps.onFailure("the WMI classes are removed again", [mof] { removeClasses(mof); });
   }
   compileMof(mof.install, true);
   steps.done(
@@ -244,7 +244,7 @@ void uninstallSteps(const SetupOptions& options, Steps& steps) {
     steps.done("no service was installed");
   }
   if (registrationState().present > 0) {
-    compileMof(mof.uninstall, false);
+    removeClasses(mof);
     steps.done("the WMI classes are removed");
   } else {
     steps.done("no WMI class was there");

@@ -1,11 +1,18 @@
 #include "quillmonctl/MofCompiler.h"
 
+#include "quillmonctl/IgnoreCase.h"
+#include "quillmonctl/MofClasses.h"
+#include "quillmonctl/ProductNames.h"
 #include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Text.h"
 #include "quillmonctl/Wmi.h"
+#include "win/Handles.h"
 
 #include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
 
 namespace ctl {
 namespace {
@@ -27,6 +34,38 @@ void requireFile(const std::string& path) {
     failWin32(fmt::format("looking for {}", path), ERROR_FILE_NOT_FOUND,
               "Put the product's MOF files beside quillmonctl.exe, or name their folder with "
               "--mof-folder.");
+  }
+}
+
+/// WMI has a list of files that it compiles again; the compiler adds to it and never removes.
+void forgetRecovery(const std::string& file) {
+  win::RegistryKey key;
+  const DWORD rights = KEY_QUERY_VALUE | KEY_SET_VALUE;
+  const wchar_t* const name = L"Autorecover MOFs";
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\WBEM\\CIMOM", 0, rights,
+                    key.put()) != ERROR_SUCCESS) {
+    return;
+  }
+  DWORD size = 0;
+  RegGetValueW(key.get(), nullptr, name, RRF_RT_REG_MULTI_SZ, nullptr, nullptr, &size);
+  std::wstring list(size / sizeof(wchar_t), L'\0');
+  if (list.empty() || RegGetValueW(key.get(), nullptr, name, RRF_RT_REG_MULTI_SZ, nullptr,
+                                   list.data(), &size) != ERROR_SUCCESS) {
+    return;
+  }
+  std::wstring kept;
+  for (const wchar_t* entry = list.c_str(); *entry != L'\0';
+       entry += std::wstring_view(entry).size() + 1) {
+    if (!equalsIgnoreCase(utf8(entry), file)) {
+      kept.append(entry).push_back(L'\0');
+    }
+  }
+  kept.push_back(L'\0');
+  const LSTATUS result =
+      RegSetValueExW(key.get(), name, 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(kept.data()),
+                     static_cast<DWORD>(kept.size() * sizeof(wchar_t)));
+  if (result != ERROR_SUCCESS) {
+    failWin32("changing WMI's list of MOF files (Autorecover MOFs)", static_cast<DWORD>(result));
   }
 }
 
@@ -92,6 +131,27 @@ void compileMof(const std::string& file, bool wanted) {
                               file, now.present, said),
                   kAdvice);
   }
+}
+
+void removeClasses(const MofFiles& files) {
+  compileMof(files.uninstall, false);
+  forgetRecovery(files.install);
+}
+
+void requireNoForeignClass() {
+  const Survey::Wmi wmi = surveyRegistration();
+  if (wmi.error || wmi.registrations > 0 || wmi.classes == 0) {
+    return; // an error is said by what comes next
+  }
+  const auto* const found =
+      std::find_if(std::begin(kMofClasses), std::end(kMofClasses), [&](const char* name) {
+        return std::find(wmi.missingClasses.begin(), wmi.missingClasses.end(), name) ==
+               wmi.missingClasses.end();
+      });
+  throw Failure(fmt::format("checking WMI's classes: {} is already there, without the provider {}",
+                            *found, kProvider),
+                "Find out which program made it. If nobody needs it, compile "
+                "quillmon-uninstall.mof with mofcomp, which removes it, and try again.");
 }
 
 bool hasEventLog() {

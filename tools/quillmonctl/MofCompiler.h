@@ -22,7 +22,15 @@ struct MofFiles {
 /// message. Needs COM.
 void compileMof(const std::string& file, bool wanted);
 
-/// The same for the subscription.
+/// Removes the classes and registrations; and the file that made them from the list of those that WMI
+/// compiles again when it rebuilds its store.
+void removeClasses(const MofFiles& files);
+
+/// Throws Failure if a class of that name is there, but not the product's provider: the compiler
+/// would change somebody else's class.
+void requireNoForeignClass();
+
+/// Compiles the one or the other file of the subscription, and looks for itself.
 void compileEventLog(const MofFiles& files, bool wanted);
 bool hasEventLog();
 
