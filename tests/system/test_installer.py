@@ -164,7 +164,20 @@ def test_what_was_edited_survives_an_upgrade_and_the_removal(computer, packages)
     log.write_text("a line")
     machine.stop_service()
 
-    assert computer.install(packages.new) == 0, computer.said
+    # The upgrade waits for a program that still runs.
+    console = machine.start(FOLDER + "quillmon.exe", "-d")
+    wait_until(machine.service_process, "the console mode")
+    upgrade = machine.start("msiexec", "/i", windows_path(packages.new), "/qn", "/l*v",
+                            "C:\\upgrade.log")
+    upgrade_log = machine.c / "upgrade.log"
+    wait_until(lambda: upgrade_log.exists() and
+               b": InstallFinalize" in upgrade_log.read_bytes().replace(b"\0", b""),
+               "the upgrade to begin")
+    assert upgrade.poll() is None
+    console.kill()
+    assert upgrade.wait(timeout=60) == 0
+
+    assert computer.version == "0.0.2"
     assert (computer.configuration.read_bytes(), trace.read_bytes(), log.read_text()) == (
         edited, b"FileSize=5\r\n", "a line")
     assert machine.service_state() == "STOPPED"
@@ -180,23 +193,6 @@ def test_what_was_edited_survives_an_upgrade_and_the_removal(computer, packages)
     # What a removal has left is no obstacle.
     assert computer.install(packages.new) == 0, computer.said
     assert computer.configuration.read_bytes() == edited
-
-
-def test_an_upgrade_waits_for_a_program_that_still_runs(computer, packages):
-    machine = computer.machine
-    assert computer.install(packages.old) == 0, computer.said
-    machine.stop_service()
-    console = machine.start(FOLDER + "quillmon.exe", "-d")
-    wait_until(lambda: machine.service_process(), "the console mode")
-    upgrade = machine.start("msiexec", "/i", windows_path(packages.new), "/qn", "/l*v",
-                            "C:\\upgrade.log")
-    log = machine.c / "upgrade.log"
-    wait_until(lambda: log.exists() and b"StopService" in log.read_bytes().replace(b"\0", b""),
-               "the upgrade to look at the program")
-    assert upgrade.poll() is None
-    console.kill()
-    assert upgrade.wait(timeout=60) == 0
-    assert computer.version == "0.0.2"
 
 
 def test_an_installation_that_fails_is_undone(computer, packages):
@@ -244,16 +240,6 @@ def test_device_events_go_to_the_event_log_on_request(computer, packages):
     computer.assert_nothing_is_left()
 
 
-def test_rights_come_before_what_is_written(computer, packages):
-    computer.configuration.parent.mkdir(parents=True)
-    computer.configuration.parent.chmod(0o777)
-    assert computer.install(packages.old) == 0, computer.said
-    for folder in (computer.configuration.parent, computer.folder, computer.folder / "Log"):
-        assert folder.stat().st_mode & 0o002 == 0, folder
-    order = computer.log.index
-    assert order(": MakeFolders.") < order(": InstallFiles.") < order(": PutDefaults.")
-
-
 def test_an_older_windows_is_refused_before_anything_is_changed(computer, packages):
     machine = computer.machine
     machine.delete_registry(WINDOWS_KEY, "CurrentMajorVersionNumber")
@@ -273,32 +259,33 @@ def test_a_property_with_nonsense_is_refused(computer, packages, option):
     computer.assert_nothing_is_left()
 
 
-def test_a_second_installation_elsewhere_is_refused(computer, packages):
-    assert computer.install(packages.old) == 0, computer.said
+def test_another_folder_can_be_chosen_and_gets_its_rights_first(computer, packages):
+    machine = computer.machine
+    computer.configuration.parent.mkdir(parents=True)
+    computer.configuration.parent.chmod(0o777)
+    folder = "C:\\Till Software\\Quillmon\\"
+    assert computer.install(packages.old, f"INSTALLDIR={folder}") == 0, computer.said
+    order = computer.log.index
+    assert order(": MakeFolders.") < order(": InstallFiles.") < order(": PutDefaults.")
+    place = machine.c / "Till Software" / "Quillmon"
+    for made in (place.parent, place, place / "Log", computer.configuration.parent):
+        assert made.stat().st_mode & 0o002 == 0, made
+    assert machine.query_registry(SERVICE_KEY, "ImagePath") == f'"{folder}quillmon.exe"'
+    assert computer.install(packages.new) == 0, computer.said  # it stays there
+    assert (place / "quillmon.exe").exists() and not computer.folder.exists()
+    assert computer.remove(packages.new) == 0, computer.said
+    assert not place.exists()
+    place.parent.rmdir()
+
+
+def test_an_older_version_and_a_second_installation_are_refused(computer, packages):
+    assert computer.install(packages.new) == 0, computer.said
+    assert computer.install(packages.old) == 1603
+    assert ": LaunchConditions. Return value 0" in computer.log
     assert computer.install(packages.new, "INSTALLDIR=C:\\Other") == 1603
     assert f"Quillmon error 2: Quillmon is installed in {FOLDER}." in computer.log
     assert not (computer.machine.c / "Other").exists()
-    assert computer.machine.service_state() == "RUNNING" and computer.version == "0.0.1"
-
-
-def test_an_older_version_is_refused(computer, packages):
-    assert computer.install(packages.new) == 0, computer.said
-    assert computer.install(packages.old) == 1603
     assert computer.machine.service_state() == "RUNNING" and computer.version == "0.0.2"
-
-
-def test_another_folder_can_be_chosen(computer, packages):
-    machine = computer.machine
-    assert computer.install(packages.old, "INSTALLDIR=C:\\Till Software\\Quillmon") == 0, computer.said
-    assert machine.query_registry(SERVICE_KEY, "ImagePath") == (
-        '"C:\\Till Software\\Quillmon\\quillmon.exe"')
-    other = machine.c / "Till Software"
-    assert other.stat().st_mode & 0o002 == 0
-    assert computer.install(packages.new) == 0, computer.log  # it stays there
-    assert (other / "Quillmon" / "quillmon.exe").exists() and not computer.folder.exists()
-    assert computer.remove(packages.new) == 0, computer.said
-    assert not (other / "Quillmon").exists()
-    other.rmdir()
 
 
 def test_a_folder_of_somebody_else_is_refused(computer, packages):

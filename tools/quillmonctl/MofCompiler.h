@@ -22,8 +22,8 @@ struct MofFiles {
 /// message. Needs COM.
 void compileMof(const std::string& file, bool wanted);
 
-/// Removes the classes and registrations; and the file that made them from the list of those that WMI
-/// compiles again when it rebuilds its store.
+/// Removes the classes and registrations; and the file that made them from the list of those that
+/// WMI compiles again when it rebuilds its store.
 void removeClasses(const MofFiles& files);
 
 /// Throws Failure if a class of that name is there, but not the product's provider: the compiler
