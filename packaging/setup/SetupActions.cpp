@@ -165,7 +165,8 @@ std::wstring installingAdministrator() {
 bool isTrusted(PSID owner, const std::wstring& administrator) {
   if (IsWellKnownSid(owner, WinBuiltinAdministratorsSid) ||
       IsWellKnownSid(owner, WinLocalSystemSid) ||
-      IsWellKnownSid(owner, WinAccountAdministratorSid)) {
+      IsWellKnownSid(owner, WinAccountAdministratorSid) ||
+      IsWellKnownSid(owner, WinAccountDomainAdminsSid)) {
     return true;
   }
   wchar_t* text = nullptr;

@@ -354,6 +354,23 @@ def test_somebody_else_s_class_is_found_before_it_is_overwritten(bare):
     bare.machine.set_wmi("Mof", "")
 
 
+def test_a_write_filter_that_protects_the_volume_is_named(installed):
+    file = installed.machine.c / "filter.mof"
+    file.write_text(r'''#pragma namespace("root\\standardcimv2\\embedded")
+class UWF_Filter { [key] string Id; boolean CurrentEnabled; boolean NextEnabled; };
+class UWF_Volume { [key] string Id; boolean CurrentSession; string DriveLetter; boolean Protected; };
+instance of UWF_Filter { Id = "1"; CurrentEnabled = TRUE; NextEnabled = FALSE; };
+instance of UWF_Volume { Id = "1"; CurrentSession = TRUE; DriveLetter = "C:"; Protected = TRUE; };
+''')
+    installed.machine.run("C:\\windows\\system32\\wbem\\mofcomp.exe", "C:\\filter.mof")
+    text = " ".join(installed.text("repair").split())
+    assert "WARN kept on the volume C:: the Unified Write Filter forgets it all" in text
+    assert "until the next start C: is protected (UWF)" in " ".join(
+        installed.machine.run(EXE, "doctor").out.split())
+    installed.machine.set_wmi("Mof", "")
+    installed.run("repair")
+
+
 def test_removing_takes_the_file_out_of_those_that_wmi_compiles_again(bare):
     key, name = "HKLM\\SOFTWARE\\Microsoft\\WBEM\\CIMOM", "Autorecover MOFs"
     bare.machine.run("reg", "add", key, "/v", name, "/t", "REG_MULTI_SZ", "/d", "C:\\other.mof", "/f")

@@ -188,7 +188,8 @@ bool isServedNamespace(std::wstring_view text) {
       break;
     }
   }
-  return name.empty() || name == L"root\\cimv2" || name == L"root\\subscription";
+  return name.empty() || name == L"root\\cimv2" || name == L"root\\subscription" ||
+         name == L"root\\standardcimv2\\embedded";
 }
 
 bool Query::fits(const Class& type) const {

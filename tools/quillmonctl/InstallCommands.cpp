@@ -7,6 +7,7 @@
 #include "quillmonctl/ProductNames.h"
 #include "quillmonctl/Service.h"
 #include "quillmonctl/Steps.h"
+#include "quillmonctl/Survey.h"
 #include "quillmonctl/System.h"
 #include "quillmonctl/Wmi.h"
 
@@ -21,6 +22,7 @@ constexpr DWORD kPollInterval = 100;           // milliseconds between looks
 constexpr DWORD kTimeout = 30'000;             // milliseconds for the provider, and for a removal
 constexpr DWORD kSettleTime = 1000;            // milliseconds from the first answer on
 constexpr DWORD kRestartAfter = 60'000;        // milliseconds between a failure and the restart
+constexpr unsigned kFilterTimeout = 10;        // seconds for the write filter's answer
 constexpr DWORD kForgetFailuresAfter = 86'400; // seconds
 constexpr DWORD kSetupRights = SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG |
                                SERVICE_START | SERVICE_STOP | DELETE;
@@ -172,6 +174,17 @@ bool correctPath(Service& service, bool isProxy, Steps& steps) {
   return isChanged;
 }
 
+/// What was done may be gone after a restart.
+void warnOfWriteFilter(Steps& steps) {
+  const Survey::WriteFilter filter = surveyWriteFilter(kFilterTimeout);
+  if (filter.protects) {
+    steps.warn(fmt::format("kept on the volume {}", filter.volume),
+               {SystemError::Kind::Win32, 0,
+                "the Unified Write Filter forgets it all at the next restart"},
+               "Do it again in servicing mode, or while the filter is off (docs/install.md).");
+  }
+}
+
 void installSteps(const SetupOptions& options, Steps& steps) {
   const std::string program = programOf(options);
   const MofFiles mof = MofFiles::in(options.mofFolder);
@@ -232,6 +245,7 @@ void installSteps(const SetupOptions& options, Steps& steps) {
   steps.done(fmt::format("running in the {} strategy",
                          options.strategy.empty() ? "adapter" : options.strategy));
   steps.done(waitForProvider(service));
+  warnOfWriteFilter(steps);
 }
 
 void uninstallSteps(const SetupOptions& options, Steps& steps) {
@@ -282,6 +296,7 @@ void repairSteps(const SetupOptions& options, Steps& steps) {
   service.start();
   steps.done("the service was restarted");
   steps.done(waitForProvider(service));
+  warnOfWriteFilter(steps);
 }
 
 using Job = void (*)(const SetupOptions& options, Steps& steps);
