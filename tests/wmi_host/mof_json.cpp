@@ -49,7 +49,8 @@ int main(int argc, char* argv[]) {
     std::cerr << "usage: mof_json FILE\n";
     return 2;
   }
-  wmi_host::Repository repository = wmi_host::systemRepository();
+  const wmi_host::Repository system = wmi_host::systemRepository();
+  wmi_host::Repository repository = system;
   try {
     wmi_host::readMofFile(repository, argv[1], argv[1]);
   } catch (const std::exception& error) {
@@ -61,7 +62,7 @@ int main(int argc, char* argv[]) {
                    [](const auto& one, const auto& other) { return depth(one) < depth(other); });
   const char* separator = "[\n";
   for (const wmi_host::ClassPointer& type : classes) {
-    if (!type->name.starts_with(L"__")) {
+    if (!system.findClass(type->name)) {
       std::cout << separator << toJson(*type).dump();
       separator = ",\n";
     }
