@@ -202,6 +202,14 @@ void requireTrusted(const std::wstring& path, const std::wstring& administrator)
   }
 }
 
+void requireTrustedIfThere(const Fields& paths, const std::wstring& administrator) {
+  for (const std::wstring& path : paths) {
+    if (exists(path)) {
+      requireTrusted(path, administrator);
+    }
+  }
+}
+
 /// C:\POS, C:\POS\JavaPOS, C:\POS\JavaPOS\Config
 Fields foldersTo(const std::wstring& path) {
   Fields folders;
@@ -480,6 +488,11 @@ ACTION Examine(MSIHANDLE install) {
       defaults.insert(defaults.end(), {folder + L"config\\zontrace.cfg", folder + L"zontrace.cfg"});
     }
 
+    Fields files = {folder + L"Log"};
+    for (std::size_t i = 1; i < defaults.size(); i += 2) {
+      files.push_back(defaults[i]);
+    }
+
     Fields undo;
     if (session.property(L"REMOVE") != L"ALL") {
       if (!installedIn.empty() && !sameText(installedIn, folder)) {
@@ -505,11 +518,7 @@ ACTION Examine(MSIHANDLE install) {
           undo.insert(undo.begin(), path + L">" + rightsOf(path));
         }
       }
-      for (std::size_t i = 1; i < defaults.size(); i += 2) {
-        if (exists(defaults[i])) {
-          requireTrusted(defaults[i], administrator);
-        }
-      }
+      requireTrustedIfThere(files, administrator);
     }
 
     std::wstring strategy = session.property(L"STRATEGY");
@@ -528,7 +537,8 @@ ACTION Examine(MSIHANDLE install) {
       session.setProperty(action, join(defaults));
     }
     session.setProperty(L"PutDefaultsBack", join(newDefaults(defaults)));
-    session.setProperty(L"MakeFolders", administrator + kSeparator + join(folders));
+    session.setProperty(L"MakeFolders", join({administrator, bareFolder, configuration}) +
+                                            kSeparator + join(files));
     session.setProperty(L"MakeFoldersBack", join(undo));
     session.setProperty(L"Register",
                         quillmonctl(folder, service.isInstalled ? L"repair" + chosen + state
@@ -562,9 +572,11 @@ ACTION StartAgain(MSIHANDLE install) {
 ACTION MakeFolders(MSIHANDLE install) {
   return run(install, [](const Session& session) {
     const Fields data = session.data();
-    for (std::size_t i = 1; i < data.size(); ++i) {
-      makeFolder(data[i], data[0]);
+    for (std::size_t i = 1; i < 3; ++i) {
+      makeFolder(data.at(i), data[0]);
     }
+    // Nobody else can put them there from now on.
+    requireTrustedIfThere({data.begin() + 3, data.end()}, data[0]);
   });
 }
 

@@ -304,15 +304,18 @@ def test_a_folder_of_somebody_else_is_refused(computer, packages):
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="gives a folder to another user")
-@pytest.mark.parametrize("path", ["POS", "POS/JavaPOS/Config", "POS/JavaPOS/Config/quillmon.properties"])
+@pytest.mark.parametrize("path", ["POS", "POS/JavaPOS/Config", "Program Files/Quillmon/Log",
+                                  "POS/JavaPOS/Config/quillmon.properties"])
 def test_what_belongs_to_a_user_is_refused(computer, packages, path):
     computer.configuration.parent.mkdir(parents=True)
     computer.configuration.write_bytes(b"")
+    (computer.folder / "Log").mkdir(parents=True)
     os.chown(computer.machine.c / path, 65534, 65534)
     assert computer.install(packages.old) == 1603
     name = "C:\\" + path.replace("/", "\\")
     assert f"Quillmon error 5: {name} belongs neither to an administrator nor" in computer.log
-    assert computer.machine.service_state() is None and not computer.folder.exists()
+    assert computer.machine.service_state() is None
+    assert computer.files() == ["POS/JavaPOS/Config/quillmon.properties"]
 
 
 def test_a_service_from_elsewhere_is_left_alone(computer, packages):

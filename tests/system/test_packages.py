@@ -146,6 +146,45 @@ def test_the_notices_carry_the_terms_of_every_component(packages):
         assert terms.lower() in notices.lower(), terms
 
 
+def table(packages, name):
+    """The rows of one of the installer's tables, each as {column: text}."""
+    lines = subprocess.run(["msiinfo", "export", one(packages, "*.msi"), name], check=True,
+                           stdout=subprocess.PIPE, text=True).stdout.splitlines()
+    columns = lines[0].split("\t")
+    return [dict(zip(columns, line.split("\t"), strict=True)) for line in lines[3:]]
+
+
+def test_each_step_of_the_installer_follows_one_that_takes_it_back(packages):
+    in_script, rollback, as_system = 0x400, 0x100, 0x800
+    kinds = {row["Action"]: int(row["Type"]) for row in table(packages, "CustomAction")}
+    order = sorted(table(packages, "InstallExecuteSequence"), key=lambda row: int(row["Sequence"]))
+    steps = 0
+    for before, row in zip(order, order[1:]):
+        kind = kinds.get(row["Action"], 0)
+        if kind & in_script and not kind & rollback:
+            steps += 1
+            assert kind & as_system
+            assert kinds[before["Action"]] & (in_script | rollback | as_system) == (
+                in_script | rollback | as_system), row
+            assert before["Condition"] == row["Condition"]
+    assert steps == 6
+    names = [row["Action"] for row in order]
+    assert names.index("MakeFolders") < names.index("CreateFolders") < names.index("InstallFiles")
+    # The new version is complete before the old one goes.
+    assert names[-2:] == ["InstallFinalize", "RemoveExistingProducts"]
+
+
+def test_each_error_of_the_installer_is_documented(packages):
+    source = (ROOT / "packaging" / "setup" / "SetupActions.cpp").read_text()
+    said = set(re.findall(r"Refusal\{(\d+),|refuse\(\{(\d+),", source))
+    numbers = {int(one or other) for one, other in said}
+    for row in table(packages, "LaunchCondition"):
+        numbers.add(int(re.match(r"Quillmon error (\d+): ", row["Description"])[1]))
+    documented = (ROOT / "docs" / "install.md").read_text().partition("| error |")[2]
+    listed = re.findall(r"^\| (\d+) \|", documented.partition("\n\n")[0], re.MULTILINE)
+    assert sorted(numbers) == list(map(int, listed))
+
+
 def test_the_same_build_makes_the_same_packages(packages, tmp_path):
     again = pack(tmp_path / "again")
     assert (again / "SHA256SUMS").read_text() == (packages / "SHA256SUMS").read_text()
