@@ -284,6 +284,25 @@ void makeFolder(const std::wstring& path, const std::wstring& administrator) {
   }
 }
 
+/// Throws unless makeFolder may make or take over the folders. Returns what takes that back: those
+/// to be removed, the deepest first; and of those that are there, the rights.
+Fields examineFolders(const Fields& paths, const std::wstring& administrator) {
+  Fields undo;
+  for (const std::wstring& path : paths) {
+    for (const std::wstring& folder : foldersTo(path)) {
+      if (exists(folder)) {
+        requireTrusted(folder, administrator);
+      } else if (std::find(undo.begin(), undo.end(), folder) == undo.end()) {
+        undo.insert(undo.begin(), folder);
+      }
+    }
+    if (exists(path)) {
+      undo.insert(undo.begin(), path + L">" + rightsOf(path));
+    }
+  }
+  return undo;
+}
+
 /// Throws if the folder holds more than an earlier removal has left: its rights would change.
 void requireOurs(const std::wstring& folder) {
   WIN32_FIND_DATAW found = {};
@@ -481,7 +500,6 @@ ACTION Examine(MSIHANDLE install) {
     const std::wstring traceFolder = session.property(L"TRACEDIR");
     const std::wstring administrator = installingAdministrator();
     const ServiceState service = serviceState();
-    const Fields folders = {bareFolder, configuration};
     Fields defaults = {folder + L"config\\quillmon.properties",
                        configuration + L"\\quillmon.properties"};
     if (traceFolder.empty() || sameText(traceFolder, folder)) {
@@ -506,18 +524,7 @@ ACTION Examine(MSIHANDLE install) {
       if (installedIn.empty()) {
         requireOurs(bareFolder);
       }
-      for (const std::wstring& path : folders) {
-        for (const std::wstring& above : foldersTo(path)) {
-          if (exists(above)) {
-            requireTrusted(above, administrator);
-          } else if (std::find(undo.begin(), undo.end(), above) == undo.end()) {
-            undo.insert(undo.begin(), above); // the deepest first
-          }
-        }
-        if (exists(path)) {
-          undo.insert(undo.begin(), path + L">" + rightsOf(path));
-        }
-      }
+      undo = examineFolders({bareFolder, configuration}, administrator);
       requireTrustedIfThere(files, administrator);
     }
 
