@@ -303,6 +303,9 @@ Fields examineFolders(const Fields& paths, const std::wstring& administrator) {
   return undo;
 }
 
+// What a removal leaves: edited or made by an administrator, or written by the service.
+constexpr std::array kLeftOver = {L".", L"..", L"Log", L"zontrace.cfg", L"expected.json"};
+
 /// Throws if the folder holds more than an earlier removal has left: its rights would change.
 void requireOurs(const std::wstring& folder) {
   WIN32_FIND_DATAW found = {};
@@ -313,8 +316,9 @@ void requireOurs(const std::wstring& folder) {
   std::wstring other;
   do {
     const std::wstring name = found.cFileName;
-    if (name != L"." && name != L".." && !sameText(name, L"Log") &&
-        !sameText(name, L"zontrace.cfg")) {
+    const bool isLeft = std::any_of(kLeftOver.begin(), kLeftOver.end(),
+                                    [&](const wchar_t* left) { return sameText(name, left); });
+    if (!isLeft) {
       other = name;
     }
   } while (other.empty() && FindNextFileW(search, &found));

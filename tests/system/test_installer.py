@@ -186,9 +186,11 @@ def test_what_was_edited_survives_an_upgrade_and_the_removal(computer, packages)
     assert computer.install(packages.new, "STRATEGY=adapter") == 0, computer.said
     assert machine.query_registry(SERVICE_KEY, "ImagePath") == f'"{FOLDER}quillmon.exe"'
 
+    (computer.folder / "expected.json").write_text("{}")  # an administrator's
     assert computer.remove(packages.new) == 0, computer.said
     assert computer.files() == [
-        "POS/JavaPOS/Config/quillmon.properties", "Program Files/Quillmon/zontrace.cfg"]
+        "POS/JavaPOS/Config/quillmon.properties", "Program Files/Quillmon/expected.json",
+        "Program Files/Quillmon/zontrace.cfg"]
     assert computer.configuration.read_bytes() == edited
     # What a removal has left is no obstacle.
     assert computer.install(packages.new) == 0, computer.said
