@@ -121,8 +121,8 @@ std::string adviceFor(const SystemError& error) {
   return found != kAdvice.end() ? found->text : "";
 }
 
-std::string toText(const Failure& failure) {
-  std::string text = wrap(fmt::format("quillmonctl: failed: {}", failure.step), kWidth, 2);
+std::string toText(const Failure& failure, const char* program) {
+  std::string text = wrap(fmt::format("{}: failed: {}", program, failure.step), kWidth, 2);
   if (failure.error) {
     text += wrap(fmt::format("  {}", describe(*failure.error)), kWidth, 4);
   }

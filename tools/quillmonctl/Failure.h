@@ -14,7 +14,7 @@ enum class ExitCode : int {
   Done = 0,
   Failed = 1,           ///< a step failed; the message names it
   WrongCommandLine = 2, ///< nothing was done
-  FoundWrong = 3,       ///< status, doctor, config check: the report is whole, something is wrong
+  FoundWrong = 3,       ///< status, doctor, check-document ...: the report is whole
   NotFound = 4,         ///< no such device or class
   AccessDenied = 5,     ///< needs an elevated prompt
   TimedOut = 6,         ///< watch: fewer events than asked for
@@ -56,7 +56,7 @@ std::string wmiMessage(std::uint32_t result);
 std::string adviceFor(const SystemError& error);
 
 /// The message for the console, wrapped at 80 columns.
-std::string toText(const Failure& failure);
+std::string toText(const Failure& failure, const char* program = "quillmonctl");
 
 /// The same for scripts: {"error": {"step", "code", "code_text", "text", "advice", "undone"}}.
 std::string toJson(const Failure& failure);

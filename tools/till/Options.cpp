@@ -53,6 +53,10 @@ in a script, wait a little after reconnect.
 Exit codes: 0 ended as asked, 1 something failed (inventory or script wrong or missing, port
 in use), 2 wrong command line.
 
+For the author of a device server, each with its own --help:
+  quillmon-till check-document FILE       what the service does with an answer or an event
+  quillmon-till check-server HOST:PORT    plays the service and judges a device server
+
 Examples:
   quillmon-till samples/till.xml
   quillmon-till samples/till.xml --no-stdin --script samples/day.script

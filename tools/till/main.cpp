@@ -1,5 +1,6 @@
-// quillmon-till: reads its command line, plays the till until told to end.
+// quillmon-till: reads its command line, plays the till until told to end, or checks a document.
 
+#include "till/CheckCommands.h"
 #include "till/Command.h"
 #include "till/EventChannel.h"
 #include "till/EventStream.h"
@@ -206,6 +207,9 @@ void serve(const Options& options, Log& log) {
 }
 
 int run(int argc, char** argv) {
+  if (const std::optional<int> ended = runCheckCommand(argc, argv)) {
+    return *ended;
+  }
   Options options;
   if (const std::optional<int> ended = readOptions(argc, argv, options)) {
     return *ended;

@@ -1,0 +1,52 @@
+#include "till/ServiceConversion.h"
+
+#include "provider/PropertyTypes.h"
+#include "till/DeviceClasses.h"
+
+#include <langinfo.h>
+
+#include <charconv>
+#include <cstdint>
+
+namespace till {
+namespace {
+
+struct TypeTable : provider::PropertyTypes {
+  TypeTable() { fill(); }
+};
+
+provider::PropertyType typeOf(const std::string& word) {
+  static TypeTable table;
+  return table.typeOf(word);
+}
+
+} // namespace
+
+ConvertedValue convertAsService(const std::string& typeWord, const std::string& value) {
+  switch (typeOf(typeWord)) {
+  case provider::kUint32:
+  case provider::kUint64: {
+    std::int32_t number = 0;
+    const char* const end = value.data() + value.size();
+    const auto [stop, problem] = std::from_chars(value.data(), end, number);
+    if (problem == std::errc() && stop == end) {
+      return {"uint32", number < 0};
+    }
+    return {"string"};
+  }
+  case provider::kBoolean:
+    if (equalsIgnoringCase(value, "true") || equalsIgnoringCase(value, "false")) {
+      return {"boolean"};
+    }
+    return {"string"};
+  default:
+    return {"string"};
+  }
+}
+
+std::string localCodePage() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the program has one thread that asks
+  return nl_langinfo(CODESET);
+}
+
+} // namespace till
