@@ -26,6 +26,10 @@ struct MetricsOptions {
 };
 ExitCode exportMetrics(bool json, const MetricsOptions& options);
 
+/// Has quillmon-till.exe, which has the service's reader, check the document that the command line
+/// names.
+ExitCode checkDocument();
+
 ExitCode checkConfiguration(bool json);
 ExitCode showConfiguration(bool json);
 ExitCode setConfiguration(bool json, const std::string& name, const std::string& value);

@@ -284,4 +284,35 @@ ProgramResult runProgram(const std::string& program, const std::vector<std::stri
   return ended;
 }
 
+DWORD runInstead(const std::string& program) {
+  // The arguments as they were typed: all behind the first word of the command line.
+  const wchar_t* rest = GetCommandLineW();
+  bool isQuoted = false;
+  while (*rest != L'\0' && (isQuoted || (*rest != L' ' && *rest != L'\t'))) {
+    isQuoted = isQuoted != (*rest == L'"');
+    ++rest;
+  }
+  std::wstring line = L"\"" + wide(program) + L"\"" + rest;
+  STARTUPINFOW start = {};
+  start.cb = sizeof start;
+  start.dwFlags = STARTF_USESTDHANDLES;
+  start.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+  start.hStdOutput = GetStdHandle(STD_OUTPUT_HANDLE);
+  start.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+  PROCESS_INFORMATION information = {};
+  if (!CreateProcessW(wide(program).c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                      nullptr, &start, &information)) {
+    const DWORD error = GetLastError();
+    failWin32(fmt::format("starting {}", program), error,
+              error == ERROR_FILE_NOT_FOUND ? "It belongs beside quillmonctl.exe: copy it there."
+                                            : "");
+  }
+  const win::Handle process(information.hProcess);
+  const win::Handle thread(information.hThread);
+  WaitForSingleObject(process.get(), INFINITE);
+  DWORD exitCode = 0;
+  GetExitCodeProcess(process.get(), &exitCode);
+  return exitCode;
+}
+
 } // namespace ctl

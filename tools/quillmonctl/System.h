@@ -54,5 +54,7 @@ struct ProgramResult {
 };
 /// Runs a program to its end, in its own folder.
 ProgramResult runProgram(const std::string& program, const std::vector<std::string>& arguments);
+/// Runs another program with this program's own arguments, input and output. Its exit code.
+DWORD runInstead(const std::string& program);
 
 } // namespace ctl

@@ -23,7 +23,8 @@ using namespace ctl;
 constexpr const char* kFooter =
     "\n--json may stand anywhere; a failure is then an object with the member \"error\".\n"
     "\nExit codes: 0 done; 1 a step failed, the message names it; 2 wrong command line;\n"
-    "3 the report is whole and something is wrong (status, doctor, config check);\n"
+    "3 the report is whole and something is wrong (status, doctor, config check,\n"
+    "check-document);\n"
     "4 no such device or class; 5 access denied; 6 no answer, or fewer events than\n"
     "asked for, in time.\n"
     "\nExamples:\n"
@@ -62,6 +63,7 @@ struct Request {
   std::string key;
   std::string value;
   std::string expected;
+  std::string document;
   DoctorOptions doctor;
   MetricsOptions metrics;
   SetupOptions setup;
@@ -148,6 +150,11 @@ void describe(CLI::App& app, Request& r) {
   command->add_option("--timeout", r.metrics.timeout, "Seconds to wait for each of the answers")
       ->capture_default_str();
   addExpected(*command, r.metrics.expected);
+
+  add(app, "check-document", "What the service does with an answer or an event",
+      [] { return checkDocument(); })
+      ->add_option("FILE", r.document, "The document; - for standard input")
+      ->required();
 
   CLI::App& config = *addGroup("config", "The service's configuration file");
   add(config, "check", "Look for nonsense; exit code 3 if there is some",
