@@ -45,8 +45,8 @@ build_packages=(
   "${cross_packages[@]}" "${program_packages[@]}" g++ make ccache git libxerces-c-dev
 )
 test_packages=(
-  clang-14 clang-format-14 clang-tidy-14 libbenchmark-dev libclang-rt-14-dev llvm-14 openssl
-  python3-pytest python3-yaml softhsm2 valgrind
+  clang-14 clang-format-14 clang-tidy-14 default-jdk-headless libbenchmark-dev libclang-rt-14-dev
+  llvm-14 openssl python3-pytest python3-yaml softhsm2 valgrind
 )
 package_packages=(libengine-pkcs11-openssl msitools osslsigncode wixl)
 soak_packages=(gnuplot-nox)
