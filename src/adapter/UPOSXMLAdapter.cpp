@@ -151,7 +151,9 @@ std::uint32_t UPOSXMLAdapter::readResponse(std::string response) {
         contains(className, "UPOS_Scanner") || contains(className, "UPOS_Scale");
     const DocumentReader::Elements fields = document.elementsBelow(*instance, u"field");
     bool keep = false;
-    pendingFields_.reserve(pendingFields_.size() + fields.size());
+    if (pendingFields_.empty()) { // else the list doubles: linear over many discarded devices
+      pendingFields_.reserve(fields.size());
+    }
     for (std::size_t number = 0; number < fields.size(); ++number) {
       const Field& field = pendingFields_.emplace_back(document.readField(*fields[number]));
       const std::string& name = field[0];

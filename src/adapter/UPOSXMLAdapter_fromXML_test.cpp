@@ -342,6 +342,22 @@ TEST_F(FromXml, ADeviceCostsNoMoreAllocationsInALargeAnswerThanInASmallOne) {
   EXPECT_LE(many, 10 * few);
 }
 
+TEST_F(FromXml, TheFieldsOfDiscardedDevicesAreNotCopiedForEachFurtherDevice) {
+  recorded_trace::setSwitchedOn(false);
+  const auto allocationsOf = [](std::size_t devices) {
+    const std::string document =
+        response(repeated(devices, instance("UPOS_Scanner", repeated(3, field("A", "a value")))));
+    const std::size_t before = failing_memory::allocations();
+    UPOSXMLAdapter adapter;
+    EXPECT_EQ(adapter.fromXML(document), 0U);
+    return failing_memory::allocations() - before;
+  };
+  const std::size_t few = allocationsOf(100);
+  const std::size_t many = allocationsOf(1000);
+  recorded_trace::setSwitchedOn(true);
+  EXPECT_LT(many - few, 100U); // lists that double, and nothing for each device
+}
+
 TEST_F(FromXml, EachLineTestsTheTracesSwitch) {
   const std::string document = answerOf(10);
   const std::size_t linesBefore = recorded_trace::lines().size();
