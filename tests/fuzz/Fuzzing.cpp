@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <iostream>
 
-using trace::formatPrintf;
 using trace::TraceArgument;
 using trace::UPOSLog;
 
@@ -59,6 +58,6 @@ bool UPOSLog::isSwitchedOn() noexcept {
 
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {
-  const std::string line = formatPrintf(format, arguments);
-  formatPrintf(line, {}); // the console's echo shows a line as a format
+  const std::string line = trace::formatPrintf(format, arguments);
+  trace::formatPrintf(line, {}); // the console's echo shows a line as a format
 }

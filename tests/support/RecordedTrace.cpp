@@ -6,7 +6,6 @@
 #include <mutex>
 #include <utility>
 
-using trace::formatPrintf;
 using trace::TraceArgument;
 using trace::UPOSLog;
 
@@ -54,7 +53,7 @@ void UPOSLog::setConsoleEcho() noexcept {
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {
   std::scoped_lock lock(mutex);
-  std::string line = formatPrintf(format, arguments);
+  std::string line = trace::formatPrintf(format, arguments);
   if (observer) {
     observer(line);
   }

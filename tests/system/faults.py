@@ -277,8 +277,8 @@ def machine(shared):
     for file in log_folder(shared).iterdir():
         file.unlink()
     configure_trace(shared, "FileSize=10000000\n")
-    answer = framed(response(  # with what the platform converts: text that is not ASCII, a boolean
-        device("S1", ModelName="Ä", CapUpdateStatistics=("boolean", "true")), device("S2")))
+    answer = framed(response(  # with what the platform converts: text that is not ASCII, TRUE
+        device("S1", ModelName="Ä", CapUpdateStatistics=("boolean", "TRUE")), device("S2")))
 
     def answer_unasked(connection):
         connection.sendall(answer)

@@ -309,7 +309,7 @@ def test_a_call_that_fails_costs_no_later_connection(machine):
 # Its own imports that no walk fails, and why.
 UNWALKED = {
     "fails only for what is no handle, pointer or string": """
-        CloseHandle CloseServiceHandle RegCloseKey LocalFree SysFreeString SysStringLen VariantClear
+        CloseHandle CloseServiceHandle RegCloseKey LocalFree SysFreeString VariantClear
         VariantInit SetEvent ResetEvent ReleaseMutex ReleaseSemaphore WaitForSingleObject
         WaitForMultipleObjects GetCurrentThread GetLastError SetLastError WSAGetLastError
         WSACleanup CoUninitialize MapGenericMask Sleep TranslateMessage DispatchMessageA inet_addr
