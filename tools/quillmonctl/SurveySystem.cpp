@@ -74,7 +74,7 @@ int tryConnect(unsigned port) {
   return error;
 }
 
-/// A table of the system's sockets with the owners' process ids.
+/// A table of the system's sockets.
 template <class Table, class Get>
 std::vector<BYTE> socketTable(Get&& get) {
   DWORD size = 0;
@@ -112,15 +112,28 @@ void surveyEventPort(const Survey::Service& service, Survey::Sockets& sockets) {
     }
     return;
   }
-  const auto bytes = socketTable<MIB_TCPTABLE_OWNER_PID>([](void* table, DWORD* size) {
-    return GetExtendedTcpTable(table, size, FALSE, AF_INET, TCP_TABLE_OWNER_PID_ALL, 0);
+  const auto listening = socketTable<MIB_TCPTABLE_OWNER_PID>([](void* table, DWORD* size) {
+    return GetExtendedTcpTable(table, size, FALSE, AF_INET, TCP_TABLE_OWNER_PID_LISTENER, 0);
   });
-  const auto* const table = reinterpret_cast<const MIB_TCPTABLE_OWNER_PID*>(bytes.data());
-  for (DWORD i = 0; i < table->dwNumEntries; ++i) {
-    const MIB_TCPROW_OWNER_PID& row = table->table[i];
-    if (portOf(row.dwLocalPort) == sockets.eventPort && isOwner(row.dwOwningPid, service)) {
-      sockets.eventPortOpen |= row.dwState == MIB_TCP_STATE_LISTEN;
-      sockets.deviceServers += row.dwState == MIB_TCP_STATE_ESTAB ? 1 : 0;
+  const auto* const listeners = reinterpret_cast<const MIB_TCPTABLE_OWNER_PID*>(listening.data());
+  for (DWORD i = 0; i < listeners->dwNumEntries; ++i) {
+    const MIB_TCPROW_OWNER_PID& row = listeners->table[i];
+    sockets.eventPortOpen |=
+        portOf(row.dwLocalPort) == sockets.eventPort && isOwner(row.dwOwningPid, service);
+  }
+  if (!sockets.eventPortOpen) {
+    return;
+  }
+  // Who listens has the connections. Their owners are not asked for: Wine takes milliseconds for
+  // each, and there may be thousands that have ended.
+  const auto connected = socketTable<MIB_TCPTABLE>([](void* table, DWORD* size) {
+    return GetExtendedTcpTable(table, size, FALSE, AF_INET, TCP_TABLE_BASIC_CONNECTIONS, 0);
+  });
+  const auto* const connections = reinterpret_cast<const MIB_TCPTABLE*>(connected.data());
+  for (DWORD i = 0; i < connections->dwNumEntries; ++i) {
+    const MIB_TCPROW& row = connections->table[i];
+    if (portOf(row.dwLocalPort) == sockets.eventPort && row.dwState == MIB_TCP_STATE_ESTAB) {
+      ++sockets.deviceServers;
     }
   }
 }
