@@ -195,6 +195,7 @@ void EventStream::write() {
       return;
     }
   }
+  connection.writing = false; // also when this was the turn after a pause
   if (finished_) {
     endSending();
   }

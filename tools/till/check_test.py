@@ -272,7 +272,7 @@ class CheckDatagramsTest(CheckServerTest):
 
 
 class CheckProxyTest(CheckServerTest):
-    def check_till(self, fault="none", *, code, change=None, timeout=PATIENCE):
+    def check_till(self, fault="none", *, code, change=None, timeout=PATIENCE // 2):
         """Of a till that is started when the check waits for it."""
         port = str(reserve_port())
         check = Program(self.folder, "check-server", "--strategy", "proxy", "--event-port", port,

@@ -884,6 +884,14 @@ class ProxyTest(TillTestCase):
             self.assertGreaterEqual(time.monotonic() - before, least_time, mode)
         till.expect(r"event modifyInstance Scanner S1 code 1, \d+ bytes \(stall\)")
 
+    def test_sends_an_event_long_after_one_in_pieces(self):
+        service, till = self.connect()
+        till.type("misbehave-events pieces")
+        for change in ("change S1 1", "change S1 2"):
+            till.type(change)
+            service.expect(device_event("modifyInstance", "S1", change[-1]))
+            self.assertTrue(service.is_silent())  # the pause after the last piece is over as well
+
     def test_puts_garbage_around_an_event(self):
         service, till = self.connect()
         for line in ("misbehave-events garbage", "change S1 1", "misbehave-events none",
