@@ -353,6 +353,8 @@ void Checker::putFields(const std::vector<ReadField>& fields, std::size_t carrie
     std::size_t index; ///< of the field that counts
     std::size_t own;   ///< how many of the instance's own were put
   };
+  provider::PropertyTypes typeWords;
+  typeWords.fill();
   std::map<std::string, Put> properties;
   for (std::size_t i = 0; i < fields.size(); ++i) {
     const bool isOwn = i >= carried;
@@ -366,7 +368,7 @@ void Checker::putFields(const std::vector<ReadField>& fields, std::size_t carrie
       }
       continue;
     }
-    const ConvertedValue converted = convertAsService(field[1], field[2]);
+    const ConvertedValue converted = convertAsService(typeWords.typeOf(field[1]), field[2]);
     if (converted.type == type->second) {
       Put& put = properties.try_emplace(type->first, Put{i, 0}).first->second;
       put.index = i;

@@ -48,18 +48,24 @@ milliseconds since(Clock::time_point start) {
   return std::chrono::duration_cast<milliseconds>(Clock::now() - start);
 }
 
+/// What an asynchronous call ended with.
+struct Ended {
+  asio::error_code problem;
+  std::size_t count = 0; ///< of bytes
+};
+
 /// Runs asynchronous calls one at a time, each until a deadline.
 class Waiter {
 public:
   asio::io_context context;
 
-  /// `start` gets a handler to be called with an error; `cancel` makes a call end that is late.
+  /// `start` gets the handler of a call; `cancel` makes a call end that is late.
   template <class Start, class Cancel>
-  asio::error_code wait(Clock::time_point deadline, const Start& start, const Cancel& cancel) {
-    asio::error_code result;
+  Ended wait(Clock::time_point deadline, const Start& start, const Cancel& cancel) {
+    Ended result;
     bool ended = false;
-    start([&](asio::error_code problem, auto...) {
-      result = problem;
+    start([&](asio::error_code problem, std::size_t count = 0) {
+      result = {problem, count};
       ended = true;
     });
     context.restart();
@@ -68,7 +74,7 @@ public:
       cancel();
       context.restart();
       context.run();
-      result = asio::error::timed_out;
+      result = {asio::error::timed_out};
     }
     return result;
   }
@@ -227,9 +233,13 @@ std::unique_ptr<tcp::socket> ServerCheck::connect(Exchange& exchange, Clock::tim
     throw std::system_error(problem, fmt::format("looking up {}", options_.host));
   }
   auto socket = std::make_unique<tcp::socket>(waiter_.context);
-  problem = waiter_.wait(
-      deadline, [&](auto handler) { socket->async_connect(places.begin()->endpoint(), handler); },
-      [&] { close(*socket); });
+  problem =
+      waiter_
+          .wait(
+              deadline,
+              [&](auto handler) { socket->async_connect(places.begin()->endpoint(), handler); },
+              [&] { close(*socket); })
+          .problem;
   if (problem) {
     exchange.end =
         problem == asio::error::timed_out ? Exchange::End::TimedOut : Exchange::End::NotConnected;
@@ -246,13 +256,13 @@ void ServerCheck::send(tcp::socket& socket, Exchange& exchange, std::string_view
   while (!bytes.empty() && exchange.end == Exchange::End::Answered) {
     const std::string_view piece = bytes.substr(0, pieceSize == 0 ? bytes.size() : pieceSize);
     bytes.remove_prefix(piece.size());
-    const asio::error_code problem = waiter_.wait(
+    const Ended ended = waiter_.wait(
         deadline,
         [&](auto handler) {
           asio::async_write(socket, asio::buffer(piece.data(), piece.size()), handler);
         },
         [&] { close(socket); });
-    if (problem == asio::error::timed_out) {
+    if (ended.problem == asio::error::timed_out) {
       exchange.end = Exchange::End::TimedOut;
     }
     // Another problem shows in what is received.
@@ -263,16 +273,8 @@ void ServerCheck::receive(tcp::socket& socket, Exchange& exchange, Clock::time_p
   FrameScanner scanner;
   std::array<char, 65536> area{};
   while (exchange.end == Exchange::End::Answered) {
-    std::size_t count = 0;
-    const asio::error_code problem = waiter_.wait(
-        deadline,
-        [&](auto handler) {
-          socket.async_read_some(asio::buffer(area),
-                                 [&count, handler](asio::error_code code, std::size_t size) {
-                                   count = size;
-                                   handler(code);
-                                 });
-        },
+    const auto [problem, count] = waiter_.wait(
+        deadline, [&](auto handler) { socket.async_read_some(asio::buffer(area), handler); },
         [&] { close(socket); });
     const std::string_view received(area.data(), count);
     exchange.bytes += received;
@@ -563,16 +565,8 @@ void ServerCheck::checkDatagrams(udp::socket& socket) {
   }
   std::string area(65536, '\0');
   while (events < wanted || socket.available() != 0) { // with those that came meanwhile
-    std::size_t count = 0;
-    const asio::error_code problem = waiter_.wait(
-        deadline,
-        [&](auto handler) {
-          socket.async_receive(asio::buffer(area),
-                               [&count, handler](asio::error_code code, std::size_t size) {
-                                 count = size;
-                                 handler(code);
-                               });
-        },
+    const auto [problem, count] = waiter_.wait(
+        deadline, [&](auto handler) { socket.async_receive(asio::buffer(area), handler); },
         [&] { socket.cancel(); });
     if (problem) {
       break;
@@ -626,11 +620,11 @@ void ServerCheck::acceptConnection(tcp::acceptor& acceptor, CheckedItem& item) {
   }
   const Clock::time_point start = Clock::now();
   auto socket = std::make_unique<tcp::socket>(waiter_.context);
-  const asio::error_code problem = waiter_.wait(
+  const Ended ended = waiter_.wait(
       start + options_.timeout, [&](auto handler) { acceptor.async_accept(*socket, handler); },
       [&] { acceptor.cancel(); });
   item.time = since(start);
-  if (problem) {
+  if (ended.problem) {
     timeouts_ = kMostTimeouts; // nothing can follow
     item.fail(fmt::format("no connection within {} ms", options_.timeout.count()));
     return;
@@ -665,16 +659,9 @@ void ServerCheck::takeUntil(CheckedItem& item, const Done& done, bool untilQuiet
   bool isQuiet = false;
   while (!done() && !isQuiet) {
     const bool mayBeQuiet = untilQuiet && item.time;
-    std::size_t count = 0;
-    asio::error_code problem = waiter_.wait(
+    const auto [problem, count] = waiter_.wait(
         mayBeQuiet ? std::min(deadline, Clock::now() + kQuiet) : deadline,
-        [&](auto handler) {
-          stream_->async_read_some(asio::buffer(area),
-                                   [&count, handler](asio::error_code code, std::size_t size) {
-                                     count = size;
-                                     handler(code);
-                                   });
-        },
+        [&](auto handler) { stream_->async_read_some(asio::buffer(area), handler); },
         [&] { stream_->cancel(); });
     if (problem == asio::error::timed_out) {
       isQuiet = true;

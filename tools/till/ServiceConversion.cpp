@@ -1,6 +1,5 @@
 #include "till/ServiceConversion.h"
 
-#include "provider/PropertyTypes.h"
 #include "till/DeviceClasses.h"
 
 #include <langinfo.h>
@@ -9,21 +8,9 @@
 #include <cstdint>
 
 namespace till {
-namespace {
 
-struct TypeTable : provider::PropertyTypes {
-  TypeTable() { fill(); }
-};
-
-provider::PropertyType typeOf(const std::string& word) {
-  static TypeTable table;
-  return table.typeOf(word);
-}
-
-} // namespace
-
-ConvertedValue convertAsService(const std::string& typeWord, const std::string& value) {
-  switch (typeOf(typeWord)) {
+ConvertedValue convertAsService(provider::PropertyType type, const std::string& value) {
+  switch (type) {
   case provider::kUint32:
   case provider::kUint64: {
     std::int32_t number = 0;

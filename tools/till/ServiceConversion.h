@@ -1,5 +1,7 @@
 #pragma once
 
+#include "provider/PropertyTypes.h"
+
 #include <string>
 #include <string_view>
 
@@ -13,8 +15,8 @@ struct ConvertedValue {
   bool isNegative = false;
 };
 
-/// The value of a field, in the local code page, converted by its type word.
-ConvertedValue convertAsService(const std::string& typeWord, const std::string& value);
+/// The value of a field, in the local code page, converted as the type asks.
+ConvertedValue convertAsService(provider::PropertyType type, const std::string& value);
 
 /// "1252"; natively "UTF-8".
 std::string localCodePage();

@@ -3,22 +3,10 @@
 #include "win/Automation.h"
 
 namespace till {
-namespace {
 
-struct TypeTable : provider::PropertyTypes {
-  TypeTable() { fill(); }
-};
-
-provider::PropertyType typeOf(const std::string& word) {
-  static TypeTable table;
-  return table.typeOf(word);
-}
-
-} // namespace
-
-ConvertedValue convertAsService(const std::string& typeWord, const std::string& value) {
+ConvertedValue convertAsService(provider::PropertyType type, const std::string& value) {
   win::Variant variant;
-  provider::readProperty(typeOf(typeWord), value, variant);
+  provider::readProperty(type, value, variant);
   switch (variant.value().vt) {
   case VT_I4:
     return {"uint32", variant.value().lVal < 0};
