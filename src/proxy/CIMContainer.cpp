@@ -11,7 +11,6 @@ namespace proxy {
 
 namespace {
 constexpr std::string_view kAllDevices = "UPOS_LogicalDevice";
-constexpr std::string_view kGetInstancesLine = "CIMContainer::getInstances(%s)";
 } // namespace
 
 CIMContainer& CIMContainer::getInstance() {
@@ -46,7 +45,9 @@ void CIMContainer::replace(const CIMDevice& device) {
   Reference changed = std::make_shared<const CIMDevice>(device);
   std::scoped_lock lock(mutex_);
   if (const auto found = index_.find(id); found != index_.end()) {
+    ++classCounts_[changed->getClassName()];
     found->second->device.swap(changed);
+    uncount(changed->getClassName());
   }
 }
 
@@ -60,17 +61,25 @@ void CIMContainer::remove(const CIMDevice& device) {
   std::scoped_lock lock(mutex_);
   const auto found = index_.find(id);
   const auto record = found->second;
-  const auto count = classCounts_.find(record->device->getClassName());
-  if (--count->second == 0) {
-    classCounts_.erase(count);
-  }
+  uncount(record->device->getClassName());
   index_.erase(found);
   removed.splice(removed.end(), records_, record);
 }
 
+void CIMContainer::uncount(const std::string& className) {
+  const auto count = classCounts_.find(className);
+  if (--count->second == 0) {
+    classCounts_.erase(count);
+  }
+}
+
 std::vector<CIMContainer::Reference>
 CIMContainer::getInstances(const std::string& className) const {
-  UPOSLog::trace(kGetInstancesLine, className);
+  UPOSLog::trace("CIMContainer::getInstances(%s)", className);
+  return devicesOf(className);
+}
+
+std::vector<CIMContainer::Reference> CIMContainer::devicesOf(const std::string& className) const {
   const bool all = className == kAllDevices;
   std::vector<Reference> devices;
   {
@@ -92,17 +101,15 @@ CIMContainer::getInstances(const std::string& className) const {
 
 CIMContainer::Selection CIMContainer::select(const std::string& className,
                                              const std::string& id) const {
+  UPOSLog::trace("CIMContainer::getInstances(%s)", className);
   if (className == kAllDevices) {
-    std::unique_lock lock(mutex_);
+    std::scoped_lock lock(mutex_);
     if (!classCounts_.contains(className)) { // so getInstances would trace no device
       const auto found = index_.find(id);
-      Selection selection{records_.size(), found != index_.end() ? found->second->device : nullptr};
-      lock.unlock();
-      UPOSLog::trace(kGetInstancesLine, className);
-      return selection;
+      return {records_.size(), found != index_.end() ? found->second->device : nullptr};
     }
   }
-  const std::vector<Reference> devices = getInstances(className);
+  const std::vector<Reference> devices = devicesOf(className);
   const auto found =
       std::ranges::find_if(devices, [&](const Reference& device) { return device->hasId(id); });
   return {devices.size(), found != devices.end() ? *found : nullptr};

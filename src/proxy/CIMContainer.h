@@ -61,6 +61,9 @@ private:
   };
   using Records = std::list<Record>;
 
+  std::vector<Reference> devicesOf(const std::string& className) const;
+  void uncount(const std::string& className);
+
   mutable std::mutex mutex_; // guards the rest
   Records records_;
   // By Record::id.

@@ -64,6 +64,8 @@ TEST(CIMContainer, KeepsTheOrderOfAddingThroughRemovalAndReplacement) {
   container.add(device("d"));
   EXPECT_THAT(allIds(container), ElementsAre("b", "a", "e", "d"));
   EXPECT_EQ(container.find(device("b"))->getClassName(), "Scale");
+  container.remove(device("b"));
+  EXPECT_THAT(allIds(container), ElementsAre("a", "e", "d"));
 }
 
 TEST(CIMContainer, AddIgnoresAKnownIdWithoutATraceLine) {
