@@ -95,6 +95,13 @@ int WSAAPI observedStartup(WORD version, WSADATA* data) {
   return startFails ? WSASYSNOTREADY : realStartup(version, data);
 }
 
+int settingsRead = 0;
+
+UINT WINAPI observedSetting(const char*, const char*, INT defaultValue, const char*) {
+  ++settingsRead;
+  return static_cast<UINT>(defaultValue);
+}
+
 int socketsAsked = 0;
 
 SOCKET WSAAPI noSocket(int family, int type, int protocol) {
@@ -149,6 +156,7 @@ protected:
     timers.clear();
     startFails = false;
     socketsAsked = 0;
+    settingsRead = 0;
     pieceSize = kFrameAreaSize;
     afterReceiving = nullptr;
     recorded_trace::clear();
@@ -454,10 +462,13 @@ TEST_F(ExchangeRequest, AFailedConnectStartsABackOffInWhichRequestsAreSkipped) {
   recorded_trace::clear();
   const PatchedImport<decltype(socket)> socketPatch("socket", noSocket);
   const PatchedImport<decltype(WSAStartup)> startPatch("WSAStartup", observedStartup);
+  const PatchedImport<decltype(GetPrivateProfileIntA)> settingPatch("GetPrivateProfileIntA",
+                                                                    observedSetting);
   EXPECT_EQ(exchangeRequest("<request/>"), "");
   EXPECT_EQ(exchangeRequest("<request/>"), "");
   EXPECT_THAT(recorded_trace::lines(), ElementsAre(kSkipped, kSkipped));
   EXPECT_EQ(socketsAsked, 0);
+  EXPECT_EQ(settingsRead, 0);
   EXPECT_THAT(starts, ElementsAre());
 }
 

@@ -8,6 +8,7 @@
 #include "xml/XmlLibrary.h"
 
 #include <xercesc/dom/DOMException.hpp>
+#include <xercesc/dom/DOMImplementationRegistry.hpp>
 #include <xercesc/util/OutOfMemoryException.hpp>
 
 #include <algorithm>
@@ -136,10 +137,12 @@ std::uint32_t UPOSXMLAdapter::fromXML(std::string response) {
 std::uint32_t UPOSXMLAdapter::readResponse(std::string response) {
   DocumentReader document(response);
   std::string().swap(response); // frees a large answer before the list grows
+  static_cast<void>(xercesc::DOMImplementationRegistry::getDOMImplementation(u"Core"));
   const DocumentReader::Elements errors = document.elements(u"error");
   UPOSLog::trace("<<UPOSXMLAdapter>> instanceList(error) length: %d",
                  static_cast<int>(errors.size()));
   if (!errors.empty()) {
+    static_cast<void>(document.attributeOf(*errors.front(), u"name"));
     return kErrorAnswer;
   }
   const DocumentReader::Elements instances = document.elements(u"instance");

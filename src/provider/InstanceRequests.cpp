@@ -150,6 +150,9 @@ HRESULT enumerate(BSTR className, IWbemObjectSink* responseHandler, FinalStatus&
     return wbemResult(WBEM_E_FAILED);
   }
 
+  if (className == nullptr) {
+    return wbemResult(WBEM_E_INVALID_PARAMETER);
+  }
   const std::string narrowName = win::narrow(className);
   UPOSLog::trace("<<CreateInstanceEnumAsync>> *  Enumerating instances of '%s'", narrowName);
   std::uint32_t rc = 0;
@@ -185,10 +188,8 @@ CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemCont
     return wbemResult(WBEM_E_INVALID_PARAMETER);
   }
   FinalStatus finalStatus(responseHandler);
-  const HRESULT result = win::comBoundary([&] {
-    return className != nullptr ? enumerate(className, responseHandler, finalStatus)
-                                : wbemResult(WBEM_E_INVALID_PARAMETER);
-  });
+  const HRESULT result =
+      win::comBoundary([&] { return enumerate(className, responseHandler, finalStatus); });
   if (!finalStatus.reported()) {
     finalStatus.report(result); // after an exception the client still needs a final status
   }
@@ -211,9 +212,6 @@ HRESULT CProvider_IWbemServices::GetObjectAsync(BSTR objectPath, LONG, IWbemCont
 
   if (responseHandler == nullptr) {
     UPOSLog::trace("<<GetObjectAsync>> * pResponseHandler is NULL * Semaphore released!!");
-    return wbemResult(WBEM_E_INVALID_PARAMETER);
-  }
-  if (objectPath == nullptr) {
     return wbemResult(WBEM_E_INVALID_PARAMETER);
   }
 
@@ -239,6 +237,9 @@ HRESULT CProvider_IWbemServices::GetObjectAsync(BSTR objectPath, LONG, IWbemCont
 HRESULT CProvider_IWbemServices::GetIntanceByPath(LPCWSTR objectPath, IWbemClassObject** instance,
                                                   IWbemContext* context) noexcept {
   return win::comBoundary([&]() -> HRESULT {
+    if (objectPath == nullptr) {
+      return wbemResult(WBEM_E_INVALID_PARAMETER);
+    }
     std::string path = win::narrow(objectPath);
     const ObjectPathText names = readObjectPath(path);
     // Kept: the first character is zeroed before the trace, so the traced path is always empty.

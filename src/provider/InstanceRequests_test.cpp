@@ -679,6 +679,8 @@ TEST_F(Retrieval, WithoutAPathIsRefused) {
             wbemResult(WBEM_E_INVALID_PARAMETER));
   EXPECT_TRUE(sink_.statuses.empty());
   EXPECT_TRUE(script_.requests.empty());
+  EXPECT_EQ(traced(),
+            (Lines{"<<<< GetObjectAsync >>>>", "<<GetObjectAsync>> * Get Instance Path failed"}));
 }
 
 // --- Exceptions ---

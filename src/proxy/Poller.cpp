@@ -39,7 +39,9 @@ void Poller::replaceInstance(Poller& poller) noexcept {
 
 Poller::Poller()
     : Poller(static_cast<std::int32_t>(configuration::readInt("provider.dataUpdate.frequency", 60)),
-             calendarTime()) {}
+             0) {
+  lastPoll_ = calendarTime(); // after the trace line
+}
 
 Poller::Poller(std::int32_t minutes, std::int64_t now)
     : period_(toSeconds(minutes)), lastPoll_(now) {

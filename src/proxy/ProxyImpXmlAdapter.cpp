@@ -47,9 +47,10 @@ void readProviderAndFields(const std::string& message, DeviceEvent& event) {
   UPOSLog::trace("<<ProxyImpXmlAdapter>>     provider=%s fieldlist_length=%d", event.provider,
                  static_cast<int>(fields.size()));
   for (const DocumentReader::Element* element : fields) {
-    const Field& field = event.fields.emplace_back(document.readField(*element));
+    Field field = document.readField(*element);
     UPOSLog::trace("<<ProxyImpXmlAdapter>>         name=%s type=%s value=%s", field[0], field[1],
                    field[2]);
+    event.fields.push_back(std::move(field));
   }
 }
 

@@ -46,8 +46,9 @@ decltype(auto) retryOnShortage(Step step) {
 }
 
 std::uint16_t eventPort(CommunicationLayer& layer) {
+  const std::string key = layer.getPortKey();
   return static_cast<std::uint16_t>(
-      configuration::readInt(layer.getPortKey().c_str(), static_cast<int>(layer.getDefaultPort())));
+      configuration::readInt(key.c_str(), static_cast<int>(layer.getDefaultPort())));
 }
 
 /// Retries until the port is open.
