@@ -318,7 +318,7 @@ def start_service(machine, strategy):
     machine.switch_trace_on()
     machine.install_service()
     if strategy == "proxy":
-        machine.choose_proxy_strategy()
+        machine.choose_option("-o")
     machine.restart_service(events)
     return requests, events, folder / "Log" / "Quillmon.log"
 

@@ -20,6 +20,8 @@ from ports import reserve_port
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("QUILLMON_BUILD", ROOT / "build" / "windows"))
 SERVICE = "QuillmonServ"
+NOT_STARTED = (
+    "You should start your application using the Services panel\nQuillmon Services not started\n")
 WMI_HOST = "HKLM\\SOFTWARE\\QuillmonTest\\WmiHost"
 TESTS_WINE = ROOT / "tests" / "wine"
 WINE = ROOT / "build" / "wine"
@@ -364,9 +366,9 @@ class Machine:
         runs it says before it has begun."""
         wait_until(lambda: self.has_event_port(port), "the event port to be opened")
 
-    def choose_proxy_strategy(self):
-        """Has the installed service start with -o from now on. Wine's own sc has no "config"."""
-        done = self.run(str(BUILD / "service_config.exe"), SERVICE, f"{self.service_path} -o")
+    def choose_option(self, option):
+        """Has the installed service start with it from now on. Wine's own sc has no "config"."""
+        done = self.run(str(BUILD / "service_config.exe"), SERVICE, f"{self.service_path} {option}")
         assert done.returncode == 0, done.err
 
     def start_proxy_service(self, **keys):
@@ -375,7 +377,7 @@ class Machine:
         self.configure(provider__eventSocket__Port=port, **keys)
         if self.service_state() is None:
             self.install_service()
-            self.choose_proxy_strategy()
+            self.choose_option("-o")
         self.restart_service(port)
         return port
 

@@ -2,8 +2,7 @@
 
 import pytest
 
-NOT_STARTED = (
-    "You should start your application using the Services panel\nQuillmon Services not started\n")
+from machine import NOT_STARTED
 
 
 def test_three_arguments_are_refused_even_when_one_is_valid(shared_machine):

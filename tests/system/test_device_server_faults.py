@@ -5,6 +5,7 @@ service answers the next one.
 """
 
 import contextlib
+import re
 import socket
 import threading
 import time
@@ -541,7 +542,12 @@ def test_a_device_server_that_is_down_is_left_alone_for_the_retry_timeout(traced
         "<<configureTimers>>: Creating Timer queue...",
         "<<configureTimers>>: CreateTimerQueue() succeeded!!",
         *refused(3000)]
-    assert "<<UPOSAdapter::enumerateInstances>>: answer: ''" in machine.trace()
+    adapter = "<<UPOSAdapter::enumerateInstances>>:"
+    told = [line for line in machine.trace()
+            if line.startswith((f"{adapter} Invoking", "<<Request>>", f"{adapter} answer"))]
+    assert [re.sub("'<.*>'", "'REQUEST'", line) for line in told] == [
+        f"{adapter} Invoking request to Java code - class 'REQUEST'", "<<Request>>: 'REQUEST'",
+        f"{adapter} answer: ''"]
 
     traced.peer = Peer(port)  # up again, and not asked before the pause is over
     assert traced.list() == FAILED

@@ -81,7 +81,7 @@ def test_the_java_sample_serves_the_proxy_strategy(shared_machine):
     with Java("ProxyDeviceServer.java", events) as server:
         if machine.service_state() is None:
             machine.install_service()
-        machine.choose_proxy_strategy()
+        machine.choose_option("-o")
         machine.restart_service(events)
         while "connected" not in server.process.stdout.readline():
             pass

@@ -1,10 +1,11 @@
 """The proxy strategy: device servers that connect, a cache that answers, events that it publishes."""
 
+import select
 import socket
 
 import pytest
 
-from machine import wait_until
+from machine import WMI_HOST, wait_until
 from peers import (FAILED, OK, START, UPDATE_REQUEST, DeviceServer, document, fetched, forget,
                    names, next_event, published_in_stream, settle)
 from ports import reserve_port
@@ -74,6 +75,17 @@ def test_field_types_are_the_cache_s(shared_machine, server):
     assert device["HoursPoweredCount"] == "0"
     assert device["ModelName"] == "(null)"
     forget(shared_machine, server, "T1")
+
+
+def test_a_change_without_a_code_or_with_a_blank_one_is_cached(shared_machine, server):
+    server.send(document("C1", cls="UPOS_Scanner"))
+    for code in ("", " "):
+        server.send(document("C1", "modifyInstance", cls="UPOS_Scanner", code=code,
+                             ModelName=f"code '{code}'"))
+        settle(shared_machine, server)
+        device = fetched(shared_machine, 'UPOS_Scanner.DeviceID="C1"')
+        assert device["ModelName"] == f"code '{code}'"
+    forget(shared_machine, server, "C1")
 
 
 # -- what is published
@@ -252,6 +264,22 @@ def test_a_restarted_service_begins_with_an_empty_cache(machine):
     with DeviceServer(port) as server:
         settle(machine, server)
         assert names(machine, "UPOS_LogicalDevice") == ([], OK)
+
+
+def test_without_the_event_class_at_its_start_devices_are_cached_and_no_event_is_published(machine):
+    machine.switch_trace_on()
+    machine.set_wmi("MissingClasses", "QuillmonEvent")
+    port = machine.start_proxy_service()
+    with DeviceServer(port) as server:
+        server.send(document("K1"))
+        machine.wait_for_trace("Event received: ")  # so the class has been asked for
+        machine.delete_registry(WMI_HOST, "MissingClasses")
+        watcher = machine.watch_events()
+        server.send(document("K2"))
+        settle(machine, server)
+        assert names(machine, "UPOS_LogicalDevice") == (["K1", "K2"], OK)
+    assert not select.select([watcher.stdout], [], [], 0.5)[0], watcher.stdout.readline()
+    assert watcher.poll() is None
 
 
 def test_a_taken_event_port_is_asked_for_until_it_is_free(machine):

@@ -1,10 +1,8 @@
 """The service from its installation to its removal, as the service control manager sees it."""
 
-import re
-
 import pytest
 
-from machine import BUILD, SERVICE, wait_until
+from machine import BUILD, NOT_STARTED, SERVICE, wait_until
 from ports import reserve_port
 
 INSTALLED = (
@@ -50,20 +48,34 @@ def test_the_installed_service_has_exactly_its_settings(machine):
 def test_installing_twice_still_says_registered_then_the_start_error(machine):
     machine.install_service()
     done = machine.quillmon("-i")
-    lines = done.out.splitlines()
-    assert lines[:2] == ["Quillmon Services has been registered", "Starting Service"]
-    assert re.fullmatch(r"Could not start service : \d+", lines[2])
-    assert len(lines) == 3 and done.returncode == 0
+    # 6, an invalid handle: that of the service which was not made again.
+    assert done.out.splitlines() == ["Quillmon Services has been registered", "Starting Service",
+                                     "Could not start service : 6"]
+    assert done.returncode == 0
     assert machine.service_state() == "RUNNING"
 
 
 def test_a_running_service_refuses_a_second_instance(machine):
     machine.install_service()
-    for arguments in ((), ("-x",), ("-o",)):
+    for arguments in ((), ("-x",), ("-o",), ("i",)):
         done = machine.quillmon(*arguments)
         assert done.out == (
             "Quillmon Services is already running, stop the other instance and try again\n")
         assert done.returncode == 0
+
+
+def test_too_many_arguments_are_refused_without_a_look_at_the_service(machine):
+    machine.install_service()
+    done = machine.quillmon("-x", "-y")
+    assert (done.out, done.returncode) == (NOT_STARTED, 0)
+
+
+def test_a_service_registered_with_an_unknown_letter_runs(machine):
+    machine.install_service()
+    machine.choose_option("-x")
+    machine.end_service()
+    assert machine.run("sc", "start", SERVICE).returncode == 0
+    wait_until(lambda: machine.service_state() == "RUNNING", "the service to run")
 
 
 def test_a_running_service_refuses_the_console_modes(machine):

@@ -8,7 +8,8 @@ import time
 import pytest
 
 from machine import WmiClient, wait_until
-from peers import NORMAL, Peer, device, framed, response
+from peers import (FAILED, NORMAL, OK, UPDATE_REQUEST, DeviceServer, Peer, device, document, fetched,
+                   framed, names, response)
 from ports import reserve_port
 
 KEY = "HKLM\\SOFTWARE\\Veltran\\Veltran Kestrune"
@@ -240,6 +241,147 @@ def test_an_enumeration_is_traced_to_the_letter(tracing):
         "\tPutField - Name: ManufacturerName, Type: string, Value: Veltran",
         "\tPutField - Name: SerialNumber, Type: string, Value: 7",
         "<<UPOSAdapter(ADDRESS) destroyed"]
+
+
+@pytest.fixture
+def streaming(machine):
+    """A machine whose service traces in the proxy strategy, and a device server connected to it."""
+    machine.switch_trace_on()
+    port = machine.start_proxy_service(provider__dataUpdate__frequency=0)
+    machine.wait_for_trace("Starting listening in TCPServer")
+    machine.mark = len(machine.trace())
+    with DeviceServer(port) as server:
+        yield server
+
+
+def traced_since(machine):
+    """The messages since the last call."""
+    messages = machine.trace()[machine.mark:]
+    machine.mark += len(messages)
+    return [re.sub(r" [0-9A-F]{16}$", " ADDRESS", message)
+            for message in without_addresses(messages)]
+
+
+PROCESS_EVENT = "<<CIMDeviceUtil:processEvent>>"
+
+
+def event_lines(text, provider, *fields):
+    """Of the reading of an event that comes from a stream."""
+    proxy = "<<ProxyImpXmlAdapter>>"
+    return [f"Event received: {text}",
+            f"{proxy} fromXMLEvent(event='{text}')",
+            f"{proxy}     provider={provider} fieldlist_length={len(fields)}",
+            *(f"{proxy}         name={name} type=string value={value}" for name, value in fields)]
+
+
+def test_a_stream_is_traced_to_the_letter(machine, streaming):
+    whole = document("T1", cls="UPOS_Scanner", SerialNumber="7")
+    pieces = whole[:80], whole[80:-len("</event>")], "</event>"
+    for piece in pieces:  # each a receive of its own
+        streaming.send(piece)
+        machine.wait_for_trace(f"Data received from socket: {piece}")
+    what = f"{PROCESS_EVENT}: provider='UPOS_LogicalDevice' type='addInstance'"
+    machine.wait_for_trace(f"{what} returning")
+    assert traced_since(machine) == [
+        "Adding client ADDRESS",
+        *(f"Data received from socket: {piece}" for piece in pieces),
+        *event_lines(whole, "UPOS_LogicalDevice", ("DeviceID", "T1"),
+                     ("ManufacturerName", "Veltran"), ("SerialNumber", "7")),
+        f"{what} devicFound=0000000000000000",
+        "Instance count before adding T1 is 0",
+        "Adding instance UPOS_LogicalDevice with ID T1",
+        "Instance count after adding T1 is 1",
+        "Adding CIMDevice: T1",
+        f"{what} returning"]
+
+
+def test_an_event_of_a_foreign_maker_is_traced_with_its_provider_and_fields(machine, streaming):
+    foreign = document("F1", maker="Acme", provider="Somebody", ModelName="M")
+    streaming.send(foreign)
+    what = f"{PROCESS_EVENT}: provider='Somebody' type='NA'"
+    machine.wait_for_trace(f"{what} returning")
+    assert [line for line in traced_since(machine) if "Data received" not in line] == [
+        "Adding client ADDRESS",
+        *event_lines(foreign, "Somebody", ("DeviceID", "F1"), ("ManufacturerName", "Acme"),
+                     ("ModelName", "M")),
+        f"{what} devicFound=0000000000000000",
+        f"{what} returning"]
+
+
+def test_a_client_that_goes_is_traced(machine, streaming):
+    machine.wait_for_trace("Adding client")
+    streaming.connection.close()
+    machine.wait_for_trace("Deleting client: ")
+    assert traced_since(machine) == ["Adding client ADDRESS", "Deleting client: ADDRESS"]
+
+
+def test_requests_in_the_proxy_strategy_are_traced_to_the_letter(machine, streaming):
+    streaming.send(document("T1", cls="UPOS_Scanner"), document("T2", cls="UPOS_Scale"))
+    wait_until(lambda: sum("returning" in line for line in machine.trace()) == 2, "two devices")
+    traced_since(machine)
+    update = UPDATE_REQUEST.decode()
+    proxy = "<<ProxyImpXmlAdapter>>"
+
+    def built(class_name, command, device_id, size, *adding):
+        what = f"toXML className={class_name} type=request cmd={command} id={device_id}"
+        return [f"{proxy} {what}",
+                f"CIMContainer::getInstances({class_name})",
+                *adding,
+                f"{proxy} updateInstances className={class_name} id={device_id} device list "
+                f"size={size}",
+                f"{proxy} {what} returning '{update}'"]
+
+    sent = [f"{proxy} sendRequest() isPollingTime()=1",
+            f"Sending message to clients: {update}"]
+    adding = ["CIMContainer::adding instance (id=T1)"]
+    adapter = "<<UPOSAdapter::enumerateInstances>>:"
+
+    assert names(machine, "UPOS_Scanner") == (["T1"], OK)
+    assert traced_since(machine) == [
+        "<<CProvider_IWbemServices::Initialize>> * Creating Semaphore with size: 1 *\n",
+        "<<<< CreateInstanceEnumAsync >>>>",
+        "<<UPOSAdapter(ADDRESS) created",
+        "<<CreateInstanceEnumAsync>> *  Enumerating instances of 'UPOS_Scanner'",
+        f"{adapter} xml->toXML(UPOS_Scanner, REQUEST, ENUMERATE, ...)",
+        *built("UPOS_Scanner", "enumerateInstances", "", 1, *adding),
+        f"{adapter} Invoking request to Java code - class '{update}'",
+        f"<<Request>>: '{update}'",
+        *sent,
+        f"{adapter} got response, converting from XML - class '{update}'",
+        f"{adapter} answer: ''",
+        f"{adapter} after fromXML - answer: ''",
+        f"{adapter} calling xml->getInstances()",
+        f"{adapter} xml->getInstances() returned",
+        f"{adapter} Returning request",
+        "<<CreateInstanceEnumAsync>> *  Enumeration of 'UPOS_Scanner' returned rc=0",
+        "<<CreateInstanceEnumAsync>> *  getting objects for UPOS_Scanner\n",
+        "\tPutField - Name: DeviceID, Type: string, Value: T1",
+        "\tPutField - Name: ManufacturerName, Type: string, Value: Veltran",
+        "<<UPOSAdapter(ADDRESS) destroyed"]
+    # The poll is due each time: a second request goes out as well.
+    assert streaming.receive(len(UPDATE_REQUEST)) == UPDATE_REQUEST
+
+    assert names(machine, "UPOS_Belt") == ([], OK)
+    assert built("UPOS_Belt", "enumerateInstances", "", 0)[1:3] == [
+        line for line in traced_since(machine) if line.startswith(("CIMC", f"{proxy} updateI"))]
+    assert streaming.receive(len(UPDATE_REQUEST)) == UPDATE_REQUEST
+
+    assert fetched(machine, 'UPOS_Scanner.DeviceID="nobody"') == FAILED
+    assert traced_since(machine) == [
+        "<<<< GetObjectAsync >>>>",
+        "GetIntanceByPath: Path: ''",
+        "GetIntanceByPath: className='UPOS_Scanner', deviceID='nobody'",
+        "<<UPOSAdapter(ADDRESS) created",
+        *built("UPOS_Scanner", "getInstance", "nobody", 1, *adding),
+        "<<UPOSAdapter::getInstance>>: Invoking request",
+        f"<<Request>>: {update}",
+        *sent,
+        "Answer: ''",
+        "GetIntanceByPath: Number of Keys: 1",
+        "GetIntanceByPath: Number of Props In Instance: 0",
+        "<<UPOSAdapter(ADDRESS) destroyed",
+        "<<GetObjectAsync>> * Get Instance Path failed"]
+    assert streaming.receive(len(UPDATE_REQUEST)) == UPDATE_REQUEST
 
 
 def test_a_trace_switched_on_while_an_answer_is_on_its_way_shows_its_arrival(tracing):
