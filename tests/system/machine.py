@@ -98,7 +98,7 @@ def temporary_machine(**environment):
         machine.shut_down()
 
 
-def wait_until(condition, what, seconds=20.0, longest_pause=0.02):
+def wait_until(condition, what, seconds=20.0, longest_pause=0.05):
     """Polls until condition() is true and returns its value; fails the test with `what`."""
     deadline, pause = time.monotonic() + seconds, 0.001
     while True:
@@ -359,7 +359,7 @@ class Machine:
     @staticmethod
     def has_event_port(port):
         """Whether that port is open, for datagrams or for connections, by whatever process."""
-        return port in bound_datagram_ports() | listening_ports()
+        return port in bound_datagram_ports() or port in listening_ports()
 
     def wait_for_event_port(self, port):
         """Returns once the service has opened its event port, the last step of its start; that it
