@@ -17,8 +17,18 @@ bool isLetter(char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' || (c & 0x80) != 0;
 }
 
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
 bool isLetterOrDigit(char c) {
-  return isLetter(c) || (c >= '0' && c <= '9');
+  return isLetter(c) || isDigit(c);
+}
+
+/// `word` is in upper case.
+bool isWord(std::string_view text, std::string_view word) {
+  return std::ranges::equal(text, word, {},
+                            [](char c) { return c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c; });
 }
 
 bool isIdentifier(std::string_view text) {
@@ -30,10 +40,13 @@ bool isKeyValue(std::string_view text) {
   if (text.starts_with('"') || text.starts_with('\'')) {
     return text.size() > 1 && text.back() == text.front();
   }
+  if (text == "@" || isWord(text, "TRUE") || isWord(text, "FALSE")) {
+    return true;
+  }
   if (text.starts_with('+') || text.starts_with('-')) {
     text.remove_prefix(1);
   }
-  return text == "@" || (!text.empty() && std::ranges::all_of(text, isLetterOrDigit));
+  return !text.empty() && isDigit(text.front()) && std::ranges::all_of(text, isLetterOrDigit);
 }
 
 } // namespace

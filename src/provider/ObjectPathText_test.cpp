@@ -62,15 +62,17 @@ TEST(ObjectPathText, EmbeddedNulsArePartOfTheText) {
 }
 
 TEST(NamesInstance, IsTrueForAClassTextWithAnUnnamedKeyOnly) {
-  for (const char* text : {"UPOS_Scanner=5", "UPOS_Scanner=\"S1\"", "UPOS_Scanner=\"\"",
-                           "UPOS_Scanner=@", "UPOS_Scanner='S1'", "UPOS_Scanner=-5",
-                           "UPOS_Scanner=0x1F", "UPOS_Scanner=TRUE", " UPOS_Scanner = 5 ",
-                           "root\\cimv2:UPOS_Scanner=5", "\\\\host\\root:UPOS_Scanner=\"a=b\""}) {
+  for (const char* text :
+       {"UPOS_Scanner=5", "UPOS_Scanner=\"S1\"", "UPOS_Scanner=\"\"", "UPOS_Scanner=@",
+        "UPOS_Scanner='S1'", "UPOS_Scanner=-5", "UPOS_Scanner=0x1F", "UPOS_Scanner=TRUE",
+        "UPOS_Scanner=false", " UPOS_Scanner = 5 ", "root\\cimv2:UPOS_Scanner=5",
+        "\\\\host\\root:UPOS_Scanner=\"a=b\""}) {
     EXPECT_TRUE(namesInstance(text)) << text;
   }
-  for (const char* text : {"", "UPOS_Scanner", "=", "=5", "UPOS_Scanner=", "UPOS_Scanner= ", "5=5",
-                           "a b=5", "UPOS_Scanner=\"S", "UPOS_Scanner=\"", "UPOS_Scanner=a=b",
-                           "UPOS_Scanner=5,6", "root:=5", "UPOS_Scanner=-"}) {
+  for (const char* text :
+       {"", "UPOS_Scanner", "=", "=5", "UPOS_Scanner=", "UPOS_Scanner= ", "5=5", "a b=5",
+        "UPOS_Scanner=\"S", "UPOS_Scanner=\"", "UPOS_Scanner=a=b", "UPOS_Scanner=5,6", "root:=5",
+        "UPOS_Scanner=-", "UPOS_Scanner=S1", "UPOS_Scanner=-@"}) {
     EXPECT_FALSE(namesInstance(text)) << text;
   }
 }
