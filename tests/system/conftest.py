@@ -1,5 +1,7 @@
 import contextlib
+import os
 import sys
+import zlib
 from pathlib import Path
 
 import pytest
@@ -7,6 +9,18 @@ import pytest
 sys.path.insert(0, str(Path(__file__).parent))
 
 from machine import temporary_machine  # noqa: E402
+
+
+@pytest.fixture(autouse=True, scope="module")
+def processors(request):
+    """A machine's programs wait for each other: on one processor that costs a third less than
+    across two. A file whose tests let threads race, or that computes, says ALL_PROCESSORS."""
+    every = os.sched_getaffinity(0)
+    if not getattr(request.module, "ALL_PROCESSORS", False):
+        place = zlib.crc32(request.module.__name__.encode()) % len(every)
+        os.sched_setaffinity(0, {sorted(every)[place]})
+    yield
+    os.sched_setaffinity(0, every)
 
 
 @pytest.fixture

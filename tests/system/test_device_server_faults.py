@@ -16,6 +16,8 @@ from machine import wait_until
 from peers import (BS, ESC, FAILED, NORMAL, PLACES, SCANNER, Peer, Setting, Watched, device, framed,
                    reset, response, rows)
 
+ALL_PROCESSORS = True
+
 
 @pytest.fixture(scope="module")
 def installed(shared_machine):

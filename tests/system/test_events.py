@@ -9,6 +9,8 @@ from machine import BUILD, SERVICE, wait_until
 from peers import EVENT, OK, event, events_until, framed, names, plain, published, send
 from ports import reserve_port, reserve_this_port
 
+ALL_PROCESSORS = True
+
 CHANGED = "modifyInstance"
 LONGEST = 1024  # of a datagram, with its marks
 

@@ -13,6 +13,8 @@ from peers import (BS, ESC, EVENT, NORMAL, OK, PLACES, SCANNER, START, DeviceSer
                    Watched, counters, device, document, event, forget, framed, names, plain,
                    published, published_in_stream, response, send, sender_in_order)
 
+ALL_PROCESSORS = True
+
 
 # -- the adapter strategy's datagrams
 

@@ -13,6 +13,8 @@ import pytest
 
 from machine import BUILD, ROOT
 
+ALL_PROCESSORS = True
+
 
 def pack(folder, **environment):
     # The time of the last commit is the default: one may be made between two packings.

@@ -10,6 +10,8 @@ from peers import (FAILED, OK, START, UPDATE_REQUEST, DeviceServer, document, fe
                    names, next_event, published_in_stream, settle)
 from ports import reserve_port
 
+ALL_PROCESSORS = True
+
 
 @pytest.fixture(scope="module")
 def port(shared_machine):

@@ -12,6 +12,8 @@ from peers import (FAILED, NORMAL, OK, UPDATE_REQUEST, DeviceServer, Peer, devic
                    framed, names, response)
 from ports import reserve_port
 
+ALL_PROCESSORS = True
+
 KEY = "HKLM\\SOFTWARE\\Veltran\\Veltran Kestrune"
 LINE = re.compile(rb"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d)  (.*?)\r\n", re.DOTALL)
 

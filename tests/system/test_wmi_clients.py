@@ -9,6 +9,8 @@ from machine import BUILD, SERVICE, wait_until
 from peers import (FAILED, INVALID_CLASS, OK, Peer, ask, device, event, events_until, fetched,
                    framed, listing, names, response, send, status_of, table)
 
+ALL_PROCESSORS = True
+
 LOGICAL = ["SCANNER1", "SCALE1", "PRINTER1", "DRAWER1", "DISPLAY1", "MSR1", "KEYBOARD1", "KEYLOCK1",
            "SCANNER2"]
 CONNECT = 'Set wmi = GetObject("winmgmts:\\\\.\\root\\cimv2")\n'
