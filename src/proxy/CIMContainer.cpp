@@ -34,9 +34,8 @@ void CIMContainer::add(const CIMDevice& device) {
   Records added;
   added.push_back({device.getDeviceId(), std::make_shared<const CIMDevice>(device)});
   std::scoped_lock lock(mutex_);
-  std::size_t& count = classCounts_[device.getClassName()];
   index_.try_emplace(added.front().id, added.begin());
-  ++count;
+  listedByName_ += device.hasClass(kAllDevices) ? 1U : 0U;
   records_.splice(records_.end(), added);
 }
 
@@ -45,9 +44,9 @@ void CIMContainer::replace(const CIMDevice& device) {
   Reference changed = std::make_shared<const CIMDevice>(device);
   std::scoped_lock lock(mutex_);
   if (const auto found = index_.find(id); found != index_.end()) {
-    ++classCounts_[changed->getClassName()];
     found->second->device.swap(changed);
-    uncount(changed->getClassName());
+    listedByName_ += found->second->device->hasClass(kAllDevices) ? 1U : 0U;
+    listedByName_ -= changed->hasClass(kAllDevices) ? 1U : 0U;
   }
 }
 
@@ -61,16 +60,9 @@ void CIMContainer::remove(const CIMDevice& device) {
   std::scoped_lock lock(mutex_);
   const auto found = index_.find(id);
   const auto record = found->second;
-  uncount(record->device->getClassName());
+  listedByName_ -= record->device->hasClass(kAllDevices) ? 1U : 0U;
   index_.erase(found);
   removed.splice(removed.end(), records_, record);
-}
-
-void CIMContainer::uncount(const std::string& className) {
-  const auto count = classCounts_.find(className);
-  if (--count->second == 0) {
-    classCounts_.erase(count);
-  }
 }
 
 std::vector<CIMContainer::Reference>
@@ -104,7 +96,7 @@ CIMContainer::Selection CIMContainer::select(const std::string& className,
   UPOSLog::trace("CIMContainer::getInstances(%s)", className);
   if (className == kAllDevices) {
     std::scoped_lock lock(mutex_);
-    if (!classCounts_.contains(className)) { // so getInstances would trace no device
+    if (listedByName_ == 0) { // so getInstances would trace no device
       const auto found = index_.find(id);
       return {records_.size(), found != index_.end() ? found->second->device : nullptr};
     }

@@ -62,13 +62,12 @@ private:
   using Records = std::list<Record>;
 
   std::vector<Reference> devicesOf(const std::string& className) const;
-  void uncount(const std::string& className);
 
   mutable std::mutex mutex_; // guards the rest
   Records records_;
   // By Record::id.
   std::unordered_map<std::string_view, Records::iterator> index_;
-  std::unordered_map<std::string, std::size_t> classCounts_;
+  std::size_t listedByName_ = 0; ///< devices whose class is "UPOS_LogicalDevice" itself
 };
 
 } // namespace proxy
