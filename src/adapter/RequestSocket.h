@@ -9,7 +9,7 @@ namespace adapter {
 /// was skipped during the back-off.
 ///
 /// Threads: any; each exchange has its own socket. Blocks while the device server keeps the
-/// connection open without answering. Errors: traced only.
+/// connection open without answering. Errors: traced; std::bad_alloc.
 std::string exchangeRequest(const std::string& request);
 
 } // namespace adapter

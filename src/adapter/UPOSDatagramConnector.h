@@ -24,10 +24,10 @@ struct UPOSDatagramConnector {
 
   /// 0 when bound, now or earlier; 0xFFFFFFFF on failure.
   std::uint32_t Bind(std::uint16_t port);
-  /// Appends one message to `out`; blocks until it is complete. Does nothing when no socket is
-  /// bound. Empty datagrams are ignored, datagrams longer than 1024 bytes are lost, a message
-  /// longer than maxMessageSize is dropped with a trace line. A failing receive is retried once per
-  /// second.
+  /// Appends one message to `out`; blocks until it is complete. Does nothing when the process
+  /// has bound no socket. Empty datagrams are ignored, datagrams longer than 1024 bytes are lost, a
+  /// message longer than maxMessageSize is dropped with a trace line. A failing receive is retried
+  /// once per second.
   void Receive(ByteBuffer* out);
   /// Closes the socket if it is bound. Returns closesocket's result; 0 when none was bound.
   int Close();

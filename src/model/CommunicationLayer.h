@@ -11,7 +11,8 @@ class IUPOSXmlAdapter;
 
 /// A strategy's source of device events.
 ///
-/// Owner and thread: the event thread.
+/// Owner and thread: the event thread. Errors: std::bad_alloc; an event that cannot be read is
+/// returned as one that is not to be published.
 class CommunicationLayer {
 public:
   virtual ~CommunicationLayer() = default;

@@ -14,8 +14,8 @@ struct DeviceEvent {
   /// The short device class ("Scanner"), or "NA".
   std::string className;
   std::string modifyInstanceCode;
-  /// The WMI class under which the device is published. Like `fields`, set by the proxy strategy
-  /// only.
+  /// The name of one listing of the device, by convention its WMI class; clients find the device
+  /// by `className`. Like `fields`, set by the proxy strategy only.
   std::string provider;
   Fields fields;
 };

@@ -185,9 +185,7 @@ HRESULT CProvider_IWbemServices::Shutdown(LONG, ULONG, IWbemContext*) noexcept {
   return WBEM_S_NO_ERROR;
 }
 
-// Operations that are not implemented. The mix of codes is deliberate: synchronous operations
-// return WBEM_E_NOT_AVAILABLE, asynchronous writes and queries WBEM_E_PROVIDER_NOT_CAPABLE, and the
-// two asynchronous class operations WBEM_E_NOT_FOUND.
+// Operations that are not served. The mix of codes is deliberate and follows no rule.
 HRESULT CProvider_IWbemServices::OpenNamespace(BSTR, LONG, IWbemContext*, IWbemServices**,
                                                IWbemCallResult**) noexcept {
   return WBEM_S_NO_ERROR;

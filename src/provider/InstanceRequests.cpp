@@ -191,7 +191,7 @@ CProvider_IWbemServices::CreateInstanceEnumAsync(BSTR className, LONG, IWbemCont
   const HRESULT result =
       win::comBoundary([&] { return enumerate(className, responseHandler, finalStatus); });
   if (!finalStatus.reported()) {
-    finalStatus.report(result); // after an exception the client still needs a final status
+    finalStatus.report(result); // also without a class name, and after an exception
   }
   return result;
 }

@@ -9,8 +9,8 @@
 
 namespace proxy {
 
-/// A cached device of the proxy strategy: class, id, the WMI classes under which it is published,
-/// and its typed fields. A value type.
+/// A cached device of the proxy strategy: class, id, its listings (`instances`, named after the
+/// `provider` of the events that made them), and its typed fields. A value type.
 ///
 /// Threads: one writer or many readers. Errors: std::bad_alloc only.
 class CIMDevice {

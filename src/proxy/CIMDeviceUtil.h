@@ -12,8 +12,8 @@ class CIMDeviceUtil {
 public:
   /// Applies `event` to the container and returns it. Its type becomes "NA" if it is not to be
   /// published: an add of a known device; a modification without a code (empty or one blank); a
-  /// modification or deletion of an unknown device; a deletion after which the device is still
-  /// published under another class. An event of another type changes nothing.
+  /// modification or deletion of an unknown device; a deletion after which the device
+  /// still has a listing. An event of another type changes nothing.
   static model::DeviceEvent processEvent(model::DeviceEvent event,
                                          CIMContainer& container = CIMContainer::getInstance());
 };

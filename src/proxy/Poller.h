@@ -26,7 +26,7 @@ public:
   virtual std::int64_t currentTime();
 
   /// True if a period has passed since the last true; starts the next period. Always true for a
-  /// period of 0 or less.
+  /// period of 0 or less, unless the clock goes back.
   bool isPollingTime();
 
 protected:

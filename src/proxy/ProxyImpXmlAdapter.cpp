@@ -115,7 +115,7 @@ DeviceEvent ProxyImpXmlAdapter::fromXMLEvent(std::string message) {
   try {
     library.require();
     readProviderAndFields(message, event);
-  } catch (...) { // already traced by the first reading
+  } catch (...) { // not traced: the first reading, as a rule, has said it
   }
   return event;
 }

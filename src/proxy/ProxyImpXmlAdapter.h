@@ -24,7 +24,7 @@ public:
   /// answer; always returns empty text.
   std::string sendRequest(std::string request) override;
   /// As the base class; also sets the provider and all fields, even if the event is not to be
-  /// published. An unreadable document leaves both empty.
+  /// published. An unreadable document leaves both empty, a failed reading what it had read.
   model::DeviceEvent fromXMLEvent(std::string message) override;
 
 private:

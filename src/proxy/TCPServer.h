@@ -19,9 +19,10 @@ namespace proxy {
 /// is split into event documents, which are handed to one consumer, one at a time. It also sends
 /// text to every connected device server.
 ///
-/// Threads: startListening, stop, take and release on the consumer's, the event thread; the rest on
-/// any. One thread accepts and one per client receives; `stop` ends them. A consumer that waits in
-/// `take` keeps waiting across a stop and a new start.
+/// Threads: startListening, port, stop, take and release on the consumer's, the event thread;
+/// deleteClient on the client's receive thread; the rest on any. One thread accepts and one per
+/// client receives; `stop` ends them. It may run while another thread waits in `take`, which keeps
+/// waiting across a stop and a new start.
 /// Limits: a client whose incomplete document exceeds PendingLimits::perConnection is dropped, and
 /// so is one that PendingTexts selects, each with a trace line. Memory may reach twice the limits,
 /// since buffers grow by doubling. Data that the consumer does not keep up with stays in the

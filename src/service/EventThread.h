@@ -18,8 +18,8 @@ struct EventThreadContext {
 /// "QuillmonEvent" until the process ends. Opens the event port first; retries a failed open with
 /// one trace line per attempt.
 /// `context`: an EventThreadContext.
-/// Errors: an event for which memory runs out is lost; without COM, and after any other exception,
-/// the thread ends.
+/// Errors: an event is lost for which memory runs out or a call of the system fails
+/// (std::system_error); without COM, and after any other exception, the thread ends.
 DWORD WINAPI EventThread(void* context) noexcept;
 
 } // namespace service

@@ -27,9 +27,9 @@ struct StatusBlock {
 };
 constinit StatusBlock status;
 constinit std::atomic<SERVICE_STATUS_HANDLE> statusHandle = nullptr;
-/// Held while a stop is reported. Windows calls the handler on the dispatcher's thread. On another
-/// thread, the process could end between the two reports, and the service control manager would
-/// take the second one for a report of the next instance.
+/// Held while a stop is reported. Windows calls the handler on the dispatcher's thread, Wine on a
+/// thread of its own. There the process could otherwise end between the two reports, and the
+/// service control manager would take the second one for a report of the next instance.
 std::mutex reportingStop;
 
 /// Reports the current status to the service control manager.

@@ -8,7 +8,7 @@ namespace service {
 
 // The Windows service "QuillmonServ": installation and life cycle. Results of the service control
 // manager are checked only where a console line depends on them; its handles stay open until the
-// process ends.
+// process ends, but for that of a service that is removed.
 
 /// Opens the service control manager with all access; null on failure.
 SC_HANDLE openServiceManager();

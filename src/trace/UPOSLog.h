@@ -14,8 +14,10 @@ namespace trace {
 /// to the log file, which is rotated by size.
 ///
 /// Threads: any, at any time, re-entrantly. A named event serialises the writers, so a call blocks
-/// while another one writes. Cost: one system call per trace call, on or off.
-/// Errors: none reach the caller; a line that cannot be written is lost.
+/// while another one writes. Cost: one system call per trace call while the event does not exist,
+/// three while it does; a line also opens and closes the log.
+/// Errors: none reach the caller; a line that cannot be written is lost. By design a log that
+/// cannot be opened, or a rotation that cannot start, blocks every later traced call for good.
 /// Security: messages are written unchanged and may contain a peer's text with line ends and
 /// control characters. Every reader of the log must expect them.
 class UPOSLog {

@@ -7,8 +7,8 @@
 
 namespace {
 
-/// A function that is younger than Windows 7. Linked, it would keep the program from loading there,
-/// with a message box of the loader's that nobody sees who starts a service.
+/// A function that Windows 7 lacks. If it were imported, the loader would refuse the program there
+/// with a message box, which a service cannot show.
 template <class Function>
 Function* youngFunction(const char* name) noexcept {
   return reinterpret_cast<Function*>(

@@ -4,7 +4,7 @@
 #include <string>
 
 /// The service's configuration file, section "default". Each call reads the file again.
-/// Threads: any. Errors: none; a missing file or key gives the default.
+/// Threads: any. Errors: std::bad_alloc; a missing file or key gives the default.
 namespace configuration {
 
 /// The file's path from the root of the current drive. A tool that runs on another drive than the

@@ -5,7 +5,7 @@
 namespace xml {
 
 /// Traces the current exception: two lines for the library's and XmlFailure; `unknownLine`, and a
-/// line on standard error, for any other.
+/// line on standard error, for any other, the library's OutOfMemoryException among them.
 void traceCurrentException(std::string_view unknownLine) noexcept;
 
 /// Runs `read` and traces an exception instead of passing it on; false after an exception. Called
