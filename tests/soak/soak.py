@@ -59,7 +59,7 @@ class Subscriber:
 
     def __init__(self, machine):
         self.received = []
-        self.watcher = machine.watch_events(seconds=0)
+        self.watcher = machine.watch_events()
         threading.Thread(target=self._read, daemon=True).start()
 
     def _read(self):

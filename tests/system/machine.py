@@ -283,9 +283,9 @@ class Machine:
         """The direct client as a process for many calls, each of which then costs a tenth."""
         return WmiClient(self)
 
-    def watch_events(self, seconds=30, count=0):
-        """Starts a subscriber and returns it once it is subscribed."""
-        watcher = self.start(str(BUILD / "wmi_client.exe"), "watch", seconds, count)
+    def watch_events(self, *query):
+        """Starts a subscriber, which does not end by itself; returns it once it is subscribed."""
+        watcher = self.start(str(BUILD / "wmi_client.exe"), "watch", 0, 0, *query)
         assert watcher.stdout.readline().strip() == b"ready"
         return watcher
 

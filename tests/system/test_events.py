@@ -222,10 +222,7 @@ def test_a_subscriber_that_leaves_takes_nothing_from_the_others(shared_machine, 
 
 
 def test_a_subscription_with_a_condition_gets_what_fits(shared_machine, till):
-    watcher = shared_machine.start(
-        str(BUILD / "wmi_client.exe"), "watch", "30", "0",
-        "SELECT * FROM QuillmonEvent WHERE classname = 'Scale'")
-    assert watcher.stdout.readline().strip() == b"ready"
+    watcher = shared_machine.watch_events("SELECT * FROM QuillmonEvent WHERE classname = 'Scale'")
     send(till.events, event("A"), event("B", cls="Scale"), event("C"), event("END", cls="Scale"))
     assert events_until(watcher, "END") == [("Scale", "B", CHANGED, "")]
     watcher.kill()

@@ -219,7 +219,7 @@ class Subscriber:
 
     def __init__(self, machine):
         self.seen = []
-        self.watcher = machine.watch_events(seconds=300)
+        self.watcher = machine.watch_events()
         threading.Thread(target=self._read, daemon=True).start()
 
     def _read(self):

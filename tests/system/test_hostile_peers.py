@@ -34,7 +34,7 @@ def service(setting):
 
 @pytest.fixture
 def watcher(setting):
-    watcher = setting.machine.watch_events(seconds=0)
+    watcher = setting.machine.watch_events()
     yield watcher
     watcher.kill()
 
@@ -251,7 +251,7 @@ def server(proxy):
 
 @pytest.fixture
 def stream_watcher(proxy):
-    watcher = proxy.watch_events(seconds=0)
+    watcher = proxy.watch_events()
     yield watcher
     watcher.kill()
 
