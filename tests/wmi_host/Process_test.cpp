@@ -212,10 +212,11 @@ TEST(WmiHostProvider, AMisbehavingProviderIsReported) {
   }
 }
 
-/// Starts a list that the provider does not end.
+/// Starts a list that the provider has begun and does not end.
 WmiClient::Objects blockedList() {
   const WmiClient::Objects objects = WmiClient().instances(L"Test_Blocking");
-  EXPECT_FALSE(WmiClient::next(objects, 300));
+  EXPECT_TRUE(WmiClient::next(objects, 10000));
+  EXPECT_FALSE(WmiClient::next(objects, 100));
   return objects;
 }
 

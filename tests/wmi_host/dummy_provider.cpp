@@ -42,6 +42,7 @@ public:
         return S_OK;
       }
       if (className == L"Test_Blocking") {
+        indicate(className, L"A", *sink); // tells the client that the request is here
         isCancelled_.wait(false);
         return wbemResult(WBEM_E_CALL_CANCELLED);
       }
