@@ -287,5 +287,18 @@ TEST(WmiHostRegistration, ChecksItsArguments) {
   EXPECT_EQ(events->UnRegister(), S_OK);
 }
 
+TEST(WmiHostRegistration, AProcessThatLeavesLateKeepsItsSuccessorRegistered) {
+  ComPtr<IWbemDecoupledRegistrar> registrar;
+  ASSERT_EQ(CoCreateInstance(CLSID_WbemDecoupledRegistrar, nullptr, CLSCTX_INPROC_SERVER,
+                             IID_PPV_ARGS(&registrar)),
+            S_OK);
+  ASSERT_EQ(registrar->Register(0, nullptr, nullptr, nullptr, L"root\\cimv2", L"TestProvider",
+                                registrar.Get()),
+            S_OK);
+  const Provider successor;
+  EXPECT_EQ(registrar->UnRegister(), S_OK);
+  EXPECT_EQ(list(L"Test_Device").ids, L"AB");
+}
+
 } // namespace
 } // namespace wmi_host

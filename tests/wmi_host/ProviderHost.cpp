@@ -284,11 +284,11 @@ void ProviderHost::startListening() {
   bind(listener_, generic, size);
   listen(listener_, SOMAXCONN);
   getsockname(listener_, generic, &size);
-  settings::Server server{ntohs(address.sin_port), newIdentity()};
-  std::thread([this, listener = listener_, identity = server.identity] {
+  identity_ = newIdentity();
+  std::thread([this, listener = listener_, identity = identity_] {
     accept(listener, identity);
   }).detach();
-  settings::publish(server);
+  settings::publish({ntohs(address.sin_port), identity_});
 }
 
 /// Called with the lock held.
@@ -296,7 +296,7 @@ void ProviderHost::stopListeningIfUnused() {
   if (provider_ || eventRegistrations_ > 0) {
     return;
   }
-  settings::withdraw();
+  settings::withdraw(identity_);
   closesocket(std::exchange(listener_, INVALID_SOCKET));
   for (const std::shared_ptr<Connection>& connection : connections_) {
     connection->close();

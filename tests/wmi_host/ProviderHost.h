@@ -62,6 +62,7 @@ private:
   std::shared_ptr<Provider> provider_;
   int eventRegistrations_ = 0;
   SOCKET listener_ = INVALID_SOCKET;
+  std::wstring identity_; // of the listener, as it is published
   std::set<std::shared_ptr<Connection>> connections_;
   std::set<std::shared_ptr<Connection>> subscribers_;
 };

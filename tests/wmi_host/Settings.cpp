@@ -139,8 +139,10 @@ void publish(const Server& server) {
   store(kServerKey, REG_OPTION_VOLATILE, L"Port", server.port);
 }
 
-void withdraw() {
-  RegDeleteKeyW(HKEY_LOCAL_MACHINE, kServerKey);
+void withdraw(const std::wstring& identity) {
+  if (publishedServer().identity == identity) {
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, kServerKey);
+  }
 }
 
 void clearCounters() {

@@ -31,7 +31,8 @@ struct Server {
 };
 Server publishedServer();
 void publish(const Server& server);
-void withdraw();
+/// Does nothing if another process has published its address since.
+void withdraw(const std::wstring& identity);
 
 void clearCounters();
 void storeCounter(const wchar_t* name, DWORD value);
