@@ -8,7 +8,7 @@ import time
 import pytest
 
 from machine import BUILD, SERVICE, wait_until
-from peers import FAILED, Peer
+from peers import FAILED, Peer, event, events_until, plain, send
 from ports import reserve_port, reserve_this_port
 
 REQUEST_PORT, EVENT_PORT = 42115, 42114  # where nothing else is configured
@@ -317,7 +317,7 @@ def test_a_retry_timeout_below_0_is_a_pause_of_weeks(configured, retry):
 
 
 EVENT_PORT_TEXTS = {
-    "plain": "{port}",
+    "between blanks": "  {port}  ",
     "in double quotes": '"{port}"',
     "up to a letter": "{port}abc",
     "beyond 16 bits is cut": "{plus_16_bits}",
@@ -335,6 +335,16 @@ def test_an_event_port_that_reads_as_a_free_one_is_opened(configured, text):
     configured.start()
     wait_until(lambda: configured.open_ports() == {port}, "the event port")
     assert configured.list()
+
+
+def test_without_a_configured_event_port_events_arrive_at_42114(configured):
+    reserve_this_port(EVENT_PORT)
+    configured.keys(**{EVENTS: None})
+    configured.start()
+    watcher = configured.machine.watch_events()
+    send(EVENT_PORT, event("A"), event("END"))
+    assert events_until(watcher, "END") == [plain("A")]
+    watcher.kill()
 
 
 @pytest.mark.parametrize("text", ["many", "0", "65536"])

@@ -7,7 +7,7 @@ import pytest
 
 from machine import BUILD, SERVICE, wait_until
 from peers import EVENT, OK, event, events_until, framed, names, plain, published, send
-from ports import reserve_port, reserve_this_port
+from ports import reserve_port
 
 ALL_PROCESSORS = True
 
@@ -265,10 +265,8 @@ def test_a_burst_arrives_in_order_while_a_list_waits_for_the_device_server(
 
 
 def configure(machine, till, port, **keys):
-    """The configuration with another event port; None leaves the key out."""
-    if port is not None:
-        keys["provider__eventSocket__Port"] = port
-    machine.configure(upos__requestSocket__Port=till.requests, **keys)
+    machine.configure(upos__requestSocket__Port=till.requests,
+                      provider__eventSocket__Port=port, **keys)
 
 
 @pytest.fixture
@@ -309,45 +307,4 @@ def test_a_port_in_use_is_traced_once_per_attempt_and_taken_when_free(
     send(port, event("A"), event("END"))
     assert events_until(watcher, "END") == [plain("A")]
     assert pauses() == seen
-    watcher.kill()
-
-
-@pytest.mark.parametrize("written, extra", [
-    ("{port}", 0), ("  {port}  ", 0), ("{port}th port", 0), ("{port}", 65536)])
-def test_a_port_is_read_as_its_digits_and_cut_to_16_bits(
-        shared_machine, till, restored, written, extra):
-    port = reserve_port()
-    configure(shared_machine, till, written.format(port=port + extra))
-    shared_machine.restart_service(port)
-    watcher = shared_machine.watch_events()
-    send(port, event("A"), event("END"))
-    assert events_until(watcher, "END") == [plain("A")]
-    watcher.kill()
-
-
-@pytest.mark.parametrize("written", ["nonsense", "0", "65536"])
-def test_a_port_of_no_number_leaves_the_service_without_events_and_otherwise_well(
-        shared_machine, till, restored, written):
-    configure(shared_machine, till, written)
-    restart_without_waiting(shared_machine)
-    wait_until(lambda: names(shared_machine, "UPOS_Scanner") == (["SCANNER1", "SCANNER2"], OK),
-               "the service to answer")
-    # Windows gives port 0 any free one.
-    wait_until(shared_machine.service_datagram_ports, "some port to be opened")
-    assert shared_machine.service_state() == "RUNNING"
-    assert not [line for line in shared_machine.trace()
-                if re.match(r"\[EventThread\] Unable to open event port 0\b", line)]
-
-
-@pytest.mark.parametrize("has_file", [True, False], ids=["no key", "no file"])
-def test_without_a_configured_port_it_is_42114(shared_machine, till, restored, has_file):
-    reserve_this_port(42114)
-    if has_file:
-        configure(shared_machine, till, None)
-    else:
-        (shared_machine.c / "POS" / "JavaPOS" / "Config" / "quillmon.properties").unlink()
-    shared_machine.restart_service(42114)
-    watcher = shared_machine.watch_events()
-    send(42114, event("A"), event("END"))
-    assert events_until(watcher, "END") == [plain("A")]
     watcher.kill()
