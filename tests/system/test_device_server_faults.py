@@ -343,32 +343,6 @@ def test_line_ends_in_a_value_become_line_feeds_unless_written_as_references(ser
     assert done.stdout == b"ModelName\r\nA\r\nB\r\r\nC\r\n"
 
 
-@pytest.mark.parametrize("name, word, text, value", [
-    ("GoodScanCount", "uint32", "many", "(null)"),
-    ("GoodScanCount", "uint32", "", "(null)"),
-    ("GoodScanCount", "uint32", "2147483647", "2147483647"),
-    ("GoodScanCount", "uint32", "2147483648", "(null)"),
-    ("GoodScanCount", "uint64", "4294967296", "(null)"),
-    ("GoodScanCount", "uint64", "12", "12"),
-    ("GoodScanCount", "string", "12", "(null)"),
-    ("GoodScanCount", "ArrayInt32", "1,2", "(null)"),
-    ("CapUpdateFirmware", "boolean", "perhaps", "(null)"),
-    ("CapUpdateFirmware", "boolean", "True", "True"),
-    ("CapUpdateFirmware", "uint32", "1", "(null)"),
-    ("ModelName", "uint32", "12", "(null)"),
-    ("ModelName", "boolean", "true", "(null)"),
-    ("ModelName", "datetime", "tomorrow", "tomorrow"),
-    ("ModelName", "ArrayInt32", "1,2,x", "1,2,x"),
-    ("ModelName", "klingon", "text", "text"),
-    ("ModelName", "end", "text", "text"),
-    ("ModelName", "STRING", "text", "text"),
-    ("ModelName", "", "text", "text"),
-])
-def test_a_type_word_that_lies_costs_its_own_property_only(service, name, word, text, value):
-    answer = framed(response(device(**{name: (word, text)}, SerialNumber="last")))
-    assert service.answer(answer, name, "SerialNumber") == [["SCANNER1", value, "last"]]
-
-
 def test_thousands_of_unknown_type_words_cost_nothing(service):
     fields = {f"F{i}": (f"word{i}", "v") for i in range(3000)}
     answer = framed(response(device(**fields, ModelName=("word7", "last"))))

@@ -234,29 +234,38 @@ CONVERSIONS = [
     ("UPOS_Scanner", "ModelName", "uint64", "18446744073709551615", "18446744073709551615"),
     ("UPOS_Scanner", "CapUpdateFirmware", "boolean", "true", "True"),
     ("UPOS_Scanner", "CapUpdateFirmware", "boolean", "false", "False"),
+    ("UPOS_Scanner", "CapUpdateFirmware", "boolean", "True", "True"),
     ("UPOS_Scanner", "CapUpdateFirmware", "boolean", "perhaps", "(null)"),
+    ("UPOS_Scanner", "CapUpdateFirmware", "uint32", "1", "(null)"),
+    ("UPOS_POSPrinter", "RecLineCharsList", "ArrayInt32", "1,2,x", "1,2,x"),
     ("UPOS_POSPrinter", "RecLineCharsList", "ArrayInt32", "42,56,68", "42,56,68"),
     ("UPOS_POSPrinter", "PaperCutCount", "ArrayInt32", "42", "(null)"),
     ("UPOS_Scanner", "InstallationDate", "datetime", "20220214081500.000000+060",
      "20220214081500.000000+060"),
+    ("UPOS_Scanner", "InstallationDate", "datetime", "tomorrow", "tomorrow"),
     ("UPOS_Scanner", "ModelName", "float", "1.5", "1.5"),
+    ("UPOS_Scanner", "ModelName", "klingon", "text", "text"),
+    ("UPOS_Scanner", "ModelName", "STRING", "text", "text"),
+    ("UPOS_Scanner", "ModelName", "end", "text", "text"),
     ("UPOS_Scanner", "ModelName", "", "no word", "no word"),
     ("UPOS_Scanner", "GoodScanCount", "Uint32", "7", "(null)"),
     ("UPOS_Scanner", "GoodScanCount", "end", "7", "(null)"),
     ("UPOS_Scanner", "GoodScanCount", "string", "7", "(null)"),
     ("UPOS_Scanner", "ModelName", "uint32", "7", "(null)"),
+    ("UPOS_Scanner", "ModelName", "boolean", "true", "(null)"),
 ]
 
 
 @pytest.mark.parametrize("cls", ["UPOS_Scanner", "UPOS_POSKeyboard", "UPOS_POSPrinter"])
-def test_a_field_is_converted_by_its_type_word(shared_machine, till, answering, cls):
+def test_a_type_word_decides_about_its_own_field_only(shared_machine, till, answering, cls):
     rows = [row[1:] for row in CONVERSIONS if row[0] == cls]
-    answering(*(device(f"D{i}", cls, **{prop: (word, text)})
+    answering(*(device(f"D{i}", cls, **{prop: (word, text)}, SerialNumber="last")
                 for i, (prop, word, text, _) in enumerate(rows)))
-    found, status = listing(shared_machine, cls, "DeviceID", *sorted({row[0] for row in rows}))
+    found, status = listing(shared_machine, cls, "DeviceID", "SerialNumber",
+                            *sorted({row[0] for row in rows}))
     assert (status, len(found)) == (OK, len(rows))
     for (prop, word, text, expected), instance in zip(rows, found):
-        assert instance[prop] == expected, (prop, word, text)
+        assert (instance[prop], instance["SerialNumber"]) == (expected, "last"), (prop, word, text)
 
 
 def test_a_fetched_devices_fields_are_converted_the_same_way(shared_machine, till, answering):
