@@ -172,14 +172,6 @@ def test_a_device_that_is_not_there_fails_to_be_fetched(shared_machine, till, pa
     assert fetched(shared_machine, path) == FAILED
 
 
-def test_without_quotes_the_whole_path_is_the_device_id(shared_machine, till, answering):
-    peer = answering()
-    assert fetched(shared_machine, "UPOS_Scanner.DeviceID=7") == FAILED
-    assert len(peer.requests) == 1
-    assert (b"<type>getInstance</type><class>UPOS_Scanner</class>"
-            b"<id>UPOS_Scanner.DeviceID=7</id>") in peer.requests[0]
-
-
 def test_a_query_selects_properties_and_rows(shared_machine, till):
     done = ask(shared_machine, "query", "SELECT DeviceID, Interface FROM UPOS_LogicalDevice "
                "WHERE Interface = 'USB'")
