@@ -186,12 +186,11 @@ class Machine:
         done.err = done.stderr.decode("latin-1").replace("\r\n", "\n")
         return done
 
-    def start(self, program, *arguments, cwd=None, **options):
+    def start(self, program, *arguments, cwd=None):
         """Starts a Windows program and returns its Popen; it is killed with the machine."""
         process = subprocess.Popen(
             [TESTS_WINE, program, *map(str, arguments)], env=self.env, cwd=cwd or self.home,
-            stdin=options.get("stdin", subprocess.PIPE),
-            stdout=options.get("stdout", subprocess.PIPE), stderr=subprocess.STDOUT)
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.processes.append(process)
         return process
 
@@ -278,6 +277,10 @@ class Machine:
     def wmi(self, *arguments, **options):
         """Runs the direct client: list CLASS, get PATH, query WQL."""
         return self.run(str(BUILD / "wmi_client.exe"), *arguments, **options)
+
+    def start_list(self, class_name):
+        """Starts a direct client that lists the ids of a class."""
+        return self.start(str(BUILD / "wmi_client.exe"), "list", class_name, "DeviceID")
 
     def start_wmi_client(self):
         """The direct client as a process for many calls, each of which then costs a tenth."""
@@ -401,10 +404,9 @@ class Machine:
         lines = log.read_bytes().decode("latin-1").split("\r\n")
         return [line[21:] for line in lines if line]
 
-    def wait_for_trace(self, text, seconds=20.0, log=None):
-        return wait_until(
-            lambda: next((line for line in self.trace(log) if text in line), None),
-            f"the trace line {text!r}", seconds)
+    def wait_for_trace(self, text):
+        return wait_until(lambda: next((line for line in self.trace() if text in line), None),
+                          f"the trace line {text!r}")
 
 
 class WmiClient:

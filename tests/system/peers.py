@@ -11,7 +11,7 @@ import struct
 import threading
 import time
 
-from machine import BUILD, wait_until
+from machine import wait_until
 from ports import reserve_port
 
 # What WMI answers, as the direct client prints it.
@@ -357,9 +357,6 @@ class Setting:
         yield self
         assert self.answer(NORMAL) == SCANNER
         assert self.machine.service_process() == process is not None
-
-    def start_list(self, class_name):
-        return self.machine.start(str(BUILD / "wmi_client.exe"), "list", class_name, "DeviceID")
 
     def memory_peak(self):
         return self.machine.service_memory_peak()

@@ -7,7 +7,7 @@ import time
 
 import pytest
 
-from machine import BUILD, SERVICE, wait_until
+from machine import SERVICE, wait_until
 from peers import FAILED, Peer, event, events_until, plain, send
 from ports import reserve_port, reserve_this_port
 
@@ -286,7 +286,7 @@ def test_the_threads_and_the_retry_timeout_are_read_as_32_bits(
 def test_threads_that_read_as_0_admit_nobody(configured, threads):
     configured.keys(**{THREADS: threads})
     configured.start()
-    client = configured.machine.start(str(BUILD / "wmi_client.exe"), "list", "UPOS_Scanner")
+    client = configured.machine.start_list("UPOS_Scanner")
     configured.machine.wait_for_trace(") created")
     assert configured.traced(SEMAPHORE) == "0 *\n"
     time.sleep(0.5)  # an admitted request would be answered by then

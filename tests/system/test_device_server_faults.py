@@ -197,7 +197,7 @@ def stalled(service, head):
             connection.sendall(NORMAL)
 
     service.peer.answer = answer
-    client = service.start_list("UPOS_Scale")
+    client = service.machine.start_list("UPOS_Scale")
     try:
         assert stalls.wait(30)
         yield client
@@ -676,9 +676,9 @@ def test_with_two_slots_taken_a_third_request_waits_for_one_to_end(traced):
 
     peer.answer = answer
     before = len(peer.requests)
-    clients = {name: traced.start_list(name) for name in ("UPOS_Scale", "UPOS_MSR")}
+    clients = {name: traced.machine.start_list(name) for name in ("UPOS_Scale", "UPOS_MSR")}
     wait_until(lambda: len(peer.requests) == before + 2, "two requests")
-    clients["UPOS_Scanner"] = traced.start_list("UPOS_Scanner")
+    clients["UPOS_Scanner"] = traced.machine.start_list("UPOS_Scanner")
     wait_until(lambda: machine.trace().count("<<<< CreateInstanceEnumAsync >>>>") == 3, "the third")
     go_on["UPOS_Scanner"].set()
     assert len(admitted()) == 2 and len(peer.requests) == before + 2

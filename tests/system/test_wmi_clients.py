@@ -5,9 +5,9 @@ import threading
 
 import pytest
 
-from machine import BUILD, SERVICE, wait_until
-from peers import (FAILED, INVALID_CLASS, OK, Peer, ask, device, event, events_until, fetched,
-                   framed, listing, names, response, send, status_of, table)
+from machine import BUILD, wait_until
+from peers import (FAILED, INVALID_CLASS, OK, Peer, ask, counters, device, event, events_until,
+                   fetched, framed, listing, names, response, send, status_of, table)
 
 ALL_PROCESSORS = True
 
@@ -339,11 +339,6 @@ def test_of_several_instances_for_one_id_the_first_is_fetched(shared_machine, ti
 # -- many clients
 
 
-def counters(machine):
-    return {name: machine.wmi_counter(name)
-            for name in ("LiveObjects", "LiveServices", "LiveSinks", "Violations")}
-
-
 def test_requests_of_every_outcome_leave_nothing_behind(shared_machine, till, answering):
     names(shared_machine, "UPOS_Scanner")  # initialises the provider
     before = counters(shared_machine)
@@ -362,7 +357,7 @@ def test_requests_of_every_outcome_leave_nothing_behind(shared_machine, till, an
 
 def test_many_clients_at_once_each_get_everything(shared_machine, till):
     before = counters(shared_machine)
-    clients = [shared_machine.start(str(BUILD / "wmi_client.exe"), "list", cls, "DeviceID")
+    clients = [shared_machine.start_list(cls)
                for cls in ["UPOS_LogicalDevice", "UPOS_Scanner", "UPOS_Belt"] * 3]
     clients += [shared_machine.start("wmic", "path", "UPOS_Scale", "get", "DeviceID")
                 for _ in range(2)]
@@ -405,10 +400,6 @@ def start_with_limit(machine, till, gate, limit):
     machine.restart_service(till.events)
 
 
-def start_listing(machine):
-    return machine.start(str(BUILD / "wmi_client.exe"), "list", "UPOS_Scanner", "DeviceID")
-
-
 def entered(machine):
     """How many enumerations the provider has been called for."""
     return machine.trace().count("<<<< CreateInstanceEnumAsync >>>>")
@@ -428,7 +419,7 @@ def test_as_many_requests_as_configured_are_served_at_once(
         shared_machine, till, gate, traced, written, size, admitted):
     start_with_limit(shared_machine, till, gate, written)
     before = entered(shared_machine)
-    clients = [start_listing(shared_machine) for _ in range(6)]
+    clients = [shared_machine.start_list("UPOS_Scanner") for _ in range(6)]
     try:
         wait_until(lambda: entered(shared_machine) == before + 6, "all requests to be entered")
     except AssertionError as problem:
@@ -455,7 +446,7 @@ def test_a_limit_of_zero_admits_nobody_while_all_else_goes_on(
     gate.open()
     before = entered(shared_machine)
     watcher = shared_machine.watch_events()
-    lister = start_listing(shared_machine)
+    lister = shared_machine.start_list("UPOS_Scanner")
     fetcher = shared_machine.start(
         str(BUILD / "wmi_client.exe"), "get", 'UPOS_Scanner.DeviceID="SCANNER1"')
     wait_until(lambda: entered(shared_machine) > before, "the request to be entered")
@@ -466,7 +457,6 @@ def test_a_limit_of_zero_admits_nobody_while_all_else_goes_on(
             client.wait(timeout=1.5)
     assert gate.peer.requests == []
     shared_machine.stop_service()
-    wait_until(lambda: shared_machine.service_process() is None, "the process to end")
     for client in (lister, fetcher):
         out, _ = client.communicate(timeout=20)
         assert client.returncode == 1 and b": 0x8004" in out
@@ -479,8 +469,7 @@ def test_a_limit_of_zero_admits_nobody_while_all_else_goes_on(
 @pytest.mark.parametrize("option", ["-c", "-d"])
 def test_a_console_mode_serves_clients_and_only_one_of_them_echoes_its_trace(
         shared_machine, till, traced, option):
-    shared_machine.run("net", "stop", SERVICE)
-    wait_until(lambda: shared_machine.service_process() is None, "the service's process to end")
+    shared_machine.end_service()
     configure(shared_machine, till)
     log_before = len(shared_machine.trace())
     console = shared_machine.start_quillmon(option)

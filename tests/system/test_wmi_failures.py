@@ -9,12 +9,11 @@ import threading
 
 import pytest
 
-from machine import BUILD, ROOT, SERVICE, WMI_HOST, wait_until, windows_path
+from machine import BUILD, MOF, SERVICE, WMI_HOST, wait_until
 from peers import (CALL_CANCELLED, NOT_FOUND, OK, PROVIDER_LOAD_FAILURE, Peer, counters, device,
                    event, events_until, fetched, framed, listing, names, plain, published, response,
                    send)
 
-MOF = windows_path(ROOT / "mof" / "quillmon.mof")
 SCANNERS = ["SCANNER1", "SCANNER2"]
 SCANNER1 = 'UPOS_Scanner.DeviceID="SCANNER1"'
 
@@ -96,13 +95,8 @@ def wmi(request, shared_machine, till):
 def stopped(shared_machine, till, wmi):
     """For a test that starts the service itself."""
     till.is_served = False
-    stop(shared_machine)
+    shared_machine.end_service()
     wmi.mark = len(shared_machine.trace())
-
-
-def stop(machine):
-    machine.run("net", "stop", SERVICE)
-    wait_until(lambda: machine.service_process() is None, "the service's process to end")
 
 
 def exit_code(machine):
@@ -493,7 +487,7 @@ def test_a_client_that_dies_while_it_waits_gives_its_turn_back(shared_machine, t
     assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
     before = counters(shared_machine)
     with held_answers(shared_machine, till) as (peer, let):
-        client = shared_machine.start(str(BUILD / "wmi_client.exe"), "list", "UPOS_Scanner")
+        client = shared_machine.start_list("UPOS_Scanner")
         wait_until(lambda: peer.requests, "the client's request")
         client.kill()
         client.wait()
@@ -511,10 +505,6 @@ def wait_for_put(wmi):
     wait_until(lambda: any(line.startswith("\tPutField") for line in wmi.trace()), "a device")
 
 
-def start_list(machine, class_name):
-    return machine.start(str(BUILD / "wmi_client.exe"), "list", class_name, "DeviceID")
-
-
 def listed_by(client):
     out, _ = client.communicate(timeout=60)
     return out.decode().split()[1:]
@@ -525,9 +515,9 @@ def test_a_client_that_does_not_take_its_devices_holds_its_slot_and_no_event(
     assert names(shared_machine, "UPOS_Scanner") == (SCANNERS, OK)
     wmi.set(IndicateObject=BLOCKS)
     wmi.mark = len(shared_machine.trace())
-    blocked = start_list(shared_machine, "UPOS_Scanner")
+    blocked = shared_machine.start_list("UPOS_Scanner")
     wait_for_put(wmi)
-    waiting = start_list(shared_machine, "UPOS_Scale")
+    waiting = shared_machine.start_list("UPOS_Scale")
     wait_until(lambda: wmi.trace().count("<<<< CreateInstanceEnumAsync >>>>") == 2, "the second")
     assert published(till, watcher, event("A"), event("B")) == [plain("A"), plain("B")]
     assert blocked.poll() is None and waiting.poll() is None
@@ -543,7 +533,7 @@ def test_a_client_that_dies_in_the_middle_of_taking_its_devices_leaves_nothing_b
     before = counters(shared_machine)
     wmi.set(IndicateObject=BLOCKS)
     wmi.mark = len(shared_machine.trace())
-    client = start_list(shared_machine, "UPOS_Scanner")
+    client = shared_machine.start_list("UPOS_Scanner")
     wait_for_put(wmi)
     client.kill()
     client.wait()
