@@ -11,7 +11,7 @@ import struct
 import threading
 import time
 
-from machine import wait_until
+from machine import WMI_HOST, wait_until
 from ports import reserve_port
 
 # What WMI answers, as the direct client prints it.
@@ -244,8 +244,10 @@ def fetched(machine, path):
 
 def counters(machine):
     """What the stand-in knows of its objects in the service, and of the service's mistakes."""
-    return {name: machine.wmi_counter(name)
-            for name in ("LiveObjects", "LiveServices", "LiveSinks", "Violations")}
+    known = {name: machine.wmi_counter(name)
+             for name in ("LiveObjects", "LiveServices", "LiveSinks", "Violations")}
+    return {**known, "LastViolation": machine.query_registry(f"{WMI_HOST}\\Counters",
+                                                             "LastViolation")}
 
 
 # -- subscribers
