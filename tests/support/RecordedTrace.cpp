@@ -14,7 +14,6 @@ std::mutex mutex;
 std::vector<std::string> recorded;
 std::function<void(const std::string&)> observer;
 std::atomic<bool> switchedOn = true;
-std::atomic<bool> echo = false;
 std::atomic<int> asked = 0;
 } // namespace
 
@@ -33,9 +32,6 @@ void setSwitchedOn(bool on) {
 int timesAsked() {
   return asked;
 }
-bool consoleEcho() {
-  return echo;
-}
 void setObserver(std::function<void(const std::string&)> wanted) {
   std::scoped_lock lock(mutex);
   observer = std::move(wanted);
@@ -46,9 +42,7 @@ bool UPOSLog::isSwitchedOn() noexcept {
   ++asked;
   return switchedOn;
 }
-void UPOSLog::setConsoleEcho() noexcept {
-  echo = true;
-}
+void UPOSLog::setConsoleEcho() noexcept {}
 
 void UPOSLog::emit(std::string_view format,
                    std::initializer_list<TraceArgument> arguments) noexcept {

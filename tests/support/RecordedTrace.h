@@ -13,7 +13,6 @@ void clear();
 void setSwitchedOn(bool on);
 /// How many lines were traced, switched on or not: the real log looks its event up for each.
 int timesAsked();
-bool consoleEcho();
 /// Called with each line before it is recorded; for what must hold at that moment. Empty: nothing.
 void setObserver(std::function<void(const std::string& line)> observer);
 } // namespace recorded_trace
