@@ -3,8 +3,6 @@
 #include "Wql.h"
 
 #include <algorithm>
-#include <cmath>
-#include <cwchar>
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
@@ -17,11 +15,10 @@ struct TypeRow {
   std::wstring_view name;
 };
 constexpr TypeRow kTypes[] = {
-    {CimType::sint8, L"sint8"},       {CimType::uint8, L"uint8"},     {CimType::sint16, L"sint16"},
-    {CimType::uint16, L"uint16"},     {CimType::sint32, L"sint32"},   {CimType::uint32, L"uint32"},
-    {CimType::sint64, L"sint64"},     {CimType::uint64, L"uint64"},   {CimType::real32, L"real32"},
-    {CimType::real64, L"real64"},     {CimType::boolean, L"boolean"}, {CimType::string, L"string"},
-    {CimType::datetime, L"datetime"}, {CimType::reference, L"ref"},   {CimType::char16, L"char16"},
+    {CimType::sint8, L"sint8"},   {CimType::uint8, L"uint8"},       {CimType::sint16, L"sint16"},
+    {CimType::uint16, L"uint16"}, {CimType::sint32, L"sint32"},     {CimType::uint32, L"uint32"},
+    {CimType::sint64, L"sint64"}, {CimType::uint64, L"uint64"},     {CimType::boolean, L"boolean"},
+    {CimType::string, L"string"}, {CimType::datetime, L"datetime"}, {CimType::reference, L"ref"},
 };
 
 wchar_t lowerChar(wchar_t c) {
@@ -52,19 +49,6 @@ std::optional<Scalar> fitInteger(const Scalar& value) {
     take(*positive);
   }
   return result;
-}
-
-std::optional<Scalar> fitReal(const Scalar& value) {
-  return std::visit(
-      [](const auto& held) -> std::optional<Scalar> {
-        using Held = std::decay_t<decltype(held)>;
-        if constexpr (std::is_same_v<Held, std::wstring> || std::is_same_v<Held, bool>) {
-          return std::nullopt;
-        } else {
-          return static_cast<double>(held);
-        }
-      },
-      value);
 }
 
 /// yyyymmddHHMMSS.mmmmmmsUUU, or an interval with ':' for the sign. A star replaces an unused
@@ -118,15 +102,11 @@ std::optional<Scalar> fit(CimType type, const Scalar& value) {
   case CimType::uint8:
     return fitInteger<std::uint8_t>(value);
   case CimType::uint16:
-  case CimType::char16:
     return fitInteger<std::uint16_t>(value);
   case CimType::uint32:
     return fitInteger<std::uint32_t>(value);
   case CimType::uint64:
     return fitInteger<std::uint64_t>(value);
-  case CimType::real32:
-  case CimType::real64:
-    return fitReal(value);
   case CimType::boolean:
     return std::holds_alternative<bool>(value) ? std::optional(value) : std::nullopt;
   case CimType::datetime: {
@@ -327,10 +307,6 @@ std::wstring literal(const Scalar& value) {
           return text + L"\"";
         } else if constexpr (std::is_same_v<Held, bool>) {
           return held ? L"TRUE" : L"FALSE";
-        } else if constexpr (std::is_same_v<Held, double>) {
-          wchar_t buffer[40];
-          int length = std::swprintf(buffer, std::size(buffer), L"%.17g", held);
-          return std::wstring(buffer, static_cast<std::size_t>(std::max(length, 0)));
         } else {
           return std::to_wstring(held);
         }

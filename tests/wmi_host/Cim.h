@@ -15,12 +15,10 @@
 /// values are immutable. One thread fills a Repository; afterwards it is read-only.
 namespace wmi_host {
 
-/// WMI's CIMTYPE numbers.
+/// WMI's CIMTYPE numbers. Left out are those of no class here: reals, char16 and objects.
 enum class CimType : int {
   sint16 = 2,
   sint32 = 3,
-  real32 = 4,
-  real64 = 5,
   string = 8,
   boolean = 11,
   sint8 = 16,
@@ -31,15 +29,14 @@ enum class CimType : int {
   uint64 = 21,
   datetime = 101,
   reference = 102,
-  char16 = 103,
 };
 
 std::wstring_view typeName(CimType type);
 std::optional<CimType> typeFromName(std::wstring_view name);
 
-/// Signed types hold std::int64_t, unsigned ones and char16 std::uint64_t, reals double; strings,
-/// date-times and references std::wstring.
-using Scalar = std::variant<bool, std::int64_t, std::uint64_t, double, std::wstring>;
+/// Signed types hold std::int64_t, unsigned ones std::uint64_t; strings, date-times and references
+/// std::wstring.
+using Scalar = std::variant<bool, std::int64_t, std::uint64_t, std::wstring>;
 
 /// A value that is no array and has no item is NULL.
 struct Value {

@@ -6,7 +6,6 @@
 #include <oleauto.h>
 
 #include <new>
-#include <stdexcept>
 
 namespace wmi_host {
 namespace {
@@ -15,7 +14,7 @@ namespace {
 constexpr GUID kClassObjectId = {
     0x6d1c35b2, 0x54f4, 0x4c57, {0x9e, 0x43, 0x1c, 0x0c, 0x9f, 0x0b, 0x7a, 0x61}};
 
-/// The VARIANT type that WMI documents for a CIM type. No class has a real or char16 property.
+/// The VARIANT type that WMI documents for a CIM type.
 VARTYPE elementType(CimType type) {
   switch (type) {
   case CimType::uint8:
@@ -34,10 +33,9 @@ VARTYPE elementType(CimType type) {
   case CimType::string:
   case CimType::datetime:
   case CimType::reference:
-    return VT_BSTR;
-  default:
-    throw std::runtime_error("a type that is not supported");
+    break;
   }
+  return VT_BSTR;
 }
 
 LONG bits(const Scalar& value) {

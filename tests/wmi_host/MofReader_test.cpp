@@ -118,6 +118,8 @@ TEST(MofReader, ReportsLineAndReasonOfAnError) {
       {"// \xe4", "a character outside ASCII"},
       {"#pragma namespace(\"open\n", "string without end"},
       {"#pragma namespace(\"root\\\\cimv2\")\nclass A : B {};", "test.mof:2: unknown class B"},
+      {"#pragma namespace(\"root\\\\cimv2\")\nclass A { real32 X; };",
+       "test.mof:2: unknown type real32"},
       {"#pragma namespace(\"root\\\\cimv2\")\nclass A { uint32 Do(); };", "expected ';'"},
       {"#pragma namespace(\"root\\\\cimv2\")\nclass A { uint8 X = 256; };", "does not fit X"},
   };

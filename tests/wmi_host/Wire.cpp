@@ -1,6 +1,5 @@
 #include "Wire.h"
 
-#include <bit>
 #include <stdexcept>
 #include <variant>
 
@@ -29,10 +28,8 @@ void appendScalar(std::string& bytes, const Scalar& value) {
     append(bytes, std::uint64_t{*truth});
   } else if (const auto* number = std::get_if<std::int64_t>(&value)) {
     append(bytes, static_cast<std::uint64_t>(*number));
-  } else if (const auto* positive = std::get_if<std::uint64_t>(&value)) {
-    append(bytes, *positive);
   } else {
-    append(bytes, std::bit_cast<std::uint64_t>(std::get<double>(value)));
+    append(bytes, std::get<std::uint64_t>(value));
   }
 }
 
@@ -68,8 +65,6 @@ public:
     case 2:
       return number<std::uint64_t>();
     case 3:
-      return std::bit_cast<double>(number<std::uint64_t>());
-    case 4:
       return text();
     default:
       throw std::runtime_error("wire: unknown kind of value");
