@@ -56,15 +56,8 @@ std::optional<Value> fit(CimType type, bool isArray, const Value& value);
 std::optional<Scalar> parseInteger(std::wstring_view text);
 
 struct Qualifier {
-  static constexpr int kToInstance = 1;
-  static constexpr int kToSubclass = 2;
-  static constexpr int kNotOverridable = 0x10;
-  static constexpr int kPropagated = 0x20;
-
   std::wstring name;
-  CimType type = CimType::boolean;
   Value value;
-  int flavor = 0; // WMI's WBEM_FLAVOR bits, as above
   bool operator==(const Qualifier&) const = default;
 };
 

@@ -231,19 +231,11 @@ private:
       qualifier.name = expect(TokenKind::name, "a qualifier's name");
       qualifier.value = Value(true);
       if (takeSymbol(L'(')) {
-        qualifier.type = CimType::string;
         qualifier.value = Value(expect(TokenKind::string, "a string"));
         expectSymbol(L')');
       }
-      if (sameName(qualifier.name, L"key")) {
-        qualifier.flavor =
-            Qualifier::kToInstance | Qualifier::kToSubclass | Qualifier::kNotOverridable;
-      }
-      if (takeSymbol(L':')) {
-        if (!takeWord(L"ToInstance")) {
-          fail("expected ToInstance");
-        }
-        qualifier.flavor |= Qualifier::kToInstance;
+      if (takeSymbol(L':') && !takeWord(L"ToInstance")) {
+        fail("expected ToInstance");
       }
       qualifiers.push_back(std::move(qualifier));
     } while (takeSymbol(L','));
@@ -302,9 +294,10 @@ private:
       type.superclass = expectClass();
       type.properties = type.superclass->properties;
       for (Property& property : type.properties) {
-        property.qualifiers = inherited(property.qualifiers, {});
+        std::erase_if(property.qualifiers, [](const Qualifier& qualifier) {
+          return !sameName(qualifier.name, L"key"); // the one that is handed down
+        });
       }
-      qualifiers = inherited(type.superclass->qualifiers, std::move(qualifiers));
     }
     type.qualifiers = std::move(qualifiers);
     expectSymbol(L'{');
@@ -313,19 +306,6 @@ private:
     }
     expectSymbol(L';');
     repository_.putClass(std::move(type), update_);
-  }
-
-  /// `own`, and what is handed down of `above` and not among them.
-  static std::vector<Qualifier> inherited(const std::vector<Qualifier>& above,
-                                          std::vector<Qualifier> own) {
-    for (const Qualifier& qualifier : above) {
-      if ((qualifier.flavor & Qualifier::kToSubclass) != 0 &&
-          findQualifier(own, qualifier.name) == nullptr) {
-        own.push_back(qualifier);
-        own.back().flavor |= Qualifier::kPropagated;
-      }
-    }
-    return own;
   }
 
   void propertyDeclaration(Class& type) {
@@ -354,7 +334,9 @@ private:
     if (std::optional<std::size_t> known = type.find(property.name)) {
       Property& overridden = type.properties[*known];
       property.origin = overridden.origin;
-      property.qualifiers = inherited(overridden.qualifiers, std::move(property.qualifiers));
+      if (overridden.isKey() && !property.isKey()) {
+        property.qualifiers.push_back({L"key", Value(true)});
+      }
       overridden = std::move(property);
     } else {
       type.properties.push_back(std::move(property));

@@ -24,7 +24,8 @@ TEST(MofReader, ReadsClassesWithQualifiersTypesAndDefaults) {
       [key, read] string Id; // the key
       uint8 Bytes[]; sint16 Small = -3; uint32 Sizes[] = {1, 16}; Base ref Other; datetime When;
     };
-    [dynamic, provider("P")] class Derived : base { string Name = "x\"y\\z"; boolean On = TRUE; };)");
+    [dynamic, provider("P")] class Derived : base { string Name = "x\"y\\z"; boolean On = TRUE; };
+    class Third : Derived { string Id; };)");
   ClassPointer derived = repository.findClass(L"DERIVED");
   ASSERT_TRUE(derived);
   EXPECT_EQ(derived->superclass->name, L"Base");
@@ -34,6 +35,7 @@ TEST(MofReader, ReadsClassesWithQualifiersTypesAndDefaults) {
   EXPECT_EQ(derived->text(L"provider"), L"P");
   ASSERT_EQ(derived->properties.size(), 8u);
   EXPECT_TRUE(derived->properties[0].isKey()); // a key stays one in every derived class
+  EXPECT_TRUE(repository.findClass(L"Third")->properties[0].isKey());
   EXPECT_EQ(derived->properties[0].qualifiers.size(), 1u);
   EXPECT_EQ(derived->properties[2].defaultValue, Value(std::int64_t{-3}));
   EXPECT_EQ(derived->properties[3].defaultValue.items,
