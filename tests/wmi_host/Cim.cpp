@@ -25,14 +25,6 @@ wchar_t lowerChar(wchar_t c) {
   return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
 }
 
-std::string narrowAscii(std::wstring_view text) {
-  std::string result;
-  for (wchar_t c : text) {
-    result += c < 0x80 ? static_cast<char>(c) : '?';
-  }
-  return result;
-}
-
 /// Converts an integer that is in the range of `Number`.
 template <class Number>
 std::optional<Scalar> fitInteger(const Scalar& value) {
@@ -140,8 +132,8 @@ std::optional<Value> fit(CimType type, bool isArray, const Value& value) {
 }
 
 std::optional<Scalar> parseInteger(std::wstring_view text) {
-  bool negative = text.starts_with(L'-');
-  if (negative || text.starts_with(L'+')) {
+  const bool negative = text.starts_with(L'-');
+  if (negative) {
     text.remove_prefix(1);
   }
   unsigned base = 10;
@@ -286,6 +278,14 @@ std::wstring lower(std::wstring_view text) {
   return result;
 }
 
+std::string ascii(std::wstring_view text) {
+  std::string result;
+  for (wchar_t c : text) {
+    result += c < 0x80 ? static_cast<char>(c) : '?';
+  }
+  return result;
+}
+
 const Qualifier* findQualifier(const std::vector<Qualifier>& qualifiers, std::wstring_view name) {
   for (const Qualifier& qualifier : qualifiers) {
     if (sameName(qualifier.name, name)) {
@@ -356,7 +356,7 @@ void Repository::putClass(Class type, Update update) {
                  type.properties[*found].isArray == property.isArray;
         });
     if (update != Update::Safe || !isAddition) {
-      throw std::runtime_error("class " + narrowAscii(type.name) +
+      throw std::runtime_error("class " + ascii(type.name) +
                                " has derived classes and cannot change");
     }
   }
@@ -391,7 +391,7 @@ void Repository::inheritAgain(const ClassPointer& derived) {
 void Repository::putInstance(Object instance) {
   std::optional<std::wstring> path = instance.relativePath();
   if (!path) {
-    throw std::runtime_error("instance of " + narrowAscii(instance.type->name) +
+    throw std::runtime_error("instance of " + ascii(instance.type->name) +
                              " without a value for its key");
   }
   if (std::optional<ObjectPath> parsed = parsePath(*path)) {
@@ -400,19 +400,17 @@ void Repository::putInstance(Object instance) {
   instances_.push_back(std::move(instance));
 }
 
-bool Repository::removeClass(std::wstring_view name) {
+void Repository::removeClass(std::wstring_view name) {
   if (!findClass(name)) {
-    return false;
+    return;
   }
   std::erase_if(instances_,
                 [&](const Object& instance) { return instance.type->derivesFrom(name); });
   std::erase_if(classes_, [&](const auto& entry) { return entry.second->derivesFrom(name); });
-  return true;
 }
 
-bool Repository::removeInstance(const ObjectPath& path) {
-  return std::erase_if(instances_, [&](const Object& instance) { return path.names(instance); }) >
-         0;
+void Repository::removeInstance(const ObjectPath& path) {
+  std::erase_if(instances_, [&](const Object& instance) { return path.names(instance); });
 }
 
 } // namespace wmi_host

@@ -113,6 +113,8 @@ std::optional<Value> systemProperty(const Object& object, std::wstring_view name
 /// Class, property and qualifier names are compared without regard to (ASCII) case.
 bool sameName(std::wstring_view one, std::wstring_view other);
 std::wstring lower(std::wstring_view text);
+/// For messages: every other character becomes a question mark.
+std::string ascii(std::wstring_view text);
 const Qualifier* findQualifier(const std::vector<Qualifier>& qualifiers, std::wstring_view name);
 /// The notation of object paths and MOF: a text in double quotes, with `\` before `"` and `\`.
 std::wstring literal(const Scalar& value);
@@ -133,9 +135,9 @@ public:
   enum class Update { Compatible, Safe };
   void putClass(Class type, Update update = Update::Compatible);
   void putInstance(Object instance);
-  /// Return false if there is none. With a class its derived classes and instances are removed.
-  bool removeClass(std::wstring_view name);
-  bool removeInstance(const ObjectPath& path);
+  /// Do nothing if there is none. With a class its derived classes and instances are removed.
+  void removeClass(std::wstring_view name);
+  void removeInstance(const ObjectPath& path);
 
 private:
   void inheritAgain(const ClassPointer& derived);

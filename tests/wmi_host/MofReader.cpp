@@ -19,14 +19,6 @@ struct Token {
   std::wstring text; // a string's is unescaped
 };
 
-std::string ascii(std::wstring_view text) {
-  std::string result;
-  for (wchar_t c : text) {
-    result += c < 0x80 ? static_cast<char>(c) : '?';
-  }
-  return result;
-}
-
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }

@@ -126,8 +126,6 @@ std::shared_ptr<const Repository> loadRepository() noexcept {
     return std::make_shared<const Repository>(std::move(repository));
   } catch (const std::exception& error) {
     std::fprintf(stderr, "wmi_host: %s\n", error.what());
-    const std::string text = error.what();
-    settings::storeCounter(L"MofError", std::wstring(text.begin(), text.end()));
     return nullptr;
   }
 }

@@ -13,7 +13,7 @@
 namespace wmi_host {
 
 /// Reads the system classes and the files of the setting Mof. Returns null on an error, and writes
-/// the reason to standard error and to the counter MofError.
+/// the reason to standard error.
 std::shared_ptr<const Repository> loadRepository() noexcept;
 
 /// The namespace root\cimv2, for clients and providers. Classes come from the repository, instances

@@ -182,11 +182,9 @@ std::optional<ObjectPath> parsePath(std::wstring_view text) {
 bool isServedNamespace(std::wstring_view text) {
   std::wstring name = lower(text);
   std::replace(name.begin(), name.end(), L'/', L'\\');
-  for (std::wstring_view server : {L"\\\\.\\", L"\\\\localhost\\", L"\\\\127.0.0.1\\"}) {
-    if (name.starts_with(server)) {
-      name.erase(0, server.size());
-      break;
-    }
+  constexpr std::wstring_view kThisMachine = L"\\\\.\\";
+  if (name.starts_with(kThisMachine)) {
+    name.erase(0, kThisMachine.size());
   }
   return name.empty() || name == L"root\\cimv2" || name == L"root\\subscription" ||
          name == L"root\\standardcimv2\\embedded";

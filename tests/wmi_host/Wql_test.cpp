@@ -142,7 +142,7 @@ TEST(ObjectPath, NamesTheInstanceWithItsKeys) {
 TEST(ObjectPath, OnlyNamespacesThatAreUsedAreServed) {
   for (const wchar_t* text :
        {L"", L"root\\subscription", L"root\\StandardCimv2\\embedded", L"root\\cimv2",
-        L"ROOT\\CIMV2", L"//./Root/cimv2", L"\\\\.\\root\\cimv2", L"\\\\localhost\\root\\cimv2"}) {
+        L"ROOT\\CIMV2", L"//./Root/cimv2", L"\\\\.\\root\\cimv2"}) {
     EXPECT_TRUE(isServedNamespace(text));
   }
   for (const wchar_t* text : {L"root\\default", L"root", L"\\\\other\\root\\cimv2", L"cimv2"}) {

@@ -12,10 +12,7 @@
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-std::string ascii(std::wstring_view text) {
-  return {text.begin(), text.end()};
-}
+using wmi_host::ascii;
 
 std::string description(const std::vector<wmi_host::Qualifier>& qualifiers) {
   const wmi_host::Qualifier* found = wmi_host::findQualifier(qualifiers, L"Description");
