@@ -2,6 +2,7 @@
 private-profile reader finds in it."""
 
 import contextlib
+import errno
 import socket
 import time
 
@@ -376,6 +377,24 @@ def test_the_proxy_strategy_s_keys_do_not_matter_without_it(configured, ip, freq
     configured.start()
     wait_until(lambda: configured.open_ports() == {configured.events}, "the event port")
     assert configured.list()
+
+
+def refuses(address, port):
+    with contextlib.closing(socket.socket()) as connection:
+        return connection.connect_ex((address, port)) == errno.ECONNREFUSED
+
+
+@pytest.mark.parametrize("keys", [{}, {"provider__eventSocket__IP": "127.0.0.3"}],
+                         ids=["by default", "as configured"])
+def test_the_proxy_strategy_listens_on_one_address_and_by_default_at_42114(machine, keys):
+    reserve_this_port(EVENT_PORT)
+    machine.configure(**keys)
+    machine.install_service()
+    machine.choose_option("-o")
+    machine.restart_service(EVENT_PORT)
+    addresses = ["127.0.0.1", "127.0.0.2", "127.0.0.3"]
+    assert [each for each in addresses if not refuses(each, EVENT_PORT)] == (
+        list(keys.values()) or addresses[:1])
 
 
 def test_the_file_is_looked_for_on_the_current_drive(configured, tmp_path):
