@@ -632,14 +632,44 @@ def logged_lines(tracing):
     return whole.replace("\r\n", "\n").split("\n")[:-1]
 
 
-def test_following_loses_no_line_through_the_rotation(tracing):
-    tracing.run("trace", "on", "--until-seen")
-    follower = tracing.start("trace", "follow", "--lines", "0")
-    patience = threading.Timer(60, follower.kill)
-    patience.start()
+def start_following(tracing, lines):
+    follower = tracing.start("trace", "follow", "--lines", lines)
     assert follower.stdout.readline() == (
         b"Following C:\\Veltran\\Log\\Quillmon.log; Ctrl-C ends.\n")
     assert b"Nothing comes unless the trace is on" in follower.stdout.readline()
+    return follower
+
+
+def test_following_begins_with_the_last_lines_of_a_long_log(tracing):
+    log = tracing.folder / "Log" / "Quillmon.log"
+    lines = [f"{number:04}{'x' * (number % 97)}" for number in range(4000)]
+    log.write_text("\n".join([*lines, "half a line"]))
+    follower = start_following(tracing, 3000)
+    followed = [follower.stdout.readline().decode()[2:-1] for _ in range(3000)]
+    assert followed == lines[-3000:]
+    with log.open("a") as file:
+        file.write(" and its end\n")
+    assert follower.stdout.readline()[2:] == b"half a line and its end\n"
+
+
+def test_half_a_line_whose_end_was_lost_is_not_followed(tracing):
+    log = tracing.folder / "Log" / "Quillmon.log"
+    log.write_text("one\nhalf a li")
+    follower = start_following(tracing, 1)
+    assert follower.stdout.readline()[2:] == b"one\n"
+    new = log.with_suffix(".new")
+    new.write_text("two\n")
+    new.replace(log)
+    assert follower.stdout.readline() == (
+        b"Lines were lost: the log was rotated faster than it was read.\n")
+    assert follower.stdout.readline()[2:] == b"two\n"
+
+
+def test_following_loses_no_line_through_the_rotation(tracing):
+    tracing.run("trace", "on", "--until-seen")
+    follower = start_following(tracing, 0)
+    patience = threading.Timer(60, follower.kill)
+    patience.start()
     tracing.run("get", "SCALE1")  # its first lines say that the follower has begun
     first = follower.stdout.readline().decode().rstrip("\n")
     before = {file.name for file in (tracing.folder / "Log").iterdir()}

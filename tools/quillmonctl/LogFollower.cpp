@@ -10,6 +10,7 @@ namespace ctl {
 namespace {
 
 constexpr int kMaxBackups = 5; // the service keeps no more
+constexpr std::size_t kPiece = 65536;
 
 } // namespace
 
@@ -19,12 +20,7 @@ LogFollower::LogFollower(std::string path, std::size_t lines) : path_(std::move(
     return;
   }
   known_ = file->identity;
-  readRest(*file);
-  std::size_t cut = unread_.size();
-  for (std::size_t i = 0; i <= lines && cut != std::string::npos; ++i) {
-    cut = cut == 0 ? std::string::npos : unread_.rfind('\n', cut - 1);
-  }
-  unread_.erase(0, cut == std::string::npos ? 0 : cut + 1);
+  offset_ = startOfLast(*file, lines);
 }
 
 std::optional<LogFollower::File> LogFollower::open(const std::string& path) {
@@ -34,25 +30,44 @@ std::optional<LogFollower::File> LogFollower::open(const std::string& path) {
   if (handle == INVALID_HANDLE_VALUE) {
     return std::nullopt;
   }
-  File file{win::Handle(handle), {}};
+  File file{win::Handle(handle), {}, 0};
   BY_HANDLE_FILE_INFORMATION information = {};
   GetFileInformationByHandle(handle, &information);
   file.identity = {information.dwVolumeSerialNumber,
                    std::uint64_t{information.nFileIndexHigh} << 32U | information.nFileIndexLow};
+  file.size = std::uint64_t{information.nFileSizeHigh} << 32U | information.nFileSizeLow;
   return file;
 }
 
-void LogFollower::readRest(const File& file) {
+std::string LogFollower::readPiece(const File& file, std::uint64_t offset, std::size_t size) {
   LARGE_INTEGER to = {};
-  to.QuadPart = static_cast<LONGLONG>(offset_);
+  to.QuadPart = static_cast<LONGLONG>(offset);
   SetFilePointerEx(file.handle.get(), to, nullptr, FILE_BEGIN);
-  std::string piece(65536, '\0');
+  std::string piece(size, '\0');
   DWORD count = 0;
-  while (::ReadFile(file.handle.get(), piece.data(), static_cast<DWORD>(piece.size()), &count,
-                    nullptr) &&
-         count > 0) {
-    unread_.append(piece, 0, count);
-    offset_ += count;
+  ::ReadFile(file.handle.get(), piece.data(), static_cast<DWORD>(size), &count, nullptr);
+  piece.resize(count);
+  return piece;
+}
+
+std::uint64_t LogFollower::startOfLast(const File& file, std::size_t lines) {
+  for (std::uint64_t start = file.size; start > 0;) {
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(start, kPiece));
+    start -= size;
+    const std::string piece = readPiece(file, start, size);
+    for (std::size_t i = piece.size(); i-- > 0;) {
+      if (piece[i] == '\n' && lines-- == 0) {
+        return start + i + 1;
+      }
+    }
+  }
+  return 0;
+}
+
+void LogFollower::readRest(const File& file) {
+  for (std::string piece; !(piece = readPiece(file, offset_, kPiece)).empty();) {
+    unread_ += piece;
+    offset_ += piece.size();
   }
 }
 
@@ -76,6 +91,7 @@ void LogFollower::readCopies(const Identity& current) {
       return;
     }
   }
+  unread_.clear(); // half a line, whose end is lost
   lost_ = true;
 }
 
@@ -90,10 +106,6 @@ std::vector<std::string> LogFollower::newLines() {
     }
     readRest(*file);
   }
-  return takeLines();
-}
-
-std::vector<std::string> LogFollower::takeLines() {
   std::vector<std::string> lines;
   std::size_t start = 0;
   for (std::size_t end = 0; (end = unread_.find('\n', start)) != std::string::npos;

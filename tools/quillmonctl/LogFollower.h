@@ -32,12 +32,16 @@ private:
   struct File {
     win::Handle handle;
     Identity identity;
+    std::uint64_t size = 0;
   };
   static std::optional<File> open(const std::string& path);
+  /// Shorter at the file's end.
+  static std::string readPiece(const File& file, std::uint64_t offset, std::size_t size);
+  /// Where the last whole lines begin. A log may be larger than the memory: read from its end.
+  static std::uint64_t startOfLast(const File& file, std::size_t lines);
   /// Appends what is behind `offset_` to `unread_` and moves on.
   void readRest(const File& file);
   void readCopies(const Identity& current);
-  std::vector<std::string> takeLines();
 
   std::string path_;
   std::optional<Identity> known_;
