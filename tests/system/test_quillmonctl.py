@@ -138,7 +138,8 @@ def test_help_documents_each_exit_code_and_command(tool):
 
 @pytest.mark.parametrize("line", [
     ["bogus"], ["get"], ["devices", "--bogus"], ["trace"], ["install", "--strategy", "both"],
-    ["config", "set", "provider.maxQueryThreads"], []])
+    ["config", "set", "provider.maxQueryThreads"], ["devices", "--timeout", "2147484"],
+    ["watch", "--seconds", "2147484"], []])
 def test_a_wrong_command_line_ends_with_2_and_says_why(tool, line):
     text = tool.text(*line, code=2)
     text = " ".join(text.split())

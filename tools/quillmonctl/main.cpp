@@ -37,6 +37,9 @@ constexpr const char* kFooter =
     "  quillmonctl doctor --archive support.zip\n"
     "  quillmonctl metrics --textfile C:\\metrics\\quillmon.prom\n";
 
+/// Seconds: WMI counts milliseconds, in 31 bits.
+constexpr unsigned kLongestWait = 2'147'483;
+
 /// As Windows gave them, not in the code page that main's own arguments come in.
 std::vector<std::string> arguments() {
   int count = 0;
@@ -81,6 +84,12 @@ void describe(CLI::App& app, Request& r) {
     group->require_subcommand(1);
     return group;
   };
+  const auto addSeconds = [](CLI::App& command, const char* name, unsigned& seconds,
+                             const char* what) {
+    command.add_option(name, seconds, what)
+        ->check(CLI::Range(0U, kLongestWait).description(""))
+        ->capture_default_str();
+  };
   const auto addExpected = [](CLI::App& command, std::string& file) {
     command
         .add_option("--expected", file, "Tell missing and new devices by this file of \"expect\"")
@@ -96,15 +105,13 @@ void describe(CLI::App& app, Request& r) {
 
   CLI::App* command = add(app, "status", "What is installed, running, configured and reachable",
                           [&r] { return showStatus(r.json, r.timeout, r.expected); });
-  command->add_option("--timeout", r.timeout, "Seconds to wait for the provider's answer")
-      ->capture_default_str();
+  addSeconds(*command, "--timeout", r.timeout, "Seconds to wait for the provider's answer");
   addExpected(*command, r.expected);
 
   command = add(app, "devices", "List the till's devices",
                 [&r] { return listDevices(r.json, r.device, r.listTimeout); });
   command->add_option("CLASS", r.device, "Scanner or UPOS_Scanner; all devices without it");
-  command->add_option("--timeout", r.listTimeout, "Seconds to wait for the answer")
-      ->capture_default_str();
+  addSeconds(*command, "--timeout", r.listTimeout, "Seconds to wait for the answer");
 
   add(app, "get", "All properties of one device", [&r] { return getDevice(r.json, r.device); })
       ->add_option("PATH", r.device,
@@ -114,7 +121,7 @@ void describe(CLI::App& app, Request& r) {
 
   command = add(app, "watch", "Device events as they happen, one a line",
                 [&r] { return watchDevices(r.json, r.seconds, r.count); });
-  command->add_option("--seconds", r.seconds, "End after so long; 0: never")->capture_default_str();
+  addSeconds(*command, "--seconds", r.seconds, "End after so long; 0: never");
   command
       ->add_option("--count", r.count,
                    "End after so many events; exit code 6 if fewer come in time")
@@ -122,8 +129,7 @@ void describe(CLI::App& app, Request& r) {
 
   command = add(app, "doctor", "Every check that support asks for, one verdict a line",
                 [&r] { return examine(r.json, r.doctor); });
-  command->add_option("--timeout", r.doctor.seconds, "Seconds to wait for the provider's answer")
-      ->capture_default_str();
+  addSeconds(*command, "--timeout", r.doctor.seconds, "Seconds to wait for the provider's answer");
   command->add_flag("--probe-events", r.doctor.probesEvents,
                     "Send one event to the service and wait for it; every subscriber gets it");
   command->add_option("--archive", r.doctor.archive,
@@ -133,8 +139,7 @@ void describe(CLI::App& app, Request& r) {
   command = add(app, "expect", "Remember the devices that are there now, for --expected",
                 [&r] { return expectDevices(r.json, r.timeout, r.value); });
   command->add_option("--from-now", r.value, "The file to write")->option_text("FILE")->required();
-  command->add_option("--timeout", r.timeout, "Seconds to wait for the provider's answer")
-      ->capture_default_str();
+  addSeconds(*command, "--timeout", r.timeout, "Seconds to wait for the provider's answer");
 
   command = add(app, "metrics", "The devices in the text format of Prometheus",
                 [&r] { return exportMetrics(r.json, r.metrics); });
@@ -147,8 +152,7 @@ void describe(CLI::App& app, Request& r) {
       ->option_text("SECONDS")
       ->check(CLI::Range(1U, 86'400U).description(""))
       ->needs(textfile);
-  command->add_option("--timeout", r.metrics.timeout, "Seconds to wait for each of the answers")
-      ->capture_default_str();
+  addSeconds(*command, "--timeout", r.metrics.timeout, "Seconds to wait for each of the answers");
   addExpected(*command, r.metrics.expected);
 
   add(app, "check-document", "What the service does with an answer or an event",
