@@ -13,8 +13,8 @@ namespace {
 
 constexpr const char* kAtStart = "the next start of the service";
 
-/// The whole text as a decimal number of at most nine digits.
-bool parseNumber(std::string_view text, int& number) {
+/// The whole text as a decimal number without a sign.
+bool parseNumber(std::string_view text, unsigned& number) {
   const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), number);
   return problem == std::errc() && end == text.data() + text.size();
 }
@@ -22,10 +22,9 @@ bool parseNumber(std::string_view text, int& number) {
 bool isAddress(std::string_view text) {
   for (int part = 0; part < 4; ++part) {
     const std::size_t end = part < 3 ? text.find('.') : text.size();
-    int number = 0;
+    unsigned number = 0;
     if (end == std::string_view::npos || end == 0 || end > 3 ||
-        !parseNumber(text.substr(0, end), number) || number < 0 || number > 255 ||
-        (end > 1 && text[0] == '0')) {
+        !parseNumber(text.substr(0, end), number) || number > 255 || (end > 1 && text[0] == '0')) {
       return false;
     }
     text.remove_prefix(part < 3 ? end + 1 : end);
@@ -67,7 +66,7 @@ std::string validationError(const ConfigKey& key, std::string_view value) {
   if (key.kind == ConfigKey::Kind::Address) {
     return isAddress(value) ? "" : "must be an IPv4 address such as 127.0.0.1";
   }
-  int number = 0;
+  unsigned number = 0;
   if (!parseNumber(value, number) || number < key.minimum || number > key.maximum) {
     return fmt::format("must be a number from {} to {}", key.minimum, key.maximum);
   }

@@ -13,8 +13,8 @@ struct ConfigKey {
   const char* name;
   Kind kind;
   std::string defaultValue;
-  int minimum;
-  int maximum;
+  unsigned minimum;
+  unsigned maximum;
   const char* unit; ///< "", "minutes", "milliseconds"
   const char* meaning;
   const char* takesEffect; ///< when the service reads it

@@ -43,6 +43,8 @@ TEST(ConfigKeys, ANumberIsDecimalWholeAndInRange) {
                           "99999999999999999999"}) {
     EXPECT_FALSE(accepts("provider.eventSocket.Port", bad)) << bad;
   }
+  EXPECT_TRUE(accepts("provider.dataUpdate.frequency", "0"));
+  EXPECT_FALSE(accepts("provider.dataUpdate.frequency", "-0"));
 }
 
 TEST(ConfigKeys, TheErrorNamesTheRange) {
@@ -54,8 +56,9 @@ TEST(ConfigKeys, AnAddressHasFourPartsOfAByte) {
   for (const char* good : {"127.0.0.1", "0.0.0.0", "255.255.255.255"}) {
     EXPECT_TRUE(accepts("provider.eventSocket.IP", good)) << good;
   }
-  for (const char* bad : {"", "127.0.0", "127.0.0.1.1", "127.0.0.256", "127.0.0.", ".0.0.1",
-                          "localhost", "::1", "127.0.0.01", "127.0.0.-1", "127..0.1"}) {
+  for (const char* bad :
+       {"", "127.0.0", "127.0.0.1.1", "127.0.0.256", "127.0.0.", ".0.0.1", "localhost", "::1",
+        "127.0.0.01", "127.0.0.-1", "127.0.0.-0", "127..0.1"}) {
     EXPECT_FALSE(accepts("provider.eventSocket.IP", bad)) << bad;
   }
 }
