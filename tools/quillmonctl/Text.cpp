@@ -71,7 +71,7 @@ std::string wrap(std::string_view text, std::size_t width, std::size_t indent) {
   std::string result;
   bool isFirst = true;
   for (;;) {
-    const std::string prefix(isFirst ? 0 : indent, ' ');
+    const std::string prefix(isFirst ? 0 : std::min(indent, width * 3 / 4), ' ');
     const std::size_t available = width - prefix.size();
     std::size_t end = bytesOf(text, available);
     if (end < text.size()) {

@@ -21,7 +21,7 @@ std::string printable(std::string_view text, bool keepTabs = false);
 std::string truncated(std::string_view text, std::size_t width);
 
 /// `text` in lines of at most `width` columns, each with its end; lines after the first begin with
-/// `indent` blanks. A word that is too long for a line is broken.
+/// `indent` blanks, of which none is in the last quarter. A word that is too long for a line is broken.
 std::string wrap(std::string_view text, std::size_t width, std::size_t indent);
 
 /// Rows under a heading, two blanks between columns; the widest columns are cut until a line fits

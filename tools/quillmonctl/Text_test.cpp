@@ -51,6 +51,11 @@ TEST(Text, WrappingBreaksAWordThatIsTooLong) {
   EXPECT_EQ(wrap("abcdefghij", 4, 1), "abcd\n efg\n hij\n");
 }
 
+TEST(Text, WrappingLeavesAQuarterOfALineBehindAnyIndent) {
+  EXPECT_EQ(wrap("one two three", 8, 8), "one two\n      th\n      re\n      e\n");
+  EXPECT_EQ(wrap("one two three", 8, 99), "one two\n      th\n      re\n      e\n");
+}
+
 TEST(Text, WrappingKeepsTheBlanksThatBeginTheText) {
   EXPECT_EQ(wrap("  aaaa bbbb", 8, 4), "  aaaa\n    bbbb\n");
 }
