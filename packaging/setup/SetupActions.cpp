@@ -185,11 +185,12 @@ void requireTrusted(const std::wstring& path, const std::wstring& administrator)
   const win::Handle file = open(path, READ_CONTROL);
   PSID owner = nullptr;
   PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (attributes == INVALID_FILE_ATTRIBUTES || !file ||
-      GetSecurityInfo(file.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr,
-                      nullptr, nullptr, &descriptor) != ERROR_SUCCESS) {
-    throw Refusal{5, path + L" cannot be examined (" + errorText(GetLastError()) +
-                         L"). Look who owns it."};
+  const DWORD error = attributes == INVALID_FILE_ATTRIBUTES || !file
+                          ? GetLastError()
+                          : GetSecurityInfo(file.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,
+                                            &owner, nullptr, nullptr, nullptr, &descriptor);
+  if (error != ERROR_SUCCESS) {
+    throw Refusal{5, path + L" cannot be examined (" + errorText(error) + L"). Look who owns it."};
   }
   const win::LocalMemory memory(descriptor);
   if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
@@ -454,8 +455,7 @@ std::wstring quillmonctl(const std::wstring& folder, const std::wstring& argumen
   return L"\"" + folder + L"quillmonctl.exe\" " + arguments;
 }
 
-// ---------------------------------------------------------------------------------- edited
-// defaults
+// ------------------------------------------------------------------------------- edited defaults
 
 std::optional<std::string> contentOf(const std::wstring& path) {
   const HANDLE handle =
