@@ -125,15 +125,6 @@ TEST(Inventory, WarnsOfWhatTheServiceCannotUse) {
   EXPECT_EQ(inventory.devices().size(), 2U);
 }
 
-TEST(Inventory, NamesAMissingFile) {
-  try {
-    readFile("no/such/till.xml");
-    FAIL() << "no complaint";
-  } catch (const std::runtime_error& problem) {
-    EXPECT_THAT(problem.what(), StartsWith("no/such/till.xml: "));
-  }
-}
-
 TEST(SampleTill, IsARealisticTill) {
   const Inventory inventory = readInventory(readFile(SAMPLES_FOLDER "/till.xml"), "till.xml");
   EXPECT_THAT(inventory.warnings, IsEmpty());
