@@ -28,7 +28,7 @@ std::string textOf(const XmlElement& parent, std::string_view child) {
 Request readRequest(std::string_view document, std::initializer_list<std::string_view> types) {
   XmlElement root;
   try {
-    root = readXml(document, isXmlText(document) ? "UTF-8" : "");
+    root = readXml(document, true);
   } catch (const XmlError& problem) {
     throw RequestError(fmt::format("malformed request: {}", problem.what()));
   }

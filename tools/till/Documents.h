@@ -32,8 +32,7 @@ struct Request {
 };
 
 /// A request of one of these types, with the class and the id that its type needs. Any declaration
-/// is accepted: the bytes are UTF-8 whatever encoding it names, and only bytes that are no UTF-8
-/// text are read as it says. Throws RequestError.
+/// is accepted: the bytes are UTF-8 whatever encoding it names. Throws RequestError.
 Request readRequest(std::string_view document, std::initializer_list<std::string_view> types);
 
 std::string responseDocument(const std::vector<const Device*>& devices);

@@ -150,15 +150,13 @@ XmlLibrary::~XmlLibrary() {
   xml::XMLPlatformUtils::Terminate();
 }
 
-XmlElement readXml(std::string_view bytes, const std::string& encoding) {
+XmlElement readXml(std::string_view bytes, bool isUtf8) {
   TreeBuilder builder;
   try {
     xml::MemBufInputSource source(reinterpret_cast<const XMLByte*>(bytes.data()), bytes.size(),
                                   "document");
-    if (!encoding.empty()) {
-      const xml::TranscodeFromStr name(reinterpret_cast<const XMLByte*>(encoding.data()),
-                                       encoding.size(), "UTF-8");
-      source.setEncoding(name.str());
+    if (isUtf8) {
+      source.setEncoding(xml::XMLUni::fgUTF8EncodingString);
     }
     const std::unique_ptr<xml::SAX2XMLReader> reader(xml::XMLReaderFactory::createXMLReader());
     reader->setFeature(xml::XMLUni::fgSAX2CoreNameSpaces, false);

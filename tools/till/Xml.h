@@ -42,9 +42,8 @@ public:
   XmlLibrary& operator=(const XmlLibrary&) = delete;
 };
 
-/// `encoding` overrides whatever the document's declaration says; empty: the declaration counts.
-/// Throws XmlError.
-XmlElement readXml(std::string_view bytes, const std::string& encoding = {});
+/// `isUtf8` overrides whatever encoding the document declares. Throws XmlError.
+XmlElement readXml(std::string_view bytes, bool isUtf8 = false);
 
 /// True for UTF-8 text that holds only characters which XML 1.0 allows.
 bool isXmlText(std::string_view text);
