@@ -34,8 +34,7 @@ constexpr auto kTable = [] {
   return table;
 }();
 
-} // namespace
-
+/// CRC-32.
 std::uint32_t checksum(std::string_view content) {
   std::uint32_t value = 0xFFFFFFFFU;
   for (const char byte : content) {
@@ -43,6 +42,8 @@ std::uint32_t checksum(std::string_view content) {
   }
   return ~value;
 }
+
+} // namespace
 
 void ZipFile::add(std::string_view name, std::string_view content) {
   if (files_.size() + directory_.size() + 2 * name.size() + content.size() + 100 >

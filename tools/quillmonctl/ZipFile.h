@@ -27,7 +27,4 @@ private:
   std::uint16_t count_ = 0;
 };
 
-/// The checksum that the archive keeps of each file (CRC-32).
-std::uint32_t checksum(std::string_view content);
-
 } // namespace ctl
