@@ -66,24 +66,14 @@ void createFolders(const std::string& folder) {
   }
 }
 
-std::string toUtf8(UINT codePage, std::string_view text) {
+} // namespace
+
+std::wstring wide(std::string_view text, UINT codePage) {
   const int length = static_cast<int>(text.size());
   std::wstring result(
       static_cast<std::size_t>(MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0)),
       L'\0');
   MultiByteToWideChar(codePage, 0, text.data(), length, result.data(),
-                      static_cast<int>(result.size()));
-  return utf8(result);
-}
-
-} // namespace
-
-std::wstring wide(std::string_view text) {
-  const int length = static_cast<int>(text.size());
-  std::wstring result(
-      static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), length, nullptr, 0)),
-      L'\0');
-  MultiByteToWideChar(CP_UTF8, 0, text.data(), length, result.data(),
                       static_cast<int>(result.size()));
   return result;
 }
@@ -99,7 +89,7 @@ std::string utf8(std::wstring_view text) {
 }
 
 std::string utf8FromAnsi(std::string_view text) {
-  return toUtf8(CP_ACP, text);
+  return utf8(wide(text, CP_ACP));
 }
 
 std::string ansi(std::string_view text) {

@@ -13,7 +13,7 @@
 /// the step's name, unless a comment says otherwise.
 namespace ctl {
 
-std::wstring wide(std::string_view text);
+std::wstring wide(std::string_view text, UINT codePage = CP_UTF8);
 std::string utf8(std::wstring_view text);
 /// Text in the system's ANSI code page, in which the service thinks.
 std::string utf8FromAnsi(std::string_view text);
