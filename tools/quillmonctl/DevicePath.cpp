@@ -47,8 +47,8 @@ const char* categoryClass(std::string_view category) {
   const std::string wanted = className(category);
   const auto* const found =
       std::find_if(std::begin(kMofClasses), std::end(kMofClasses),
-                   [&](const char* name) { return equalsIgnoreCase(name, wanted); });
-  return found != std::end(kMofClasses) ? *found : nullptr;
+                   [&](const MofClass& each) { return equalsIgnoreCase(each.name, wanted); });
+  return found != std::end(kMofClasses) ? found->name : nullptr;
 }
 
 std::string classOf(std::string_view path) {

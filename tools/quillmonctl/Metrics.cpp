@@ -1,6 +1,7 @@
 #include "quillmonctl/Metrics.h"
 
 #include "quillmonctl/DevicePath.h"
+#include "quillmonctl/IgnoreCase.h"
 #include "quillmonctl/MofClasses.h"
 #include "quillmonctl/Text.h"
 
@@ -20,10 +21,6 @@ constexpr std::uint64_t kSecondsPerHour = 3600;
 
 bool isUpper(char c) {
   return c >= 'A' && c <= 'Z';
-}
-
-char lower(char c) {
-  return isUpper(c) ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 /// "ParityLRCErrorTrack1" becomes "parity_lrc_error_track1".

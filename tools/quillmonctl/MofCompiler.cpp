@@ -144,20 +144,18 @@ void requireNoForeignClass() {
     return; // an error is said by what comes next
   }
   const auto* const found =
-      std::find_if(std::begin(kMofClasses), std::end(kMofClasses), [&](const char* name) {
-        return std::find(wmi.missingClasses.begin(), wmi.missingClasses.end(), name) ==
+      std::find_if(std::begin(kMofClasses), std::end(kMofClasses), [&](const MofClass& each) {
+        return std::find(wmi.missingClasses.begin(), wmi.missingClasses.end(), each.name) ==
                wmi.missingClasses.end();
       });
   throw Failure(fmt::format("checking WMI's classes: {} is already there, without the provider {}",
-                            *found, kProvider),
+                            found->name, kProvider),
                 "Find out which program made it. If nobody needs it, compile "
                 "quillmon-uninstall.mof with mofcomp, which removes it, and try again.");
 }
 
 bool hasEventLog() {
-  return Wmi(L"root\\subscription")
-      .find("NTEventLogEventConsumer.Name=\"QuillmonEvents\"")
-      .has_value();
+  return Wmi(L"root\\subscription").has("NTEventLogEventConsumer.Name=\"QuillmonEvents\"");
 }
 
 void compileEventLog(const MofFiles& files, bool wanted) {

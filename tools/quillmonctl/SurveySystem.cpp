@@ -170,17 +170,17 @@ Survey::Sockets surveySockets(const Survey& survey) {
 }
 
 void checkRegistration(Wmi& wmi, Survey::Wmi& result) {
-  for (const char* const name : kMofClasses) {
-    if (wmi.find(name)) {
+  for (const MofClass& each : kMofClasses) {
+    if (wmi.has(each.name)) {
       ++result.classes;
     } else {
-      result.missingClasses.emplace_back(name);
+      result.missingClasses.emplace_back(each.name);
     }
   }
   const std::string provider = fmt::format("__Win32Provider.Name=\"{}\"", kProvider);
   const std::string reference = fmt::format("__Win32Provider.Name=\\\"{}\\\"", kProvider);
   const auto check = [&](const char* cls, const std::string& path) {
-    if (wmi.find(path)) {
+    if (wmi.has(path)) {
       ++result.registrations;
     } else {
       result.missingRegistrations.emplace_back(cls);

@@ -164,16 +164,16 @@ Json Wmi::object(const std::string& path) {
   return toJson(*object.Get());
 }
 
-std::optional<Json> Wmi::find(const std::string& path) {
+bool Wmi::has(const std::string& path) {
   ComPtr<IWbemClassObject> object;
   const win::Bstr text(wide(path));
   const HRESULT result = services_->GetObject(text.get(), 0, nullptr, &object, nullptr);
   if (result == win::wbemResult(WBEM_E_NOT_FOUND) ||
       result == win::wbemResult(WBEM_E_INVALID_CLASS)) {
-    return std::nullopt;
+    return false;
   }
   check(result, fmt::format("looking for {} in WMI", path).c_str());
-  return toJson(*object.Get());
+  return true;
 }
 
 Wmi::Events Wmi::subscribe(const std::string& query) {

@@ -42,8 +42,8 @@ public:
 
   /// The object of that path, "__PATH" first.
   Json object(const std::string& path);
-  /// None where WMI does not know it.
-  std::optional<Json> find(const std::string& path);
+  /// WMI knows that path.
+  bool has(const std::string& path);
 
   using Clock = std::chrono::steady_clock;
   /// The events of a query from the subscription on; WMI keeps those that come between two calls.

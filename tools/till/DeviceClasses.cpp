@@ -1,5 +1,6 @@
 #include "till/DeviceClasses.h"
 
+#include "quillmonctl/IgnoreCase.h"
 #include "quillmonctl/MofClasses.h"
 
 #include <algorithm>
@@ -9,25 +10,21 @@ namespace {
 
 constexpr std::string_view kBase = "UPOS_Device";
 
-char lower(char letter) {
-  return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-}
-
 /// By the names of the classes in lower case. A superclass comes before its subclasses.
 std::map<std::string, PropertyTypeTable> deviceClasses() {
   std::map<std::string, PropertyTypeTable> classes;
-  for (const ctl::MofSuperclass& each : ctl::kMofSuperclasses) {
+  for (const ctl::MofClass& each : ctl::kMofClasses) {
     const auto superclass = classes.find(lowered(each.superclass));
     if (superclass != classes.end()) {
-      classes[lowered(each.className)] = superclass->second;
-    } else if (each.className == kBase) {
-      classes[lowered(each.className)] = {};
+      classes[lowered(each.name)] = superclass->second;
+    } else if (each.name == kBase) {
+      classes[lowered(each.name)] = {};
     } else {
       continue; // an event
     }
     for (const ctl::MofProperty& property : ctl::kMofProperties) {
-      if (std::string_view(property.className) == each.className) {
-        classes[lowered(each.className)][lowered(property.property)] = property.type;
+      if (std::string_view(property.className) == each.name) {
+        classes[lowered(each.name)][lowered(property.property)] = property.type;
       }
     }
   }
@@ -36,13 +33,9 @@ std::map<std::string, PropertyTypeTable> deviceClasses() {
 
 } // namespace
 
-bool equalsIgnoringCase(std::string_view left, std::string_view right) {
-  return std::ranges::equal(left, right, {}, lower, lower);
-}
-
 std::string lowered(std::string_view text) {
   std::string result(text);
-  std::ranges::transform(result, result.begin(), lower);
+  std::ranges::transform(result, result.begin(), ctl::lower);
   return result;
 }
 

@@ -7,7 +7,6 @@
 /// The device classes of quillmon.mof. Names are compared without regard to case, as WMI does.
 namespace till {
 
-bool equalsIgnoringCase(std::string_view left, std::string_view right);
 std::string lowered(std::string_view text);
 
 /// The types ("string", "uint32", "boolean") of all properties of a class, by their names in lower

@@ -6,6 +6,7 @@
 #include "proxy/CIMDeviceUtil.h"
 #include "proxy/EventSplitter.h"
 #include "proxy/ProxyImpXmlAdapter.h"
+#include "quillmonctl/IgnoreCase.h"
 #include "till/DeviceClasses.h"
 #include "till/LostCharacters.h"
 #include "till/ServiceConversion.h"
@@ -96,7 +97,7 @@ std::string whyDiscarded(const std::vector<std::string>& makers, const std::stri
       return fmt::format("{} is {} with blanks or line ends around it, which belong to the value",
                          kMaker, quoted(maker));
     }
-    if (equalsIgnoringCase(trimmed, known)) {
+    if (ctl::equalsIgnoreCase(trimmed, known)) {
       return fmt::format("{} is {}, and upper and lower case count: {}", kMaker, quoted(maker),
                          known);
     }
@@ -304,10 +305,10 @@ void Checker::readInstance(DocumentReader& document, std::size_t number,
   std::vector<std::string> makers;
   for (const DocumentReader::Element* element : document.elementsBelow(instance, u"field")) {
     const ReadField& read = pending.emplace_back(readField(document, *element));
-    if (equalsIgnoringCase(read.field[0], kMaker)) {
+    if (ctl::equalsIgnoreCase(read.field[0], kMaker)) {
       makers.push_back(utf8(read.field[2]));
     }
-    if (equalsIgnoringCase(read.field[0], kDeviceId)) {
+    if (ctl::equalsIgnoreCase(read.field[0], kDeviceId)) {
       verdict.device = utf8(read.field[2]);
     }
   }
@@ -408,7 +409,7 @@ void Checker::readEvent(DocumentReader& document) {
   std::vector<std::string> makers;
   for (const DocumentReader::Element* element : document.elementsBelow(first, u"field")) {
     const ReadField read = readField(document, *element);
-    if (equalsIgnoringCase(read.field[0], kMaker)) {
+    if (ctl::equalsIgnoreCase(read.field[0], kMaker)) {
       makers.push_back(utf8(read.field[2]));
     }
   }

@@ -1,6 +1,6 @@
 #include "till/ServiceConversion.h"
 
-#include "till/DeviceClasses.h"
+#include "quillmonctl/IgnoreCase.h"
 
 #include <langinfo.h>
 
@@ -22,7 +22,7 @@ ConvertedValue convertAsService(provider::PropertyType type, const std::string& 
     return {"string"};
   }
   case provider::kBoolean:
-    if (equalsIgnoringCase(value, "true") || equalsIgnoringCase(value, "false")) {
+    if (ctl::equalsIgnoreCase(value, "true") || ctl::equalsIgnoreCase(value, "false")) {
       return {"boolean"};
     }
     return {"string"};
