@@ -151,12 +151,13 @@ void judgeWmi(const Survey& survey, Verdicts& out) {
                    "The device server takes requests and does not answer: restart it."});
   } else if (wmi.answerError) {
     out.push_back({Level::Bad, "devices", describe(*wmi.answerError), adviceFor(*wmi.answerError)});
-  } else if (wmi.devices == 0) {
+  } else if (wmi.listed.empty()) {
     out.push_back({Level::Warning, "devices", "the provider answers, without a single device",
                    "Check that the device server has devices, and that this prompt may read them "
                    "(run as administrator)."});
   } else {
-    out.push_back({Level::Good, "devices", fmt::format("the provider lists {}", wmi.devices), ""});
+    out.push_back(
+        {Level::Good, "devices", fmt::format("the provider lists {}", wmi.listed.size()), ""});
   }
   judgeEvents(survey, out);
 }
@@ -214,15 +215,12 @@ void judgeSockets(const Survey& survey, Verdicts& out) {
   const Survey::Sockets& sockets = survey.sockets;
   const bool isProxy = survey.service.path.isProxy();
   if (!isProxy) {
-    out.push_back({sockets.requestReachable ? Level::Good : Level::Bad, "device server",
-                   sockets.requestReachable
-                       ? fmt::format("reachable on port {}", sockets.requestPort)
-                       : fmt::format("port {}: {}", sockets.requestPort,
-                                     sockets.requestError ? describe(*sockets.requestError)
-                                                          : "not reachable"),
-                   sockets.requestReachable
-                       ? ""
-                       : "Start the device server, or set upos.requestSocket.Port to its port."});
+    const std::optional<SystemError>& error = sockets.requestError;
+    out.push_back(
+        {error ? Level::Bad : Level::Good, "device server",
+         error ? fmt::format("port {}: {}", sockets.requestPort, describe(*error))
+               : fmt::format("reachable on port {}", sockets.requestPort),
+         error ? "Start the device server, or set upos.requestSocket.Port to its port." : ""});
   }
   if (!survey.service.isRunning()) {
     return;
@@ -358,7 +356,7 @@ Json toJson(const Survey& survey) {
         {"missing_classes", wmi.missingClasses},
         {"missing_registrations", wmi.missingRegistrations},
         {"answers", wmi.answers},
-        {"devices", wmi.devices},
+        {"devices", wmi.listed.size()},
         {"answer_error", errorJson(wmi.answerError)},
         {"subscription_error", errorJson(wmi.subscriptionError)}}},
       {"expected", survey.comparison ? toJson(*survey.comparison) : Json()},
@@ -371,8 +369,7 @@ Json toJson(const Survey& survey) {
         {"problems", survey.configuration.problems}}},
       {"sockets",
        {{"request_port", sockets.requestPort},
-        {"request_port_reachable",
-         service.path.isProxy() ? Json() : Json(sockets.requestReachable)},
+        {"request_port_reachable", service.path.isProxy() ? Json() : Json(!sockets.requestError)},
         {"request_error", errorJson(sockets.requestError)},
         {"event_port", sockets.eventPort},
         {"event_port_open", sockets.eventPortOpen},
@@ -425,7 +422,7 @@ std::string toText(const Survey& survey) {
     lines.emplace_back("answering", wmi.timedOut ? "no answer in time"
                                     : wmi.answerError
                                         ? fmt::format("no: {}", describe(*wmi.answerError))
-                                        : fmt::format("yes, {} devices", wmi.devices));
+                                        : fmt::format("yes, {} devices", wmi.listed.size()));
   }
   if (survey.comparison) {
     const Comparison& comparison = *survey.comparison;
@@ -441,12 +438,11 @@ std::string toText(const Survey& survey) {
                            : fmt::format("{} connected to event port {}", sockets.deviceServers,
                                          sockets.eventPort));
   } else {
-    lines.emplace_back(
-        "device server",
-        sockets.requestReachable
-            ? fmt::format("reachable on request port {}", sockets.requestPort)
-            : fmt::format("not reachable on request port {}: {}", sockets.requestPort,
-                          sockets.requestError ? describe(*sockets.requestError) : "unknown"));
+    lines.emplace_back("device server",
+                       sockets.requestError
+                           ? fmt::format("not reachable on request port {}: {}",
+                                         sockets.requestPort, describe(*sockets.requestError))
+                           : fmt::format("reachable on request port {}", sockets.requestPort));
     lines.emplace_back("event port", fmt::format("UDP {}, {}", sockets.eventPort,
                                                  sockets.eventPortOpen ? "open" : "not open"));
   }

@@ -41,8 +41,7 @@ struct Survey {
     std::vector<std::string> missingRegistrations;
     bool answers = false; ///< the provider was asked and took part
     bool timedOut = false;
-    std::size_t devices = 0;
-    std::vector<KnownDevice> listed; ///< those devices
+    std::vector<KnownDevice> listed;
     std::optional<SystemError> answerError;
     std::optional<SystemError> subscriptionError;
   };
@@ -63,22 +62,19 @@ struct Survey {
   };
   struct Sockets {
     unsigned requestPort = 0;
-    bool requestReachable = false; ///< adapter strategy
-    std::optional<SystemError> requestError;
+    std::optional<SystemError> requestError; ///< none: reachable; adapter strategy
     unsigned eventPort = 0;
     std::string eventAddress; ///< where it is bound in the proxy strategy, as it is configured
     bool eventPortOpen = false;
     std::size_t deviceServers = 0; ///< connected to the event port; proxy strategy
   };
   struct Trace {
-    bool eventExists = false;
     bool isSignalled = false;
     bool hasGrown = false; ///< the log, while the provider was asked
     std::string log;
     std::optional<std::uint64_t> size;
     std::uint64_t written = 0;     ///< when, in the system's units
     std::string configurationFile; ///< empty where no INSTALLDIR names one
-    bool configurationExists = false;
     int fileSizeLimit = 0;
     int backupCount = 0;
     bool sizeComesFirst = false; ///< in the file: FileSize before BackupCount

@@ -100,27 +100,23 @@ bool isOwner(DWORD process, const Survey::Service& service) {
 }
 
 void surveyEventPort(const Survey::Service& service, Survey::Sockets& sockets) {
+  const auto hasPort = [&](const auto& table) {
+    return std::any_of(table.table, table.table + table.dwNumEntries, [&](const auto& row) {
+      return portOf(row.dwLocalPort) == sockets.eventPort && isOwner(row.dwOwningPid, service);
+    });
+  };
   if (!service.path.isProxy()) {
     const auto bytes = socketTable<MIB_UDPTABLE_OWNER_PID>([](void* table, DWORD* size) {
       return GetExtendedUdpTable(table, size, FALSE, AF_INET, UDP_TABLE_OWNER_PID, 0);
     });
-    const auto* const table = reinterpret_cast<const MIB_UDPTABLE_OWNER_PID*>(bytes.data());
-    for (DWORD i = 0; i < table->dwNumEntries; ++i) {
-      const MIB_UDPROW_OWNER_PID& row = table->table[i];
-      sockets.eventPortOpen |=
-          portOf(row.dwLocalPort) == sockets.eventPort && isOwner(row.dwOwningPid, service);
-    }
+    sockets.eventPortOpen = hasPort(*reinterpret_cast<const MIB_UDPTABLE_OWNER_PID*>(bytes.data()));
     return;
   }
   const auto listening = socketTable<MIB_TCPTABLE_OWNER_PID>([](void* table, DWORD* size) {
     return GetExtendedTcpTable(table, size, FALSE, AF_INET, TCP_TABLE_OWNER_PID_LISTENER, 0);
   });
-  const auto* const listeners = reinterpret_cast<const MIB_TCPTABLE_OWNER_PID*>(listening.data());
-  for (DWORD i = 0; i < listeners->dwNumEntries; ++i) {
-    const MIB_TCPROW_OWNER_PID& row = listeners->table[i];
-    sockets.eventPortOpen |=
-        portOf(row.dwLocalPort) == sockets.eventPort && isOwner(row.dwOwningPid, service);
-  }
+  sockets.eventPortOpen =
+      hasPort(*reinterpret_cast<const MIB_TCPTABLE_OWNER_PID*>(listening.data()));
   if (!sockets.eventPortOpen) {
     return;
   }
@@ -159,9 +155,7 @@ Survey::Sockets surveySockets(const Survey& survey) {
   sockets.eventPort = configuredPort(survey.configuration, "provider.eventSocket.Port");
   sockets.eventAddress = findKey(survey.configuration, "provider.eventSocket.IP").effective;
   if (!survey.service.path.isProxy()) {
-    const int error = tryConnect(sockets.requestPort);
-    sockets.requestReachable = error == 0;
-    if (error != 0) {
+    if (const int error = tryConnect(sockets.requestPort); error != 0) {
       sockets.requestError = win32Error(static_cast<DWORD>(error));
     }
   }
@@ -199,7 +193,6 @@ Survey::Wmi surveyWmi(unsigned seconds) {
     checkRegistration(wmi, result);
     try {
       const Wmi::End end = wmi.instances("UPOS_LogicalDevice", seconds, [&](const Json& device) {
-        ++result.devices;
         result.listed.push_back(KnownDevice::of(device));
         return true;
       });
@@ -321,7 +314,6 @@ Survey::Configuration surveyConfiguration() {
 Survey::Trace surveyTrace(const Survey::Service& service) {
   Survey::Trace trace;
   const win::Handle event(OpenEventW(SYNCHRONIZE, FALSE, kTraceEvent));
-  trace.eventExists = bool(event);
   trace.isSignalled = event && WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0;
   const LogLocation location = installedLogLocation(isLogWritable);
   // Without a service the log would lie beside a program that stands beside this one.
@@ -338,7 +330,6 @@ Survey::Trace surveyTrace(const Survey::Service& service) {
     trace.configurationFile = utf8FromAnsi(path);
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "r"),
                                                                &std::fclose);
-    trace.configurationExists = bool(file);
     if (file) {
       bool countIsKnown = false;
       TraceConfig::readFile(file.get(), [&](const TraceSetting& setting) {

@@ -24,11 +24,10 @@ Survey healthy() {
   survey.service.restartsAfterFailure = true;
   survey.wmi.classes = 39;
   survey.wmi.answers = true;
-  survey.wmi.devices = 13;
+  survey.wmi.listed.resize(13);
   survey.configuration.path = "C:\\POS\\JavaPOS\\Config\\quillmon.properties";
   survey.configuration.keys = {{"upos.requestSocket.Port", "42115", "42115", false, ""}};
   survey.sockets.requestPort = 42115;
-  survey.sockets.requestReachable = true;
   survey.sockets.eventPort = 42114;
   survey.sockets.eventPortOpen = true;
   survey.trace.log = "C:\\Quillmon\\Quillmon.log";
@@ -96,7 +95,7 @@ TEST(Survey, EachFaultIsFoundAndHasAdvice) {
          s.wmi.answerError = SystemError{SystemError::Kind::HResult, 0x80041001, ""};
        }},
       {"devices", Level::Bad, [](Survey& s) { s.wmi.timedOut = true; }},
-      {"devices", Level::Warning, [](Survey& s) { s.wmi.devices = 0; }},
+      {"devices", Level::Warning, [](Survey& s) { s.wmi.listed.clear(); }},
       {"events", Level::Bad,
        [](Survey& s) {
          s.wmi.subscriptionError = SystemError{SystemError::Kind::HResult, 0x80041003, ""};
@@ -119,7 +118,10 @@ TEST(Survey, EachFaultIsFoundAndHasAdvice) {
       {"configuration", Level::Bad, [](Survey& s) { s.configuration.keys[0].problem = "why"; }},
       {"configuration", Level::Warning, [](Survey& s) { s.configuration.problems = {"line 1"}; }},
       {"configuration", Level::Warning, [](Survey& s) { s.configuration.unknownKeys = {"x"}; }},
-      {"device server", Level::Bad, [](Survey& s) { s.sockets.requestReachable = false; }},
+      {"device server", Level::Bad,
+       [](Survey& s) {
+         s.sockets.requestError = SystemError{SystemError::Kind::Win32, 10061, ""};
+       }},
       {"device server", Level::Bad,
        [](Survey& s) { s.service.path = BinaryPath::parse("C:/q.exe -o"); }},
       {"event port", Level::Bad, [](Survey& s) { s.sockets.eventPortOpen = false; }},
@@ -143,7 +145,6 @@ TEST(Survey, EachFaultIsFoundAndHasAdvice) {
 TEST(Survey, InTheProxyStrategyAConnectedDeviceServerIsEnough) {
   Survey survey = healthy();
   survey.service.path = BinaryPath::parse("C:/Quillmon/quillmon.exe -o");
-  survey.sockets.requestReachable = false;
   survey.sockets.deviceServers = 1;
   EXPECT_TRUE(isHealthy(judge(survey)));
   EXPECT_NE(toText(survey).find("1 connected to event port 42114"), std::string::npos);
