@@ -159,7 +159,7 @@ ExitCode getDevice(bool json, const std::string& name) {
         lines.emplace_back(property, text(value));
       }
     }
-    console::print(pairs(lines, 0, console::width()));
+    console::print(pairs(lines, console::width()));
   });
   return ExitCode::Done;
 }

@@ -132,7 +132,7 @@ std::string table(const std::vector<std::string>& heading,
   return text;
 }
 
-std::string pairs(const std::vector<std::pair<std::string, std::string>>& lines, std::size_t indent,
+std::string pairs(const std::vector<std::pair<std::string, std::string>>& lines,
                   std::size_t width) {
   std::size_t name = 0;
   for (const auto& line : lines) {
@@ -140,9 +140,8 @@ std::string pairs(const std::vector<std::pair<std::string, std::string>>& lines,
   }
   std::string text;
   for (const auto& [key, value] : lines) {
-    text += wrap(fmt::format("{}{}{}{}", std::string(indent, ' '), padded(key, name),
-                             std::string(kGap, ' '), printable(value)),
-                 width, indent + name + kGap);
+    text += wrap(fmt::format("{}{}{}", padded(key, name), std::string(kGap, ' '), printable(value)),
+                 width, name + kGap);
   }
   return text;
 }

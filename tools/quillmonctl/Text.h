@@ -21,7 +21,8 @@ std::string printable(std::string_view text, bool keepTabs = false);
 std::string truncated(std::string_view text, std::size_t width);
 
 /// `text` in lines of at most `width` columns, each with its end; lines after the first begin with
-/// `indent` blanks, of which none is in the last quarter. A word that is too long for a line is broken.
+/// `indent` blanks, of which none is in the last quarter. A word that is too long for a line is
+/// broken.
 std::string wrap(std::string_view text, std::size_t width, std::size_t indent);
 
 /// Rows under a heading, two blanks between columns; the widest columns are cut until a line fits
@@ -31,6 +32,6 @@ std::string table(const std::vector<std::string>& heading,
 
 /// "name  value" lines, the values in one column and wrapped there.
 std::string pairs(const std::vector<std::pair<std::string, std::string>>& lines,
-                  std::size_t indent = 0, std::size_t width = kWidth);
+                  std::size_t width = kWidth);
 
 } // namespace ctl

@@ -80,7 +80,7 @@ TEST(Text, ControlCharactersInATableAreMadeVisible) {
 }
 
 TEST(Text, PairsAlignAndWrapTheirValues) {
-  EXPECT_EQ(pairs({{"a", "1"}, {"long", "two three"}}, 0, 11), "a     1\nlong  two\n      three\n");
+  EXPECT_EQ(pairs({{"a", "1"}, {"long", "two three"}}, 11), "a     1\nlong  two\n      three\n");
 }
 
 } // namespace

@@ -28,17 +28,13 @@ void say(bool json, const Json& object, const std::string& text) {
   console::print(json ? dumpLine(object) : text);
 }
 
-/// Asks the provider something, so that a service that traces traces it.
-void triggerTrace() {
+/// Asks the provider something: a service that traces traces it.
+bool hasTraced(const std::string& log) {
+  const std::optional<FileStamp> before = fileStamp(log);
   try {
     Wmi().instances("UPOS_LogicalDevice", kAnswerTimeout, [](const Json&) { return true; });
   } catch (const Failure&) { // an answer as good as any
   }
-}
-
-bool hasTraced(const std::string& log) {
-  const std::optional<FileStamp> before = fileStamp(log);
-  triggerTrace();
   return fileStamp(log) != before;
 }
 
