@@ -1,7 +1,5 @@
 #include "till/Command.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <charconv>
 #include <iterator>
@@ -110,15 +108,6 @@ unsigned parseMilliseconds(std::string_view text) {
         fmt::format("'{}' is not a number of milliseconds from 0 to {}", text, kLongestWait));
   }
   return number;
-}
-
-std::string commandHelp() {
-  std::string text;
-  for (const CommandHelp& each : commands()) {
-    fmt::format_to(std::back_inserter(text), "  {:<22} {}\n", each.usage, each.effect);
-  }
-  text.pop_back();
-  return text;
 }
 
 } // namespace till

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <fmt/format.h>
+
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -39,7 +42,15 @@ std::vector<Command> parseScript(std::string_view text, const std::string& name)
 /// A number of milliseconds up to one hour. Throws CommandError.
 unsigned parseMilliseconds(std::string_view text);
 
-/// The commands as lines of help, each indented by two blanks.
-std::string commandHelp();
+/// Words and what they do as lines of help, each indented by two blanks.
+template <class Help>
+std::string helpText(const std::vector<Help>& all) {
+  std::string text;
+  for (const Help& each : all) {
+    fmt::format_to(std::back_inserter(text), "  {:<22} {}\n", each.usage, each.effect);
+  }
+  text.pop_back();
+  return text;
+}
 
 } // namespace till

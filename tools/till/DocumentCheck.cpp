@@ -8,6 +8,7 @@
 #include "proxy/ProxyImpXmlAdapter.h"
 #include "quillmonctl/IgnoreCase.h"
 #include "till/DeviceClasses.h"
+#include "till/Documents.h"
 #include "till/LostCharacters.h"
 #include "till/ServiceConversion.h"
 #include "xml/DocumentReader.h"
@@ -45,11 +46,7 @@ using ::xml::XmlFailure;
 using Level = Finding::Level;
 using Strategy = Finding::Strategy;
 
-constexpr std::string_view kMaker = "ManufacturerName";
-constexpr std::string_view kDeviceId = "DeviceID";
-constexpr std::string_view kLogicalDevice = "UPOS_LogicalDevice";
 constexpr std::array<std::string_view, 3> kMakers = {"Veltran", "ORVEX", "OEM"};
-constexpr std::size_t kLongestDatagram = 1024;
 constexpr std::string_view kNotPublished = "NA";
 
 std::string utf8(const std::string& local) {
@@ -79,7 +76,7 @@ bool isScannerOrScale(std::string_view name, std::string_view prefix) {
 std::string whyDiscarded(const std::vector<std::string>& makers, const std::string& where,
                          const std::string& className, bool scannerOrScale) {
   if (makers.empty()) {
-    return fmt::format("it has no field {}", kMaker);
+    return fmt::format("it has no field {}", kMakerField);
   }
   const std::string& maker = makers.back();
   if (maker == "OEM" && !scannerOrScale) {
@@ -95,14 +92,15 @@ std::string whyDiscarded(const std::vector<std::string>& makers, const std::stri
   for (const std::string_view known : kMakers) {
     if (trimmed == known) {
       return fmt::format("{} is {} with blanks or line ends around it, which belong to the value",
-                         kMaker, quoted(maker));
+                         kMakerField, quoted(maker));
     }
     if (ctl::equalsIgnoreCase(trimmed, known)) {
-      return fmt::format("{} is {}, and upper and lower case count: {}", kMaker, quoted(maker),
+      return fmt::format("{} is {}, and upper and lower case count: {}", kMakerField, quoted(maker),
                          known);
     }
   }
-  return fmt::format("{} is {}, which is none of Veltran, ORVEX and OEM", kMaker, quoted(maker));
+  return fmt::format("{} is {}, which is none of Veltran, ORVEX and OEM", kMakerField,
+                     quoted(maker));
 }
 
 /// A field as it stands in the document, and as the service reads it.
@@ -114,8 +112,6 @@ struct ReadField {
 /// Why WMI does not take a field as it is meant, and the code for that.
 std::pair<const char*, std::string> whyNotTaken(const Field& field, std::string_view property,
                                                 const ConvertedValue& converted) {
-  constexpr std::array<std::string_view, 6> kWords = {"string",  "uint32",     "uint64",
-                                                      "boolean", "ArrayInt32", "datetime"};
   const std::string& word = field[1];
   const std::string value = quoted(utf8(field[2]));
   if (converted.type == property) {
@@ -130,7 +126,7 @@ std::pair<const char*, std::string> whyNotTaken(const Field& field, std::string_
   return {"type-does-not-fit",
           fmt::format("the type {} {} the property, whose type is {}: it stays empty",
                       quoted(utf8(word)),
-                      std::ranges::find(kWords, word) == kWords.end()
+                      std::ranges::find(kTypeWords, word) == kTypeWords.end()
                           ? "is no type word, and the text does not fit"
                           : "does not fit",
                       property)};
@@ -305,10 +301,10 @@ void Checker::readInstance(DocumentReader& document, std::size_t number,
   std::vector<std::string> makers;
   for (const DocumentReader::Element* element : document.elementsBelow(instance, u"field")) {
     const ReadField& read = pending.emplace_back(readField(document, *element));
-    if (ctl::equalsIgnoreCase(read.field[0], kMaker)) {
+    if (ctl::equalsIgnoreCase(read.field[0], kMakerField)) {
       makers.push_back(utf8(read.field[2]));
     }
-    if (ctl::equalsIgnoreCase(read.field[0], kDeviceId)) {
+    if (ctl::equalsIgnoreCase(read.field[0], kDeviceIdField)) {
       verdict.device = utf8(read.field[2]);
     }
   }
@@ -316,12 +312,12 @@ void Checker::readInstance(DocumentReader& document, std::size_t number,
     if (propertiesOf(verdict.className) == nullptr) {
       add("unknown-class",
           fmt::format("{} is no class of quillmon.mof: its fields are looked at as those of {}",
-                      quoted(verdict.className), kLogicalDevice),
+                      quoted(verdict.className), kEveryDevice),
           Strategy::Adapter);
     }
     putFields(pending, carried, verdict.className, Strategy::Adapter);
     if (verdict.device.empty()) {
-      add("no-device-id", fmt::format("it has no {}, the key", kDeviceId), Strategy::Adapter);
+      add("no-device-id", fmt::format("it has no {}, the key", kDeviceIdField), Strategy::Adapter);
     }
   } else {
     add("discarded",
@@ -344,11 +340,11 @@ void Checker::putFields(const std::vector<ReadField>& fields, std::size_t carrie
   std::string knownClass = className;
   const PropertyTypeTable* types = propertiesOf(className);
   if (types == nullptr) {
-    knownClass = fmt::format("{}{}", kLogicalDevice,
+    knownClass = fmt::format("{}{}", kEveryDevice,
                              strategy == Strategy::Proxy ? ", the only class that clients find it "
                                                            "under,"
                                                          : "");
-    types = propertiesOf(kLogicalDevice);
+    types = propertiesOf(kEveryDevice);
   }
   struct Put {
     std::size_t index; ///< of the field that counts
@@ -409,7 +405,7 @@ void Checker::readEvent(DocumentReader& document) {
   std::vector<std::string> makers;
   for (const DocumentReader::Element* element : document.elementsBelow(first, u"field")) {
     const ReadField read = readField(document, *element);
-    if (ctl::equalsIgnoreCase(read.field[0], kMaker)) {
+    if (ctl::equalsIgnoreCase(read.field[0], kMakerField)) {
       makers.push_back(utf8(read.field[2]));
     }
   }
@@ -429,7 +425,7 @@ void Checker::readEvent(DocumentReader& document) {
                                   quoted(texts.type)));
   }
   if (texts.device.empty()) {
-    add("no-device-id", fmt::format("it has no {}", kDeviceId));
+    add("no-device-id", fmt::format("it has no {}", kDeviceIdField));
   }
   if (const std::size_t size = text_.size() + 2; size > kLongestDatagram) {
     add("datagram-too-long",
@@ -495,7 +491,7 @@ void Checker::readCached(const DeviceEvent& event) {
     add("not-listed-by-class",
         fmt::format("clients find the device under {} only: the classname {} is no WMI class "
                     "(UPOS_Scanner and its like)",
-                    kLogicalDevice, quoted(classname)),
+                    kEveryDevice, quoted(classname)),
         Strategy::Proxy, {}, Level::Note);
   }
   const CIMDevice device(event);

@@ -45,6 +45,9 @@ inline constexpr std::string_view kEventDeclaration =
     "<?xml version='1.0' encoding='UTF-8' standalone='no' ?>";
 inline constexpr std::string_view kEventEnd = "</event>";
 
+/// The service reads this much of a datagram; a longer one is lost as a whole.
+inline constexpr std::size_t kLongestDatagram = 1024;
+
 /// A datagram has room for the two fields that are read there, DeviceID and ManufacturerName.
 enum class EventFields { DatagramOnly, All };
 /// An event about a device, from kEventDeclaration to kEventEnd.

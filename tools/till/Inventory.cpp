@@ -20,9 +20,6 @@ namespace {
 /// Nobody's inventory is larger; a larger file is another file named by mistake.
 constexpr std::uintmax_t kLargestFile = std::uintmax_t{16} * 1024 * 1024;
 
-constexpr std::string_view kTypeWords[] = {"string",  "uint32",     "uint64",
-                                           "boolean", "ArrayInt32", "datetime"};
-
 class Reader {
 public:
   explicit Reader(const std::string& name) : name_(name) {}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -10,6 +11,10 @@ namespace till {
 
 inline constexpr std::string_view kDeviceIdField = "DeviceID";
 inline constexpr std::string_view kMakerField = "ManufacturerName";
+
+/// The type words that the service knows.
+inline constexpr std::array<std::string_view, 6> kTypeWords = {"string",  "uint32",     "uint64",
+                                                               "boolean", "ArrayInt32", "datetime"};
 
 /// One property of a device as it travels: name, type word, value. All texts are UTF-8.
 struct Field {

@@ -7,21 +7,11 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include <iterator>
 #include <stdexcept>
 #include <vector>
 
 namespace till {
 namespace {
-
-std::string modes(const std::vector<MisbehaviourHelp>& known) {
-  std::string text;
-  for (const MisbehaviourHelp& each : known) {
-    fmt::format_to(std::back_inserter(text), "  {:<22} {}\n", each.usage, each.effect);
-  }
-  text.pop_back();
-  return text;
-}
 
 std::string footer() {
   return fmt::format(R"(
@@ -63,8 +53,8 @@ Examples:
   quillmon-till samples/till.xml --misbehave "slow 5000"
   quillmon-till samples/till.xml --strategy proxy
 )",
-                     commandHelp(), modes(answerMisbehaviours()), modes(eventMisbehaviours()),
-                     modes(streamMisbehaviours()));
+                     helpText(commands()), helpText(answerMisbehaviours()),
+                     helpText(eventMisbehaviours()), helpText(streamMisbehaviours()));
 }
 
 } // namespace

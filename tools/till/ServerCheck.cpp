@@ -36,7 +36,6 @@ using Result = CheckedItem::Result;
 constexpr std::size_t kLargestAnswer = std::size_t{256} << 20U;
 constexpr std::size_t kLargestPending = std::size_t{64} << 20U; // as the service has it
 constexpr std::size_t kReceiveSize = 1023;                      // as the service has it
-constexpr std::size_t kLongestDatagram = 1024;
 constexpr std::size_t kMostDevicesAsked = 50;
 constexpr int kMostTimeouts = 2;
 constexpr milliseconds kLate{1000};

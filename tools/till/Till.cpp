@@ -1,5 +1,6 @@
 #include "till/Till.h"
 
+#include "quillmonctl/Text.h"
 #include "till/Documents.h"
 #include "till/Xml.h"
 
@@ -13,17 +14,9 @@
 namespace till {
 namespace {
 
-/// The service reads this much of a datagram; a longer one is lost as a whole.
-constexpr std::size_t kLongestDatagram = 1024;
-
 /// Text from a peer on one log line of bearable length.
 std::string printable(std::string_view text) {
-  constexpr std::size_t kLongest = 120;
-  std::string result(text.substr(0, kLongest));
-  std::replace_if(
-      result.begin(), result.end(),
-      [](char each) { return static_cast<unsigned char>(each) < 0x20 || each == 0x7F; }, '?');
-  return text.size() > kLongest ? result + "..." : result;
+  return ctl::truncated(ctl::printable(text), 120);
 }
 
 Misbehaviour parse(const Command& command, const std::vector<MisbehaviourHelp>& known) {
@@ -182,7 +175,7 @@ void Till::execute(const Command& command) {
   } else if (word == "reconnect") {
     events_.reconnect();
   } else if (word == "help") {
-    log_.say(commandHelp());
+    log_.say(helpText(commands()));
   } else {
     throw std::logic_error("not a command of the till: " + word);
   }

@@ -302,7 +302,7 @@ class AdapterTest(TillTestCase):
                 (("getInstance", "UPOS_MSR", "M1"), []),
                 (("getInstance", "UPOS_Scanner", "no\nsuch"), [])):
             self.assertEqual(till.ask(*words), devices, words)
-        till.expect(r"request getInstance UPOS_Scanner no\?such -> 0 instances, \d+ bytes")
+        till.expect(r"request getInstance UPOS_Scanner no\\x0asuch -> 0 instances, \d+ bytes")
 
     def test_answers_with_an_error_what_it_cannot_answer(self):
         till = self.start()
