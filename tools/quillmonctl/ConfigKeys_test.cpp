@@ -47,11 +47,6 @@ TEST(ConfigKeys, ANumberIsDecimalWholeAndInRange) {
   EXPECT_FALSE(accepts("provider.dataUpdate.frequency", "-0"));
 }
 
-TEST(ConfigKeys, TheErrorNamesTheRange) {
-  EXPECT_EQ(validationError(*findConfigKey("provider.eventSocket.Port"), "0"),
-            "must be a number from 1 to 65535");
-}
-
 TEST(ConfigKeys, AnAddressHasFourPartsOfAByte) {
   for (const char* good : {"127.0.0.1", "0.0.0.0", "255.255.255.255"}) {
     EXPECT_TRUE(accepts("provider.eventSocket.IP", good)) << good;

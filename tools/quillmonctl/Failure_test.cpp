@@ -60,14 +60,8 @@ TEST(Failure, LongTextsStayWithinTheWidth) {
   }
 }
 
-TEST(Failure, CommonErrorsHaveAdvice) {
-  for (const std::uint32_t number : {2U, 3U, 5U, 32U, 1060U, 1072U, 1073U}) {
-    EXPECT_NE(adviceFor({SystemError::Kind::Win32, number, ""}), "") << number;
-  }
-  for (const std::uint32_t number :
-       {0x80041001U, 0x80041002U, 0x80041003U, 0x80041010U, 0x80041013U, 0x800706BAU}) {
-    EXPECT_NE(adviceFor({SystemError::Kind::HResult, number, ""}), "") << number;
-  }
+TEST(Failure, TheAdviceForANumberIsThatOfItsKind) {
+  EXPECT_NE(adviceFor({SystemError::Kind::HResult, 0x80041001U, ""}), "");
   EXPECT_EQ(adviceFor({SystemError::Kind::Win32, 0x80041001U, ""}), "");
 }
 
