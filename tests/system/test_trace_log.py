@@ -250,7 +250,7 @@ def streaming(machine):
     """A machine whose service traces in the proxy strategy, and a device server connected to it."""
     machine.switch_trace_on()
     port = machine.start_proxy_service(provider__dataUpdate__frequency=0)
-    machine.wait_for_trace("Starting listening in TCPServer")
+    machine.wait_for_trace("Polling time set to 0")  # the last line of the start
     machine.mark = len(machine.trace())
     with DeviceServer(port) as server:
         yield server
