@@ -180,6 +180,10 @@ class Faults:
         return not any(frame.startswith(LIBRARIES) for frame in frames) and (
             "main" in frames or not frames[-1].endswith("CRTStartup"))
 
+    def is_chosen(self, function):
+        """Whether it is the one that fails, or has failed, in this run."""
+        return self.shared.chosen >= 0 and self.function(self.shared.chosen) == function
+
     @property
     def failed(self):
         """The function that has failed in this run, or None."""
