@@ -66,6 +66,7 @@ struct Walk {
   LONG volatile failed;        ///< the chosen call was met
   LONG volatile turnKept;      ///< a thread waits for the trace writers' turn that it has itself
   LONG volatile withoutEvents; ///< a thread that is not the first has left COM: the event thread
+  LONG volatile threads;       ///< how many the program has
   LONG functionCount;
   LONG callCount;
   Function functions[kMostFunctions];
@@ -438,7 +439,12 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void*) {
       return FALSE;
     }
     firstThread = GetCurrentThreadId();
+    walk->threads = 1;
     replaceImports();
+  } else if (reason == DLL_THREAD_ATTACH) {
+    InterlockedIncrement(&walk->threads);
+  } else if (reason == DLL_THREAD_DETACH) {
+    InterlockedDecrement(&walk->threads);
   }
   return TRUE;
 }
