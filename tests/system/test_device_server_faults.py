@@ -473,11 +473,14 @@ def test_the_trace_switched_on_while_an_answer_is_awaited_shows_the_answer(servi
     assert "<<XMLAdapter>>: Receiving data" in trace
 
 
+RETRY = {"upos__requestSocket__retryTimeout": 100}
+ENDLESS = {"upos__requestSocket__retryTimeout": 3600000}  # no test lasts as long
+
+
 @pytest.fixture(scope="module")
 def tracing(installed):
     installed.machine.switch_trace_on()
-    installed.configure(upos__requestSocket__retryTimeout=3000)
-    installed.machine.restart_service(installed.event_port)
+    start_anew(installed, **RETRY)
     return installed
 
 
@@ -507,68 +510,88 @@ def exchange_lines(machine):
     return [line for line in machine.trace() if line.startswith(marks)]
 
 
-def test_a_device_server_that_is_down_is_left_alone_for_the_retry_timeout(traced):
+def start_anew(traced, **keys):
+    traced.configure(**keys)
+    traced.machine.restart_service(traced.event_port)
+    traced.machine.log.write_bytes(b"")
+
+
+@contextlib.contextmanager
+def down(traced):
+    """The port on which no device server listens any more; afterwards one does, for a service that
+    knows of no pause."""
+    port = traced.peer.port
+    traced.peer.close()
+    try:
+        yield port
+    finally:
+        traced.peer.close()
+        traced.peer = Peer(port)
+        start_anew(traced, **RETRY)
+
+
+def test_a_device_server_that_is_down_is_asked_again_after_the_retry_timeout(traced):
     machine, port = traced.machine, traced.peer.port
     traced.peer.close()
     before = time.monotonic()
     assert traced.list() == FAILED
+    traced.peer = Peer(port)
+    machine.wait_for_trace(EXPIRED)
+    assert time.monotonic() - before >= 0.1
     assert exchange_lines(machine) == [
         "<<configureTimers>>: Loading timeout for the retry when java drivers are out...",
-        "<<configureTimers>>: Timeout is 3000 milliseconds.",
+        "<<configureTimers>>: Timeout is 100 milliseconds.",
         "<<configureTimers>>: Creating Timer queue...",
         "<<configureTimers>>: CreateTimerQueue() succeeded!!",
-        *refused(3000)]
+        *refused(100), EXPIRED]
     adapter = "<<UPOSAdapter::enumerateInstances>>:"
     told = [line for line in machine.trace()
             if line.startswith((f"{adapter} Invoking", "<<Request>>", f"{adapter} answer"))]
     assert [re.sub("'<.*>'", "'REQUEST'", line) for line in told] == [
         f"{adapter} Invoking request to Java code - class 'REQUEST'", "<<Request>>: 'REQUEST'",
         f"{adapter} answer: ''"]
-
-    traced.peer = Peer(port)  # up again, and not asked before the pause is over
-    assert traced.list() == FAILED
-    assert traced.peer.connections == []
-    machine.wait_for_trace(EXPIRED)
-    assert time.monotonic() - before >= 2.9
-    assert exchange_lines(machine)[-2:] == [SKIPPED, EXPIRED]
     assert traced.list() == SCANNER
     assert len(traced.peer.requests) == 1
 
 
+def test_a_device_server_that_is_up_again_is_left_alone_until_the_pause_is_over(traced):
+    start_anew(traced, **ENDLESS)
+    with down(traced) as port:
+        assert traced.list() == FAILED
+        traced.peer = Peer(port)
+        for _ in range(2):
+            assert traced.list() == FAILED
+        assert traced.peer.connections == []
+        assert exchange_lines(traced.machine)[-5:] == [*refused(3600000), SKIPPED, SKIPPED]
+
+
 def test_a_lookup_fails_too_while_the_device_server_is_down(traced):
-    port = traced.peer.port
-    traced.peer.close()
-    try:
+    start_anew(traced, **ENDLESS)
+    with down(traced):
         for _ in range(2):
             done = traced.client.run("get", 'UPOS_Scale.DeviceID="SCALE1"')
             assert traced.result(done) == FAILED
         trace = traced.machine.trace()
         assert trace.count("Answer: ''") == 2
         assert trace.count("<<GetObjectAsync>> * Get Instance Path failed") == 2
-        assert exchange_lines(traced.machine)[:3] == refused(3000)
-        traced.machine.wait_for_trace(EXPIRED)
-    finally:
-        traced.peer = Peer(port)
+        assert exchange_lines(traced.machine)[-4:] == [*refused(3600000), SKIPPED]
 
 
 def test_a_new_retry_timeout_counts_from_the_next_start(traced):
-    machine, port = traced.machine, traced.peer.port
-    traced.configure(upos__requestSocket__retryTimeout=60000)
-    traced.peer.close()
-    try:
+    machine = traced.machine
+    start_anew(traced, **RETRY)
+    with down(traced):
         assert traced.list() == FAILED
-        assert exchange_lines(machine) == refused(3000)
-        machine.restart_service(traced.event_port)
+        machine.wait_for_trace(EXPIRED)
         machine.log.write_bytes(b"")
-        for _ in range(3):
-            assert traced.list() == FAILED
+        traced.configure(**ENDLESS)
+        assert traced.list() == FAILED
+        assert exchange_lines(machine)[:3] == refused(100)
+        start_anew(traced, **ENDLESS)
+        assert traced.list() == FAILED
         lines = exchange_lines(machine)
-        assert "<<configureTimers>>: Timeout is 60000 milliseconds." in lines
-        assert lines[-5:] == [*refused(60000), SKIPPED, SKIPPED]
-    finally:
-        traced.peer = Peer(port)
-        traced.configure()
-        machine.restart_service(traced.event_port)
+        assert "<<configureTimers>>: Timeout is 3600000 milliseconds." in lines
+        assert lines[-3:] == refused(3600000)
 
 
 def test_conversions_in_an_answer_are_traced_as_they_stand(traced):
