@@ -3,10 +3,10 @@
 flavour and, for sources that only Windows has, those of the Windows flavour with clang's MinGW target:
 its warnings count as well as GCC's.
 
-The files of one target are analysed as one text, so that their headers are read once; as two texts if
-their names clash, and so on. build/lint records what clashed and what was clean; the latter is analysed
-again only after a change to a source, to a header that it includes, to its compile command, to
-.clang-tidy or to the tool.
+The files of one target are analysed as one text, so that their headers are read once; those with a name
+that clashes with an earlier file's are a text of their own, and so on. build/lint records what clashed and
+what was clean; the latter is analysed again only after a change to a source, to a header that it includes,
+to its compile command, to .clang-tidy or to the tool.
 """
 
 import concurrent.futures
@@ -101,21 +101,29 @@ def lint(name, entries, tool):
     command = ["clang++-14", *words, *(f"-I{one}" for one in sorted(map(os.path.dirname, sources)))]
     stamp = STAMPS / f"{name}.json"
     kept = json.loads(stamp.read_text()) if stamp.exists() else {}
-    half = len(entries) // 2
-    if kept == "clash" and half > 0: # it was not one text before
-        return lint_halves(name, entries, tool)
+    if isinstance(kept, list) and set(kept) < set(sources): # it was not one text before
+        return lint_apart(name, entries, kept, tool)
     if "key" in kept and kept["key"] == key(command, sources, kept["included"], tool):
         return ""
     text = place / name
     text.write_text("".join(Path(source).read_text() for source in sources))
     rule = STAMPS / f"{name}.d"
-    compiled = subprocess.run([*command, "-w", "-fsyntax-only", "-MD", "-MF", rule, text], cwd=folder,
-                              stderr=subprocess.PIPE, text=True)
+    places = [f"{os.path.relpath(source, ROOT)}:{line}" for source in sources
+              for line, _ in enumerate(Path(source).read_text().splitlines(), 1)]
+    line_of_text = re.escape(str(text)) + r":(\d+)"
+
+    def placed(output):
+        return re.sub(line_of_text, lambda at: places[int(at[1]) - 1], output)
+
+    compiled = subprocess.run([*command, "-w", "-fsyntax-only", "-ferror-limit=0", "-MD", "-MF", rule,
+                               text], cwd=folder, stderr=subprocess.PIPE, text=True)
     if compiled.returncode != 0:
-        if half == 0:
-            return compiled.stderr
-        stamp.write_text(json.dumps("clash"))
-        return lint_halves(name, entries, tool)
+        wrong = re.findall(line_of_text + r":\d+: error", compiled.stderr)
+        clash = {str(ROOT / places[int(line) - 1].partition(":")[0]) for line in wrong}
+        if not clash or clash == set(sources):
+            return placed(compiled.stderr)
+        stamp.write_text(json.dumps(sorted(clash)))
+        return lint_apart(name, entries, clash, tool)
     included = sorted({os.path.join(folder, word) for word in
                        rule.read_text().partition(":")[2].replace("\\\n", " ").split()} - {str(text)})
     before = key(command, sources, included, tool)
@@ -125,15 +133,12 @@ def lint(name, entries, tool):
     if result.returncode == 0:
         stamp.write_text(json.dumps({"key": before, "included": included}))
         return ""
-    places = [f"{os.path.relpath(source, ROOT)}:{line}" for source in sources
-              for line, _ in enumerate(Path(source).read_text().splitlines(), 1)]
-    return re.sub(re.escape(str(text)) + r":(\d+)", lambda at: places[int(at[1]) - 1],
-                  result.stdout) or f"{TIDY} failed on {name}\n"
+    return placed(result.stdout) or f"{TIDY} failed on {name}\n"
 
 
-def lint_halves(name, entries, tool):
-    half = len(entries) // 2
-    return lint(f"1.{name}", entries[:half], tool) + lint(f"2.{name}", entries[half:], tool)
+def lint_apart(name, entries, clash, tool):
+    return "".join(lint(f"{text}.{name}", [entry for entry in entries if (entry[0] in clash) == apart],
+                        tool) for text, apart in ((1, False), (2, True)))
 
 
 def main():
