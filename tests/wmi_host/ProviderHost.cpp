@@ -23,6 +23,7 @@ using Microsoft::WRL::ComPtr;
 namespace {
 
 std::atomic<DWORD> violations = 0;
+PlatformLock storing;
 
 std::wstring newIdentity() {
   GUID identity{};
@@ -68,6 +69,7 @@ void counters::addViolation(const std::wstring& what) {
 }
 
 void counters::store() {
+  std::scoped_lock lock(storing); // a later count is never overwritten by an earlier one
   settings::storeCounter(L"Initialize", initializations);
   settings::storeCounter(L"Requests", requests);
   settings::storeCounter(L"Violations", violations);
@@ -364,6 +366,7 @@ void ProviderHost::serve(const std::shared_ptr<Connection>& connection) {
     request->cancel();
   }
   answered->get_future().wait();
+  counters::store(); // cancelling may have held the sink longer than the answer did
 }
 
 void ProviderHost::subscribe(const std::shared_ptr<Connection>& connection) {
