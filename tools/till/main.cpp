@@ -79,10 +79,11 @@ private:
   bool busy_ = false;
 };
 
-/// Reads lines until standard input ends, each handed to the context's thread. Nothing can wake a
-/// thread that waits for standard input, so it is never joined.
-void readStandardInput(asio::io_context& context, std::shared_ptr<CommandQueue> queue, Log& log) {
-  std::thread([&context, queue = std::move(queue), &log] {
+/// Reads lines until standard input ends, each handed to the context's thread, which sets `ended`
+/// at the end. Nothing can wake a thread that waits for standard input.
+std::thread readStandardInput(asio::io_context& context, std::shared_ptr<CommandQueue> queue,
+                              bool& ended, Log& log) {
+  return std::thread([&context, queue = std::move(queue), &ended, &log] {
     for (std::string line; std::getline(std::cin, line);) {
       asio::post(context, [queue, line, &log] {
         try {
@@ -94,8 +95,11 @@ void readStandardInput(asio::io_context& context, std::shared_ptr<CommandQueue> 
         }
       });
     }
-    asio::post(context, [queue] { queue->add({"quit", {}, {}}); });
-  }).detach();
+    asio::post(context, [queue, &ended] {
+      ended = true;
+      queue->add({"quit", {}, {}});
+    });
+  });
 }
 
 std::vector<Command> loadScript(const std::string& path, Till& till) {
@@ -194,16 +198,21 @@ void serve(const Options& options, Log& log) {
     context.run();
     return;
   }
-  // The thread at standard input may still wait there when all is over, holding on to what would
-  // then go away: the process ends before that.
-  readStandardInput(context, std::make_shared<CommandQueue>(context, till, quit, log), log);
+  bool ended = false;
+  std::thread reader = readStandardInput(
+      context, std::make_shared<CommandQueue>(context, till, quit, log), ended, log);
   try {
     context.run();
   } catch (const std::exception& problem) {
     log.error(problem.what());
     std::_Exit(kFailed);
   }
-  std::_Exit(kEnded);
+  // The thread at standard input may still wait there when all is over, holding on to what would
+  // then go away: the process ends before that.
+  if (!ended) {
+    std::_Exit(kEnded);
+  }
+  reader.join();
 }
 
 int run(int argc, char** argv) {

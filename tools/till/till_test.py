@@ -98,10 +98,7 @@ class Program:
     @staticmethod
     def _read(stream, lines):
         for line in stream:
-            # Wine's own, about a thread that it was busy with while the program ended beside it. A
-            # program that dies of such an error has no exit code 0.
-            if not line.startswith(b"wine client error:"):
-                lines.put(line.decode().rstrip("\r\n"))
+            lines.put(line.decode().rstrip("\r\n"))
         lines.put(None)
 
     def expect(self, pattern, lines=None):
