@@ -1,14 +1,15 @@
+#include "PatchedImport.h"
 #include "proxy/DocumentHandOff.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <map>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -123,31 +124,53 @@ TEST_F(DocumentHandOffTest, ManyProducersLoseNothingAndKeepTheirOrder) {
   EXPECT_EQ(next.size(), static_cast<std::size_t>(kProducers));
 }
 
-TEST_F(DocumentHandOffTest, AProducerWithManyDocumentsTakesTurnsWithTheOthers) {
-  constexpr int kDocuments = 200;
-  std::atomic<bool> done = false;
-  std::thread flooding([&] {
-    while (!done) {
-      handOff_.put("flood", cancelled_.get());
-    }
-  });
-  EXPECT_EQ(handOff_.take(), "flood");
-  handOff_.release();
-  std::thread modest([this] {
-    for (int i = 0; i < kDocuments; ++i) {
-      handOff_.put("modest", cancelled_.get());
-    }
-  });
-  int floods = 0;
-  for (int modests = 0; modests < kDocuments;) {
-    (handOff_.take() == "flood" ? floods : modests) += 1;
-    handOff_.release();
+thread_local bool announcesItsWait = false;
+HANDLE announced = nullptr;
+decltype(&WaitForMultipleObjects) systemWait = nullptr;
+
+/// In place of a thread's wait for its turn, when it is to be known that it waits: Wine signals and
+/// begins to wait in one step.
+DWORD WINAPI announcedWait(DWORD count, const HANDLE* objects, BOOL all, DWORD milliseconds) {
+  if (!std::exchange(announcesItsWait, false)) {
+    return systemWait(count, objects, all, milliseconds);
   }
-  done = true;
+  const HANDLE turn = objects[1];
+  const DWORD waited = SignalObjectAndWait(announced, turn, INFINITE, FALSE);
+  return waited == WAIT_OBJECT_0 ? WAIT_OBJECT_0 + 1 : WAIT_FAILED;
+}
+
+TEST_F(DocumentHandOffTest, AProducerThatWaitsIsServedBeforeAnotherOneIsServedTwice) {
+  const win::Handle waits(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+  announced = waits.get();
+  const test_support::PatchedImport<decltype(WaitForMultipleObjects)> patched(
+      "WaitForMultipleObjects", &announcedWait);
+  systemWait = patched.original();
+  std::thread flooding([this] {
+    while (handOff_.put("flood", cancelled_.get())) {
+    }
+  });
+  std::thread modest([this] {
+    do {
+      announcesItsWait = true;
+    } while (handOff_.put("modest", cancelled_.get()));
+  });
+  int served = 0;
+  for (int round = 0; round < 200; ++round) {
+    EXPECT_EQ(WaitForSingleObject(waits.get(), 60'000), WAIT_OBJECT_0);
+    bool isServed = false;
+    for (int turn = 0; turn < 2 && !isServed; ++turn) {
+      isServed = handOff_.take() == "modest";
+      handOff_.release();
+    }
+    if (!isServed) {
+      break;
+    }
+    ++served;
+  }
+  EXPECT_EQ(served, 200);
   SetEvent(cancelled_.get());
-  modest.join();
   flooding.join();
-  EXPECT_LT(floods, 2 * kDocuments);
+  modest.join();
 }
 
 } // namespace
