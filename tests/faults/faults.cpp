@@ -67,6 +67,7 @@ struct Walk {
   LONG volatile turnKept;      ///< a thread waits for the trace writers' turn that it has itself
   LONG volatile withoutEvents; ///< a thread that is not the first has left COM: the event thread
   LONG volatile threads;       ///< how many the program has
+  LONG volatile emptyReceives; ///< how many found nothing; their threads wait next
   LONG functionCount;
   LONG callCount;
   Function functions[kMostFunctions];
@@ -299,6 +300,11 @@ constexpr auto givesTurnBack = [](HANDLE event) {
     turnHolder = 0;
   }
 };
+constexpr auto findsNothing = [](int, int received, auto&&...) {
+  if (received < 0 && WSAGetLastError() == WSAEWOULDBLOCK) {
+    InterlockedIncrement(&walk->emptyReceives);
+  }
+};
 constexpr auto leavesCom = [] {
   if (GetCurrentThreadId() != firstThread) {
     walk->withoutEvents = 1;
@@ -405,7 +411,7 @@ void replaceImports() {
   FAILS(listen, SOCKET_ERROR, WSAENOBUFS);
   FAILS(accept, INVALID_SOCKET, WSAENOBUFS, nothing, opens);
   FAILS(send, SOCKET_ERROR, WSAENOBUFS);
-  FAILS(recv, SOCKET_ERROR, WSAENOBUFS);
+  FAILS(recv, SOCKET_ERROR, WSAENOBUFS, nothing, findsNothing);
   FAILS(recvfrom, SOCKET_ERROR, WSAENOBUFS);
   FAILS(WSAEventSelect, SOCKET_ERROR, WSAENOBUFS);
   FAILS(WSAEnumNetworkEvents, SOCKET_ERROR, WSAENOBUFS);

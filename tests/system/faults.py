@@ -38,8 +38,8 @@ class Shared(ctypes.Structure):
     _fields_ = [*((name, ctypes.c_int32) for name in ("armed", "run", "depth", "chosen")),
                 ("mutexes", ctypes.c_uint64 * 2),
                 *((name, ctypes.c_int32) for name in (
-                    "failed", "turn_kept", "without_events", "threads", "function_count",
-                    "call_count")),
+                    "failed", "turn_kept", "without_events", "threads", "empty_receives",
+                    "function_count", "call_count")),
                 ("functions", Function * 128), ("calls", Call * (1 << 14))]
 
 

@@ -285,8 +285,13 @@ def test_a_call_that_fails_costs_no_later_connection(machine):
         servers = []
 
         def connect(*device_ids):
+            """The events reach a service that waits for them, so it calls what ends its wait."""
+            faults = machine.faults
+            waits = faults.shared.empty_receives
             server = DeviceServer(machine.events)
             servers.append(server)
+            wait_until(lambda: faults.failed or faults.shared.empty_receives > waits,
+                       "the service to wait for events, or a failure")
             server.send(*(document(name, "modifyInstance", code="1") for name in device_ids))
 
         def end():
