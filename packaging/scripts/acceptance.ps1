@@ -217,12 +217,8 @@ function Start-Till([string] $strategy) {
   Assert ($line -like 'quillmon-till: ready:*') "the simulated till says: $line"
 }
 
-# Bytes: the writer for text would begin with a mark where the console's code page is UTF-8.
 function Send-TillCommand([string] $command) {
-  $bytes = [System.Text.Encoding]::ASCII.GetBytes($command + "`n")
-  $stream = $script:till.StandardInput.BaseStream
-  $stream.Write($bytes, 0, $bytes.Length)
-  $stream.Flush()
+  $script:till.StandardInput.Write($command + "`n") # AutoFlush is on
 }
 
 function Stop-Till {

@@ -8,6 +8,8 @@ namespace till {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
+/// Windows' editors begin a file with it, and .NET what it writes to a program's standard input.
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 constexpr unsigned kLongestWait = 3'600'000;
 
 std::vector<std::string> split(std::string_view line) {
@@ -57,6 +59,9 @@ const std::vector<CommandHelp>& commands() {
 }
 
 std::optional<Command> parseCommand(std::string_view line) {
+  if (line.starts_with(kByteOrderMark)) {
+    line.remove_prefix(kByteOrderMark.size());
+  }
   std::vector<std::string> words = split(line);
   if (words.empty() || words.front().starts_with('#')) {
     return std::nullopt;

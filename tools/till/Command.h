@@ -33,7 +33,8 @@ struct CommandHelp {
 const std::vector<CommandHelp>& commands();
 
 /// Words are parted by blanks; double quotes keep blanks inside a word ("SCALE 1", ""). Nothing for
-/// a blank line and for one that begins with #. Throws CommandError.
+/// a blank line and for one that begins with #. A byte order mark before it does not count. Throws
+/// CommandError.
 std::optional<Command> parseCommand(std::string_view line);
 
 /// All commands of a script. Throws CommandError "NAME:LINE: text".

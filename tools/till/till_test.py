@@ -519,6 +519,13 @@ class AdapterTest(TillTestCase):
         self.assertEqual(till.event(), ESC + event("delInstance", "", "MSR", "M1", "ORVEX") + BS)
         self.assertEqual(till.wait(), 0)
 
+    def test_a_byte_order_mark_in_front_of_a_command_does_not_count(self):
+        self.write("day.script", "\uFEFFattach M1\n")
+        till = self.start("--script", "day.script")
+        self.assertEqual(till.event(), ESC + event("addInstance", "", "MSR", "M1", "ORVEX") + BS)
+        till.type("\uFEFFdetach M1")
+        self.assertEqual(till.event(), ESC + event("delInstance", "", "MSR", "M1", "ORVEX") + BS)
+
     def test_a_script_goes_on_after_a_command_that_makes_no_sense(self):
         self.write("day.script", "attach S1\nattach M1\n")
         till = self.start("--script", "day.script")
