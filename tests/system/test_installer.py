@@ -56,18 +56,18 @@ class Computer:
         machine.set_registry(WINDOWS_KEY, "CurrentMajorVersionNumber", 10, "REG_DWORD")
         self.log = ""
 
-    def msiexec(self, option, package, *properties):
+    def msiexec(self, option, package, *properties, silently=True):
         """Windows Installer's exit code; its log is in `log`. Only the last byte comes through."""
         file = self.machine.c / "msi.log"
         file.unlink(missing_ok=True)
-        done = self.machine.run("msiexec", option, windows_path(package), "/qn", "/l*v",
-                                "C:\\msi.log", *properties)
+        done = self.machine.run("msiexec", option, windows_path(package),
+                                *(["/qn"] if silently else []), "/l*v", "C:\\msi.log", *properties)
         content = file.read_bytes()
         self.log = content.decode("utf-16" if content[:2] == b"\xff\xfe" else "latin-1")
         return {0: 0, 1603 % 256: 1603}[done.returncode]
 
-    def install(self, package, *properties):
-        return self.msiexec("/i", package, *properties)
+    def install(self, package, *properties, silently=True):
+        return self.msiexec("/i", package, *properties, silently=silently)
 
     def remove(self, package):
         return self.msiexec("/x", package)
@@ -277,6 +277,18 @@ def test_another_folder_can_be_chosen_and_gets_its_rights_first(computer, packag
     assert (place / "quillmon.exe").exists() and not computer.folder.exists()
     assert computer.remove(packages.new) == 0, computer.said
     assert not place.exists()
+    place.parent.rmdir()
+
+
+def test_a_package_that_is_opened_does_what_it_does_silently(computer, packages):
+    folder = "C:\\Till Software\\Quillmon\\"
+    assert computer.install(packages.old, f"INSTALLDIR={folder}", "STRATEGY=proxy") == 0
+    place = computer.machine.c / "Till Software" / "Quillmon"
+    assert computer.install(packages.new, silently=False) == 0, computer.said
+    assert computer.version == "0.0.2"
+    assert computer.machine.query_registry(SERVICE_KEY, "ImagePath") == f'"{folder}quillmon.exe" -o'
+    assert (place / "quillmon.exe").exists() and not computer.folder.exists()
+    assert computer.remove(packages.new) == 0, computer.said
     place.parent.rmdir()
 
 

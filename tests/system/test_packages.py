@@ -178,6 +178,10 @@ def test_each_step_of_the_installer_follows_one_that_takes_it_back(packages):
     assert names[-2:] == ["InstallFinalize", "RemoveExistingProducts"]
 
 
+def test_an_installation_with_windows_decides_nothing_in_them(packages):
+    assert [row["Action"] for row in table(packages, "InstallUISequence")] == ["ExecuteAction"]
+
+
 def test_each_error_of_the_installer_is_documented(packages):
     source = (ROOT / "packaging" / "setup" / "SetupActions.cpp").read_text()
     said = set(re.findall(r"Refusal\{(\d+),|refuse\(\{(\d+),", source))
