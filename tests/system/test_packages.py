@@ -182,6 +182,11 @@ def test_an_installation_with_windows_decides_nothing_in_them(packages):
     assert [row["Action"] for row in table(packages, "InstallUISequence")] == ["ExecuteAction"]
 
 
+def test_the_installer_s_registry_keys_end_in_a_name(packages):
+    keys = {row["Key"] for row in table(packages, "Registry")}
+    assert len(keys) == 3 and not [key for key in keys if key.endswith("\\")]
+
+
 def test_each_error_of_the_installer_is_documented(packages):
     source = (ROOT / "packaging" / "setup" / "SetupActions.cpp").read_text()
     said = set(re.findall(r"Refusal\{(\d+),|refuse\(\{(\d+),", source))
