@@ -261,7 +261,8 @@ def test_a_property_with_nonsense_is_refused(computer, packages, option):
     computer.assert_nothing_is_left()
 
 
-def test_another_folder_can_be_chosen_and_gets_its_rights_first(computer, packages):
+@pytest.mark.parametrize("named_again", [(), ("INSTALLDIR=C:\\Till Software\\Quillmon",)])
+def test_another_folder_can_be_chosen_and_gets_its_rights_first(computer, packages, named_again):
     machine = computer.machine
     computer.configuration.parent.mkdir(parents=True)
     computer.configuration.parent.chmod(0o777)
@@ -273,8 +274,9 @@ def test_another_folder_can_be_chosen_and_gets_its_rights_first(computer, packag
     for made in (place.parent, place, place / "Log", computer.configuration.parent):
         assert made.stat().st_mode & 0o002 == 0, made
     assert machine.query_registry(SERVICE_KEY, "ImagePath") == f'"{folder}quillmon.exe"'
-    assert computer.install(packages.new) == 0, computer.said  # it stays there
+    assert computer.install(packages.new, *named_again) == 0, computer.said  # it stays there
     assert (place / "quillmon.exe").exists() and not computer.folder.exists()
+    assert machine.query_registry(TRACE_KEY, "INSTALLDIR") == folder
     assert computer.remove(packages.new) == 0, computer.said
     assert not place.exists()
     place.parent.rmdir()
