@@ -49,6 +49,7 @@ endif()
 if(QUILLMON_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${PROJECT_SOURCE_DIR}/tests/fixed) # how ctest starts a program
 endif()
 
 if(QUILLMON_FUZZ)

@@ -102,7 +102,7 @@ def read(name, file):
         count(part, "", cases(file))
         if part.failed:
             part.again.append(
-                f"build/host-tsan/thread_tests --gtest_filter={shlex.quote(':'.join(part.failed))}")
+                f"tests/fixed build/host-tsan/thread_tests --gtest_filter={shlex.quote(':'.join(part.failed))}")
     return part
 
 
