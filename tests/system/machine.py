@@ -6,12 +6,14 @@ Everything a test does to it goes through Windows' own programs or the product's
 import contextlib
 import fcntl
 import os
+import queue
 import re
 import select
 import shutil
 import signal
 import subprocess
 import tempfile
+import threading
 import time
 from pathlib import Path
 
@@ -85,6 +87,30 @@ def remove_prefix(prefix):
     if Path(prefix).exists():
         shutil.rmtree(prefix)
     Path(f"{prefix}.lock").unlink(missing_ok=True)
+
+
+def without_limit(source):
+    """A pipe that takes all that `source` brings, however late it is read. The system's own take
+    64 KiB, and 8 KiB from an ordinary user who has many, as Wine does; then the program waits for
+    somebody to read what it prints, and a request to it waits, too."""
+    pieces = queue.SimpleQueue()
+    reading, writing = os.pipe()
+
+    def collect():
+        with source:
+            while piece := source.read1(65536):
+                pieces.put(piece)
+        pieces.put(b"")
+
+    def deliver():
+        with contextlib.suppress(BrokenPipeError), open(writing, "wb") as target:
+            while piece := pieces.get():
+                target.write(piece)
+                target.flush()
+
+    for job in (collect, deliver):
+        threading.Thread(target=job, daemon=True).start()
+    return open(reading, "rb")
 
 
 @contextlib.contextmanager
@@ -166,6 +192,8 @@ class Machine:
                 process.kill()
             process.wait()
         remove_prefix(self.prefix)
+        for process in self.processes:
+            process.stdout.close()
         shutil.rmtree(self.folder)
         self.owner.close()
 
@@ -191,6 +219,7 @@ class Machine:
         process = subprocess.Popen(
             [TESTS_WINE, program, *map(str, arguments)], env=self.env, cwd=cwd or self.home,
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        process.stdout = without_limit(process.stdout)
         self.processes.append(process)
         return process
 
